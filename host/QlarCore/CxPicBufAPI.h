@@ -1,0 +1,67 @@
+#pragma once
+#include "SxPicBuf.h"
+
+class QObject;
+
+// Picture memory: memory pools, heap pictures and copies.
+//
+// Memory pools. A pool holds a fixed number of equally sized slots, each big
+// enough for the format it was created with. AllocPicBufFromPool hands out a
+// free slot (or answers false) and never blocks; a slot comes back when the
+// picture is released (CxPicBufAPI::ReleasePicBuf, FreePicBuf, or deleting the
+// packet that holds it). Pools are reference counted: ReleaseMemoryPool frees
+// the free slots at once and each outstanding slot when it comes back, so a
+// packet may outlive the chain run that made it. All pool operations are
+// thread-safe.
+//
+// Heap pictures. Memory is 64-byte aligned; when the format's linePitch is 0
+// it becomes the packed row length (width x channels x bytes per sample, no
+// padding), which is what image files and other libraries expect.
+class QLARCORE_EXPORT CxPicBufAPI
+{
+public:
+    // Takes a free slot of the pool on behalf of owner and describes it with
+    // format (a linePitch of 0 is computed). When format needs more bytes than
+    // a slot holds: with growIfNeeded the slot is reallocated to fit (callers
+    // whose output geometry follows a setting that may change between chain
+    // restarts pass true), otherwise the call fails. False also when the pool
+    // is null, closed or exhausted, or the format is not valid.
+    static bool AllocPicBufFromPool(void* pool, QObject* owner, SxPicBuf& pic,
+                                    const SxPicBufInfo& format, bool growIfNeeded);
+
+    // Heap picture of format. clear fills it with zeros; minBytes asks for at
+    // least that many bytes (0: exactly what the format needs).
+    static bool AllocPicBufFromHeap(SxPicBuf& pic, const SxPicBufInfo& format, bool clear,
+                                    unsigned long minBytes);
+    // The same from loose fields. bitsPerSample 0 means all bits of the type;
+    // linePitch 0 means packed; userFlags travels with the format.
+    static bool AllocPicBufFromHeap(SxPicBuf& pic, unsigned int width, unsigned int height,
+                                    unsigned int channels, ExImageDataType dataType,
+                                    unsigned int bitsPerSample, unsigned int linePitch,
+                                    unsigned int userFlags, ExDataStorageFormat storageFormat,
+                                    ExColorFilterArray colorFilterArray, bool isColor, bool clear,
+                                    unsigned long minBytes);
+
+    // Gives the picture's memory back (heap freed, pool slot returned, borrowed
+    // memory forgotten) and leaves pic without pixels. resetFormat also zeroes
+    // the format fields. A picture without memory is accepted.
+    static void FreePicBuf(SxPicBuf& pic, bool resetFormat);
+
+    // Copies format and pixels of src into dst. When dst lacks the room:
+    // with allowAlloc dst is (re)allocated on the heap, otherwise false.
+    // Rows are copied one by one, so the two line pitches may differ.
+    static bool CopyPicBuf(SxPicBuf& dst, const SxPicBuf& src, bool allowAlloc);
+
+    // Describes memory owned by someone else; FreePicBuf only forgets it.
+    static bool WrapPicBuf(SxPicBuf& pic, const SxPicBufInfo& format, void* data, quint64 bytes);
+
+    // --- pools (host side) ---
+    static void* CreateMemoryPool(const SxPicBufInfo& format, int count, const QString& name);
+    static void ReleaseMemoryPool(void* pool);
+    static int MemoryPoolSize(void* pool);
+    static int MemoryPoolFreeCount(void* pool);
+    // Process-wide count of pool slots handed out and not yet returned, and of
+    // pools not yet destroyed; a leak check for tests and the runner.
+    static qint64 OutstandingPoolPictures();
+    static qint64 LivePoolCount();
+};
