@@ -8,6 +8,7 @@
 #include <QtCore/QString>
 
 #include <atomic>
+#include <functional>
 
 class QDomDocument;
 class QDomElement;
@@ -120,6 +121,12 @@ public:
 
     // Most packets kept by addToOutputData; older ones are dropped first.
     static constexpr int MaxStoredOutputs = 8;
+
+protected:
+    // The setter with restart: with restart set and a running chain, the
+    // chain is stopped, the value stored and the chain started again, so that
+    // formats are negotiated anew and processData never sees half a change.
+    void changeSetting(bool restart, const std::function<void()>& store);
 
 signals:
     void titleChanged(CxChainable* node);

@@ -1,6 +1,8 @@
 #pragma once
 #include "CxImageSource.h"
 
+#include "SxPicBuf.h"
+
 #include <QtCore/QElapsedTimer>
 
 // A built-in camera that needs no hardware: a moving test pattern (diagonal
@@ -28,7 +30,8 @@ public:
         double noiseSigma = 2.0; // in 8-bit steps, scaled to the bit depth
     };
 
-    explicit CxSyntheticCamera(const SxConfig& config = SxConfig());
+    CxSyntheticCamera();
+    explicit CxSyntheticCamera(const SxConfig& config);
 
     SxConfig config() const { return m_config; }
     // Only while the chain is stopped.

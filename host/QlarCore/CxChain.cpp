@@ -1,0 +1,704 @@
+#include "CxChain.h"
+#include "CxChainable.h"
+#include "CxImageProvider.h"
+#include "CxImageSource.h"
+#include "CxPicBufAPI.h"
+#include "IxChainData.h"
+
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QMutex>
+#include <QtCore/QPointer>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcChain, "qlar.chain")
+
+struct Item
+{
+    IxChainData* packet = nullptr;
+    bool endOfStream = false;
+};
+
+// Bounded FIFO between two stages. Closing wakes every waiter; after that
+// push and pop fail and what is left is drained by the chain.
+class PacketQueue
+{
+public:
+    explicit PacketQueue(size_t capacity) : m_capacity(capacity) {}
+
+    // False when closed, or when full and wait is false.
+    bool push(const Item& item, bool wait)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (wait)
+            m_notFull.wait(lock, [&] { return m_closed || m_items.size() < m_capacity; });
+        if (m_closed || m_items.size() >= m_capacity)
+            return false;
+        m_items.push_back(item);
+        m_notEmpty.notify_one();
+        return true;
+    }
+    // A special item (end of stream) must never be lost to a full queue.
+    bool pushAlways(const Item& item)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_closed)
+            return false;
+        m_items.push_back(item);
+        m_notEmpty.notify_one();
+        return true;
+    }
+    bool pop(Item& out)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_notEmpty.wait(lock, [&] { return m_closed || !m_items.empty(); });
+        if (m_closed)
+            return false;
+        out = m_items.front();
+        m_items.pop_front();
+        m_notFull.notify_one();
+        return true;
+    }
+    void close()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
+        m_notEmpty.notify_all();
+        m_notFull.notify_all();
+    }
+    std::deque<Item> drain()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::deque<Item> rest;
+        rest.swap(m_items);
+        return rest;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_notEmpty, m_notFull;
+    std::deque<Item> m_items;
+    size_t m_capacity;
+    bool m_closed = false;
+};
+
+} // namespace
+
+struct CxChain::Private
+{
+    struct Stage
+    {
+        CxChainable* node = nullptr;
+        CxImageProvider* provider = nullptr;
+        void* pool = nullptr;
+        SxPicBufInfo in, out;
+        CxImageMetadata inMeta, outMeta;
+        std::unique_ptr<PacketQueue> queue;  // input queue of a live run
+        std::thread thread;
+        std::chrono::steady_clock::time_point lastOutput{};
+    };
+
+    CxChain* q = nullptr;
+    QList<CxChainable*> nodes;
+    CxImageSource* source = nullptr;
+    bool hasInputFormat = false;
+    SxPicBufInfo inputFormat;
+    CxImageMetadata inputMeta;
+    ExRunMode mode = RunLive;
+    int queueDepth = 2;
+    std::function<void(IxChainData*)> handler;
+
+    QMutex control;  // serialises start and stop
+    std::atomic<bool> running{false};
+    std::atomic<bool> stopRequested{false};
+    std::vector<Stage> stages;
+    void* sourcePool = nullptr;
+    std::thread sourceThread;
+    bool negotiated = false;
+    SxPicBufInfo sourceFormat;
+    CxImageMetadata sourceMeta;
+
+    mutable QMutex errorLock;
+    QString lastError;
+
+    std::mutex finishMutex;
+    std::condition_variable finishCv;
+    bool finished = false;
+
+    std::atomic<qint64> grabbed{0}, droppedAtSource{0}, pushed{0}, delivered{0}, swallowed{0},
+        discardedOnStop{0}, throttled{0};
+
+    static thread_local Private* currentChain;
+
+    void setError(const QString& e)
+    {
+        QMutexLocker l(&errorLock);
+        lastError = e;
+    }
+
+    IxChainData* processOne(Stage& s, IxChainData* packet);
+    void deliver(IxChainData* out);
+    void forward(size_t stageIndex, const Item& item);
+    void workerLoop(size_t index);
+    void sourceLoop();
+    void markFinished();
+    IxChainData* runSynchronously(IxChainData* packet);
+    void releasePools();
+};
+
+thread_local CxChain::Private* CxChain::Private::currentChain = nullptr;
+
+IxChainData* CxChain::Private::processOne(Stage& s, IxChainData* packet)
+{
+    const double fps = s.node->maxFps();
+    const auto now = std::chrono::steady_clock::now();
+    if (fps > 0.0 && s.lastOutput.time_since_epoch().count() != 0
+        && now - s.lastOutput < std::chrono::duration<double>(1.0 / fps)) {
+        delete packet;
+        ++throttled;
+        return nullptr;
+    }
+    QPointer<IxChainData> guard(packet);
+    IxChainData* out = nullptr;
+    try {
+        out = s.node->processData(packet);
+    } catch (const std::exception& e) {
+        qCCritical(lcChain) << s.node->title() << "threw while processing a frame:" << e.what();
+        out = nullptr;
+    } catch (...) {
+        qCCritical(lcChain) << s.node->title() << "threw while processing a frame";
+        out = nullptr;
+    }
+    // A node that made nothing, or made something new without freeing its
+    // input, leaves the input to us.
+    if (guard && guard.data() != out)
+        delete guard.data();
+    if (out)
+        s.lastOutput = now;
+    else
+        ++swallowed;
+    return out;
+}
+
+IxChainData* CxChain::Private::runSynchronously(IxChainData* packet)
+{
+    IxChainData* p = packet;
+    for (Stage& s : stages) {
+        p = processOne(s, p);
+        if (!p)
+            return nullptr;
+    }
+    ++delivered;
+    return p;
+}
+
+void CxChain::Private::deliver(IxChainData* out)
+{
+    ++delivered;
+    if (handler)
+        handler(out);
+    else if (!nodes.isEmpty())
+        nodes.last()->addToOutputData(out);
+    else if (source)
+        source->addToOutputData(out);
+    else
+        delete out;
+}
+
+void CxChain::Private::markFinished()
+{
+    {
+        std::lock_guard<std::mutex> lock(finishMutex);
+        finished = true;
+    }
+    finishCv.notify_all();
+    QMetaObject::invokeMethod(q, "finished", Qt::QueuedConnection);
+}
+
+// Hands an item to stage stageIndex (or to the output past the last stage).
+void CxChain::Private::forward(size_t stageIndex, const Item& item)
+{
+    if (stageIndex >= stages.size()) {
+        if (item.endOfStream)
+            markFinished();
+        else
+            deliver(item.packet);
+        return;
+    }
+    PacketQueue& queue = *stages[stageIndex].queue;
+    const bool ok = item.endOfStream ? queue.pushAlways(item) : queue.push(item, true);
+    if (!ok && item.packet) {
+        delete item.packet;
+        ++discardedOnStop;
+    }
+}
+
+void CxChain::Private::workerLoop(size_t index)
+{
+    currentChain = this;
+    Stage& s = stages[index];
+    Item item;
+    while (s.queue->pop(item)) {
+        if (item.endOfStream) {
+            forward(index + 1, item);
+            continue;
+        }
+        IxChainData* out = processOne(s, item.packet);
+        if (out)
+            forward(index + 1, Item{out, false});
+    }
+    currentChain = nullptr;
+}
+
+void CxChain::Private::sourceLoop()
+{
+    currentChain = this;
+    const bool live = source->isLiveSource();
+    auto nextDue = std::chrono::steady_clock::now();
+    while (!stopRequested.load()) {
+        if (source->atEnd()) {
+            forward(0, Item{nullptr, true});
+            break;
+        }
+        const double fps = source->maxFps();
+        if (fps > 0.0) {
+            std::unique_lock<std::mutex> lock(finishMutex);
+            finishCv.wait_until(lock, nextDue, [&] { return stopRequested.load(); });
+            if (stopRequested.load())
+                break;
+            nextDue += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                std::chrono::duration<double>(1.0 / fps));
+            const auto now = std::chrono::steady_clock::now();
+            if (nextDue < now)
+                nextDue = now;  // never try to catch up with a burst
+        }
+        IxChainData* frame = source->grabFrame();
+        if (!frame) {
+            // Every source picture is still in the chain; wait for one to return.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            continue;
+        }
+        ++grabbed;
+        if (stages.empty()) {
+            deliver(frame);
+            continue;
+        }
+        if (stages[0].queue->push(Item{frame, false}, !live))
+            continue;
+        delete frame;
+        if (stopRequested.load())
+            ++discardedOnStop;
+        else
+            ++droppedAtSource;
+    }
+    currentChain = nullptr;
+}
+
+void CxChain::Private::releasePools()
+{
+    for (Stage& s : stages) {
+        if (s.provider) {
+            s.provider->setMemoryPool(nullptr);
+            s.provider->onFreePoolBuffers(s.pool);
+        }
+        CxPicBufAPI::ReleaseMemoryPool(s.pool);
+        s.pool = nullptr;
+    }
+    if (source) {
+        source->setMemoryPool(nullptr);
+        source->onFreePoolBuffers(sourcePool);
+    }
+    CxPicBufAPI::ReleaseMemoryPool(sourcePool);
+    sourcePool = nullptr;
+}
+
+CxChain::CxChain(QObject* parent) : QObject(parent), d(new Private)
+{
+    d->q = this;
+}
+
+CxChain::~CxChain()
+{
+    stop();
+    for (CxChainable* n : d->nodes)
+        n->setChain(nullptr);
+    qDeleteAll(d->nodes);
+    delete d->source;
+}
+
+void CxChain::setSource(CxImageSource* source)
+{
+    if (!stopped()) {
+        qCWarning(lcChain) << "setSource ignored while the chain runs";
+        return;
+    }
+    if (d->source == source)
+        return;
+    delete d->source;
+    d->source = source;
+    if (source) {
+        source->setChain(this);
+        if (!d->nodes.isEmpty()) {
+            source->addSuccessor(d->nodes.first());
+            d->nodes.first()->addPrecedessor(source);
+        }
+    }
+}
+
+CxImageSource* CxChain::source() const { return d->source; }
+
+void CxChain::appendNode(CxChainable* node)
+{
+    if (!node)
+        return;
+    if (!stopped()) {
+        qCWarning(lcChain) << "appendNode ignored while the chain runs";
+        return;
+    }
+    CxChainable* prev = d->nodes.isEmpty() ? static_cast<CxChainable*>(d->source) : d->nodes.last();
+    if (prev) {
+        prev->addSuccessor(node);
+        node->addPrecedessor(prev);
+    }
+    node->setChain(this);
+    d->nodes.append(node);
+}
+
+QList<CxChainable*> CxChain::nodes() const { return d->nodes; }
+
+void CxChain::clearNodes()
+{
+    stop();
+    if (d->source)
+        d->source->clearSuccesors();
+    for (CxChainable* n : d->nodes)
+        n->setChain(nullptr);
+    qDeleteAll(d->nodes);
+    d->nodes.clear();
+    d->stages.clear();
+    d->negotiated = false;
+}
+
+void CxChain::setInputFormat(const SxPicBufInfo& info, const CxImageMetadata& meta)
+{
+    d->inputFormat = info;
+    d->inputMeta = meta;
+    d->hasInputFormat = true;
+}
+
+void CxChain::setRunMode(ExRunMode mode)
+{
+    if (stopped())
+        d->mode = mode;
+}
+
+CxChain::ExRunMode CxChain::runMode() const { return d->mode; }
+
+void CxChain::setQueueDepth(int depth)
+{
+    if (stopped())
+        d->queueDepth = qMax(1, depth);
+}
+
+int CxChain::queueDepth() const { return d->queueDepth; }
+
+void CxChain::setOutputHandler(std::function<void(IxChainData*)> handler)
+{
+    if (stopped())
+        d->handler = std::move(handler);
+}
+
+bool CxChain::start()
+{
+    if (Private::currentChain == d.get()) {
+        qCWarning(lcChain) << "start() called from a chain thread; ignored";
+        return false;
+    }
+    QMutexLocker locker(&d->control);
+    if (d->running.load())
+        return true;
+    d->setError(QString());
+
+    // Negotiate formats, node by node.
+    SxPicBufInfo fmt;
+    CxImageMetadata meta;
+    if (d->source) {
+        d->source->clearErrorMessage();
+        if (!d->source->sourceFormat(fmt, &meta)) {
+            const QString why = d->source->errorMessage();
+            d->setError(tr("The source \"%1\" cannot deliver frames%2")
+                            .arg(d->source->title(), why.isEmpty() ? QString() : QStringLiteral(": ") + why));
+            return false;
+        }
+    } else if (d->hasInputFormat) {
+        fmt = d->inputFormat;
+        meta = d->inputMeta;
+    } else {
+        d->setError(tr("The chain has neither a source nor an input format"));
+        return false;
+    }
+    d->sourceFormat = fmt;
+    d->sourceMeta = meta;
+
+    std::vector<Private::Stage> stages(size_t(d->nodes.size()));
+    CxChainable* prev = d->source;
+    for (int i = 0; i < d->nodes.size(); ++i) {
+        Private::Stage& s = stages[size_t(i)];
+        s.node = d->nodes[i];
+        s.provider = qobject_cast<CxImageProvider*>(s.node);
+        s.node->clearErrorMessage();
+        if (prev && !s.node->acceptsDataFrom(prev)) {
+            d->setError(tr("\"%1\" does not accept data from \"%2\"").arg(s.node->title(), prev->title()));
+            return false;
+        }
+        s.in = fmt;
+        s.inMeta = meta;
+        if (s.provider) {
+            if (!s.provider->queryOutputImageInfo(fmt, s.out, &meta, &s.outMeta)) {
+                const QString why = s.node->errorMessage();
+                d->setError(tr("\"%1\" refused the input format %2%3")
+                                .arg(s.node->title(), fmt.describe(),
+                                     why.isEmpty() ? QString() : QStringLiteral(": ") + why));
+                return false;
+            }
+        } else {
+            s.out = fmt;
+            s.outMeta = meta;
+        }
+        fmt = s.out;
+        meta = s.outMeta;
+        prev = s.node;
+    }
+
+    // Fill the pools.
+    const int extra = d->mode == RunLive ? d->queueDepth + 1 : 1;
+    bool poolsOk = true;
+    auto makePool = [&](CxImageProvider* p, const SxPicBufInfo& f) -> void* {
+        const int wanted = p->queryImagesCountInMemoryPool(f, nullptr);
+        if (wanted <= 0)
+            return nullptr;
+        void* pool = CxPicBufAPI::CreateMemoryPool(f, wanted + extra, p->title());
+        if (!pool) {
+            d->setError(tr("Cannot allocate %1 pictures of %2 for \"%3\"").arg(wanted + extra).arg(f.describe(), p->title()));
+            poolsOk = false;
+        }
+        return pool;
+    };
+    d->stages = std::move(stages);
+    if (d->source) {
+        d->sourcePool = makePool(d->source, d->sourceFormat);
+        d->source->setMemoryPool(d->sourcePool);
+        d->source->setCurrentImageInfo(d->sourceFormat, d->sourceMeta, d->sourceFormat, d->sourceMeta);
+    }
+    for (Private::Stage& s : d->stages) {
+        if (!poolsOk)
+            break;
+        if (s.provider) {
+            s.pool = makePool(s.provider, s.out);
+            s.provider->setMemoryPool(s.pool);
+            s.provider->setCurrentImageInfo(s.in, s.inMeta, s.out, s.outMeta);
+        }
+    }
+    if (!poolsOk) {
+        d->releasePools();
+        return false;
+    }
+    d->negotiated = true;
+
+    // Set up the nodes and, for a live run, the threads.
+    if (d->source) {
+        d->source->setState(CxChainable::StateRunning);
+        d->source->setupStart();
+        d->source->onChainStarted(this);
+    }
+    for (Private::Stage& s : d->stages) {
+        s.node->setState(CxChainable::StateRunning);
+        s.node->setupStart();
+        s.node->onChainStarted(this);
+        s.lastOutput = {};
+    }
+    {
+        std::lock_guard<std::mutex> lock(d->finishMutex);
+        d->finished = false;
+    }
+    d->stopRequested = false;
+    d->running = true;
+    if (d->mode == RunLive) {
+        for (Private::Stage& s : d->stages)
+            s.queue = std::make_unique<PacketQueue>(size_t(d->queueDepth));
+        for (size_t i = 0; i < d->stages.size(); ++i)
+            d->stages[i].thread = std::thread([this, i] { d->workerLoop(i); });
+        if (d->source)
+            d->sourceThread = std::thread([this] { d->sourceLoop(); });
+    }
+    locker.unlock();
+    emit started();
+    return true;
+}
+
+void CxChain::stop()
+{
+    if (Private::currentChain == d.get()) {
+        qCWarning(lcChain) << "stop() called from a chain thread; ignored";
+        return;
+    }
+    QMutexLocker locker(&d->control);
+    if (!d->running.load())
+        return;
+    d->running = false;
+    if (d->source)
+        d->source->setState(CxChainable::StateStopping);
+    for (Private::Stage& s : d->stages)
+        s.node->setState(CxChainable::StateStopping);
+
+    {
+        std::lock_guard<std::mutex> lock(d->finishMutex);
+        d->stopRequested = true;
+    }
+    d->finishCv.notify_all();
+    for (Private::Stage& s : d->stages)
+        if (s.queue)
+            s.queue->close();
+    if (d->sourceThread.joinable())
+        d->sourceThread.join();
+    for (Private::Stage& s : d->stages)
+        if (s.thread.joinable())
+            s.thread.join();
+    for (Private::Stage& s : d->stages) {
+        if (!s.queue)
+            continue;
+        for (const Item& item : s.queue->drain()) {
+            if (item.packet) {
+                delete item.packet;
+                ++d->discardedOnStop;
+            }
+        }
+        s.queue.reset();
+    }
+
+    for (Private::Stage& s : d->stages) {
+        s.node->setupStop();
+        s.node->onChainStopped(this);
+    }
+    if (d->source) {
+        d->source->setupStop();
+        d->source->onChainStopped(this);
+    }
+    d->releasePools();
+    for (Private::Stage& s : d->stages)
+        s.node->setState(CxChainable::StateIdle);
+    if (d->source)
+        d->source->setState(CxChainable::StateIdle);
+    locker.unlock();
+    emit stoppedSignal();
+}
+
+bool CxChain::stopped() const { return !d->running.load(); }
+
+QString CxChain::lastError() const
+{
+    QMutexLocker l(&d->errorLock);
+    return d->lastError;
+}
+
+IxChainData* CxChain::push(IxChainData* packet)
+{
+    if (!packet)
+        return nullptr;
+    if (!d->running.load() || d->mode != RunSynchronous) {
+        d->setError(tr("push() needs a chain started in synchronous mode"));
+        delete packet;
+        return nullptr;
+    }
+    ++d->pushed;
+    return d->runSynchronously(packet);
+}
+
+IxChainData* CxChain::step()
+{
+    if (!d->source || !d->running.load() || d->mode != RunSynchronous || d->source->atEnd())
+        return nullptr;
+    IxChainData* frame = d->source->grabFrame();
+    if (!frame)
+        return nullptr;
+    ++d->grabbed;
+    return d->runSynchronously(frame);
+}
+
+bool CxChain::post(IxChainData* packet)
+{
+    if (!packet)
+        return false;
+    if (!d->running.load() || d->mode != RunLive) {
+        delete packet;
+        return false;
+    }
+    ++d->pushed;
+    if (d->stages.empty()) {
+        d->deliver(packet);
+        return true;
+    }
+    if (!d->stages[0].queue->push(Item{packet, false}, true)) {
+        delete packet;
+        ++d->discardedOnStop;
+        return false;
+    }
+    return true;
+}
+
+bool CxChain::waitForFinished(int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(d->finishMutex);
+    auto done = [&] { return d->finished || d->stopRequested.load(); };
+    if (timeoutMs < 0)
+        d->finishCv.wait(lock, done);
+    else
+        d->finishCv.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+    return d->finished;
+}
+
+CxChain::SxStats CxChain::stats() const
+{
+    SxStats s;
+    s.grabbed = d->grabbed.load();
+    s.droppedAtSource = d->droppedAtSource.load();
+    s.pushed = d->pushed.load();
+    s.delivered = d->delivered.load();
+    s.swallowed = d->swallowed.load();
+    s.discardedOnStop = d->discardedOnStop.load();
+    s.throttled = d->throttled.load();
+    return s;
+}
+
+void CxChain::resetStats()
+{
+    d->grabbed = d->droppedAtSource = d->pushed = d->delivered = 0;
+    d->swallowed = d->discardedOnStop = d->throttled = 0;
+}
+
+bool CxChain::negotiatedFormat(int index, SxPicBufInfo& info, CxImageMetadata* meta) const
+{
+    if (!d->negotiated)
+        return false;
+    if (index < 0) {
+        info = d->sourceFormat;
+        if (meta)
+            *meta = d->sourceMeta;
+        return true;
+    }
+    if (size_t(index) >= d->stages.size())
+        return false;
+    info = d->stages[size_t(index)].out;
+    if (meta)
+        *meta = d->stages[size_t(index)].outMeta;
+    return true;
+}

@@ -1,0 +1,124 @@
+#include "CxChainDocument.h"
+#include "CxChainable.h"
+#include "CxRTTI.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QSaveFile>
+#include <QtXml/QDomDocument>
+
+const char* const CxChainDocument::RootElement = "QlarChain";
+const char* const CxChainDocument::NodeElement = "Chainable";
+const char* const CxChainDocument::UniqueIdAttribute = "uniqueId";
+
+QDomDocument CxChainDocument::save(const QList<CxChainable*>& nodes)
+{
+    QDomDocument doc;
+    doc.appendChild(doc.createProcessingInstruction(QStringLiteral("xml"),
+                                                    QStringLiteral("version=\"1.0\" encoding=\"UTF-8\"")));
+    QDomElement root = doc.createElement(QString::fromLatin1(RootElement));
+    root.setAttribute(QStringLiteral("version"), 1);
+    doc.appendChild(root);
+    for (CxChainable* node : nodes) {
+        if (!node)
+            continue;
+        QDomElement e = doc.createElement(QString::fromLatin1(NodeElement));
+        e.setAttribute(QString::fromLatin1(UniqueIdAttribute),
+                       CxRTTI::classInfo(*node->metaObject(), "UniqueID"));
+        node->saveSettings(doc, e);
+        root.appendChild(e);
+    }
+    return doc;
+}
+
+QString CxChainDocument::saveToString(const QList<CxChainable*>& nodes)
+{
+    return save(nodes).toString(2);
+}
+
+bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString& path, QString* error)
+{
+    QSaveFile f(path);
+    if (!f.open(QIODevice::WriteOnly)) {
+        if (error)
+            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
+        return false;
+    }
+    f.write(saveToString(nodes).toUtf8());
+    if (!f.commit()) {
+        if (error)
+            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
+        return false;
+    }
+    return true;
+}
+
+QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* error)
+{
+    QList<CxChainable*> nodes;
+    auto fail = [&](const QString& msg) {
+        qDeleteAll(nodes);
+        nodes.clear();
+        if (error)
+            *error = msg;
+        return nodes;
+    };
+    const QDomElement root = doc.documentElement();
+    if (root.tagName() != QLatin1String(RootElement))
+        return fail(QStringLiteral("not a chain document (root element is <%1>, expected <%2>)")
+                        .arg(root.tagName(), QLatin1String(RootElement)));
+    for (QDomElement e = root.firstChildElement(); !e.isNull(); e = e.nextSiblingElement()) {
+        if (e.tagName() != QLatin1String(NodeElement))
+            return fail(QStringLiteral("line %1: unexpected element <%2>").arg(e.lineNumber()).arg(e.tagName()));
+        const QString uid = e.attribute(QString::fromLatin1(UniqueIdAttribute));
+        if (uid.isEmpty())
+            return fail(QStringLiteral("line %1: node without a %2 attribute")
+                            .arg(e.lineNumber()).arg(QLatin1String(UniqueIdAttribute)));
+        CxChainable* node = CxRTTI::instance()->createChainableByUniqueId(uid);
+        if (!node)
+            return fail(QStringLiteral("line %1: unknown node \"%2\"").arg(e.lineNumber()).arg(uid));
+        nodes.append(node);
+        if (!node->loadSettings(e))
+            return fail(QStringLiteral("line %1: node \"%2\" did not accept its settings").arg(e.lineNumber()).arg(uid));
+    }
+    if (error)
+        error->clear();
+    return nodes;
+}
+
+QList<CxChainable*> CxChainDocument::loadFromString(const QString& xml, QString* error)
+{
+    QDomDocument doc;
+    QString msg;
+    int line = 0, column = 0;
+    if (!doc.setContent(xml, &msg, &line, &column)) {
+        if (error)
+            *error = QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(msg);
+        return {};
+    }
+    return load(doc, error);
+}
+
+QList<CxChainable*> CxChainDocument::loadFromFile(const QString& path, QString* error)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly)) {
+        if (error)
+            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
+        return {};
+    }
+    QDomDocument doc;
+    QString msg;
+    int line = 0, column = 0;
+    if (!doc.setContent(&f, &msg, &line, &column)) {
+        if (error)
+            *error = QStringLiteral("%1:%2:%3: %4").arg(path).arg(line).arg(column).arg(msg);
+        return {};
+    }
+    QString why;
+    QList<CxChainable*> nodes = load(doc, &why);
+    if (!why.isEmpty() && error)
+        *error = QStringLiteral("%1: %2").arg(path, why);
+    else if (error)
+        error->clear();
+    return nodes;
+}

@@ -1,0 +1,3 @@
+#include "IxChainData.h"
+
+IxChainData::~IxChainData() = default;
