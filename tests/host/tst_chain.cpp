@@ -1,0 +1,328 @@
+#include "TestNodes.h"
+
+#include <QtTest/QtTest>
+
+#include <mutex>
+#include <vector>
+
+namespace {
+
+CxSyntheticCamera::SxConfig cameraConfig(qint64 frames, quint32 w = 32, quint32 h = 16)
+{
+    CxSyntheticCamera::SxConfig c;
+    c.layout = CxSyntheticCamera::LayoutMono;
+    c.width = w;
+    c.height = h;
+    c.frameLimit = frames;
+    return c;
+}
+
+// Collects what leaves a live chain, on the chain's thread.
+struct Collector
+{
+    std::mutex m;
+    std::vector<qint32> frames;
+    std::vector<uchar> firstBytes;
+
+    std::function<void(IxChainData*)> handler()
+    {
+        return [this](IxChainData* d) {
+            auto* img = qobject_cast<CxImageData*>(d);
+            std::lock_guard<std::mutex> l(m);
+            frames.push_back(img ? img->picBuf()->frameNumber : -1);
+            firstBytes.push_back(img && img->picBuf()->data ? img->picBuf()->data[0] : 0);
+            delete d;
+        };
+    }
+};
+
+qint64 accounted(const CxChain::SxStats& s)
+{
+    return s.delivered + s.droppedAtSource + s.swallowed + s.discardedOnStop + s.throttled;
+}
+
+} // namespace
+
+class TstChain : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init() { TestLog::lines().clear(); }
+    void cleanup()
+    {
+        QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), 0);
+        QCOMPARE(CxPicBufAPI::LivePoolCount(), 0);
+    }
+
+    void refusalStopsTheStart()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(8, 8, 3));
+        auto* add = new CxTstAddNode;
+        auto* mono = new CxTstMonoOnlyNode;
+        chain.appendNode(add);
+        chain.appendNode(mono);
+        QVERIFY(!chain.start());
+        QVERIFY(chain.stopped());
+        QVERIFY2(chain.lastError().contains("Mono only"), qPrintable(chain.lastError()));
+        QVERIFY2(chain.lastError().contains("Only mono pictures are supported."), qPrintable(chain.lastError()));
+        QVERIFY(TestLog::lines().isEmpty());  // nobody was set up
+        QVERIFY(!mono->started);
+        QVERIFY(!add->memoryPool());
+
+        // The same chain starts once the input fits; old messages are gone.
+        chain.setInputFormat(tstFormat(8, 8, 1));
+        QVERIFY2(chain.start(), qPrintable(chain.lastError()));
+        QVERIFY(mono->errorMessage().isEmpty());
+        chain.stop();
+    }
+
+    void nothingToRun()
+    {
+        CxChain chain;
+        chain.appendNode(new CxTstAddNode);
+        QVERIFY(!chain.start());
+        QVERIFY(!chain.lastError().isEmpty());
+    }
+
+    void setupOrderAndFormats()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(9, 5));
+        auto* a = new CxTstAddNode;
+        auto* b = new CxTstAddNode;
+        a->setObjectName("a");
+        b->setObjectName("b");
+        chain.appendNode(a);
+        chain.appendNode(b);
+        QVERIFY(chain.start());
+        QCOMPARE(TestLog::lines(), QStringList({"start a", "start b"}));
+        QCOMPARE(b->inAtStart.width, 9u);
+        QCOMPARE(a->state(), int(CxChainable::StateRunning));
+        QCOMPARE(b->predecessors(), QList<CxChainable*>{a});
+        chain.stop();
+        QCOMPARE(TestLog::lines(), QStringList({"start a", "start b", "stop a", "stop b"}));
+        QCOMPARE(a->state(), int(CxChainable::StateIdle));
+        QVERIFY(!a->memoryPool());
+    }
+
+    void poolSizes_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<int>("depth");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("synchronous") << int(CxChain::RunSynchronous) << 2 << 2;
+        QTest::newRow("live depth 2") << int(CxChain::RunLive) << 2 << 4;
+        QTest::newRow("live depth 5") << int(CxChain::RunLive) << 5 << 7;
+    }
+    void poolSizes()
+    {
+        QFETCH(int, mode);
+        QFETCH(int, depth);
+        QFETCH(int, expected);
+        CxChain chain;
+        chain.setRunMode(CxChain::ExRunMode(mode));
+        chain.setQueueDepth(depth);
+        chain.setInputFormat(tstFormat(4, 4));
+        auto* add = new CxTstAddNode;
+        auto* pass = new CxTstBehaviourNode;  // asks for no picture
+        chain.appendNode(add);
+        chain.appendNode(pass);
+        QVERIFY(chain.start());
+        QCOMPARE(CxPicBufAPI::MemoryPoolSize(add->memoryPool()), expected);
+        QVERIFY(!pass->memoryPool());
+        chain.stop();
+    }
+
+    void synchronousOwnership_data()
+    {
+        QTest::addColumn<int>("behaviour");
+        QTest::addColumn<int>("frame");
+        QTest::addColumn<bool>("output");
+        QTest::addColumn<bool>("inputIsOutput");
+        QTest::newRow("pass through") << int(CxTstBehaviourNode::PassThrough) << 0 << true << true;
+        QTest::newRow("dropped, not freed by the node") << int(CxTstBehaviourNode::DropOdd) << 1 << false << false;
+        QTest::newRow("kept") << int(CxTstBehaviourNode::DropOdd) << 2 << true << true;
+        QTest::newRow("new packet, input left to the host") << int(CxTstBehaviourNode::NewKeepInput) << 0 << true << false;
+        QTest::newRow("node throws") << int(CxTstBehaviourNode::Throw) << 0 << false << false;
+    }
+    void synchronousOwnership()
+    {
+        QFETCH(int, behaviour);
+        QFETCH(int, frame);
+        QFETCH(bool, output);
+        QFETCH(bool, inputIsOutput);
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(6, 3));
+        auto* node = new CxTstBehaviourNode;
+        node->behaviour = CxTstBehaviourNode::ExBehaviour(behaviour);
+        chain.appendNode(node);
+        QVERIFY(chain.start());
+        CxImageData* in = tstPacket(tstFormat(6, 3), frame, 7);
+        QPointer<CxImageData> guard(in);
+        if (behaviour == CxTstBehaviourNode::Throw)
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("threw"));
+        IxChainData* out = chain.push(in);
+        QCOMPARE(out != nullptr, output);
+        QCOMPARE(!guard.isNull(), inputIsOutput);
+        if (out) {
+            auto* img = qobject_cast<CxImageData*>(out);
+            QVERIFY(img);
+            QCOMPARE(img->picBuf()->data[0], uchar(7));
+        }
+        delete out;
+        chain.stop();
+    }
+
+    void pushNeedsARunningSynchronousChain()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(4, 4));
+        chain.appendNode(new CxTstAddNode);
+        QPointer<CxImageData> guard(tstPacket(tstFormat(4, 4), 0, 1));
+        QVERIFY(!chain.push(guard));
+        QVERIFY(guard.isNull());  // freed, not leaked
+    }
+
+    void stepThroughSource()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setSource(new CxSyntheticCamera(cameraConfig(3)));
+        auto* add = new CxTstAddNode;
+        add->addend = 0;
+        chain.appendNode(add);
+        QVERIFY(chain.start());
+        for (int i = 0; i < 3; ++i) {
+            IxChainData* out = chain.step();
+            QVERIFY(out);
+            QVERIFY(out->isLiveData() == false);  // the node made a new packet without the flag
+            QCOMPARE(qobject_cast<CxImageData*>(out)->picBuf()->frameNumber, i);
+            delete out;
+        }
+        QVERIFY(!chain.step());  // at its end
+        chain.stop();
+        QCOMPARE(chain.stats().grabbed, 3);
+        QCOMPARE(chain.stats().delivered, 3);
+    }
+
+    void liveRunKeepsOrderAndLosesNothing()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunLive);
+        chain.setSource(new CxTstFileLikeSource(cameraConfig(300)));
+        auto* slow = new CxTstAddNode;
+        slow->sleepUs = 200;
+        chain.appendNode(new CxTstAddNode);
+        chain.appendNode(slow);
+        chain.appendNode(new CxTstBehaviourNode);
+        Collector c;
+        chain.setOutputHandler(c.handler());
+        QSignalSpy finished(&chain, &CxChain::finished);
+        QVERIFY(chain.start());
+        QVERIFY(chain.waitForFinished(60000));
+        chain.stop();
+        QCOMPARE(int(c.frames.size()), 300);
+        for (int i = 0; i < 300; ++i)
+            QCOMPARE(c.frames[size_t(i)], i);
+        const CxChain::SxStats s = chain.stats();
+        QCOMPARE(s.droppedAtSource, 0);
+        QCOMPARE(s.delivered, 300);
+        QTRY_COMPARE(finished.count(), 1);
+    }
+
+    void liveRestartsWhileFramesFlow()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunLive);
+        chain.setSource(new CxSyntheticCamera(cameraConfig(0)));
+        auto* add = new CxTstAddNode;
+        chain.appendNode(add);
+        Collector c;
+        chain.setOutputHandler(c.handler());
+        QVERIFY(chain.start());
+        for (int i = 0; i < 60; ++i) {
+            QTest::qWait(2);
+            add->setAddend(i % 3, true);  // stop, store, start
+            QVERIFY(!chain.stopped());
+        }
+        QTest::qWait(20);
+        chain.stop();
+        QVERIFY(chain.stopped());
+        const CxChain::SxStats s = chain.stats();
+        QVERIFY(s.grabbed > 0);
+        QCOMPARE(accounted(s), s.grabbed);
+        QCOMPARE(qint64(c.frames.size()), s.delivered);
+        for (size_t i = 1; i < c.frames.size(); ++i)
+            QVERIFY2(c.frames[i] > c.frames[i - 1], "frames reordered or repeated");
+    }
+
+    void setterWithRestartOnStoppedChainOnlyStores()
+    {
+        CxChain chain;
+        chain.setInputFormat(tstFormat(4, 4));
+        auto* add = new CxTstAddNode;
+        chain.appendNode(add);
+        add->setAddend(9, true);
+        QCOMPARE(add->addend, 9);
+        QVERIFY(chain.stopped());
+        QVERIFY(TestLog::lines().isEmpty());
+    }
+
+    void stopFromAChainThreadIsRefused()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunLive);
+        chain.setSource(new CxSyntheticCamera(cameraConfig(0)));
+        chain.appendNode(new CxTstAddNode);
+        std::atomic<int> calls{0};
+        chain.setOutputHandler([&](IxChainData* d) {
+            delete d;
+            if (calls++ == 0)
+                chain.stop();
+        });
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("stop\\(\\) called from a chain thread"));
+        QVERIFY(chain.start());
+        QTRY_VERIFY(calls.load() > 3);
+        QVERIFY(!chain.stopped());
+        chain.stop();
+    }
+
+    void maxFpsThrottles()
+    {
+        CxChain chain;
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(4, 4));
+        auto* add = new CxTstAddNode;
+        add->setMaxFps(1.0);
+        chain.appendNode(add);
+        QVERIFY(chain.start());
+        IxChainData* first = chain.push(tstPacket(tstFormat(4, 4), 0, 0));
+        IxChainData* second = chain.push(tstPacket(tstFormat(4, 4), 1, 0));
+        QVERIFY(first);
+        QVERIFY(!second);
+        QCOMPARE(chain.stats().throttled, 1);
+        delete first;
+        chain.stop();
+    }
+
+    void storedOutputsKeepTheNewest()
+    {
+        CxTstAddNode node;
+        for (int i = 0; i < CxChainable::MaxStoredOutputs + 3; ++i)
+            node.addToOutputData(tstPacket(tstFormat(2, 2), i, 0));
+        auto* latest = qobject_cast<CxImageData*>(node.latestData(nullptr));
+        QCOMPARE(latest->picBuf()->frameNumber, CxChainable::MaxStoredOutputs + 2);
+        QCOMPARE(qobject_cast<CxImageData*>(node.data(nullptr, 0))->picBuf()->frameNumber, 3);
+        node.discardLatestData(nullptr);
+        QCOMPARE(qobject_cast<CxImageData*>(node.latestData(nullptr))->picBuf()->frameNumber,
+                 CxChainable::MaxStoredOutputs + 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TstChain)
+#include "tst_chain.moc"
