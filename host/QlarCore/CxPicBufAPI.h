@@ -25,7 +25,9 @@ public:
     // a slot holds: with growIfNeeded the slot is reallocated to fit (callers
     // whose output geometry follows a setting that may change between chain
     // restarts pass true), otherwise the call fails. False also when the pool
-    // is null, closed or exhausted, or the format is not valid.
+    // is null, closed or exhausted, or the format cannot be laid out (a line
+    // pitch shorter than a row). A format of height or width 0 is legal: the
+    // picture then holds no rows, as a one-row frame cut to its even rows does.
     static bool AllocPicBufFromPool(void* pool, QObject* owner, SxPicBuf& pic,
                                     const SxPicBufInfo& format, bool growIfNeeded);
 

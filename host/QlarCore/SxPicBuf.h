@@ -38,7 +38,10 @@ struct QLARCORE_EXPORT SxPicBuf : public SxPicBufInfo
     // Sets the format fields only; the pixel memory is left as it is.
     void setPicFormat(const SxPicBufInfo& info);
     const SxPicBufInfo& picFormat() const { return *this; }
-    // Bytes of pixel data: linePitch x height.
+    // Bytes of pixel data: linePitch x height. Pictures from pools and the
+    // heap own that much, but a picture wrapped around foreign memory (a cut
+    // out of a larger frame) may end right after the packed bytes of its last
+    // row: kernels that copy whole pitches must stop there on the last row.
     quint64 dataSize() const { return quint64(linePitch) * height; }
 
     uchar* rowPtr(quint32 y) { return data + quint64(y) * linePitch; }

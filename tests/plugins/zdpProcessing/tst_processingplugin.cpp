@@ -1,0 +1,239 @@
+#include <CxChainable.h>
+#include <CxPlugin.h>
+#include <CxRTTI.h>
+#include <QlarCoreVersion.h>
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QPluginLoader>
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+
+namespace {
+
+const char* const kPluginPath = QLAR_PLUGIN_DIR "/libzdpProcessing.so";
+const QString kChainableBase = QStringLiteral("CxChainable");
+const QString kVendorPrefix = QStringLiteral("de.korvel.Vistrel.");
+
+// The node classes in the order the host lists them. Saved chains name them
+// by UniqueID, so these identifiers must never change.
+struct SxNodeRow
+{
+    const char* className;
+    const char* customName;
+    const char* uniqueIdSuffix;
+};
+const SxNodeRow kNodeTable[] = {
+    {"CxDeinterlaceCnbl", "Deinterlace", "CxDeinterlaceCnbl"},
+};
+
+} // namespace
+
+class TestProcessingPlugin : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void metadata();
+    void instanceIsShared();
+    void interfaceCasts_data();
+    void interfaceCasts();
+    void selfDescription();
+    void registration_data();
+    void registration();
+    void registrationOrderAndRepeat();
+    void lookupByUniqueId_data();
+    void lookupByUniqueId();
+
+private:
+    QList<CxRTTI::SxClassEntry> ownEntries() const;
+
+    QPluginLoader m_loader;
+    QObject* m_instance = nullptr;
+    CxPlugin* m_plugin = nullptr;
+};
+
+void TestProcessingPlugin::initTestCase()
+{
+    m_loader.setFileName(QString::fromUtf8(kPluginPath));
+    QVERIFY2(m_loader.load(), qPrintable(m_loader.errorString()));
+    m_instance = m_loader.instance();
+    QVERIFY2(m_instance, qPrintable(m_loader.errorString()));
+    m_plugin = qobject_cast<CxPlugin*>(m_instance);
+    QVERIFY(m_plugin);
+    QVERIFY(m_plugin->init());
+}
+
+void TestProcessingPlugin::metadata()
+{
+    const QJsonObject meta = m_loader.metaData();
+    QCOMPARE(meta.value("IID").toString(), QStringLiteral("de.korvel.Vistrel.CxProcessingPlugin"));
+    QCOMPARE(meta.value("className").toString(), QStringLiteral("CxProcessingPlugin"));
+    QVERIFY(meta.value("MetaData").toObject().isEmpty());
+}
+
+void TestProcessingPlugin::instanceIsShared()
+{
+    QCOMPARE(m_loader.instance(), m_instance);
+
+    // A second loader of the same file reaches the same process-wide object.
+    QPluginLoader other(QString::fromUtf8(kPluginPath));
+    QCOMPARE(other.instance(), m_instance);
+    QVERIFY(!m_instance->parent());
+}
+
+void TestProcessingPlugin::interfaceCasts_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QString>("expected");  // "plugin", "interface" or "none"
+
+    QTest::newRow("own class") << QByteArray("CxProcessingPlugin") << "plugin";
+    QTest::newRow("QObject") << QByteArray("QObject") << "plugin";
+    QTest::newRow("interface class") << QByteArray("CxPlugin") << "interface";
+    QTest::newRow("interface id") << QByteArray("de.korvel.CxPlugin") << "interface";
+    QTest::newRow("plug-in IID is no interface")
+        << QByteArray("de.korvel.Vistrel.CxProcessingPlugin") << "none";
+    QTest::newRow("wrong case") << QByteArray("cxplugin") << "none";
+}
+
+void TestProcessingPlugin::interfaceCasts()
+{
+    QFETCH(QByteArray, name);
+    QFETCH(QString, expected);
+
+    void* answer = m_instance->qt_metacast(name.constData());
+    if (expected == QLatin1String("plugin"))
+        QCOMPARE(answer, static_cast<void*>(m_instance));
+    else if (expected == QLatin1String("interface"))
+        QCOMPARE(answer, static_cast<void*>(m_plugin));
+    else
+        QCOMPARE(answer, nullptr);
+}
+
+void TestProcessingPlugin::selfDescription()
+{
+    QCOMPARE(m_instance->metaObject()->className(), "CxProcessingPlugin");
+    QCOMPARE(m_plugin->name(), QStringLiteral("Image Processing"));
+    QCOMPARE(m_plugin->author(), QStringLiteral("Korvel GmbH"));
+    QCOMPARE(m_plugin->description(),
+             QStringLiteral("This plugin implements a set of image processing objects."));
+    QCOMPARE(m_plugin->website(), QStringLiteral("http://www.korvel.de"));
+    QCOMPARE(m_plugin->website().size(), 20);
+
+    int hostMajor = -1, hostMinor = -1, hostPatch = -1;
+    QlarCoreVersion(hostMajor, hostMinor, hostPatch);
+    int major = -2, minor = -2, patch = -2;
+    m_plugin->version(major, minor, patch);
+    QCOMPARE(major, hostMajor);
+    QCOMPARE(minor, hostMinor);
+    QCOMPARE(patch, hostPatch);
+}
+
+QList<CxRTTI::SxClassEntry> TestProcessingPlugin::ownEntries() const
+{
+    QList<CxRTTI::SxClassEntry> own;
+    for (const CxRTTI::SxClassEntry& e : CxRTTI::instance()->classes(kChainableBase))
+        if (e.plugin == m_plugin)
+            own.append(e);
+    return own;
+}
+
+void TestProcessingPlugin::registration_data()
+{
+    QTest::addColumn<int>("index");
+    QTest::addColumn<QString>("className");
+    QTest::addColumn<QString>("customName");
+    QTest::addColumn<QString>("uniqueId");
+
+    int index = 0;
+    for (const SxNodeRow& row : kNodeTable) {
+        QTest::newRow(row.className) << index++ << QString::fromLatin1(row.className)
+                                     << QString::fromLatin1(row.customName)
+                                     << kVendorPrefix + QString::fromLatin1(row.uniqueIdSuffix);
+    }
+}
+
+void TestProcessingPlugin::registration()
+{
+    QFETCH(int, index);
+    QFETCH(QString, className);
+    QFETCH(QString, customName);
+    QFETCH(QString, uniqueId);
+
+    const QList<CxRTTI::SxClassEntry> own = ownEntries();
+    QVERIFY(index < own.size());
+    const CxRTTI::SxClassEntry& e = own.at(index);
+    QCOMPARE(e.className, className);
+    QCOMPARE(e.baseClassName, kChainableBase);
+    QCOMPARE(e.customName, customName);
+    QCOMPARE(e.uniqueId, uniqueId);
+    QVERIFY(e.metaObject);
+    QCOMPARE(CxRTTI::classInfo(*e.metaObject, "CustomName"), customName);
+    QCOMPARE(CxRTTI::classInfo(*e.metaObject, "UniqueID"), uniqueId);
+
+    // The host creates nodes from the meta-object alone.
+    QScopedPointer<CxChainable> node(CxRTTI::instance()->createChainableByCustomName(customName));
+    QVERIFY(node);
+    QCOMPARE(node->metaObject(), e.metaObject);
+    QCOMPARE(QString::fromLatin1(node->metaObject()->className()), className);
+    QVERIFY(node->inherits("CxImageProvider"));
+}
+
+void TestProcessingPlugin::registrationOrderAndRepeat()
+{
+    QStringList expected;
+    for (const SxNodeRow& row : kNodeTable)
+        expected << QString::fromLatin1(row.className);
+
+    auto registeredNames = [this] {
+        QStringList names;
+        for (const CxRTTI::SxClassEntry& e : ownEntries())
+            names << e.className;
+        return names;
+    };
+    QCOMPARE(registeredNames(), expected);
+
+    // A second init finds every class known; it still succeeds and adds nothing.
+    QVERIFY(m_plugin->init());
+    QCOMPARE(registeredNames(), expected);
+}
+
+void TestProcessingPlugin::lookupByUniqueId_data()
+{
+    QTest::addColumn<QString>("uniqueId");
+    QTest::addColumn<QString>("className");  // empty: must not resolve
+
+    for (const SxNodeRow& row : kNodeTable) {
+        const QString id = kVendorPrefix + QString::fromLatin1(row.uniqueIdSuffix);
+        QTest::addRow("%s exact", row.className) << id << QString::fromLatin1(row.className);
+        // Identifiers are compared as stored; flip the case of the first
+        // letter of the suffix ("Cx" <-> "cx").
+        QString flipped = id;
+        const int at = kVendorPrefix.size();
+        flipped[at] = flipped[at].isUpper() ? flipped[at].toLower() : flipped[at].toUpper();
+        QTest::addRow("%s wrong case", row.className) << flipped << QString();
+    }
+    QTest::newRow("suffix only") << QStringLiteral("CxDeinterlaceCnbl") << QString();
+    QTest::newRow("custom name") << QStringLiteral("Deinterlace") << QString();
+}
+
+void TestProcessingPlugin::lookupByUniqueId()
+{
+    QFETCH(QString, uniqueId);
+    QFETCH(QString, className);
+
+    const QMetaObject* mo = CxRTTI::instance()->findByUniqueId(kChainableBase, uniqueId);
+    QScopedPointer<CxChainable> node(CxRTTI::instance()->createChainableByUniqueId(uniqueId));
+    if (className.isEmpty()) {
+        QVERIFY(!mo);
+        QVERIFY(!node);
+        return;
+    }
+    QVERIFY(mo);
+    QCOMPARE(QString::fromLatin1(mo->className()), className);
+    QVERIFY(node);
+    QCOMPARE(node->metaObject(), mo);
+}
+
+QTEST_GUILESS_MAIN(TestProcessingPlugin)
+#include "tst_processingplugin.moc"
