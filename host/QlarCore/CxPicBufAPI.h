@@ -2,6 +2,7 @@
 #include "SxPicBuf.h"
 
 class QObject;
+class QRect;
 
 // Picture memory: memory pools, heap pictures and copies.
 //
@@ -56,6 +57,48 @@ public:
 
     // Describes memory owned by someone else; FreePicBuf only forgets it.
     static bool WrapPicBuf(SxPicBuf& pic, const SxPicBufInfo& format, void* data, quint64 bytes);
+
+    // --- picture operations ---
+    // Every operation answers false, and leaves its output untouched, for a
+    // sample type or layout it does not support; none of them allocates
+    // picture memory. The exact type pairs, rounding and saturation rules are
+    // documented where the operations are implemented (CxPicBufAPI_*.cpp) and
+    // summarised here.
+
+    // Per-sample accumulation into acc: sum, sum of squares, running minimum
+    // and maximum.
+    static bool Add(SxPicBuf& acc, const SxPicBuf& frame);
+    static bool AddSquares(SxPicBuf& acc, const SxPicBuf& frame);
+    static bool Min(SxPicBuf& acc, const SxPicBuf& frame);
+    static bool Max(SxPicBuf& acc, const SxPicBuf& frame);
+    // out = sum / divisor, rounded to nearest, in out's sample type.
+    static bool DivideByValue(const SxPicBuf& sum, int divisor, SxPicBuf& out);
+    // Channel number channel (0-based) of a multi-channel picture into a
+    // one-channel picture of the same sample type.
+    static bool ExtractChannel(const SxPicBuf& in, SxPicBuf& out, unsigned int channel);
+    // Mono, colour or Bayer picture into 8-bit 4-channel out.
+    static bool ConvertPicToRGB(const SxPicBuf& in, SxPicBuf& out);
+    static bool FillChannelsValue(SxPicBuf& pic, unsigned int value);
+    static bool FillChannelWithValue(SxPicBuf& pic, unsigned int channel, unsigned short value);
+    // Smallest and largest sample of a float picture.
+    static bool CalcFloatDataMinMax(const SxPicBuf& pic, float& min, float& max, bool ignoreNonFinite);
+    // Copies a width x height rectangle (pixels) from src at (sx, sy) into dst
+    // at (dx, dy); both pictures must share sample type and channel count.
+    static bool CopyRect(SxPicBuf& dst, unsigned int dx, unsigned int dy, const SxPicBuf& src,
+                         unsigned int sx, unsigned int sy, unsigned int width, unsigned int height);
+
+    // Per-hyperpixel statistics of a mosaic inside rect, with the mosaic period
+    // (periodX x periodY samples) into out.
+    static bool FilterAvgOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out);
+    static bool FilterMinOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out);
+    static bool FilterMaxOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out);
+    static bool FilterNormalizeOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out);
+
+    // Median filter of a one-channel 8- or 16-bit unsigned picture. The work
+    // buffer is made once per format and kernel radius (kernel 2r + 1).
+    static bool MedianAllocBuffer(const SxPicBufInfo& format, int radius, void** buffer);
+    static bool Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* buffer);
+    static void MedianFreeBuffer(void* buffer);
 
     // --- pools (host side) ---
     static void* CreateMemoryPool(const SxPicBufInfo& format, int count, const QString& name);
