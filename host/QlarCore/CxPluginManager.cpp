@@ -9,8 +9,10 @@
 
 CxPluginManager* CxPluginManager::instance()
 {
-    static CxPluginManager manager;
-    return &manager;
+    // Never destroyed: plug-ins stay loaded until the process ends, and their
+    // loaders must stay reachable until then.
+    static CxPluginManager* manager = new CxPluginManager;
+    return manager;
 }
 
 int CxPluginManager::loadFolder(const QString& folder)
@@ -46,7 +48,7 @@ bool CxPluginManager::loadFile(const QString& path, QString* error)
         if (p.fileName == canonical)
             return true;
 
-    // The loader is deliberately leaked: unloading would pull the code of
+    // Loaders are kept and never unloaded: unloading would pull the code of
     // registered classes out from under nodes that may still exist.
     auto* loader = new QPluginLoader(canonical);
     const QJsonObject meta = loader->metaData();
@@ -56,6 +58,7 @@ bool CxPluginManager::loadFile(const QString& path, QString* error)
         delete loader;
         return fail(QStringLiteral("%1: %2").arg(path, why));
     }
+    m_loaders.append(loader);
     CxPlugin* plugin = qobject_cast<CxPlugin*>(obj);
     if (!plugin)
         return fail(QStringLiteral("%1: not a plug-in for this host (no %2 interface)")

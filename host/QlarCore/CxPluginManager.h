@@ -6,6 +6,7 @@
 #include <QtCore/QStringList>
 
 class QObject;
+class QPluginLoader;
 class CxPlugin;
 
 // Finds plug-ins on disk, loads them with QPluginLoader, reads what they say
@@ -41,9 +42,11 @@ public:
 
     QList<SxPluginInfo> plugins() const;
     QStringList errors() const;
+    void clearErrors() { m_errors.clear(); }
 
 private:
     CxPluginManager() = default;
+    QList<QPluginLoader*> m_loaders;  // kept for the life of the process, never unloaded
     QList<SxPluginInfo> m_plugins;
     QStringList m_errors;
 };

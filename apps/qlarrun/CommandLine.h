@@ -1,0 +1,37 @@
+#pragma once
+#include "ChainBuilder.h"
+#include "ExitCodes.h"
+#include "InputSource.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QList>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+struct SxRunOptions
+{
+    enum ExAction { ActionRun, ActionList, ActionHelp, ActionVersion };
+
+    ExAction action = ActionRun;
+    bool defaultRun = false;   // no arguments at all: the demonstration run
+    QString pluginDir;         // empty: $QLAR_PLUGIN_DIR, else the build tree's folder
+    QString chainFile;
+    QList<SxNodeRequest> nodes;
+    QString saveChainFile;
+    SxInputRequest input;
+    QString outDir;            // empty: run without writing pictures
+    bool quiet = false;
+};
+
+class CxCommandLine
+{
+    Q_DECLARE_TR_FUNCTIONS(CxCommandLine)
+public:
+    // arguments include the program name first, as QCoreApplication gives
+    // them. For ActionHelp and ActionVersion, text holds what to print; on
+    // failure it holds the one-line reason.
+    static ExExitCode parse(const QStringList& arguments, SxRunOptions& options, QString* text);
+    static SxRunOptions defaultRun();
+    static QString exitStatusHelp();
+    static bool parseSize(const QString& text, quint32& width, quint32& height);
+};
