@@ -92,26 +92,25 @@ QObject* CxRTTI::createInstance(const QMetaObject& mo) const
     return mo.newInstance();
 }
 
-CxChainable* CxRTTI::createChainableByUniqueId(const QString& uniqueId) const
+namespace {
+CxChainable* makeChainable(const CxRTTI& r, const QMetaObject* mo)
 {
-    const QMetaObject* mo = findByUniqueId(ChainableBase, uniqueId);
     if (!mo)
         return nullptr;
-    QObject* o = createInstance(*mo);
+    QObject* o = r.createInstance(*mo);
     auto* c = qobject_cast<CxChainable*>(o);
     if (!c)
         delete o;
     return c;
 }
+} // namespace
+
+CxChainable* CxRTTI::createChainableByUniqueId(const QString& uniqueId) const
+{
+    return makeChainable(*this, findByUniqueId(ChainableBase, uniqueId));
+}
 
 CxChainable* CxRTTI::createChainableByCustomName(const QString& customName) const
 {
-    const QMetaObject* mo = findByCustomName(ChainableBase, customName);
-    if (!mo)
-        return nullptr;
-    QObject* o = createInstance(*mo);
-    auto* c = qobject_cast<CxChainable*>(o);
-    if (!c)
-        delete o;
-    return c;
+    return makeChainable(*this, findByCustomName(ChainableBase, customName));
 }
