@@ -1,0 +1,493 @@
+// Per-hyperpixel statistics of a mosaic: CxPicBufAPI::FilterAvgOnMosaicPicBuf,
+// FilterMinOnMosaicPicBuf, FilterMaxOnMosaicPicBuf, FilterNormalizeOnMosaicPicBuf.
+//
+// A hyperpixel (cell) is periodX x periodY samples; cells tile the rectangle
+// from its top-left corner. The rectangle is clipped to the picture; partial
+// cells at its right and bottom edges are not hyperpixels.
+//
+// Output modes, chosen by the size of out (same sample type, one channel):
+// - out has the input's size: sliding cells. out(x, y) is the statistic of the
+//   cell whose top-left sample is (x, y). Where that cell would not lie wholly
+//   inside the rectangle (its last periodX - 1 columns and periodY - 1 rows,
+//   and everything outside it) x and y are clamped to the nearest cell that
+//   does, so the picture's edges repeat the last full result.
+// - out is (rect width / periodX) x (rect height / periodY): one sample per
+//   cell. Both sizes can coincide only when the two modes give the same result.
+// - Normalize always writes an output of the input's size: every sample of a
+//   cell becomes (v - min) / (max - min) of its cell, scaled to
+//   [0, (1 << bitsPerSample) - 1] and rounded to nearest (float: to [0, 1]);
+//   a flat cell gives 0. Samples that belong to no full cell are copied.
+//   bitsPerSample of 0 or beyond the type's value bits counts as all of them
+//   (so 7, 15 and 31 for signed types).
+// Sample types: signed and unsigned 8-, 16- and 32-bit integers and float.
+// Averages are summed in 64 bits (double for float) and rounded to nearest,
+// halves away from zero. Anything else answers false with out untouched:
+// another type or channel count, different types, a period below 1, a
+// rectangle that holds no full cell, an out size of neither mode, null pixels,
+// a pitch or data address that is not a multiple of the sample size, or an
+// output that overlaps the input. Nothing is allocated.
+#include "CxPicBufAPI.h"
+
+#include <QtCore/QRect>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <type_traits>
+
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+namespace QlarPicBufDetail {
+// The row pool of CxPicBufAPI_Median.cpp: body(first, last, slot) over
+// [0, count) on the caller and idle helper threads.
+using RowBody = std::function<void(int first, int last, int slot)>;
+void runRows(int count, int grain, int maxSlots, const RowBody& body);
+int rowHelpers();
+}
+
+namespace {
+
+// Below this many samples a frame is done on the caller's thread.
+constexpr qint64 MinParallelSamples = 1 << 16;
+
+// Rows of a frame in pieces, on several threads when the frame is big enough.
+void forRows(int count, qint64 samples, const QlarPicBufDetail::RowBody& body)
+{
+    const int slotCount = samples < MinParallelSamples ? 1 : QlarPicBufDetail::rowHelpers() + 1;
+    QlarPicBufDetail::runRows(count, std::max(4, count / (8 * slotCount)), slotCount, body);
+}
+
+enum class Stat { Min, Max, Avg, Normalize };
+
+struct Cells
+{
+    int left = 0, top = 0;      // clipped rectangle
+    int width = 0, height = 0;
+    int px = 1, py = 1;         // period
+};
+
+template <class T>
+using SumOf = std::conditional_t<std::is_floating_point_v<T>, double,
+                                 std::conditional_t<std::is_signed_v<T>, qint64, quint64>>;
+
+template <class T>
+inline T meanOf(SumOf<T> sum, qint64 n)
+{
+    if constexpr (std::is_floating_point_v<T>) {
+        return T(sum / double(n));
+    } else if constexpr (std::is_signed_v<T>) {
+        return T(sum >= 0 ? (sum + n / 2) / n : -((-sum + n / 2) / n));
+    } else {
+        return T((sum + quint64(n) / 2) / quint64(n));
+    }
+}
+
+template <class T>
+inline const T* rowAt(const SxPicBuf& p, int y)
+{
+    return reinterpret_cast<const T*>(p.data + qint64(y) * qint64(p.effectiveLinePitch()));
+}
+
+template <class T>
+inline T* rowAt(SxPicBuf& p, int y)
+{
+    return reinterpret_cast<T*>(p.data + qint64(y) * qint64(p.effectiveLinePitch()));
+}
+
+// Statistic of the px x py block whose top-left sample is (x, y).
+template <class T, Stat St>
+T blockStat(const SxPicBuf& in, int x, int y, int px, int py)
+{
+    if constexpr (St == Stat::Avg) {
+        SumOf<T> sum = 0;
+        for (int j = 0; j < py; ++j) {
+            const T* r = rowAt<T>(in, y + j) + x;
+            for (int i = 0; i < px; ++i)
+                sum += r[i];
+        }
+        return meanOf<T>(sum, qint64(px) * py);
+    } else {
+        T best = rowAt<T>(in, y)[x];
+        for (int j = 0; j < py; ++j) {
+            const T* r = rowAt<T>(in, y + j) + x;
+            for (int i = 0; i < px; ++i)
+                best = St == Stat::Min ? std::min(best, r[i]) : std::max(best, r[i]);
+        }
+        return best;
+    }
+}
+
+// ------------------------------------------------- 2 x 2 cells, 8/16-bit unsigned
+//
+// The common Bayer case: two rows are read as lanes of twice the sample width,
+// so each lane holds one horizontal pair; no shuffles are needed.
+
+#define QLAR_INLINE inline __attribute__((always_inline))
+
+template <class T, class W, int N, Stat St>
+QLAR_INLINE void pairRow(const T* a, const T* b, T* o, int n)
+{
+    typedef W WV __attribute__((vector_size(N * sizeof(W))));
+    typedef T TV __attribute__((vector_size(N * sizeof(T))));
+    constexpr int Bits = 8 * sizeof(T);
+    constexpr W Low = W((W(1) << Bits) - 1);
+    if (n < N) {
+        for (int i = 0; i < n; ++i) {
+            const T s[4] = {a[2 * i], a[2 * i + 1], b[2 * i], b[2 * i + 1]};
+            if constexpr (St == Stat::Avg)
+                o[i] = T((W(s[0]) + s[1] + s[2] + s[3] + 2) >> 2);
+            else if constexpr (St == Stat::Min)
+                o[i] = std::min(std::min(s[0], s[1]), std::min(s[2], s[3]));
+            else
+                o[i] = std::max(std::max(s[0], s[1]), std::max(s[2], s[3]));
+        }
+        return;
+    }
+    for (int k = 0, c = (n + N - 1) / N, i = 0; k < c; ++k, i = std::min(i + N, n - N)) {
+        WV va, vb;
+        std::memcpy(&va, a + 2 * i, sizeof va);
+        std::memcpy(&vb, b + 2 * i, sizeof vb);
+        const WV a0 = va & Low, a1 = va >> Bits, b0 = vb & Low, b1 = vb >> Bits;
+        WV r;
+        if constexpr (St == Stat::Avg) {
+            r = (a0 + a1 + b0 + b1 + 2) >> 2;
+        } else if constexpr (St == Stat::Min) {
+            const WV p = a0 < a1 ? a0 : a1, q = b0 < b1 ? b0 : b1;
+            r = p < q ? p : q;
+        } else {
+            const WV p = a0 < a1 ? a1 : a0, q = b0 < b1 ? b1 : b0;
+            r = p < q ? q : p;
+        }
+        const TV t = __builtin_convertvector(r, TV);
+        std::memcpy(o + i, &t, sizeof t);
+    }
+}
+
+// Sliding 2 x 2 cells: o[i] from a[i], a[i + 1], b[i], b[i + 1]; reads n + 1
+// samples of each row.
+template <class T, class W, int N, Stat St>
+QLAR_INLINE void slideRow(const T* a, const T* b, T* o, int n)
+{
+    typedef W WV __attribute__((vector_size(N * sizeof(W))));
+    typedef T TV __attribute__((vector_size(N * sizeof(T))));
+    auto one = [&](int i) {
+        const T s[4] = {a[i], a[i + 1], b[i], b[i + 1]};
+        if constexpr (St == Stat::Avg)
+            o[i] = T((W(s[0]) + s[1] + s[2] + s[3] + 2) >> 2);
+        else if constexpr (St == Stat::Min)
+            o[i] = std::min(std::min(s[0], s[1]), std::min(s[2], s[3]));
+        else
+            o[i] = std::max(std::max(s[0], s[1]), std::max(s[2], s[3]));
+    };
+    if (n < N) {
+        for (int i = 0; i < n; ++i)
+            one(i);
+        return;
+    }
+    for (int k = 0, c = (n + N - 1) / N, i = 0; k < c; ++k, i = std::min(i + N, n - N)) {
+        TV t[4];
+        std::memcpy(&t[0], a + i, sizeof(TV));
+        std::memcpy(&t[1], a + i + 1, sizeof(TV));
+        std::memcpy(&t[2], b + i, sizeof(TV));
+        std::memcpy(&t[3], b + i + 1, sizeof(TV));
+        TV r;
+        if constexpr (St == Stat::Avg) {
+            const WV sum = __builtin_convertvector(t[0], WV) + __builtin_convertvector(t[1], WV)
+                + __builtin_convertvector(t[2], WV) + __builtin_convertvector(t[3], WV);
+            r = __builtin_convertvector((sum + 2) >> 2, TV);
+        } else if constexpr (St == Stat::Min) {
+            const TV p = t[0] < t[1] ? t[0] : t[1], q = t[2] < t[3] ? t[2] : t[3];
+            r = p < q ? p : q;
+        } else {
+            const TV p = t[0] < t[1] ? t[1] : t[0], q = t[2] < t[3] ? t[3] : t[2];
+            r = p < q ? q : p;
+        }
+        std::memcpy(o + i, &r, sizeof r);
+    }
+}
+
+using PairRowFn = void (*)(const void*, const void*, void*, int);
+
+#define QLAR_PAIR_ENTRIES(T, W, suffix, St)                                                         \
+    __attribute__((target("avx2"))) void pairAvx2_##suffix(const void* a, const void* b, void* o, int n) \
+    { pairRow<T, W, 32 / sizeof(W), St>(static_cast<const T*>(a), static_cast<const T*>(b), static_cast<T*>(o), n); } \
+    void pairSse_##suffix(const void* a, const void* b, void* o, int n)                               \
+    { pairRow<T, W, 16 / sizeof(W), St>(static_cast<const T*>(a), static_cast<const T*>(b), static_cast<T*>(o), n); } \
+    __attribute__((target("avx2"))) void slideAvx2_##suffix(const void* a, const void* b, void* o, int n) \
+    { slideRow<T, W, 32 / sizeof(W), St>(static_cast<const T*>(a), static_cast<const T*>(b), static_cast<T*>(o), n); } \
+    void slideSse_##suffix(const void* a, const void* b, void* o, int n)                              \
+    { slideRow<T, W, 16 / sizeof(W), St>(static_cast<const T*>(a), static_cast<const T*>(b), static_cast<T*>(o), n); }
+
+QLAR_PAIR_ENTRIES(quint8, quint16, u8min, Stat::Min)
+QLAR_PAIR_ENTRIES(quint8, quint16, u8max, Stat::Max)
+QLAR_PAIR_ENTRIES(quint8, quint16, u8avg, Stat::Avg)
+QLAR_PAIR_ENTRIES(quint16, quint32, u16min, Stat::Min)
+QLAR_PAIR_ENTRIES(quint16, quint32, u16max, Stat::Max)
+QLAR_PAIR_ENTRIES(quint16, quint32, u16avg, Stat::Avg)
+
+bool hasAvx2()
+{
+    static const bool yes = __builtin_cpu_supports("avx2");
+    return yes;
+}
+
+// The 2 x 2 row kernel for a type and statistic, per cell or sliding; null
+// when there is none.
+PairRowFn pickPairRow(ExImageDataType type, Stat st, bool slide)
+{
+#define QLAR_PICK(suffix)                                                                      \
+    (slide ? (avx ? slideAvx2_##suffix : slideSse_##suffix) : (avx ? pairAvx2_##suffix : pairSse_##suffix))
+    const bool avx = hasAvx2();
+    if (type == IDT_UINT8) {
+        switch (st) {
+        case Stat::Min: return QLAR_PICK(u8min);
+        case Stat::Max: return QLAR_PICK(u8max);
+        case Stat::Avg: return QLAR_PICK(u8avg);
+        default: return nullptr;
+        }
+    }
+    if (type == IDT_UINT16) {
+        switch (st) {
+        case Stat::Min: return QLAR_PICK(u16min);
+        case Stat::Max: return QLAR_PICK(u16max);
+        case Stat::Avg: return QLAR_PICK(u16avg);
+        default: return nullptr;
+        }
+    }
+#undef QLAR_PICK
+    return nullptr;
+}
+
+// ------------------------------------------------------------ the three modes
+
+template <class T, Stat St>
+void perCell(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
+{
+    const int nx = int(out.width), ny = int(out.height);
+    const PairRowFn pair = c.px == 2 && c.py == 2 ? pickPairRow(in.dataType, St, false) : nullptr;
+    forRows(ny, qint64(nx) * ny * c.px * c.py, [&](int j0, int j1, int) {
+        for (int j = j0; j < j1; ++j) {
+            const int y = c.top + j * c.py;
+            T* o = rowAt<T>(out, j);
+            if (pair) {
+                pair(rowAt<T>(in, y) + c.left, rowAt<T>(in, y + 1) + c.left, o, nx);
+                continue;
+            }
+            for (int i = 0; i < nx; ++i)
+                o[i] = blockStat<T, St>(in, c.left + i * c.px, y, c.px, c.py);
+        }
+    });
+}
+
+// Sliding cells. For each output row, the cell's rows are first folded per
+// column (min, max or sum) into a stack buffer, then slid along x, so a
+// sample costs periodX + periodY operations instead of their product.
+template <class T, Stat St>
+void sliding(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
+{
+    using Acc = std::conditional_t<St == Stat::Avg, SumOf<T>, T>;
+    constexpr int Chunk = 2048;
+    const int w = int(out.width), h = int(out.height);
+    const int lastX = c.left + c.width - c.px;   // last anchor that holds a full cell
+    const int lastY = c.top + c.height - c.py;
+    const qint64 n = qint64(c.px) * c.py;
+    const PairRowFn pair = c.px == 2 && c.py == 2 ? pickPairRow(in.dataType, St, true) : nullptr;
+    forRows(h, qint64(w) * h, [&](int y0, int y1, int) {
+        for (int y = y0; y < y1; ++y) {
+            const int ay = std::clamp(y, c.top, lastY);
+            T* o = rowAt<T>(out, y);
+            if (pair) {
+                pair(rowAt<T>(in, ay) + c.left, rowAt<T>(in, ay + 1) + c.left, o + c.left, lastX - c.left + 1);
+            } else if (c.px >= Chunk) {
+                for (int ax = c.left; ax <= lastX; ++ax)
+                    o[ax] = blockStat<T, St>(in, ax, ay, c.px, c.py);
+            } else {
+                Acc col[Chunk];
+                const int step = Chunk - c.px + 1;
+                for (int a0 = c.left; a0 <= lastX; a0 += step) {
+                    const int anchors = std::min(step, lastX - a0 + 1);
+                    const int cols = anchors + c.px - 1;
+                    const T* r0 = rowAt<T>(in, ay) + a0;
+                    for (int k = 0; k < cols; ++k)
+                        col[k] = Acc(r0[k]);
+                    for (int j = 1; j < c.py; ++j) {
+                        const T* r = rowAt<T>(in, ay + j) + a0;
+                        for (int k = 0; k < cols; ++k) {
+                            if constexpr (St == Stat::Avg)
+                                col[k] += r[k];
+                            else if constexpr (St == Stat::Min)
+                                col[k] = std::min(col[k], r[k]);
+                            else
+                                col[k] = std::max(col[k], r[k]);
+                        }
+                    }
+                    if constexpr (St == Stat::Avg) {
+                        Acc sum = 0;
+                        for (int k = 0; k < c.px; ++k)
+                            sum += col[k];
+                        for (int k = 0; k < anchors; ++k) {
+                            o[a0 + k] = meanOf<T>(sum, n);
+                            if (k + 1 < anchors)
+                                sum += col[k + c.px] - col[k];
+                        }
+                    } else {
+                        for (int k = 0; k < anchors; ++k) {
+                            Acc best = col[k];
+                            for (int i = 1; i < c.px; ++i)
+                                best = St == Stat::Min ? std::min(best, col[k + i]) : std::max(best, col[k + i]);
+                            o[a0 + k] = best;
+                        }
+                    }
+                }
+            }
+            std::fill(o, o + c.left, o[c.left]);
+            std::fill(o + lastX + 1, o + w, o[lastX]);
+        }
+    });
+}
+
+template <class T>
+quint64 fullScaleOf(quint32 bitsPerSample)
+{
+    const quint32 valueBits = 8 * sizeof(T) - (std::is_signed_v<T> ? 1 : 0);
+    const quint32 bits = bitsPerSample == 0 || bitsPerSample > valueBits ? valueBits : bitsPerSample;
+    return (quint64(1) << bits) - 1;
+}
+
+template <class T>
+void normalizeCell(const SxPicBuf& in, int x, int y, const Cells& c, quint64 fullScale, SxPicBuf& out)
+{
+    const T lo = blockStat<T, Stat::Min>(in, x, y, c.px, c.py);
+    const T hi = blockStat<T, Stat::Max>(in, x, y, c.px, c.py);
+    for (int dy = 0; dy < c.py; ++dy) {
+        const T* s = rowAt<T>(in, y + dy) + x;
+        T* d = rowAt<T>(out, y + dy) + x;
+        if constexpr (std::is_floating_point_v<T>) {
+            const T range = hi - lo;
+            for (int k = 0; k < c.px; ++k)
+                d[k] = range > 0 ? (s[k] - lo) / range : T(0);
+        } else {
+            // 32-bit differences times a 32-bit full scale need 128 bits.
+            using Wide = std::conditional_t<sizeof(T) <= 2, quint64, unsigned __int128>;
+            const quint64 range = quint64(qint64(hi) - qint64(lo));
+            for (int k = 0; k < c.px; ++k)
+                d[k] = range ? T((Wide(quint64(qint64(s[k]) - qint64(lo))) * fullScale + range / 2) / range) : T(0);
+        }
+    }
+}
+
+template <class T>
+void normalize(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
+{
+    const int h = int(in.height);
+    const size_t rowBytes = size_t(in.packedLineBytes());
+    const quint64 fullScale = fullScaleOf<T>(in.bitsPerSample);
+    const int cellsX = c.width / c.px, cellsY = c.height / c.py;
+    const qint64 samples = qint64(in.width) * h;
+    forRows(h, samples, [&](int y0, int y1, int) {
+        for (int y = y0; y < y1; ++y)
+            std::memcpy(rowAt<T>(out, y), rowAt<T>(in, y), rowBytes);
+    });
+    forRows(cellsY, samples, [&](int j0, int j1, int) {
+        for (int j = j0; j < j1; ++j)
+            for (int i = 0; i < cellsX; ++i)
+                normalizeCell<T>(in, c.left + i * c.px, c.top + j * c.py, c, fullScale, out);
+    });
+}
+
+template <class T>
+bool runTyped(Stat st, bool perCellMode, const SxPicBuf& in, const Cells& c, SxPicBuf& out)
+{
+    if (st == Stat::Normalize) {
+        normalize<T>(in, c, out);
+        return true;
+    }
+    switch (st) {
+    case Stat::Min: perCellMode ? perCell<T, Stat::Min>(in, c, out) : sliding<T, Stat::Min>(in, c, out); break;
+    case Stat::Max: perCellMode ? perCell<T, Stat::Max>(in, c, out) : sliding<T, Stat::Max>(in, c, out); break;
+    default: perCellMode ? perCell<T, Stat::Avg>(in, c, out) : sliding<T, Stat::Avg>(in, c, out); break;
+    }
+    return true;
+}
+
+bool laidOut(const SxPicBuf& p)
+{
+    const quint64 pitch = p.effectiveLinePitch();
+    if (!p.data || pitch < p.packedLineBytes() || pitch % p.bytesPerSample()
+        || quintptr(p.data) % p.bytesPerSample())
+        return false;
+    return p.memCapacity == 0 || p.memCapacity >= p.requiredBytes();
+}
+
+bool overlaps(const SxPicBuf& a, const SxPicBuf& b)
+{
+    const uchar* a0 = a.data;
+    const uchar* a1 = a0 + a.requiredBytes();
+    const uchar* b0 = b.data;
+    const uchar* b1 = b0 + b.requiredBytes();
+    return a0 < b1 && b0 < a1;
+}
+
+bool filterMosaic(Stat st, const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
+{
+    if (periodX <= 0 || periodY <= 0)
+        return false;
+    if (in.channels != 1 || out.channels != 1 || in.dataType != out.dataType)
+        return false;
+    if (in.width == 0 || in.height == 0 || in.width > quint32(INT_MAX) || in.height > quint32(INT_MAX))
+        return false;
+    if (!laidOut(in) || !laidOut(out) || overlaps(in, out))
+        return false;
+
+    const QRect clipped = rect.intersected(QRect(0, 0, int(in.width), int(in.height)));
+    if (clipped.width() < periodX || clipped.height() < periodY)
+        return false;
+    Cells c;
+    c.left = clipped.left();
+    c.top = clipped.top();
+    c.width = clipped.width();
+    c.height = clipped.height();
+    c.px = periodX;
+    c.py = periodY;
+
+    const bool fullSize = out.width == in.width && out.height == in.height;
+    const bool cellSize = out.width == quint32(c.width / periodX) && out.height == quint32(c.height / periodY);
+    if (st == Stat::Normalize ? !fullSize : !(fullSize || cellSize))
+        return false;
+    const bool perCellMode = !fullSize;
+
+    switch (in.dataType) {
+    case IDT_INT8: return runTyped<qint8>(st, perCellMode, in, c, out);
+    case IDT_UINT8: return runTyped<quint8>(st, perCellMode, in, c, out);
+    case IDT_INT16: return runTyped<qint16>(st, perCellMode, in, c, out);
+    case IDT_UINT16: return runTyped<quint16>(st, perCellMode, in, c, out);
+    case IDT_INT32: return runTyped<qint32>(st, perCellMode, in, c, out);
+    case IDT_UINT32: return runTyped<quint32>(st, perCellMode, in, c, out);
+    case IDT_FLOAT: return runTyped<float>(st, perCellMode, in, c, out);
+    default: return false;
+    }
+}
+
+} // namespace
+
+bool CxPicBufAPI::FilterAvgOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
+{
+    return filterMosaic(Stat::Avg, in, rect, periodX, periodY, out);
+}
+
+bool CxPicBufAPI::FilterMinOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
+{
+    return filterMosaic(Stat::Min, in, rect, periodX, periodY, out);
+}
+
+bool CxPicBufAPI::FilterMaxOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
+{
+    return filterMosaic(Stat::Max, in, rect, periodX, periodY, out);
+}
+
+bool CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
+{
+    return filterMosaic(Stat::Normalize, in, rect, periodX, periodY, out);
+}

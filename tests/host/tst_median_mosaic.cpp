@@ -1,0 +1,479 @@
+#include <CxPicBufAPI.h>
+
+#include <QtCore/QRect>
+#include <QtTest/QtTest>
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace {
+
+// A picture over exactly the bytes its rows need (no slack after the last
+// row), so the sanitizer catches any read or write past it.
+struct TightPic
+{
+    std::unique_ptr<uchar[]> mem;
+    SxPicBuf p;
+    TightPic(quint32 w, quint32 h, ExImageDataType t, quint32 padBytes = 0)
+    {
+        SxPicBufInfo f;
+        f.width = w;
+        f.height = h;
+        f.channels = 1;
+        f.dataType = t;
+        f.bitsPerSample = bytesPerSampleOf(t) * 8;
+        f.linePitch = quint32(f.packedLineBytes()) + padBytes;
+        const quint64 bytes = std::max<quint64>(f.requiredBytes(), 1);
+        mem.reset(new uchar[bytes]);
+        std::fill(mem.get(), mem.get() + bytes, uchar(0xA5));
+        QVERIFY(CxPicBufAPI::WrapPicBuf(p, f, mem.get(), bytes));
+    }
+    template <class T> T& at(int x, int y) { return p.row<T>(quint32(y))[x]; }
+    template <class T> T at(int x, int y) const { return p.row<T>(quint32(y))[x]; }
+};
+
+template <class T>
+void fillRandom(TightPic& pic, quint32 seed, int distinct = 0)
+{
+    std::mt19937 rng(seed);
+    for (quint32 y = 0; y < pic.p.height; ++y)
+        for (quint32 x = 0; x < pic.p.width; ++x) {
+            if constexpr (std::is_floating_point_v<T>)
+                pic.at<T>(int(x), int(y)) = T(std::uniform_real_distribution<double>(-100, 100)(rng));
+            else if (distinct)
+                pic.at<T>(int(x), int(y)) = T(std::numeric_limits<T>::min() + T(rng() % distinct) * 7);
+            else
+                pic.at<T>(int(x), int(y)) = T(std::uniform_int_distribution<qint64>(
+                    std::numeric_limits<T>::min(), std::numeric_limits<T>::max())(rng));
+        }
+}
+
+void fillAny(TightPic& pic, quint32 seed, int distinct = 0)
+{
+    switch (pic.p.dataType) {
+    case IDT_INT8: return fillRandom<qint8>(pic, seed, distinct);
+    case IDT_UINT8: return fillRandom<quint8>(pic, seed, distinct);
+    case IDT_INT16: return fillRandom<qint16>(pic, seed, distinct);
+    case IDT_UINT16: return fillRandom<quint16>(pic, seed, distinct);
+    case IDT_INT32: return fillRandom<qint32>(pic, seed, distinct);
+    case IDT_UINT32: return fillRandom<quint32>(pic, seed, distinct);
+    default: return fillRandom<float>(pic, seed, distinct);
+    }
+}
+
+template <class T>
+void naiveMedian(const TightPic& in, TightPic& out, int r)
+{
+    const int w = int(in.p.width), h = int(in.p.height);
+    std::vector<T> win;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            win.clear();
+            for (int dy = -r; dy <= r; ++dy)
+                for (int dx = -r; dx <= r; ++dx)
+                    win.push_back(in.at<T>(std::clamp(x + dx, 0, w - 1), std::clamp(y + dy, 0, h - 1)));
+            std::nth_element(win.begin(), win.begin() + win.size() / 2, win.end());
+            out.at<T>(x, y) = win[win.size() / 2];
+        }
+}
+
+// Compares packed samples only: padding of the output must stay untouched.
+bool sameSamples(const TightPic& a, const TightPic& b)
+{
+    if (a.p.width != b.p.width || a.p.height != b.p.height)
+        return false;
+    for (quint32 y = 0; y < a.p.height; ++y)
+        if (std::memcmp(a.p.rowPtr(y), b.p.rowPtr(y), size_t(a.p.packedLineBytes())))
+            return false;
+    return true;
+}
+
+cv::Mat asMat(const TightPic& pic)
+{
+    const int type = pic.p.dataType == IDT_UINT8 ? CV_8U : CV_16U;
+    return cv::Mat(int(pic.p.height), int(pic.p.width), type, pic.p.data, pic.p.linePitch);
+}
+
+enum Stat { Min, Max, Avg, Normalize };
+
+bool runFilter(Stat st, const SxPicBuf& in, const QRect& rect, int px, int py, SxPicBuf& out)
+{
+    switch (st) {
+    case Min: return CxPicBufAPI::FilterMinOnMosaicPicBuf(in, rect, px, py, out);
+    case Max: return CxPicBufAPI::FilterMaxOnMosaicPicBuf(in, rect, px, py, out);
+    case Avg: return CxPicBufAPI::FilterAvgOnMosaicPicBuf(in, rect, px, py, out);
+    default: return CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(in, rect, px, py, out);
+    }
+}
+
+// The documented behaviour written out one sample at a time.
+template <class T>
+double naiveCell(const TightPic& in, Stat st, int x0, int y0, int px, int py)
+{
+    double lo = in.at<T>(x0, y0), hi = lo, sum = 0;
+    for (int y = y0; y < y0 + py; ++y)
+        for (int x = x0; x < x0 + px; ++x) {
+            const double v = in.at<T>(x, y);
+            lo = std::min(lo, v), hi = std::max(hi, v), sum += v;
+        }
+    if (st == Min)
+        return lo;
+    if (st == Max)
+        return hi;
+    const double mean = sum / (px * py);
+    return std::is_floating_point_v<T> ? mean : (mean < 0 ? -std::floor(-mean + 0.5) : std::floor(mean + 0.5));
+}
+
+template <class T>
+void naiveMosaic(const TightPic& in, Stat st, QRect rect, int px, int py, TightPic& out)
+{
+    rect = rect.intersected(QRect(0, 0, int(in.p.width), int(in.p.height)));
+    const int cellsX = rect.width() / px, cellsY = rect.height() / py;
+    const bool fullSize = out.p.width == in.p.width && out.p.height == in.p.height;
+    if (st == Normalize) {
+        quint32 bits = std::min<quint32>(in.p.bitsPerSample, 8 * sizeof(T) - (std::is_signed_v<T> ? 1 : 0));
+        const double fs = std::is_floating_point_v<T> ? 1.0 : double((quint64(1) << bits) - 1);
+        for (int y = 0; y < int(in.p.height); ++y)
+            for (int x = 0; x < int(in.p.width); ++x) {
+                const int i = (x - rect.left()) / px, j = (y - rect.top()) / py;
+                T v = in.at<T>(x, y);
+                if (x >= rect.left() && y >= rect.top() && i < cellsX && j < cellsY) {
+                    const int cx = rect.left() + i * px, cy = rect.top() + j * py;
+                    const double lo = naiveCell<T>(in, Min, cx, cy, px, py), hi = naiveCell<T>(in, Max, cx, cy, px, py);
+                    const double n = hi > lo ? (double(v) - lo) / (hi - lo) * fs : 0.0;
+                    v = T(std::is_floating_point_v<T> ? n : std::floor(n + 0.5));
+                }
+                out.at<T>(x, y) = v;
+            }
+    } else if (fullSize) {
+        for (int y = 0; y < int(out.p.height); ++y)
+            for (int x = 0; x < int(out.p.width); ++x)
+                out.at<T>(x, y) = T(naiveCell<T>(in, st, std::clamp(x, rect.left(), rect.left() + rect.width() - px),
+                                                 std::clamp(y, rect.top(), rect.top() + rect.height() - py), px, py));
+    } else {
+        for (int j = 0; j < cellsY; ++j)
+            for (int i = 0; i < cellsX; ++i)
+                out.at<T>(i, j) = T(naiveCell<T>(in, st, rect.left() + i * px, rect.top() + j * py, px, py));
+    }
+}
+
+void naiveMosaicAny(const TightPic& in, Stat st, QRect rect, int px, int py, TightPic& out)
+{
+    switch (in.p.dataType) {
+    case IDT_INT8: return naiveMosaic<qint8>(in, st, rect, px, py, out);
+    case IDT_UINT8: return naiveMosaic<quint8>(in, st, rect, px, py, out);
+    case IDT_INT16: return naiveMosaic<qint16>(in, st, rect, px, py, out);
+    case IDT_UINT16: return naiveMosaic<quint16>(in, st, rect, px, py, out);
+    case IDT_INT32: return naiveMosaic<qint32>(in, st, rect, px, py, out);
+    case IDT_UINT32: return naiveMosaic<quint32>(in, st, rect, px, py, out);
+    default: return naiveMosaic<float>(in, st, rect, px, py, out);
+    }
+}
+
+bool closeFloats(const TightPic& a, const TightPic& b)
+{
+    for (quint32 y = 0; y < a.p.height; ++y)
+        for (quint32 x = 0; x < a.p.width; ++x)
+            if (std::abs(a.at<float>(int(x), int(y)) - b.at<float>(int(x), int(y))) > 1e-4f)
+                return false;
+    return true;
+}
+
+struct MedianWork
+{
+    void* buf = nullptr;
+    MedianWork(quint32 w, ExImageDataType t, int r)
+    {
+        SxPicBufInfo f;
+        f.width = w;
+        f.height = 1;
+        f.channels = 1;
+        f.dataType = t;
+        CxPicBufAPI::MedianAllocBuffer(f, r, &buf);
+    }
+    ~MedianWork() { CxPicBufAPI::MedianFreeBuffer(buf); }
+};
+
+} // namespace
+
+Q_DECLARE_METATYPE(ExImageDataType)
+Q_DECLARE_METATYPE(Stat)
+
+class TstMedianMosaic : public QObject
+{
+    Q_OBJECT
+private slots:
+    void median_data()
+    {
+        QTest::addColumn<ExImageDataType>("type");
+        QTest::addColumn<int>("w");
+        QTest::addColumn<int>("h");
+        QTest::addColumn<int>("radius");
+        QTest::addColumn<int>("pad");
+        QTest::addColumn<int>("distinct");
+        const QList<QPair<int, int>> sizes = {{1, 1}, {37, 1}, {1, 29}, {3, 2}, {37, 23}, {70, 9}, {33, 40}, {289, 7}};
+        for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
+            for (const auto& s : sizes)
+                for (int r = 1; r <= 4; ++r)
+                    for (int pad : {0, 6}) {
+                        // Few distinct values: ties and flat runs stress the histogram walk.
+                        const int distinct = (s.first + r) % 3 == 0 ? 3 : 0;
+                        QTest::addRow("%s %dx%d r%d%s%s", t == IDT_UINT8 ? "u8" : "u16", s.first, s.second, r,
+                                      pad ? " padded" : "", distinct ? " ties" : "")
+                            << t << s.first << s.second << r << pad << distinct;
+                    }
+    }
+    void median()
+    {
+        QFETCH(ExImageDataType, type);
+        QFETCH(int, w);
+        QFETCH(int, h);
+        QFETCH(int, radius);
+        QFETCH(int, pad);
+        QFETCH(int, distinct);
+        TightPic in(w, h, type, pad), out(w, h, type, pad + 2), ref(w, h, type, pad + 2);
+        fillAny(in, quint32(w * 131 + h * 7 + radius), distinct);
+        if (type == IDT_UINT8)
+            naiveMedian<quint8>(in, ref, radius);
+        else
+            naiveMedian<quint16>(in, ref, radius);
+        MedianWork work(quint32(w), type, radius);
+        QVERIFY(CxPicBufAPI::Median(in.p, out.p, radius, work.buf));
+        QVERIFY(sameSamples(out, ref));
+        // Padding after each row is not written.
+        for (int y = 0; y + 1 < h; ++y)
+            QCOMPARE(out.p.rowPtr(quint32(y))[out.p.packedLineBytes()], uchar(0xA5));
+    }
+
+    // Frames big enough for the threaded bands, checked against OpenCV where
+    // it supports the kernel.
+    void medianMatchesOpenCv_data()
+    {
+        QTest::addColumn<ExImageDataType>("type");
+        QTest::addColumn<int>("ksize");
+        for (int k : {3, 5, 7, 9})
+            QTest::addRow("u8 k%d", k) << IDT_UINT8 << k;
+        for (int k : {3, 5})
+            QTest::addRow("u16 k%d", k) << IDT_UINT16 << k;
+    }
+    void medianMatchesOpenCv()
+    {
+        QFETCH(ExImageDataType, type);
+        QFETCH(int, ksize);
+        TightPic in(641, 203, type, 4), out(641, 203, type);
+        fillAny(in, 99);
+        MedianWork work(641, type, ksize / 2);
+        QVERIFY(CxPicBufAPI::Median(in.p, out.p, ksize / 2, work.buf));
+        cv::Mat expected;
+        cv::medianBlur(asMat(in), expected, ksize);
+        QCOMPARE(cv::norm(asMat(out), expected, cv::NORM_INF), 0.0);
+    }
+
+    void medianLargeRadius_data()
+    {
+        QTest::addColumn<ExImageDataType>("type");
+        QTest::addColumn<int>("w");
+        QTest::addColumn<int>("h");
+        QTest::addColumn<int>("radius");
+        QTest::newRow("u16 r6") << IDT_UINT16 << 300 << 90 << 6;
+        QTest::newRow("u8 r20 across strips") << IDT_UINT8 << 300 << 12 << 20;
+        QTest::newRow("u8 r130 beyond 16-bit column counts") << IDT_UINT8 << 12 << 5 << 130;
+    }
+    void medianLargeRadius()
+    {
+        QFETCH(ExImageDataType, type);
+        QFETCH(int, w);
+        QFETCH(int, h);
+        QFETCH(int, radius);
+        TightPic in(w, h, type), out(w, h, type), ref(w, h, type);
+        fillAny(in, 5);
+        if (type == IDT_UINT8)
+            naiveMedian<quint8>(in, ref, radius);
+        else
+            naiveMedian<quint16>(in, ref, radius);
+        MedianWork work(quint32(w), type, radius);
+        QVERIFY(CxPicBufAPI::Median(in.p, out.p, radius, work.buf));
+        QVERIFY(sameSamples(out, ref));
+    }
+
+    void radiusZeroCopiesAndBiggerBufferServes()
+    {
+        TightPic in(37, 23, IDT_UINT8, 3), out(37, 23, IDT_UINT8), ref(37, 23, IDT_UINT8);
+        fillAny(in, 1);
+        MedianWork big(500, IDT_UINT16, 2);
+        QVERIFY(CxPicBufAPI::Median(in.p, out.p, 0, big.buf));
+        QVERIFY(sameSamples(out, in));
+        naiveMedian<quint8>(in, ref, 1);
+        QVERIFY(CxPicBufAPI::Median(in.p, out.p, 1, big.buf));
+        QVERIFY(sameSamples(out, ref));
+    }
+
+    void medianRefusals_data()
+    {
+        QTest::addColumn<QString>("what");
+        for (const char* s : {"no buffer", "kernel 3 buffer for kernel 5", "8-bit histogram for 16-bit", "signed 16-bit",
+                              "float", "three channels", "sizes differ", "types differ", "no pixels",
+                              "negative radius", "in place", "odd pitch for 16-bit"})
+            QTest::newRow(s) << QString::fromLatin1(s);
+    }
+    void medianRefusals()
+    {
+        QFETCH(QString, what);
+        ExImageDataType inType = what == "signed 16-bit" ? IDT_INT16 : what == "float" ? IDT_FLOAT : IDT_UINT16;
+        TightPic in(40, 9, inType), out(40, what == "sizes differ" ? 8 : 9, what == "types differ" ? IDT_UINT8 : inType);
+        int radius = what == "negative radius" ? -1 : what == "8-bit histogram for 16-bit" ? 3
+                   : what == "kernel 3 buffer for kernel 5"                                   ? 2 : 1;
+        MedianWork work(40, what == "8-bit histogram for 16-bit" ? IDT_UINT8 : IDT_UINT16,
+                        radius == 2 || radius < 0 ? 1 : radius);
+        void* buf = what == "no buffer" ? nullptr : work.buf;
+        SxPicBuf src = in.p, dst = out.p;
+        if (what == "three channels")
+            src.channels = dst.channels = 3;
+        if (what == "no pixels")
+            src.data = nullptr;
+        if (what == "in place")
+            dst = src;
+        if (what == "odd pitch for 16-bit")
+            src.linePitch = 81, src.height = 8, dst.height = 8;
+        const std::vector<uchar> before(out.p.data, out.p.data + out.p.requiredBytes());
+        QVERIFY(!CxPicBufAPI::Median(src, dst, radius, buf));
+        QVERIFY(std::equal(before.begin(), before.end(), out.p.data));
+    }
+
+    void medianAllocRefusals()
+    {
+        SxPicBufInfo f;
+        f.width = 16;
+        f.height = 4;
+        f.channels = 1;
+        f.dataType = IDT_INT8;
+        void* buf = reinterpret_cast<void*>(1);
+        QVERIFY(!CxPicBufAPI::MedianAllocBuffer(f, 1, &buf));
+        QCOMPARE(buf, nullptr);
+        f.dataType = IDT_UINT8;
+        QVERIFY(!CxPicBufAPI::MedianAllocBuffer(f, -1, &buf));
+        QVERIFY(!CxPicBufAPI::MedianAllocBuffer(f, 1, nullptr));
+        CxPicBufAPI::MedianFreeBuffer(nullptr);
+    }
+
+    void mosaic_data()
+    {
+        QTest::addColumn<ExImageDataType>("type");
+        QTest::addColumn<Stat>("stat");
+        QTest::addColumn<QRect>("rect");
+        QTest::addColumn<int>("px");
+        QTest::addColumn<int>("py");
+        QTest::addColumn<bool>("sliding");
+        QTest::addColumn<int>("w");
+        const char* statNames[] = {"min", "max", "avg", "normalize"};
+        struct Geo { const char* name; QRect rect; int px, py, w; };
+        const Geo geos[] = {{"bayer", QRect(0, 0, 75, 23), 2, 2, 75},
+                            {"bayer wide", QRect(0, 0, 200, 6), 2, 2, 201},
+                            {"3x3 in rect", QRect(3, 2, 29, 17), 3, 3, 37},
+                            {"5x5 in rect", QRect(1, 1, 33, 21), 5, 5, 37},
+                            {"4x2 clipped rect", QRect(-3, 5, 90, 90), 4, 2, 37}};
+        for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
+            for (const Geo& g : geos)
+                for (int st = Min; st <= Normalize; ++st)
+                    for (bool sliding : {false, true}) {
+                        if (st == Normalize && !sliding)
+                            continue;
+                        QTest::addRow("%s %s %s%s", t == IDT_UINT8 ? "u8" : "u16", g.name, statNames[st],
+                                      sliding && st != Normalize ? " sliding" : "")
+                            << t << Stat(st) << g.rect << g.px << g.py << sliding << g.w;
+                    }
+        // The wider and signed types share one code path; one geometry each.
+        const QPair<ExImageDataType, const char*> others[] = {
+            {IDT_INT8, "s8"}, {IDT_INT16, "s16"}, {IDT_INT32, "s32"}, {IDT_UINT32, "u32"}, {IDT_FLOAT, "f32"}};
+        for (const auto& o : others)
+            for (int st = Min; st <= Normalize; ++st)
+                for (bool sliding : {false, true})
+                    if (st != Normalize || sliding)
+                        QTest::addRow("%s 3x3 in rect %s%s", o.second, statNames[st], sliding ? " sliding" : "")
+                            << o.first << Stat(st) << QRect(3, 2, 29, 17) << 3 << 3 << sliding << 37;
+    }
+    void mosaic()
+    {
+        QFETCH(ExImageDataType, type);
+        QFETCH(Stat, stat);
+        QFETCH(QRect, rect);
+        QFETCH(int, px);
+        QFETCH(int, py);
+        QFETCH(bool, sliding);
+        QFETCH(int, w);
+        const int h = 23;
+        TightPic in(w, h, type, 8);
+        fillAny(in, quint32(w + px * 10 + int(stat)));
+        const QRect clipped = rect.intersected(QRect(0, 0, w, h));
+        const int ow = sliding ? w : clipped.width() / px, oh = sliding ? h : clipped.height() / py;
+        TightPic out(ow, oh, type, 4), ref(ow, oh, type, 4);
+        QVERIFY(runFilter(stat, in.p, rect, px, py, out.p));
+        naiveMosaicAny(in, stat, rect, px, py, ref);
+        QVERIFY(type == IDT_FLOAT ? closeFloats(out, ref) : sameSamples(out, ref));
+    }
+
+    void normalizeUsesSignificantBits()
+    {
+        TightPic in(4, 2, IDT_UINT16), out(4, 2, IDT_UINT16);
+        in.p.bitsPerSample = 12;
+        const quint16 v[8] = {100, 200, 50, 50, 300, 300, 50, 50};
+        for (int i = 0; i < 8; ++i)
+            in.at<quint16>(i % 4, i / 4) = v[i];
+        QVERIFY(CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(in.p, QRect(0, 0, 4, 2), 2, 2, out.p));
+        const quint16 expected[8] = {0, 2048, 0, 0, 4095, 4095, 0, 0};  // right cell is flat
+        for (int i = 0; i < 8; ++i)
+            QCOMPARE(out.at<quint16>(i % 4, i / 4), expected[i]);
+    }
+
+    void bayerAverageMatchesOpenCvAreaResize()
+    {
+        TightPic in(640, 480, IDT_UINT8), out(320, 240, IDT_UINT8);
+        fillAny(in, 3);
+        QVERIFY(CxPicBufAPI::FilterAvgOnMosaicPicBuf(in.p, QRect(0, 0, 640, 480), 2, 2, out.p));
+        cv::Mat expected;
+        cv::resize(asMat(in), expected, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
+        QCOMPARE(cv::norm(asMat(out), expected, cv::NORM_INF), 0.0);
+    }
+
+    void mosaicRefusals_data()
+    {
+        QTest::addColumn<QString>("what");
+        for (const char* s : {"period 0", "negative period", "output size of neither mode", "rect outside picture",
+                              "rect smaller than a cell", "double samples", "types differ", "three channels",
+                              "no pixels", "in place", "normalize into cell-sized output"})
+            QTest::newRow(s) << QString::fromLatin1(s);
+    }
+    void mosaicRefusals()
+    {
+        QFETCH(QString, what);
+        const ExImageDataType t = what == "double samples" ? IDT_DOUBLE : IDT_UINT16;
+        const bool cellOut = what == "normalize into cell-sized output";
+        TightPic in(20, 10, t), out(cellOut ? 10 : 20, cellOut ? 5 : (what == "output size of neither mode" ? 9 : 10),
+                                    what == "types differ" ? IDT_UINT8 : t);
+        QRect rect(0, 0, 20, 10);
+        int px = what == "period 0" ? 0 : 2, py = what == "negative period" ? -2 : 2;
+        if (what == "rect outside picture")
+            rect = QRect(20, 0, 4, 4);
+        if (what == "rect smaller than a cell")
+            rect = QRect(18, 8, 1, 2);
+        SxPicBuf src = in.p, dst = out.p;
+        if (what == "three channels")
+            src.channels = dst.channels = 3;
+        if (what == "no pixels")
+            src.data = nullptr;
+        if (what == "in place")
+            dst = src;
+        const std::vector<uchar> before(out.p.data, out.p.data + out.p.requiredBytes());
+        QVERIFY(!runFilter(cellOut ? Normalize : Avg, src, rect, px, py, dst));
+        QVERIFY(!runFilter(cellOut ? Normalize : Max, src, rect, px, py, dst));
+        QVERIFY(std::equal(before.begin(), before.end(), out.p.data));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstMedianMosaic)
+#include "tst_median_mosaic.moc"
