@@ -1,0 +1,524 @@
+#include <CxHistoData.h>
+#include <CxImageData.h>
+#include <CxImageMetadata.h>
+#include <CxLut.h>
+#include <CxPicBufAPI.h>
+#include <CxPicBufMeas.h>
+
+#include <QtGui/QImage>
+#include <QtTest/QtTest>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace {
+using H = CxHistoData;
+
+// A picture in memory that ends right after its last row's samples, so any
+// read past the picture is a sanitizer report.
+struct TestPic
+{
+    std::vector<uchar> mem;
+    SxPicBuf pic;
+    explicit TestPic(const SxPicBufInfo& f)
+    {
+        mem.resize(f.requiredBytes());
+        CxPicBufAPI::WrapPicBuf(pic, f, mem.data(), mem.size());
+    }
+    template <class T> T* row(int y) { return reinterpret_cast<T*>(pic.data + qint64(y) * pic.linePitch); }
+};
+
+SxPicBufInfo format(ExImageDataType t, quint32 w, quint32 h, quint32 ch, quint32 pad = 0, quint32 bits = 0,
+                    bool colour = false)
+{
+    SxPicBufInfo f;
+    f.width = w;
+    f.height = h;
+    f.channels = ch;
+    f.dataType = t;
+    f.bitsPerSample = bits ? bits : bytesPerSampleOf(t) * 8;
+    f.linePitch = pad ? quint32(w * ch * bytesPerSampleOf(t) + pad * bytesPerSampleOf(t)) : 0;
+    f.isColor = colour;
+    return f;
+}
+
+template <class T> void fillRandom_T(TestPic& p, std::mt19937& rng)
+{
+    const int bits = int(p.pic.bitsPerSample);
+    for (quint32 y = 0; y < p.pic.height; ++y) {
+        T* r = p.row<T>(int(y));
+        for (quint32 i = 0; i < p.pic.width * p.pic.channels; ++i) {
+            if constexpr (std::is_floating_point_v<T>) {
+                r[i] = std::uniform_real_distribution<float>(-100.f, 100.f)(rng);
+            } else {
+                // Mostly within the significant bits, sometimes anywhere in the type.
+                using L = std::numeric_limits<T>;
+                const qint64 hi = rng() % 8 ? std::min<qint64>(L::max(), (qint64(1) << bits) - 1) : qint64(L::max());
+                r[i] = T(std::uniform_int_distribution<qint64>(qint64(L::min()), hi)(rng));
+            }
+        }
+    }
+    if constexpr (std::is_floating_point_v<T>) {
+        p.row<T>(0)[0] = std::numeric_limits<float>::quiet_NaN();
+        p.row<T>(int(p.pic.height - 1))[0] = -std::numeric_limits<float>::infinity();
+    }
+}
+
+double sampleAt(const SxPicBuf& p, int x, int y, int c)
+{
+    const uchar* r = p.data + qint64(y) * p.linePitch;
+    const qint64 i = qint64(x) * p.channels + c;
+    switch (p.dataType) {
+    case IDT_INT8: return reinterpret_cast<const qint8*>(r)[i];
+    case IDT_UINT8: return reinterpret_cast<const quint8*>(r)[i];
+    case IDT_INT16: return reinterpret_cast<const qint16*>(r)[i];
+    case IDT_UINT16: return reinterpret_cast<const quint16*>(r)[i];
+    case IDT_INT32: return reinterpret_cast<const qint32*>(r)[i];
+    case IDT_UINT32: return reinterpret_cast<const quint32*>(r)[i];
+    default: return reinterpret_cast<const float*>(r)[i];
+    }
+}
+
+struct RefHisto
+{
+    std::vector<std::vector<double>> values;  // per record
+    std::vector<std::vector<quint64>> bins;
+};
+
+// Deliberately plain: one pass collecting values per record as documented.
+RefHisto reference(const SxPicBuf& p, QRect roi, bool perCell, const CxHsiCameraParams& hsi)
+{
+    RefHisto ref;
+    const bool colour = p.channels == 3 || (p.channels == 4 && p.isColor && p.bytesPerSample() <= 2);
+    const CxHsiCameraParams::CxFilterZone* z = hsi.filterZone(0);
+    int records = colour ? 3 : int(p.channels);
+    if (perCell)
+        records = p.colorFilterArray == CFA_HSI_MOSAIC ? z->patternWidth * z->patternHeight : 4;
+    ref.values.resize(size_t(records));
+    for (int y = roi.top(); y <= roi.bottom(); ++y)
+        for (int x = roi.left(); x <= roi.right(); ++x)
+            for (int c = 0; c < int(p.channels); ++c) {
+                int rec = colour ? 2 - c : c;
+                if (perCell && p.colorFilterArray == CFA_HSI_MOSAIC) {
+                    const QRect zr = z->sensorRect(int(p.width), int(p.height));
+                    if (!zr.contains(x, y))
+                        continue;
+                    rec = ((y - zr.top()) / z->cellHeight % z->patternHeight) * z->patternWidth
+                          + (x - zr.left()) / z->cellWidth % z->patternWidth;
+                } else if (perCell) {
+                    rec = (y % 2) * 2 + x % 2;
+                }
+                const double v = sampleAt(p, x, y, c);
+                if (rec >= 0 && rec < records && std::isfinite(v))
+                    ref.values[size_t(rec)].push_back(v);
+            }
+    return ref;
+}
+} // namespace
+
+class TstHistoLut : public QObject
+{
+    Q_OBJECT
+private slots:
+    void histogramVsLoop_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<uint>("channels");
+        QTest::addColumn<bool>("colour");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<uint>("pad");
+        QTest::addColumn<uint>("bits");
+        QTest::addColumn<QRect>("roi");
+        QTest::addColumn<int>("cfa");  // with per-cell records when not 0
+        const QRect all;  // empty: the whole picture
+        QTest::newRow("u8 mono 1x1") << int(IDT_UINT8) << 1u << false << QSize(1, 1) << 0u << 0u << all << 0;
+        QTest::newRow("u8 mono one row") << int(IDT_UINT8) << 1u << false << QSize(37, 1) << 0u << 0u << QRect(0, 0, -1, -1) << 0;
+        QTest::newRow("u8 mono one column") << int(IDT_UINT8) << 1u << false << QSize(1, 29) << 3u << 0u << all << 0;
+        QTest::newRow("u8 mono odd padded roi") << int(IDT_UINT8) << 1u << false << QSize(33, 17) << 5u << 0u << QRect(3, 2, 21, 13) << 0;
+        QTest::newRow("u8 mono parallel") << int(IDT_UINT8) << 1u << false << QSize(301, 251) << 3u << 0u << all << 0;
+        QTest::newRow("s8 mono padded") << int(IDT_INT8) << 1u << false << QSize(19, 11) << 1u << 0u << all << 0;
+        QTest::newRow("u16 12 bits with overrange") << int(IDT_UINT16) << 1u << false << QSize(301, 223) << 1u << 12u << all << 0;
+        QTest::newRow("s16 bgr roi clipped") << int(IDT_INT16) << 3u << false << QSize(23, 19) << 2u << 0u << QRect(5, 7, 100, 100) << 0;
+        QTest::newRow("u16 bgra colour") << int(IDT_UINT16) << 4u << true << QSize(17, 9) << 0u << 16u << all << 0;
+        QTest::newRow("u8 bgr parallel") << int(IDT_UINT8) << 3u << true << QSize(160, 150) << 0u << 0u << all << 0;
+        QTest::newRow("u8 four plain channels") << int(IDT_UINT8) << 4u << false << QSize(13, 7) << 2u << 0u << all << 0;
+        QTest::newRow("u8 two channels") << int(IDT_UINT8) << 2u << false << QSize(13, 7) << 0u << 0u << all << 0;
+        QTest::newRow("u32 20 bits") << int(IDT_UINT32) << 1u << false << QSize(29, 31) << 1u << 20u << all << 0;
+        QTest::newRow("s32 mono parallel") << int(IDT_INT32) << 1u << false << QSize(300, 250) << 0u << 0u << all << 0;
+        QTest::newRow("f32 mono with nan and inf") << int(IDT_FLOAT) << 1u << false << QSize(31, 17) << 3u << 0u << all << 0;
+        QTest::newRow("f32 rgba not colour") << int(IDT_FLOAT) << 4u << true << QSize(11, 5) << 0u << 0u << QRect(1, 1, 9, 3) << 0;
+        QTest::newRow("u16 bayer cells odd roi") << int(IDT_UINT16) << 1u << false << QSize(37, 21) << 2u << 0u << QRect(3, 5, 21, 11) << int(CFA_BAYER_GRBG);
+        QTest::newRow("u8 hsi cells of 2x2 in a zone") << int(IDT_UINT8) << 1u << false << QSize(41, 33) << 1u << 0u << all << int(CFA_HSI_MOSAIC);
+    }
+    void histogramVsLoop()
+    {
+        QFETCH(int, type);
+        QFETCH(uint, channels);
+        QFETCH(bool, colour);
+        QFETCH(QSize, size);
+        QFETCH(uint, pad);
+        QFETCH(uint, bits);
+        QFETCH(QRect, roi);
+        QFETCH(int, cfa);
+        const auto t = ExImageDataType(type);
+        TestPic p(format(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour));
+        p.pic.colorFilterArray = ExColorFilterArray(cfa);
+        std::mt19937 rng(uint(size.width() * 7919 + size.height() + type));
+        switch (t) {
+        case IDT_INT8: fillRandom_T<qint8>(p, rng); break;
+        case IDT_UINT8: fillRandom_T<quint8>(p, rng); break;
+        case IDT_INT16: fillRandom_T<qint16>(p, rng); break;
+        case IDT_UINT16: fillRandom_T<quint16>(p, rng); break;
+        case IDT_INT32: fillRandom_T<qint32>(p, rng); break;
+        case IDT_UINT32: fillRandom_T<quint32>(p, rng); break;
+        default: fillRandom_T<float>(p, rng); break;
+        }
+        CxImageMetadata meta;
+        CxHsiCameraParams::CxFilterZone z;
+        z.rect = QRect(QPoint(3, 2), QPoint(36, 30));
+        z.patternWidth = 3;
+        z.patternHeight = 2;
+        z.cellWidth = 2;
+        z.cellHeight = 2;
+        z.bands = {{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}, {"e", 5}, {"f", 6}};
+        meta.hsiCameraParams().addFilterZone(z);
+
+        H h;
+        H::ExHistoDataFlags flags = H::HDF_All;
+        if (cfa)
+            flags |= H::HDF_PerMosaicCell;
+        QVERIFY(CxPicBufMeas::measureHistogram(h, p.pic, roi, flags, &meta));
+        const QRect clipped = !roi.isValid() ? QRect(0, 0, size.width(), size.height()) : roi.intersected(QRect(QPoint(0, 0), size));
+        const RefHisto ref = reference(p.pic, clipped, cfa != 0, meta.hsiCameraParams());
+        QCOMPARE(h.channels(), int(ref.values.size()));
+
+        const int typeBits = int(bytesPerSampleOf(t)) * 8;
+        const int b = bits ? int(bits) : typeBits;
+        const bool isFloat = t == IDT_FLOAT;
+        QCOMPARE(h.binCount(), isFloat ? H::FloatBinCount : 1 << std::min(b, 16));
+        QCOMPARE(h.binShift(), isFloat ? 0 : std::max(0, b - 16));
+        double low = 0, inv = 0;
+        if (isFloat) {
+            double lo = INFINITY, hi = -INFINITY;
+            for (const auto& v : ref.values)
+                for (double s : v)
+                    lo = std::min(lo, s), hi = std::max(hi, s);
+            low = lo;
+            inv = hi > lo ? 1.0 / ((hi - lo) / H::FloatBinCount) : 0.0;
+            QCOMPARE(h.binLow(0), lo);
+        }
+        for (int r = 0; r < h.channels(); ++r) {
+            const std::vector<double>& v = ref.values[size_t(r)];
+            std::vector<quint64> bins(size_t(h.binCount()), 0);
+            double mn = INFINITY, mx = -INFINITY, sum = 0, ss = 0;
+            for (double s : v) {
+                mn = std::min(mn, s);
+                mx = std::max(mx, s);
+                sum += s;
+                qint64 bin = isFloat ? qint64((s - low) * inv) : (s < 0 ? 0 : qint64(s) >> h.binShift());
+                ++bins[size_t(std::clamp<qint64>(bin, 0, h.binCount() - 1))];
+            }
+            const double mean = v.empty() ? 0 : sum / double(v.size());
+            for (double s : v)
+                ss += (s - mean) * (s - mean);
+            const double sd = v.empty() ? 0 : std::sqrt(ss / double(v.size()));
+            QVERIFY2(std::equal(bins.begin(), bins.end(), h.bins(r)), qPrintable(QString("record %1 bins").arg(r)));
+            QCOMPARE(h.statistic(r, H::StatCount), double(v.size()));
+            if (v.empty())
+                continue;
+            QCOMPARE(h.statistic(r, H::StatMin), mn);
+            QCOMPARE(h.statistic(r, H::StatMax), mx);
+            QVERIFY(qAbs(h.level(r) - mean) <= 1e-9 * std::max(1.0, qAbs(mean)));
+            QVERIFY(qAbs(h.statistic(r, H::StatStdDev) - sd) <= 1e-9 * std::max(1.0, sd));
+        }
+    }
+
+    void statisticsAndFlags_data()
+    {
+        QTest::addColumn<int>("flags");
+        QTest::addColumn<QList<double>>("stats");  // min, max, mean, std dev, count
+        QTest::addColumn<int>("binCount");
+        const double sd = std::sqrt(125.0);
+        QTest::newRow("all (15)") << 15 << QList<double>{0, 30, 15, sd, 4} << 256;
+        QTest::newRow("statistics only (14)") << 14 << QList<double>{0, 30, 15, sd, 4} << 0;
+        QTest::newRow("bins only") << 1 << QList<double>{0, 0, 0, 0, 4} << 256;
+        QTest::newRow("mean only") << 4 << QList<double>{0, 0, 15, 0, 4} << 0;
+    }
+    void statisticsAndFlags()
+    {
+        QFETCH(int, flags);
+        QFETCH(QList<double>, stats);
+        QFETCH(int, binCount);
+        TestPic p(format(IDT_UINT8, 2, 2, 1));
+        p.row<quint8>(0)[0] = 0, p.row<quint8>(0)[1] = 10, p.row<quint8>(1)[0] = 20, p.row<quint8>(1)[1] = 30;
+        CxImageData packet;
+        packet.setPicBuf(p.pic);
+        H h;
+        QVERIFY(CxPicBufMeas::measureHistogram(h, &packet, QRect(0, 0, -1, -1), QFlags<H::ExHistoDataFlag>(flags)));
+        QCOMPARE(h.channels(), 1);
+        QCOMPARE(h.binCount(), binCount);
+        for (int i = 0; i < H::StatisticsPerChannel; ++i)
+            QVERIFY2(qAbs(h.statistics(0)[i] - stats[i]) < 1e-12, qPrintable(QString("statistic %1").arg(i)));
+        if (binCount)
+            QCOMPARE(h.bins(0)[10], quint64(1));
+    }
+
+    void colourRecordsAreRedGreenBlue()
+    {
+        TestPic p(format(IDT_UINT8, 3, 2, 4, 0, 0, true));
+        for (int y = 0; y < 2; ++y)
+            for (int x = 0; x < 3; ++x) {
+                quint8* px = p.row<quint8>(y) + 4 * x;
+                px[0] = 10, px[1] = 20, px[2] = 30, px[3] = 255;  // blue, green, red, alpha
+            }
+        H h;
+        QVERIFY(CxPicBufMeas::measureHistogram(h, p.pic, QRect(), H::HDF_All, nullptr));
+        QCOMPARE(h.channels(), 3);
+        QCOMPARE(h.level(0), 30.0);
+        QCOMPARE(h.level(1), 20.0);
+        QCOMPARE(h.level(2), 10.0);
+    }
+
+    void badInputAnswersFalse_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QRect>("roi");
+        QTest::addColumn<bool>("noData");
+        QTest::newRow("64-bit samples") << int(IDT_UINT64) << QRect() << false;
+        QTest::newRow("double samples") << int(IDT_DOUBLE) << QRect() << false;
+        QTest::newRow("unknown type") << 77 << QRect() << false;
+        QTest::newRow("no pixels") << int(IDT_UINT8) << QRect() << true;
+        QTest::newRow("rect outside") << int(IDT_UINT8) << QRect(20, 20, 4, 4) << false;
+        QTest::newRow("rect left of picture") << int(IDT_UINT8) << QRect(-10, 0, 5, 5) << false;
+    }
+    void badInputAnswersFalse()
+    {
+        QFETCH(int, type);
+        QFETCH(QRect, roi);
+        QFETCH(bool, noData);
+        TestPic p(format(ExImageDataType(type), 8, 8, 1));
+        if (noData)
+            p.pic.data = nullptr;
+        H h;
+        h.reset(2, 4, 0, H::HDF_All);
+        QVERIFY(!CxPicBufMeas::measureHistogram(h, p.pic, roi, H::HDF_All, nullptr));
+        QVERIFY(h.isEmpty());
+        QVERIFY(!CxPicBufMeas::measureHistogram(h, static_cast<const CxImageData*>(nullptr), QRect(), H::HDF_All));
+    }
+
+    // ---- look-up tables ----
+
+    void lutWindowGamma_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<uint>("bits");
+        QTest::addColumn<uint>("outBits");
+        QTest::addColumn<QList<double>>("rec");  // srcMin, srcMax, gamma, dstMin, dstMax
+        QTest::newRow("u8 identity") << int(IDT_UINT8) << 8u << 8u << QList<double>{0, 255, 1, 0, 255};
+        QTest::newRow("u8 window") << int(IDT_UINT8) << 8u << 8u << QList<double>{40, 200, 1, 0, 255};
+        QTest::newRow("u8 gamma 2.2") << int(IDT_UINT8) << 8u << 8u << QList<double>{10, 250, 2.2, 0, 255};
+        QTest::newRow("u8 gamma 0.4 inverted") << int(IDT_UINT8) << 8u << 8u << QList<double>{0, 255, 0.4, 255, 0};
+        QTest::newRow("u8 gamma 0 counts as 1") << int(IDT_UINT8) << 8u << 8u << QList<double>{5, 100, 0, 0, 255};
+        QTest::newRow("u8 empty window thresholds") << int(IDT_UINT8) << 8u << 8u << QList<double>{100, 100, 1, 20, 200};
+        QTest::newRow("u16 12 bits, overrange saturates") << int(IDT_UINT16) << 12u << 12u << QList<double>{100, 3000, 1.5, 0, 4095};
+        QTest::newRow("u16 to 8 bits") << int(IDT_UINT16) << 16u << 8u << QList<double>{1000, 60000, 1, 0, 255};
+        QTest::newRow("u8 to 16 bits") << int(IDT_UINT8) << 8u << 16u << QList<double>{0, 255, 1, 0, 65535};
+        QTest::newRow("s16 negative samples") << int(IDT_INT16) << 16u << 16u << QList<double>{-1000, 1000, 1, 0, 65535};
+        QTest::newRow("s8 dst beyond range clamps") << int(IDT_INT8) << 8u << 8u << QList<double>{-50, 50, 1, -100, 400};
+    }
+    void lutWindowGamma()
+    {
+        QFETCH(int, type);
+        QFETCH(uint, bits);
+        QFETCH(uint, outBits);
+        QFETCH(QList<double>, rec);
+        const auto t = ExImageDataType(type);
+        CxLut lut(bits, 1, false, t);
+        lut.setOutputBits(outBits);
+        CxLut::CxCompContrast& c = lut.compContrast(0);
+        c = CxLut::CxCompContrast{qint64(rec[0]), qint64(rec[1]), rec[2], qint64(rec[3]), qint64(rec[4])};
+        QVERIFY(lut.alloc());
+
+        // Every value of the type, in an odd-sized padded picture.
+        const bool in16 = bytesPerSampleOf(t) == 2;
+        const quint32 n = in16 ? 65536 : 256;
+        const quint32 w = in16 ? 509 : 131;  // 8-bit rows span whole 64-sample blocks and a tail
+        const quint32 h = (n + w - 1) / w;
+        TestPic in(format(t, w, h, 1, 3, bits));
+        for (quint32 i = 0; i < w * h; ++i) {
+            const quint32 k = i % n;
+            if (in16)
+                in.row<quint16>(int(i / w))[i % w] = quint16(k);
+            else
+                in.row<quint8>(int(i / w))[i % w] = quint8(k);
+        }
+        const ExImageDataType outType = outBits > 8 ? IDT_UINT16 : IDT_UINT8;
+        TestPic out(format(outType, w, h, 1, 5, outBits));
+        QVERIFY(lut.isCompatibleWith(&out.pic, &in.pic));
+        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+
+        const double outFull = double((1 << outBits) - 1);
+        const double g = rec[2] > 0 ? rec[2] : 1.0;
+        for (quint32 i = 0; i < w * h; ++i) {
+            const quint32 k = i % n;
+            const double v = t == IDT_INT8 ? double(qint8(k)) : t == IDT_INT16 ? double(qint16(k)) : double(k);
+            double u = rec[1] > rec[0] ? std::clamp((v - rec[0]) / (rec[1] - rec[0]), 0.0, 1.0) : (v > rec[0] ? 1.0 : 0.0);
+            u = std::pow(u, 1.0 / g);
+            const double want = std::clamp(std::floor(rec[3] + (rec[4] - rec[3]) * u + 0.5), 0.0, outFull);
+            const double got = outType == IDT_UINT16 ? out.row<quint16>(int(i / w))[i % w] : out.row<quint8>(int(i / w))[i % w];
+            if (got != want)
+                QFAIL(qPrintable(QString("sample %1: got %2, want %3").arg(v).arg(got).arg(want)));
+            QCOMPARE(double(lut.map(0, qint64(v))), want);
+        }
+    }
+
+    void lutColourChannels()
+    {
+        // Independent records per stored channel; alpha of a colour picture
+        // passes through.
+        CxLut lut(8, 4, true, IDT_UINT8);
+        lut.setIndependentChannels(true);
+        lut.compContrast(0) = {0, 255, 1, 255, 0};
+        lut.compContrast(1) = {0, 127, 1, 0, 255};
+        lut.compContrast(2) = {0, 255, 1, 0, 0};
+        QVERIFY(lut.alloc());
+        TestPic in(format(IDT_UINT8, 5, 3, 4, 2, 8, true)), out(format(IDT_UINT8, 5, 3, 4, 1, 8, true));
+        for (int y = 0; y < 3; ++y)
+            for (int i = 0; i < 20; ++i)
+                in.row<quint8>(y)[i] = quint8(y * 20 + i * 3);
+        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 5; ++x) {
+                const quint8* s = in.row<quint8>(y) + 4 * x;
+                const quint8* d = out.row<quint8>(y) + 4 * x;
+                QCOMPARE(int(d[0]), 255 - s[0]);
+                QCOMPARE(int(d[1]), std::min(255, int(std::floor(s[1] * 255.0 / 127.0 + 0.5))));
+                QCOMPARE(int(d[2]), 0);
+                QCOMPARE(d[3], s[3]);
+            }
+    }
+
+    void pseudoColourEndpoints_data()
+    {
+        QTest::addColumn<int>("index");
+        QTest::addColumn<int>("level");
+        QTest::addColumn<QColor>("colour");
+        QTest::addColumn<int>("tolerance");
+        QTest::newRow("none is grey") << -1 << 200 << QColor(200, 200, 200) << 0;
+        QTest::newRow("grey low") << int(CxLut::PseudoGrey) << 0 << QColor(0, 0, 0) << 0;
+        QTest::newRow("grey high") << int(CxLut::PseudoGrey) << 255 << QColor(255, 255, 255) << 0;
+        QTest::newRow("rainbow low") << int(CxLut::PseudoRainbow) << 0 << QColor(0, 0, 128) << 1;
+        QTest::newRow("rainbow middle") << int(CxLut::PseudoRainbow) << 128 << QColor(130, 255, 125) << 3;
+        QTest::newRow("rainbow high") << int(CxLut::PseudoRainbow) << 255 << QColor(128, 0, 0) << 1;
+        QTest::newRow("hot low") << int(CxLut::PseudoHot) << 0 << QColor(3, 0, 0) << 1;
+        QTest::newRow("hot high") << int(CxLut::PseudoHot) << 255 << QColor(255, 255, 255) << 0;
+        // Published viridis entries 0, 128 and 255.
+        QTest::newRow("viridis low") << int(CxLut::PseudoViridis) << 0 << QColor(68, 1, 84) << 3;
+        QTest::newRow("viridis middle") << int(CxLut::PseudoViridis) << 128 << QColor(33, 144, 141) << 3;
+        QTest::newRow("viridis high") << int(CxLut::PseudoViridis) << 255 << QColor(253, 231, 37) << 4;
+        QTest::newRow("out of range is grey") << 99 << 77 << QColor(77, 77, 77) << 0;
+    }
+    void pseudoColourEndpoints()
+    {
+        QFETCH(int, index);
+        QFETCH(int, level);
+        QFETCH(QColor, colour);
+        QFETCH(int, tolerance);
+        const QRgb got = CxLut::pseudoColorEntry(index, level);
+        QCOMPARE(qAlpha(got), 255);
+        const bool close = qAbs(qRed(got) - colour.red()) <= tolerance && qAbs(qGreen(got) - colour.green()) <= tolerance
+                           && qAbs(qBlue(got) - colour.blue()) <= tolerance;
+        QVERIFY2(close, qPrintable(QString("got %1,%2,%3").arg(qRed(got)).arg(qGreen(got)).arg(qBlue(got))));
+        QVERIFY(CxLut::pseudoColorLutCount() >= 4);
+    }
+
+    void allocRgbIsRgb32()
+    {
+        // The widget's icon: ramp 0, 3, ... 251 over 80 x 16, pseudo colour
+        // chosen after allocRgb.
+        CxLut lut(8, 1, false, IDT_UINT8);
+        QVERIFY(lut.allocRgb(32));
+        lut.setPseudoColor(CxLut::PseudoHot);
+        TestPic in(format(IDT_UINT8, 80, 16, 1)), out(format(IDT_UINT8, 80, 16, 4));
+        for (int y = 0; y < 16; ++y)
+            for (int x = 0; x < 80; ++x)
+                in.row<quint8>(y)[x] = quint8(x * 255 / 80);
+        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+        const QImage img(out.pic.data, 80, 16, int(out.pic.linePitch), QImage::Format_RGB32);
+        for (int x : {0, 1, 40, 79}) {
+            QCOMPARE(img.pixel(x, 15), CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
+            const quint8* px = out.row<quint8>(15) + 4 * x;
+            const QRgb want = CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80);
+            QCOMPARE(int(px[0]), qBlue(want));
+            QCOMPARE(int(px[2]), qRed(want));
+            QCOMPARE(int(px[3]), 255);
+        }
+
+        // Colour input keeps its blue, green, red order; a 16-bit window maps to 8 bits.
+        CxLut colour(12, 3, true, IDT_UINT16);
+        colour.compContrast(0) = {0, 4095, 1, 0, 4095};
+        QVERIFY(colour.allocRgb(32));
+        TestPic cin(format(IDT_UINT16, 3, 1, 3, 1, 12, true)), cout(format(IDT_UINT8, 3, 1, 4));
+        const quint16 bgr[3] = {4095, 2048, 0};
+        for (int x = 0; x < 3; ++x)
+            std::copy(bgr, bgr + 3, cin.row<quint16>(0) + 3 * x);
+        QVERIFY(colour.apply(&cout.pic, &cin.pic, nullptr));
+        const QImage cimg(cout.pic.data, 3, 1, int(cout.pic.linePitch), QImage::Format_RGB32);
+        QCOMPARE(cimg.pixel(2, 0), qRgb(0, 128, 255));
+
+        QVERIFY(!CxLut(8, 1, false, IDT_UINT8).allocRgb(24));
+        QVERIFY(!CxLut(8, 2, false, IDT_UINT8).allocRgb(32));
+        QVERIFY(!CxLut(32, 1, false, IDT_FLOAT).alloc());
+        QVERIFY(!CxLut(32, 1, false, IDT_UINT32).alloc());
+    }
+
+    void compatibility_data()
+    {
+        QTest::addColumn<bool>("rgb");
+        QTest::addColumn<int>("inType");
+        QTest::addColumn<uint>("inChannels");
+        QTest::addColumn<uint>("inBits");
+        QTest::addColumn<int>("outType");
+        QTest::addColumn<uint>("outChannels");
+        QTest::addColumn<QSize>("outSize");
+        QTest::addColumn<bool>("compatible");
+        const QSize s(9, 7);
+        QTest::newRow("same format") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 1u << s << true;
+        QTest::newRow("other type in") << false << int(IDT_INT16) << 1u << 12u << int(IDT_UINT16) << 1u << s << false;
+        QTest::newRow("other bits in") << false << int(IDT_UINT16) << 1u << 10u << int(IDT_UINT16) << 1u << s << false;
+        QTest::newRow("other channels in") << false << int(IDT_UINT16) << 3u << 12u << int(IDT_UINT16) << 3u << s << false;
+        QTest::newRow("8-bit out for 16-bit table") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 1u << s << false;
+        QTest::newRow("other size out") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 1u << QSize(9, 6) << false;
+        QTest::newRow("rgb out") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 4u << s << true;
+        QTest::newRow("rgb into 16-bit out") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 4u << s << false;
+        QTest::newRow("rgb into 3 channels") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 3u << s << false;
+    }
+    void compatibility()
+    {
+        QFETCH(bool, rgb);
+        QFETCH(int, inType);
+        QFETCH(uint, inChannels);
+        QFETCH(uint, inBits);
+        QFETCH(int, outType);
+        QFETCH(uint, outChannels);
+        QFETCH(QSize, outSize);
+        QFETCH(bool, compatible);
+        CxLut lut(12, 1, false, IDT_UINT16);
+        TestPic in(format(ExImageDataType(inType), 9, 7, inChannels, 0, inBits));
+        TestPic out(format(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels));
+        QVERIFY(!lut.isCompatibleWith(&out.pic, &in.pic));  // nothing built yet
+        QVERIFY(rgb ? lut.allocRgb(32) : lut.alloc());
+        QCOMPARE(lut.isCompatibleWith(&out.pic, &in.pic), compatible);
+        std::fill(out.mem.begin(), out.mem.end(), uchar(0xA5));
+        QCOMPARE(lut.apply(&out.pic, &in.pic, nullptr), compatible);
+        if (!compatible)
+            QVERIFY(std::all_of(out.mem.begin(), out.mem.end(), [](uchar b) { return b == 0xA5; }));
+        QVERIFY(!lut.isCompatibleWith(nullptr, &in.pic));
+        QVERIFY(!lut.isCompatibleWith(&out.pic, nullptr));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstHistoLut)
+#include "tst_histolut.moc"
