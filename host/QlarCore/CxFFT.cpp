@@ -1,0 +1,461 @@
+// Transforms on FFTW single precision: CxFFT::Alloc1D/Calc1D/Free1D and
+// Alloc2D/Calc2D/Free2D. The conventions are in CxFFT.h.
+//
+// Why the 2D transform is built from 1D plans rather than one 2D plan:
+// - The outputs are two separate float pictures. FFTW's vector kernels work
+//   on interleaved complex arrays only, so a plan that writes split arrays
+//   runs at scalar speed; writing interleaved and splitting afterwards costs a
+//   full extra pass over the spectrum.
+// - Transforming the columns first leaves a half spectrum of h/2+1 rows whose
+//   row transforms yield complete output rows: each goes straight into its
+//   centred place, and its conjugate mirror into the mirrored row, in the same
+//   pass and in row order. Centring is thus only a matter of where rows and
+//   columns are written; no sample is modulated.
+// - Measuring short 1D plans takes a fraction of a second where a whole 2D
+//   plan of camera size takes seconds.
+// The column pass reads the source in strips of ColumnBlock samples, which is
+// where the sample type is converted; it prefetches rows ahead because the
+// strips are a full line pitch apart.
+#include "CxFFT.h"
+
+#include <fftw3.h>
+#include <omp.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QSaveFile>
+#include <QtCore/QStandardPaths>
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+#include <mutex>
+#include <new>
+
+namespace {
+
+constexpr quint32 Magic1D = 0x31544646u;
+constexpr quint32 Magic2D = 0x32544646u;
+constexpr double PlanTimeLimitSeconds = 0.5;
+// Columns transformed together: their strip of one row is a cache line of
+// 32-bit samples, and a block's scratch stays well inside a core's L2.
+constexpr int ColumnBlock = 16;
+constexpr int PrefetchRows = 32;
+// Below this many samples a transform runs on the caller's thread.
+constexpr qint64 MinParallelSamples = qint64(1) << 17;
+constexpr int MaxThreads = 16;
+// Keeps plan sizes and strides inside FFTW's int arithmetic.
+constexpr quint32 MaxSide = 1u << 26;
+constexpr size_t CacheLine = 64;
+
+size_t roundUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
+
+// ---------------------------------------------------------------- planning
+
+std::mutex& plannerMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
+// Guarded by plannerMutex.
+bool g_wisdomRead = false;
+QByteArray g_wisdomSaved;
+
+void appendChar(char c, void* data) { static_cast<QByteArray*>(data)->append(c); }
+
+// Holds the planner for a group of plans: reads the wisdom file the first
+// time, bounds each plan's measuring time, and writes the wisdom back when
+// the group added to it.
+class PlannerSession
+{
+public:
+    PlannerSession() : m_lock(plannerMutex())
+    {
+        if (!g_wisdomRead) {
+            g_wisdomRead = true;
+            QFile f(CxFFT::wisdomFilePath());
+            if (!f.fileName().isEmpty() && f.open(QIODevice::ReadOnly)) {
+                const QByteArray text = f.readAll();
+                if (!text.isEmpty() && fftwf_import_wisdom_from_string(text.constData()))
+                    g_wisdomSaved = text;
+            }
+        }
+        fftwf_set_timelimit(PlanTimeLimitSeconds);
+    }
+    ~PlannerSession()
+    {
+        fftwf_set_timelimit(FFTW_NO_TIMELIMIT);
+        if (m_planned)
+            saveWisdom();
+    }
+    PlannerSession(const PlannerSession&) = delete;
+    PlannerSession& operator=(const PlannerSession&) = delete;
+
+    template <class Make>
+    fftwf_plan plan(Make make)
+    {
+        fftwf_plan p = make(unsigned(FFTW_MEASURE));
+        m_planned = m_planned || p;
+        return p;
+    }
+
+private:
+    static void saveWisdom()
+    {
+        const QString path = CxFFT::wisdomFilePath();
+        if (path.isEmpty())
+            return;
+        // Another process may have added plans since we read the file.
+        QFile current(path);
+        if (current.open(QIODevice::ReadOnly)) {
+            const QByteArray theirs = current.readAll();
+            if (!theirs.isEmpty() && theirs != g_wisdomSaved)
+                fftwf_import_wisdom_from_string(theirs.constData());
+        }
+        QByteArray text;
+        fftwf_export_wisdom(appendChar, &text);
+        if (text.isEmpty() || text == g_wisdomSaved || !QDir().mkpath(QFileInfo(path).absolutePath()))
+            return;
+        QSaveFile f(path);
+        if (f.open(QIODevice::WriteOnly) && f.write(text) == text.size() && f.commit())
+            g_wisdomSaved = text;
+    }
+
+    std::lock_guard<std::mutex> m_lock;
+    bool m_planned = false;
+};
+
+void destroyPlans(std::initializer_list<fftwf_plan> plans)
+{
+    std::lock_guard<std::mutex> lock(plannerMutex());
+    for (fftwf_plan p : plans)
+        if (p)
+            fftwf_destroy_plan(p);
+}
+
+// ---------------------------------------------------------------- handles
+
+struct Plan1D
+{
+    quint32 magic = Magic1D;
+    int n = 0;
+    float* in = nullptr;            // h2
+    fftwf_complex* half = nullptr;  // h3: n/2 + 1 bins
+    fftwf_plan plan = nullptr;
+};
+
+struct Plan2D
+{
+    quint32 magic = Magic2D;
+    int w = 0;
+    int h = 0;
+    int halfRows = 0;       // h/2 + 1
+    int block = 0;          // columns per block of the column pass
+    int threads = 1;
+    size_t rowStride = 0;   // complex values from one half-spectrum row to the next
+    size_t slotBytes = 0;   // scratch per thread
+    size_t colOutOffset = 0;
+    size_t rowOutOffset = 0;
+    fftwf_complex* spectrum = nullptr;  // h2: halfRows x rowStride
+    uchar* scratch = nullptr;           // h3: threads x slotBytes
+    fftwf_plan columns = nullptr;       // real to complex, length h, `block` columns
+    fftwf_plan rows = nullptr;          // complex, length w, one row
+
+    float* colIn(int t) const { return reinterpret_cast<float*>(scratch + size_t(t) * slotBytes); }
+    fftwf_complex* colOut(int t) const
+    {
+        return reinterpret_cast<fftwf_complex*>(scratch + size_t(t) * slotBytes + colOutOffset);
+    }
+    fftwf_complex* rowOut(int t) const
+    {
+        return reinterpret_cast<fftwf_complex*>(scratch + size_t(t) * slotBytes + rowOutOffset);
+    }
+};
+
+// Handles of either kind end here; h1 is recognised by its tag, so a mix-up
+// of Free1D and Free2D still releases everything.
+void release(void* h1, void* h2, void* h3)
+{
+    if (h1) {
+        const quint32 magic = *static_cast<const quint32*>(h1);
+        if (magic == Magic1D) {
+            auto* c = static_cast<Plan1D*>(h1);
+            destroyPlans({ c->plan });
+            c->magic = 0;
+            delete c;
+        } else if (magic == Magic2D) {
+            auto* c = static_cast<Plan2D*>(h1);
+            destroyPlans({ c->columns, c->rows });
+            c->magic = 0;
+            delete c;
+        }
+    }
+    fftwf_free(h2);
+    fftwf_free(h3);
+}
+
+// ---------------------------------------------------------------- kernels
+
+// The n/2 + 1 bins of a real signal's transform into a centred full spectrum.
+void placeHalfSpectrum(const fftwf_complex* half, int n, float* re, float* im)
+{
+    const int c = n / 2;
+    for (int k = 0; k <= n / 2; ++k) {
+        const int i = k + c < n ? k + c : k + c - n;
+        re[i] = half[k][0];
+        im[i] = half[k][1];
+    }
+    for (int k = 1; k <= n / 2; ++k) {
+        if (2 * k == n)
+            continue;
+        re[c - k] = half[k][0];
+        im[c - k] = -half[k][1];
+    }
+}
+
+// Bins 0..w-1 of one frequency row into its centred output row.
+void placeRow(const fftwf_complex* t, int w, float* re, float* im)
+{
+    const int c = w / 2;
+    for (int x = c; x < w; ++x) {
+        re[x] = t[x - c][0];
+        im[x] = t[x - c][1];
+    }
+    for (int x = 0; x < c; ++x) {
+        re[x] = t[x + w - c][0];
+        im[x] = t[x + w - c][1];
+    }
+}
+
+// The same row as the conjugate mirror about the centre: out[x] = conj(t[(c - x) mod w]).
+void placeMirrorRow(const fftwf_complex* t, int w, float* re, float* im)
+{
+    const int c = w / 2;
+    for (int x = 0; x <= c; ++x) {
+        re[x] = t[c - x][0];
+        im[x] = -t[c - x][1];
+    }
+    for (int x = c + 1; x < w; ++x) {
+        re[x] = t[w + c - x][0];
+        im[x] = -t[w + c - x][1];
+    }
+}
+
+// Columns k0..k0+count-1 of every row, as floats, one column after the other.
+template <class T>
+void gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h, float* out)
+{
+    const uchar* base = data + quint64(k0) * sizeof(T);
+    const size_t stripBytes = size_t(count) * sizeof(T);
+    for (int y = 0; y < h; ++y) {
+        const uchar* row = base + quint64(y) * pitch;
+        if (y + PrefetchRows < h) {
+            const uchar* ahead = row + quint64(PrefetchRows) * pitch;
+            __builtin_prefetch(ahead);
+            __builtin_prefetch(ahead + stripBytes - 1);
+        }
+        const T* s = reinterpret_cast<const T*>(row);
+        for (int k = 0; k < count; ++k)
+            out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
+    }
+}
+
+using GatherFn = void (*)(const uchar*, quint64, int, int, int, float*);
+
+GatherFn gatherFor(ExImageDataType t)
+{
+    switch (t) {
+    case IDT_INT8: return gatherColumns_T<qint8>;
+    case IDT_UINT8: return gatherColumns_T<quint8>;
+    case IDT_INT16: return gatherColumns_T<qint16>;
+    case IDT_UINT16: return gatherColumns_T<quint16>;
+    case IDT_INT32: return gatherColumns_T<qint32>;
+    case IDT_UINT32: return gatherColumns_T<quint32>;
+    case IDT_FLOAT: return gatherColumns_T<float>;
+    default: return nullptr;
+    }
+}
+
+// A one-channel picture of w x h whose rows can be read or written as
+// samples of sampleBytes each, without leaving its memory.
+bool usablePicture(const SxPicBuf& p, int w, int h, unsigned sampleBytes)
+{
+    if (!p.data || p.channels != 1 || p.width != quint32(w) || p.height != quint32(h))
+        return false;
+    if (p.bytesPerSample() != sampleBytes)
+        return false;
+    const quint64 pitch = p.effectiveLinePitch();
+    if (pitch < p.packedLineBytes() || pitch % sampleBytes || quintptr(p.data) % sampleBytes)
+        return false;
+    return p.memCapacity == 0 || p.memCapacity >= p.requiredBytes();
+}
+
+bool overlap(const SxPicBuf& a, const SxPicBuf& b)
+{
+    const uchar* a1 = a.data + a.requiredBytes();
+    const uchar* b1 = b.data + b.requiredBytes();
+    return a.data < b1 && b.data < a1;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- 1D
+
+bool CxFFT::Alloc1D(int n, void*& h1, void*& h2, void*& h3)
+{
+    h1 = h2 = h3 = nullptr;
+    if (n <= 0)
+        return false;
+    auto* c = new (std::nothrow) Plan1D;
+    if (!c)
+        return false;
+    c->n = n;
+    c->in = fftwf_alloc_real(size_t(n));
+    c->half = fftwf_alloc_complex(size_t(n) / 2 + 1);
+    if (c->in && c->half) {
+        PlannerSession planner;
+        c->plan = planner.plan([c](unsigned flags) {
+            return fftwf_plan_dft_r2c_1d(c->n, c->in, c->half, flags);
+        });
+    }
+    if (!c->plan) {
+        release(c, c->in, c->half);
+        return false;
+    }
+    h1 = c;
+    h2 = c->in;
+    h3 = c->half;
+    return true;
+}
+
+bool CxFFT::Calc1D(float* in, float* re, float* im, void* h1, void* h2, void* h3)
+{
+    auto* c = static_cast<Plan1D*>(h1);
+    if (!c || c->magic != Magic1D || h2 != c->in || h3 != c->half)
+        return false;
+    if (!in || !re || !im || re == im)
+        return false;
+    std::memcpy(c->in, in, sizeof(float) * size_t(c->n));
+    fftwf_execute(c->plan);
+    placeHalfSpectrum(c->half, c->n, re, im);
+    return true;
+}
+
+void CxFFT::Free1D(void* h1, void* h2, void* h3) { release(h1, h2, h3); }
+
+// ---------------------------------------------------------------- 2D
+
+bool CxFFT::Alloc2D(const SxPicBufInfo& info, void*& h1, void*& h2, void*& h3)
+{
+    h1 = h2 = h3 = nullptr;
+    if (info.width == 0 || info.height == 0 || info.width > MaxSide || info.height > MaxSide)
+        return false;
+    auto* c = new (std::nothrow) Plan2D;
+    if (!c)
+        return false;
+    c->w = int(info.width);
+    c->h = int(info.height);
+    c->halfRows = c->h / 2 + 1;
+    c->block = std::min(ColumnBlock, c->w);
+    c->threads = std::clamp(omp_get_max_threads(), 1, MaxThreads);
+    // Rows on cache lines: every row shares the alignment the row plan was made with.
+    c->rowStride = roundUp(size_t(c->w), CacheLine / sizeof(fftwf_complex));
+    c->colOutOffset = roundUp(sizeof(float) * size_t(c->block) * size_t(c->h), CacheLine);
+    c->rowOutOffset = c->colOutOffset
+        + roundUp(sizeof(fftwf_complex) * size_t(c->block) * size_t(c->halfRows), CacheLine);
+    c->slotBytes = c->rowOutOffset + roundUp(sizeof(fftwf_complex) * size_t(c->w), CacheLine);
+    c->spectrum = fftwf_alloc_complex(size_t(c->halfRows) * c->rowStride);
+    c->scratch = static_cast<uchar*>(fftwf_malloc(c->slotBytes * size_t(c->threads)));
+    if (c->spectrum && c->scratch) {
+        PlannerSession planner;
+        c->columns = planner.plan([c](unsigned flags) {
+            return fftwf_plan_many_dft_r2c(1, &c->h, c->block, c->colIn(0), nullptr, 1, c->h,
+                                           c->colOut(0), nullptr, 1, c->halfRows, flags);
+        });
+        if (c->columns) {
+            c->rows = planner.plan([c](unsigned flags) {
+                return fftwf_plan_dft_1d(c->w, c->spectrum, c->rowOut(0), FFTW_FORWARD, flags);
+            });
+        }
+    }
+    if (!c->rows) {
+        release(c, c->spectrum, c->scratch);
+        return false;
+    }
+    h1 = c;
+    h2 = c->spectrum;
+    h3 = c->scratch;
+    return true;
+}
+
+bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, void* h2, void* h3)
+{
+    const auto* c = static_cast<const Plan2D*>(h1);
+    if (!c || c->magic != Magic2D || h2 != c->spectrum || h3 != c->scratch)
+        return false;
+    const GatherFn gather = gatherFor(in.dataType);
+    if (!gather || !usablePicture(in, c->w, c->h, in.bytesPerSample()))
+        return false;
+    if (re.dataType != IDT_FLOAT || im.dataType != IDT_FLOAT || !usablePicture(re, c->w, c->h, 4)
+        || !usablePicture(im, c->w, c->h, 4) || overlap(re, im))
+        return false;
+
+    const int w = c->w;
+    const int h = c->h;
+    const int block = c->block;
+    const int threads = qint64(w) * h >= MinParallelSamples ? c->threads : 1;
+    const quint64 inPitch = in.effectiveLinePitch();
+    const quint64 rePitch = re.effectiveLinePitch();
+    const quint64 imPitch = im.effectiveLinePitch();
+
+    // Columns: real to complex, kept as rows 0..h/2 of the half spectrum.
+    const int blocks = (w + block - 1) / block;
+#pragma omp parallel for num_threads(threads) schedule(dynamic, 1) if (threads > 1)
+    for (int b = 0; b < blocks; ++b) {
+        const int t = omp_get_thread_num();
+        float* colIn = c->colIn(t);
+        fftwf_complex* colOut = c->colOut(t);
+        const int k0 = b * block;
+        const int count = std::min(block, w - k0);
+        gather(in.data, inPitch, k0, count, h, colIn);
+        if (count < block)
+            std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
+        fftwf_execute_dft_r2c(c->columns, colIn, colOut);
+        for (int y = 0; y < c->halfRows; ++y) {
+            fftwf_complex* dst = c->spectrum + size_t(y) * c->rowStride + k0;
+            for (int k = 0; k < count; ++k) {
+                dst[k][0] = colOut[size_t(k) * c->halfRows + y][0];
+                dst[k][1] = colOut[size_t(k) * c->halfRows + y][1];
+            }
+        }
+    }
+
+    // Rows: each frequency row ky gives output row h/2 + ky and, through the
+    // symmetry of a real picture's spectrum, its mirror row h/2 - ky.
+    const int cy = h / 2;
+#pragma omp parallel for num_threads(threads) schedule(dynamic, 8) if (threads > 1)
+    for (int ky = 0; ky < c->halfRows; ++ky) {
+        fftwf_complex* row = c->rowOut(omp_get_thread_num());
+        fftwf_execute_dft(c->rows, c->spectrum + size_t(ky) * c->rowStride, row);
+        const int y = ky + cy < h ? ky + cy : ky + cy - h;
+        placeRow(row, w, reinterpret_cast<float*>(re.data + y * rePitch),
+                 reinterpret_cast<float*>(im.data + y * imPitch));
+        if (ky > 0 && 2 * ky != h) {
+            const int my = cy - ky;
+            placeMirrorRow(row, w, reinterpret_cast<float*>(re.data + my * rePitch),
+                           reinterpret_cast<float*>(im.data + my * imPitch));
+        }
+    }
+    return true;
+}
+
+void CxFFT::Free2D(void* h1, void* h2, void* h3) { release(h1, h2, h3); }
+
+QString CxFFT::wisdomFilePath()
+{
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    return cache.isEmpty() ? QString() : cache + QStringLiteral("/qlar/fftwf-wisdom");
+}
