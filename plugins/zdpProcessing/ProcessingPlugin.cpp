@@ -1,6 +1,7 @@
 #include "ProcessingPlugin.h"
 
 #include "DeinterlaceCnbl.h"
+#include "ExtractChannelCnbl.h"
 
 #include <CxRTTI.h>
 #include <QlarCoreVersion.h>
@@ -17,6 +18,7 @@ bool CxProcessingPlugin::init()
     // The order is the order of the host's node list.
     const QMetaObject* const nodeClasses[] = {
         &CxDeinterlaceCnbl::staticMetaObject,
+        &CxExtractChannelCnbl::staticMetaObject,
     };
     // A class the registry refuses (already known, say after a reload) is no
     // reason to refuse the plug-in.

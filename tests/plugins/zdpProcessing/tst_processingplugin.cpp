@@ -24,6 +24,7 @@ struct SxNodeRow
 };
 const SxNodeRow kNodeTable[] = {
     {"CxDeinterlaceCnbl", "Deinterlace", "CxDeinterlaceCnbl"},
+    {"CxExtractChannelCnbl", "Extract Channel", "CxExtractChannelCnbl"},
 };
 
 } // namespace

@@ -1,0 +1,817 @@
+#include "ExtractChannelCnbl.h"
+#include "ExtractChannelWidget.h"
+
+#include <CxChain.h>
+#include <CxImageData.h>
+#include <CxPicBufAPI.h>
+
+#include <QtCore/QPointer>
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+#include <QtWidgets/QListWidget>
+#include <QtXml/QDomDocument>
+
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <vector>
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+Q_DECLARE_METATYPE(CxImageMetadata)
+
+namespace {
+
+SxPicBufInfo format(quint32 width, quint32 height, quint32 channels, ExImageDataType type,
+                    quint32 padding = 0, ExColorFilterArray cfa = CFA_NONE,
+                    ExDataStorageFormat storage = DSF_PACKED, bool isColor = false)
+{
+    SxPicBufInfo f;
+    f.width = width;
+    f.height = height;
+    f.channels = channels;
+    f.dataType = type;
+    f.bitsPerSample = bytesPerSampleOf(type) * 8;
+    f.linePitch = quint32(f.packedLineBytes()) + padding;
+    f.colorFilterArray = cfa;
+    f.storageFormat = storage;
+    f.isColor = isColor;
+    return f;
+}
+
+const uchar* sampleAt(const SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
+{
+    return p.data + y * p.linePitch + (x * p.channels + c) * p.bytesPerSample();
+}
+
+// Two-zone camera over a 24 x 16 sensor. Zone 0: columns 0..11, a 4 x 2
+// pattern of single pixels (bands 0..7). Zone 1: columns 12..23, a 2 x 2
+// pattern of 2 x 2 pixel cells (bands 8..11). Wavelengths are out of pattern
+// order so that the listing has something to sort.
+CxHsiCameraParams twoZoneCamera()
+{
+    CxHsiCameraParams::CxFilterZone z0;
+    z0.rect = QRect(QPoint(0, 0), QPoint(11, 15));
+    z0.patternWidth = 4;
+    z0.patternHeight = 2;
+    const double nm0[] = {600, 500, 700, 450, 650, 550, 750, 480};
+    for (int b = 0; b < 8; ++b)
+        z0.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("A%1").arg(b), nm0[b]));
+    CxHsiCameraParams::CxFilterZone z1;
+    z1.rect = QRect(QPoint(12, 0), QPoint(23, 15));
+    z1.patternWidth = z1.patternHeight = 2;
+    z1.cellWidth = z1.cellHeight = 2;
+    const double nm1[] = {900, 800, 850, 820};
+    for (int b = 0; b < 4; ++b)
+        z1.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("B%1").arg(b), nm1[b]));
+    CxHsiCameraParams hsi;
+    hsi.setFilterZones({z0, z1});
+    return hsi;
+}
+
+CxImageMetadata metaWith(ExColorFilterArray cfa, const QStringList& names = {},
+                         const CxHsiCameraParams& hsi = CxHsiCameraParams())
+{
+    CxImageMetadata m;
+    m.setColorFilterArray(cfa);
+    m.setChannelNames(names);
+    m.setHsiCameraParams(hsi);
+    m.setCameraName(QStringLiteral("test camera"));
+    return m;
+}
+
+// A picture over exactly the bytes its format needs, so that a read past its
+// last row is caught by AddressSanitizer. Each sample encodes its position.
+class CxTestInput
+{
+public:
+    CxTestInput(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
+        : m_bytes(size_t(qMax<quint64>(f.requiredBytes(), 1)), 0xAB), m_meta(meta)
+    {
+        const bool wrapped = CxPicBufAPI::WrapPicBuf(m_pic, f, m_bytes.data(), m_bytes.size());
+        Q_ASSERT(wrapped);
+        Q_UNUSED(wrapped);
+        for (quint32 y = 0; y < f.height; ++y)
+            for (quint32 x = 0; x < f.width; ++x)
+                for (quint32 c = 0; c < f.channels; ++c)
+                    store(const_cast<uchar*>(sampleAt(m_pic, x, y, c)), y * 1009u + x * 17u + c * 5u + 1u);
+        m_pic.frameNumber = 77;
+        m_pic.exposureTimeUs = 12.5f;
+        m_pic.timestampMs = 4242u;
+        m_pic.attachments.insert(QStringLiteral("gain"), 3);
+    }
+
+    CxImageData* packet() const
+    {
+        auto* p = new CxImageData;
+        p->setPicBuf(m_pic);
+        p->setMetadata(&m_meta);
+        return p;
+    }
+    const SxPicBuf& pic() const { return m_pic; }
+    const CxImageMetadata& meta() const { return m_meta; }
+
+private:
+    void store(uchar* at, quint32 v) const
+    {
+        switch (m_pic.dataType) {
+        case IDT_FLOAT: {
+            const float f = float(v) * 0.5f - 100.f;
+            std::memcpy(at, &f, 4);
+            break;
+        }
+        default:
+            // Little-endian: the low bytes of v, as many as the sample has.
+            for (unsigned i = 0; i < m_pic.bytesPerSample(); ++i)
+                at[i] = uchar(i < 4 ? v >> (8 * i) : 0);
+        }
+    }
+
+    std::vector<uchar> m_bytes;
+    SxPicBuf m_pic;
+    CxImageMetadata m_meta;
+};
+
+// Compares every output sample with the input sample that ref names; a null
+// answer means the sample must be 0. Returns the first mismatch.
+using Reference = std::function<const uchar*(quint32 x, quint32 y)>;
+QString firstMismatch(const SxPicBuf& out, const Reference& ref)
+{
+    const unsigned s = out.bytesPerSample();
+    static const uchar zeros[8] = {};
+    for (quint32 y = 0; y < out.height; ++y) {
+        for (quint32 x = 0; x < out.width; ++x) {
+            const uchar* want = ref(x, y);
+            if (std::memcmp(sampleAt(out, x, y), want ? want : zeros, s) != 0)
+                return QStringLiteral("sample (%1, %2)").arg(x).arg(y);
+        }
+    }
+    return QString();
+}
+
+void checkFloatRange(const SxPicBuf& out)
+{
+    if (out.dataType != IDT_FLOAT || out.width == 0 || out.height == 0)
+        return;
+    float lo = std::numeric_limits<float>::max(), hi = -lo;
+    for (quint32 y = 0; y < out.height; ++y)
+        for (quint32 x = 0; x < out.width; ++x) {
+            float v;
+            std::memcpy(&v, sampleAt(out, x, y), 4);
+            lo = qMin(lo, v);
+            hi = qMax(hi, v);
+        }
+    QCOMPARE(out.floatMin, lo);
+    QCOMPARE(out.floatMax, hi);
+}
+
+// A synchronous chain around one node, counting restarts.
+struct SxRun
+{
+    CxChain chain;
+    CxExtractChannelCnbl* node = new CxExtractChannelCnbl;
+    int starts = 0;
+    int stops = 0;
+
+    SxRun(const SxPicBufInfo& f, const CxImageMetadata& meta, unsigned int channel = 0)
+    {
+        chain.setRunMode(CxChain::RunSynchronous);
+        chain.setInputFormat(f, meta);
+        node->setChannel(channel);
+        chain.appendNode(node);
+        QObject::connect(&chain, &CxChain::started, [this] { ++starts; });
+        QObject::connect(&chain, &CxChain::stoppedSignal, [this] { ++stops; });
+    }
+    ~SxRun() { QObject::disconnect(&chain, nullptr, nullptr, nullptr); }
+
+    bool startCounted()
+    {
+        const bool ok = chain.start();
+        starts = stops = 0;
+        return ok;
+    }
+    // The output packet for one frame, or null.
+    CxImageData* process(const CxTestInput& input)
+    {
+        if (chain.stopped() && !chain.start())
+            return nullptr;
+        return qobject_cast<CxImageData*>(chain.push(input.packet()));
+    }
+};
+
+class CxForeignData : public IxChainData
+{
+};
+
+} // namespace
+
+class TestExtractChannel : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void identity();
+    void outputFormat_data();
+    void outputFormat();
+    void planes_data();
+    void planes();
+    void bayerCells_data();
+    void bayerCells();
+    void hsiBands_data();
+    void hsiBands();
+    void hsiKernelRefusals_data();
+    void hsiKernelRefusals();
+    void packetsWithoutOutput_data();
+    void packetsWithoutOutput();
+    void settings_data();
+    void settings();
+    void channelList_data();
+    void channelList();
+    void restarts();
+    void widget_data();
+    void widget();
+};
+
+void TestExtractChannel::identity()
+{
+    CxExtractChannelCnbl node;
+    QCOMPARE(node.title(), QStringLiteral("Extract"));
+    QVERIFY(node.hasHelp());
+    QString anchor;
+    QCOMPARE(node.help(anchor), QStringLiteral("Extracts one channel from the input image.<br>"
+                                               "Can be used for extracting RAW channels and HSI bands too."));
+    QCOMPARE(int(node.chainableFlags()), 9);
+    QCOMPARE(node.buffersCountInMemoryPool(), 1);
+    QVERIFY(node.hasConfigurationWidget());
+    CxChainable plain;
+    QVERIFY(node.acceptsDataFrom(&node));
+    QVERIFY(!node.acceptsDataFrom(&plain));
+    QVERIFY(!node.acceptsDataFrom(nullptr));
+
+    node.setChannel(6, QStringLiteral("Blue"), false);
+    QScopedPointer<CxChainable> copy(node.clone());
+    auto* twin = qobject_cast<CxExtractChannelCnbl*>(copy.data());
+    QVERIFY(twin && twin != &node);
+    QCOMPARE(twin->channel(), 6u);
+    QVERIFY(twin->channelName().isEmpty());
+}
+
+void TestExtractChannel::outputFormat_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<CxImageMetadata>("meta");
+    QTest::addColumn<uint>("channel");
+    QTest::addColumn<uint>("component");
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<uint>("pitch");
+
+    const CxImageMetadata names3 = metaWith(CFA_NONE, {"x", "y", "z"});
+    const CxImageMetadata hsi = metaWith(CFA_HSI_MOSAIC, {"raw"}, twoZoneCamera());
+    const SxPicBufInfo hsiIn = format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC);
+
+    QTest::newRow("mono u8 321 wide") << format(321, 5, 1, IDT_UINT8, 7) << names3 << 4u << 0u
+                                      << QSize(321, 5) << 324u;
+    QTest::newRow("rgb channel 7 is plane 2") << format(10, 4, 3, IDT_UINT16, 2, CFA_NONE, DSF_PACKED, true)
+                                              << names3 << 7u << 2u << QSize(10, 4) << 20u;
+    QTest::newRow("rgba float channel 3") << format(5, 3, 4, IDT_FLOAT, 0, CFA_NONE, DSF_PACKED, true)
+                                          << names3 << 3u << 3u << QSize(5, 3) << 20u;
+    QTest::newRow("no channels keeps index") << format(4, 4, 0, IDT_UINT8) << names3 << 9u << 9u
+                                             << QSize(4, 4) << 4u;
+    QTest::newRow("bayer 640x480 channel 5 is 3") << format(640, 480, 1, IDT_UINT16, 0, CFA_BAYER_RGGB)
+                                                  << metaWith(CFA_BAYER_RGGB, {"raw"}) << 5u << 3u
+                                                  << QSize(320, 240) << 640u;
+    QTest::newRow("bayer 5x3 u8") << format(5, 3, 1, IDT_UINT8, 0, CFA_RGBR) << metaWith(CFA_RGBR) << 1u
+                                  << 1u << QSize(2, 1) << 4u;
+    QTest::newRow("bayer not raw stays whole") << format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW)
+                                               << metaWith(CFA_BAYER_RGGB, {"raw"}) << 3u << 0u
+                                               << QSize(7, 5) << 8u;
+    QTest::newRow("unknown filter array is mono") << format(6, 2, 1, IDT_UINT8, 0, ExColorFilterArray(8))
+                                                  << CxImageMetadata() << 2u << 0u << QSize(6, 2) << 8u;
+    QTest::newRow("hsi 1x1 cells") << hsiIn << hsi << 5u << 5u << QSize(3, 8) << 4u;
+    QTest::newRow("hsi 2x2 cells u16") << format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC) << hsi << 9u
+                                       << 9u << QSize(6, 8) << 12u;
+    QTest::newRow("hsi index beyond the bands") << hsiIn << hsi << 99u << 11u << QSize(6, 8) << 8u;
+
+    CxHsiCameraParams wholeSensor = twoZoneCamera();
+    QList<CxHsiCameraParams::CxFilterZone> zones = wholeSensor.filterZones();
+    zones[0].rect = QRect();  // inverted: measured on the input
+    wholeSensor.setFilterZones(zones);
+    QTest::newRow("hsi inverted zone") << format(30, 9, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
+                                       << metaWith(CFA_HSI_MOSAIC, {}, wholeSensor) << 0u << 0u
+                                       << QSize(7, 4) << 8u;
+    QTest::newRow("hsi without camera") << hsiIn << metaWith(CFA_HSI_MOSAIC) << 3u << 3u << QSize(24, 16)
+                                        << 24u;
+}
+
+void TestExtractChannel::outputFormat()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(CxImageMetadata, meta);
+    QFETCH(uint, channel);
+    QFETCH(uint, component);
+    QFETCH(QSize, size);
+    QFETCH(uint, pitch);
+
+    CxExtractChannelCnbl node;
+    node.setChannel(channel);
+    QCOMPARE(node.extractingComponentIndex(in, &meta), component);
+    QCOMPARE(node.channel(), channel);
+
+    SxPicBufInfo out;
+    out.userFlags = 0xdead;
+    CxImageMetadata outMeta;
+    QVERIFY(node.queryOutputImageInfo(in, out, &meta, &outMeta));
+    QCOMPARE(QSize(int(out.width), int(out.height)), size);
+    QCOMPARE(out.linePitch, pitch);
+    QCOMPARE(out.channels, 1u);
+    QVERIFY(!out.isColor);
+    QCOMPARE(out.dataType, in.dataType);
+    QCOMPARE(out.storageFormat, in.storageFormat);
+    QCOMPARE(out.bitsPerSample, in.bitsPerSample);
+    QCOMPARE(out.userFlags, in.userFlags);
+    const bool mosaicIn = in.channels == 1 && in.storageFormat != DSF_NOT_RAW
+        && (isTwoByTwoMosaic(in.colorFilterArray) || in.colorFilterArray == CFA_HSI_MOSAIC);
+    QCOMPARE(out.colorFilterArray, mosaicIn ? CFA_NONE : in.colorFilterArray);
+
+    QCOMPARE(outMeta.cameraName(), meta.cameraName());
+    QCOMPARE(outMeta.colorFilterArray(), mosaicIn ? CFA_NONE : meta.colorFilterArray());
+    // A 2x2 mosaic loses its channel names, a band its camera description.
+    const bool hsi = mosaicIn && in.colorFilterArray == CFA_HSI_MOSAIC;
+    QCOMPARE(outMeta.channelNames(), mosaicIn && !hsi ? QStringList() : meta.channelNames());
+    QVERIFY(outMeta.hsiCameraParams() == (hsi ? CxHsiCameraParams() : meta.hsiCameraParams()));
+}
+
+void TestExtractChannel::planes_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<uint>("channel");
+    QTest::addColumn<uint>("plane");
+
+    QTest::newRow("mono u8 padded") << format(5, 3, 1, IDT_UINT8, 3) << 2u << 0u;
+    QTest::newRow("rgb u8 channel 7") << format(7, 5, 3, IDT_UINT8, 1, CFA_NONE, DSF_PACKED, true) << 7u << 2u;
+    QTest::newRow("rgb u16 green") << format(6, 2, 3, IDT_UINT16, 4, CFA_NONE, DSF_PACKED, true) << 1u << 1u;
+    QTest::newRow("rgba u8 alpha") << format(9, 4, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true) << 3u << 3u;
+    QTest::newRow("rgba float red") << format(3, 3, 4, IDT_FLOAT, 4, CFA_NONE, DSF_PACKED, true) << 0u << 0u;
+    QTest::newRow("two channels s16") << format(5, 5, 2, IDT_INT16, 2) << 1u << 1u;
+    QTest::newRow("bayer not raw, whole") << format(9, 7, 1, IDT_UINT8, 3, CFA_BAYER_GRBG, DSF_NOT_RAW) << 3u << 0u;
+}
+
+// Planes and plain pictures go through the host's channel extraction.
+void TestExtractChannel::planes()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(uint, channel);
+    QFETCH(uint, plane);
+
+    const CxTestInput input(in, metaWith(CFA_NONE, {"a", "b"}));
+    SxRun run(in, input.meta(), channel);
+    QScopedPointer<CxImageData> out(run.process(input));
+    QVERIFY2(out, qPrintable(run.chain.lastError()));
+    const SxPicBuf& pic = *out->picBuf();
+    QCOMPARE(pic.width, in.width);
+    QCOMPARE(pic.height, in.height);
+    const QString bad = firstMismatch(pic, [&](quint32 x, quint32 y) { return sampleAt(input.pic(), x, y, plane); });
+    QVERIFY2(bad.isEmpty(), qPrintable(bad));
+    QCOMPARE(pic.frameNumber, 77);
+    QCOMPARE(pic.exposureTimeUs, 12.5f);
+    QCOMPARE(pic.timestampMs, 4242u);
+    QCOMPARE(pic.attachments.value(QStringLiteral("gain")).toInt(), 3);
+    QCOMPARE(out->metadata()->channelNames(), QStringList({"a", "b"}));
+}
+
+void TestExtractChannel::bayerCells_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<uint>("channel");
+
+    const struct {
+        const char* name;
+        ExImageDataType type;
+    } types[] = {{"u8", IDT_UINT8}, {"u16", IDT_UINT16}, {"u32", IDT_UINT32}, {"float", IDT_FLOAT}};
+    for (const auto& t : types) {
+        for (uint ch : {0u, 1u, 2u, 3u}) {
+            QTest::addRow("%s 640x480 cell %u", t.name, ch) << format(640, 480, 1, t.type, 0, CFA_BAYER_BGGR) << ch;
+            QTest::addRow("%s 5x3 padded cell %u", t.name, ch) << format(5, 3, 1, t.type, 3, CFA_CMYG) << ch;
+        }
+    }
+    QTest::newRow("u8 channel 5 is cell 3") << format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) << 5u;
+    QTest::newRow("u16 one row") << format(7, 1, 1, IDT_UINT16, 0, CFA_BAYER_GBRG) << 1u;
+    QTest::newRow("s16 falls back") << format(6, 4, 1, IDT_INT16, 0, CFA_BAYER_RGGB) << 1u;
+    QTest::newRow("double falls back") << format(6, 4, 1, IDT_DOUBLE, 0, CFA_BAYER_RGGB) << 0u;
+}
+
+void TestExtractChannel::bayerCells()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(uint, channel);
+
+    const CxTestInput input(in, metaWith(in.colorFilterArray, {"raw"}));
+    SxRun run(in, input.meta(), channel);
+    QScopedPointer<CxImageData> out(run.process(input));
+
+    const bool ownKernel = in.dataType == IDT_UINT8 || in.dataType == IDT_UINT16
+        || in.dataType == IDT_UINT32 || in.dataType == IDT_FLOAT;
+    if (!ownKernel) {
+        // The host's operation takes over; it wants a same-sized output, so
+        // the half-sized cell picture is refused and no frame comes out.
+        SxPicBufInfo outInfo;
+        QVERIFY(run.node->queryOutputImageInfo(in, outInfo, &input.meta(), nullptr));
+        SxPicBuf probe;
+        QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(probe, outInfo, true, 0));
+        const bool hostDoes = CxPicBufAPI::ExtractChannel(input.pic(), probe, 1);
+        CxPicBufAPI::FreePicBuf(probe, true);
+        QVERIFY(!hostDoes);
+        QVERIFY(!out);
+        return;
+    }
+    QVERIFY2(out, qPrintable(run.chain.lastError()));
+    const SxPicBuf& pic = *out->picBuf();
+    QCOMPARE(pic.width, in.width / 2);
+    QCOMPARE(pic.height, in.height / 2);
+    QCOMPARE(pic.linePitch % 4, 0u);
+    const quint32 cell = qMin(channel, 3u);
+    const QString bad = firstMismatch(pic, [&](quint32 x, quint32 y) {
+        return sampleAt(input.pic(), 2 * x + (cell & 1), 2 * y + cell / 2);
+    });
+    QVERIFY2(bad.isEmpty(), qPrintable(bad));
+    checkFloatRange(pic);
+    QCOMPARE(out->metadata()->colorFilterArray(), CFA_NONE);
+    QVERIFY(out->metadata()->channelNames().isEmpty());
+}
+
+void TestExtractChannel::hsiBands_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<uint>("channel");
+    QTest::addColumn<QSize>("size");
+
+    for (ExImageDataType t : {IDT_UINT8, IDT_UINT16, IDT_UINT32, IDT_FLOAT}) {
+        const QString type = dataTypeName(t);
+        for (uint band : {0u, 6u, 8u, 11u}) {
+            const QSize size = band < 8 ? QSize(3, 8) : QSize(6, 8);
+            QTest::addRow("%s band %u", qPrintable(type), band)
+                << format(24, 16, 1, t, 2, CFA_HSI_MOSAIC) << band << size;
+        }
+    }
+    // A picture smaller than its zones: what lies outside it reads as 0.
+    QTest::newRow("u8 cut picture band 7") << format(11, 15, 1, IDT_UINT8, 1, CFA_HSI_MOSAIC) << 7u << QSize(3, 8);
+    QTest::newRow("u16 cut picture band 10") << format(19, 9, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC) << 10u << QSize(6, 8);
+    QTest::newRow("band 40 is the last") << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC) << 40u << QSize(6, 8);
+}
+
+void TestExtractChannel::hsiBands()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(uint, channel);
+    QFETCH(QSize, size);
+
+    const CxTestInput input(in, metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera()));
+    SxRun run(in, input.meta(), channel);
+    QScopedPointer<CxImageData> out(run.process(input));
+    QVERIFY2(out, qPrintable(run.chain.lastError()));
+    const SxPicBuf& pic = *out->picBuf();
+    QCOMPARE(QSize(int(pic.width), int(pic.height)), size);
+
+    // Naive reference. Zone 0 (single pixels, 4 x 2 pattern): every 4th
+    // column and 2nd row from the band's pixel. Zone 1 (2 x 2 cells, 2 x 2
+    // pattern, starting at column 12): pairs of columns 4 apart; pairs of
+    // rows whose starts lie 2 * 2 * 2 = 8 rows apart.
+    const quint32 band = qMin(channel, 11u);
+    const Reference ref = [&](quint32 x, quint32 y) -> const uchar* {
+        quint64 sx, sy;
+        if (band < 8) {
+            sx = band % 4 + 4 * x;
+            sy = band / 4 + 2 * y;
+        } else {
+            const quint32 b = band - 8;
+            sx = 12 + (b % 2) * 2 + (x / 2) * 4 + x % 2;
+            sy = (b / 2) * 2 + (y / 2) * 8 + y % 2;
+        }
+        return sx < in.width && sy < in.height ? sampleAt(input.pic(), sx, sy) : nullptr;
+    };
+    const QString bad = firstMismatch(pic, ref);
+    QVERIFY2(bad.isEmpty(), qPrintable(bad));
+    checkFloatRange(pic);
+    QCOMPARE(out->metadata()->hsiCameraParams(), CxHsiCameraParams());
+    QCOMPARE(out->metadata()->colorFilterArray(), CFA_NONE);
+}
+
+void TestExtractChannel::hsiKernelRefusals_data()
+{
+    QTest::addColumn<QString>("fault");
+    for (const char* f : {"no metadata", "band beyond", "wider samples", "zero pattern", "short pitch"})
+        QTest::newRow(f) << QString::fromLatin1(f);
+}
+
+// Each refusal leaves the output as it was.
+void TestExtractChannel::hsiKernelRefusals()
+{
+    QFETCH(QString, fault);
+
+    CxImageMetadata meta = metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera());
+    const CxTestInput input(format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC));
+    const SxPicBuf& in = input.pic();
+    SxPicBuf out;
+    QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(out, format(3, 8, 1, IDT_UINT16), false, 0));
+    std::memset(out.data, 0x5a, size_t(out.dataSize()));
+    int band = 2;
+    if (fault == QLatin1String("band beyond"))
+        band = 12;
+    else if (fault == QLatin1String("short pitch"))
+        out.linePitch = 4;
+    else if (fault == QLatin1String("zero pattern")) {
+        QList<CxHsiCameraParams::CxFilterZone> zones = meta.hsiCameraParams().filterZones();
+        zones[0].patternWidth = 0;
+        meta.hsiCameraParams().setFilterZones(zones);
+    }
+    const CxImageMetadata* m = fault == QLatin1String("no metadata") ? nullptr : &meta;
+    const bool done = fault == QLatin1String("wider samples")
+        ? extr_extractHsiChannel_T<unsigned int>(out, in, m, band)
+        : extr_extractHsiChannel_T<unsigned short>(out, in, m, band);
+    QVERIFY(!done);
+    for (quint64 i = 0; i < out.dataSize(); ++i)
+        QCOMPARE(out.data[i], uchar(0x5a));
+    CxPicBufAPI::FreePicBuf(out, true);
+}
+
+void TestExtractChannel::packetsWithoutOutput_data()
+{
+    QTest::addColumn<QString>("packetCase");
+    QTest::addColumn<bool>("passedOn");  // the packet itself comes back
+
+    QTest::newRow("null packet") << "null" << false;
+    QTest::newRow("foreign packet passes") << "foreign" << true;
+    QTest::newRow("picture without data") << "no data" << false;
+    QTest::newRow("chain stopping") << "stopping" << false;
+    QTest::newRow("pool exhausted") << "exhausted" << false;
+}
+
+void TestExtractChannel::packetsWithoutOutput()
+{
+    QFETCH(QString, packetCase);
+    QFETCH(bool, passedOn);
+
+    const SxPicBufInfo f = format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+    const CxTestInput input(f);
+    CxExtractChannelCnbl node;
+    SxPicBufInfo outInfo;
+    node.queryOutputImageInfo(f, outInfo, nullptr, nullptr);
+    void* pool = CxPicBufAPI::CreateMemoryPool(outInfo, 1, QStringLiteral("test"));
+    node.setMemoryPool(pool);
+
+    IxChainData* packet = nullptr;
+    SxPicBuf held;
+    if (packetCase == QLatin1String("foreign")) {
+        packet = new CxForeignData;
+    } else if (packetCase != QLatin1String("null")) {
+        auto* image = input.packet();
+        packet = image;
+        if (packetCase == QLatin1String("no data")) {
+            image->setPicBuf(SxPicBuf());
+            image->picBuf()->setPicFormat(f);
+        } else if (packetCase == QLatin1String("stopping")) {
+            node.setState(CxChainable::StateStopping);
+        } else {
+            QVERIFY(CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, held, outInfo, false));
+        }
+    }
+    QPointer<IxChainData> guard(packet);
+    IxChainData* result = node.processData(packet);
+    QCOMPARE(result, passedOn ? packet : nullptr);
+    QCOMPARE(guard.data(), packet);
+    delete packet;
+    CxPicBufAPI::FreePicBuf(held, false);
+    CxPicBufAPI::ReleaseMemoryPool(pool);
+}
+
+void TestExtractChannel::settings_data()
+{
+    QTest::addColumn<bool>("present");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<uint>("expected");
+
+    // The node holds channel 5 before loading.
+    QTest::newRow("missing is 0") << false << QString() << 0u;
+    QTest::newRow("three") << true << "3" << 3u;
+    QTest::newRow("largest unsigned") << true << "4294967295" << 4294967295u;
+    QTest::newRow("not a number") << true << "abc" << 0u;
+    QTest::newRow("empty") << true << "" << 0u;
+    QTest::newRow("negative") << true << "-1" << 0u;
+    QTest::newRow("beyond 32 bits") << true << "4294967296" << 0u;
+}
+
+void TestExtractChannel::settings()
+{
+    QFETCH(bool, present);
+    QFETCH(QString, text);
+    QFETCH(uint, expected);
+
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
+    doc.appendChild(element);
+    if (present)
+        element.setAttribute(QStringLiteral("channelIdx"), text);
+    CxExtractChannelCnbl node;
+    node.setChannel(5, QStringLiteral("Blue"), false);
+    QVERIFY(node.loadSettings(element));
+    QCOMPARE(node.channel(), expected);
+
+    // What loads is what saves, as the same decimal text.
+    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
+    QVERIFY(node.saveSettings(doc, saved));
+    QCOMPARE(saved.attribute(QStringLiteral("channelIdx")), QString::number(expected));
+    QVERIFY(saved.childNodes().isEmpty());
+    CxExtractChannelCnbl reloaded;
+    QVERIFY(reloaded.loadSettings(saved));
+    QCOMPARE(reloaded.channel(), expected);
+}
+
+void TestExtractChannel::channelList_data()
+{
+    QTest::addColumn<bool>("known");
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<CxImageMetadata>("meta");
+    QTest::addColumn<uint>("channel");
+    QTest::addColumn<QStringList>("names");
+    QTest::addColumn<QList<int>>("indices");
+    QTest::addColumn<int>("current");
+
+    const CxImageMetadata none;
+    const QList<int> four{0, 1, 2, 3};
+    auto bayer = [](ExColorFilterArray cfa) { return format(8, 6, 1, IDT_UINT8, 0, cfa); };
+    auto rgb = [](quint32 n, bool isColor) { return format(4, 4, n, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, isColor); };
+
+    QTest::newRow("no input yet") << false << SxPicBufInfo() << none << 2u << QStringList() << QList<int>() << 2;
+    QTest::newRow("mono") << true << format(4, 4, 1, IDT_UINT8) << none << 0u << QStringList{"Mono"}
+                          << QList<int>{0} << 0;
+    QTest::newRow("rgb channel 7") << true << rgb(3, true) << none << 7u << QStringList{"Red", "Green", "Blue"}
+                                   << QList<int>{0, 1, 2} << 2;
+    QTest::newRow("rgba") << true << rgb(4, true) << none << 1u << QStringList{"Red", "Green", "Blue", "Alpha"}
+                          << four << 1;
+    QTest::newRow("three numbered") << true << rgb(3, false) << none << 0u
+                                    << QStringList{"Channel 0", "Channel 1", "Channel 2"} << QList<int>{0, 1, 2} << 0;
+    QTest::newRow("five colour channels numbered")
+        << true << rgb(5, true) << none << 4u
+        << QStringList{"Channel 0", "Channel 1", "Channel 2", "Channel 3", "Channel 4"} << QList<int>{0, 1, 2, 3, 4} << 4;
+    QTest::newRow("metadata names") << true << rgb(3, true) << metaWith(CFA_NONE, {"x", "y", "z"}) << 1u
+                                    << QStringList{"x", "y", "z"} << QList<int>{0, 1, 2} << 1;
+    QTest::newRow("metadata names of another count") << true << rgb(2, false) << metaWith(CFA_NONE, {"x", "y", "z"})
+                                                     << 1u << QStringList{"Channel 0", "Channel 1"} << QList<int>{0, 1} << 1;
+    QTest::newRow("one named channel") << true << bayer(CFA_BAYER_RGGB) << metaWith(CFA_BAYER_RGGB, {"raw"}) << 3u
+                                       << QStringList{"raw"} << QList<int>{0} << 3;
+    const struct {
+        ExColorFilterArray cfa;
+        QStringList names;
+    } cells[] = {
+        {CFA_BAYER_RGGB, {"Red", "Green 1", "Green 2", "Blue"}},
+        {CFA_BAYER_GRBG, {"Green 1", "Red", "Blue", "Green 2"}},
+        {CFA_BAYER_GBRG, {"Green 1", "Blue", "Red", "Green 2"}},
+        {CFA_BAYER_BGGR, {"Blue", "Green 1", "Green 2", "Red"}},
+        {CFA_CMYG, {"Cyan", "Magenta", "Yellow", "Green"}},
+        {CFA_RGBR, {"Red 1", "Green", "Blue", "Red 2"}},
+    };
+    for (const auto& c : cells)
+        QTest::addRow("mosaic %d channel 9", int(c.cfa)) << true << bayer(c.cfa) << none << 9u << c.names << four << 3;
+    QTest::newRow("mosaic not raw") << true << format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW) << none
+                                    << 2u << QStringList{"Mono"} << QList<int>{0} << 0;
+    QTest::newRow("unknown filter array") << true << bayer(ExColorFilterArray(9)) << none << 0u
+                                          << QStringList{"Mono"} << QList<int>{0} << 0;
+    QTest::newRow("hsi by wavelength, zone by zone")
+        << true << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC) << metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera())
+        << 2u << QStringList{"A3", "A7", "A1", "A5", "A0", "A4", "A2", "A6", "B1", "B3", "B2", "B0"}
+        << QList<int>{3, 7, 1, 5, 0, 4, 2, 6, 9, 11, 10, 8} << 2;
+    QTest::newRow("hsi without camera") << true << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
+                                        << metaWith(CFA_HSI_MOSAIC) << 2u << QStringList{"Mono"} << QList<int>{0} << 2;
+}
+
+// The list the widget and the quick buttons offer, and the buttons themselves.
+void TestExtractChannel::channelList()
+{
+    QFETCH(bool, known);
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(CxImageMetadata, meta);
+    QFETCH(uint, channel);
+    QFETCH(QStringList, names);
+    QFETCH(QList<int>, indices);
+    QFETCH(int, current);
+
+    CxExtractChannelCnbl node;
+    node.setChannel(channel);
+    if (known) {
+        SxPicBufInfo out;
+        CxImageMetadata outMeta;
+        node.queryOutputImageInfo(in, out, &meta, &outMeta);
+        node.setCurrentImageInfo(in, meta, out, outMeta);
+    }
+    QList<QString> gotNames{"stale"};
+    QList<int> gotIndices{-7};
+    int gotCurrent = -9;
+    node.listOfAvailableChannels(gotNames, gotIndices, &gotCurrent);
+    QCOMPARE(QStringList(gotNames), names);
+    QCOMPARE(gotIndices, indices);
+    QCOMPARE(gotCurrent, current);
+    node.listOfAvailableChannels(gotNames, gotIndices, nullptr);
+
+    // Buttons only for two to four channels, after what the host collected.
+    QList<CxChainable::CxSimpleStateConfigButton> buttons{{QStringLiteral("host"), 99, false, false}};
+    bool hasButtons = false;
+    node.simpleStateConfigButtons(buttons, hasButtons);
+    const bool offered = names.size() >= 2 && names.size() <= 4;
+    QVERIFY(hasButtons);
+    QCOMPARE(buttons.size(), offered ? names.size() + 1 : 1);
+    for (int i = 1; i < buttons.size(); ++i) {
+        QCOMPARE(buttons[i].label(), names[i - 1]);
+        QCOMPARE(buttons[i].id(), indices[i - 1]);
+        QVERIFY(buttons[i].isCheckable());
+        QCOMPARE(buttons[i].isChecked(), indices[i - 1] == current);
+    }
+}
+
+// Pressing a quick button restarts a running chain around the change; the
+// setters leave a stopped chain alone and, without restart, a running one.
+void TestExtractChannel::restarts()
+{
+    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+    const CxTestInput input(f);
+    SxRun run(f, input.meta(), 0);
+    run.node->setChannel(2, QStringLiteral("Green 2"), true);
+    QCOMPARE(run.node->channel(), 2u);
+    QCOMPARE(run.node->channelName(), QStringLiteral("Green 2"));
+    QVERIFY(run.chain.stopped());
+    QCOMPARE(run.starts + run.stops, 0);
+
+    QVERIFY(run.startCounted());
+    run.node->setChannel(1, QStringLiteral("Green 1"), false);
+    run.node->setChannel(0);
+    QCOMPARE(run.node->channelName(), QStringLiteral("Green 1"));
+    QCOMPARE(run.starts + run.stops, 0);
+
+    run.node->simpleStateConfigButtonPressed(3);
+    QCOMPARE(run.node->channel(), 3u);
+    QVERIFY(run.node->channelName().isEmpty());
+    QCOMPARE(run.stops, 1);
+    QCOMPARE(run.starts, 1);
+    QVERIFY(!run.chain.stopped());
+    QScopedPointer<CxImageData> out(run.process(input));
+    QVERIFY(out);
+    QCOMPARE(std::memcmp(sampleAt(*out->picBuf(), 0, 0), sampleAt(input.pic(), 1, 1), 1), 0);
+}
+
+void TestExtractChannel::widget_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<CxImageMetadata>("meta");
+    QTest::addColumn<uint>("channel");
+    QTest::addColumn<int>("currentRow");
+    QTest::addColumn<int>("pickRow");
+
+    QTest::newRow("bayer current cell 2") << format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_GBRG) << CxImageMetadata()
+                                          << 2u << 2 << 0;
+    QTest::newRow("rgb channel 7") << format(4, 4, 3, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true) << CxImageMetadata()
+                                   << 7u << 2 << 1;
+    QTest::newRow("hsi band 9") << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
+                                << metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera()) << 9u << 8 << 11;
+    // The extracted index is not listed: the first row is shown as current.
+    QTest::newRow("hsi without camera") << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
+                                        << metaWith(CFA_HSI_MOSAIC) << 3u << 0 << -1;
+}
+
+void TestExtractChannel::widget()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(CxImageMetadata, meta);
+    QFETCH(uint, channel);
+    QFETCH(int, currentRow);
+    QFETCH(int, pickRow);
+
+    SxRun run(in, meta, channel);
+    QVERIFY(run.startCounted());
+    QScopedPointer<QWidget> widget(run.node->configurationWidget());
+    QVERIFY(qobject_cast<CxExtractChannelWidget*>(widget.data()));
+    QVERIFY(!widget->parent());
+    QCOMPARE(widget->windowTitle(), QStringLiteral("Extract Channel"));
+    auto* list = widget->findChild<QListWidget*>();
+    QVERIFY(list);
+
+    QList<QString> names;
+    QList<int> indices;
+    run.node->listOfAvailableChannels(names, indices, nullptr);
+    QCOMPARE(list->count(), names.size());
+    for (int row = 0; row < list->count(); ++row) {
+        QCOMPARE(list->item(row)->text(), names[row]);
+        QCOMPARE(list->item(row)->data(256).toInt(), indices[row]);
+    }
+    QCOMPARE(list->currentRow(), currentRow);
+    QCOMPARE(run.starts + run.stops, 0);  // filling the list chose nothing
+    if (pickRow < 0)
+        return;
+
+    list->setCurrentRow(pickRow);
+    QCOMPARE(run.node->channel(), uint(indices[pickRow]));
+    QCOMPARE(run.node->channelName(), names[pickRow]);
+    QCOMPARE(run.stops, 1);
+    QCOMPARE(run.starts, 1);
+    QVERIFY(!run.chain.stopped());
+}
+
+QTEST_MAIN(TestExtractChannel)
+#include "tst_extractchannel.moc"
