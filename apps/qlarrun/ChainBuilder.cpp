@@ -66,8 +66,7 @@ CxChainable* CxChainBuilder::createNode(const QString& name, QString* error)
     return node;
 }
 
-ExExitCode CxChainBuilder::applySettings(CxChainable* node, const SxNodeRequest& request, QString* error,
-                                         QStringList* warnings)
+ExExitCode CxChainBuilder::applySettings(CxChainable* node, const SxNodeRequest& request, QString* error)
 {
     if (request.settings.isEmpty())
         return ExitOk;
@@ -92,22 +91,27 @@ ExExitCode CxChainBuilder::applySettings(CxChainable* node, const SxNodeRequest&
         element.setAttribute(setting.first, setting.second);
     node->loadSettings(element);
 
-    // A node reads text it cannot convert as 0; say so rather than run
-    // quietly with a value nobody asked for.
+    // A node reads text it cannot convert as 0; refuse rather than run with
+    // a value nobody asked for. "02" and "2", "0.50" and "0.5" are the same.
     QDomDocument checkDoc;
     const QDomElement stored = savedSettings(node, checkDoc);
     for (const auto& setting : request.settings) {
-        const QString value = stored.attribute(setting.first);
-        if (value != element.attribute(setting.first)) {
-            warnings->append(tr("node \"%1\": %2=%3 was taken as %4")
-                                 .arg(request.name, setting.first, element.attribute(setting.first), value));
-        }
+        const QString given = element.attribute(setting.first);
+        const QString taken = stored.attribute(setting.first);
+        bool givenIsNumber = false, takenIsNumber = false;
+        const double givenValue = given.trimmed().toDouble(&givenIsNumber);
+        const double takenValue = taken.toDouble(&takenIsNumber);
+        if (taken == given || (givenIsNumber && takenIsNumber && givenValue == takenValue))
+            continue;
+        *error = tr("node \"%1\": %2=%3 is not a value it takes (it would run with %4)")
+                     .arg(request.name, setting.first, given, taken);
+        return ExitUsage;
     }
     return ExitOk;
 }
 
 ExExitCode CxChainBuilder::build(const QString& chainFile, const QList<SxNodeRequest>& requests,
-                                 QList<CxChainable*>& nodes, QString* error, QStringList* warnings)
+                                 QList<CxChainable*>& nodes, QString* error)
 {
     QList<CxChainable*> made;
     if (!chainFile.isEmpty()) {
@@ -135,7 +139,7 @@ ExExitCode CxChainBuilder::build(const QString& chainFile, const QList<SxNodeReq
             return ExitInput;
         }
         made.append(node);
-        const ExExitCode applied = applySettings(node, request, error, warnings);
+        const ExExitCode applied = applySettings(node, request, error);
         if (applied != ExitOk) {
             qDeleteAll(made);
             return applied;

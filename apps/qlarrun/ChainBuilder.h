@@ -28,16 +28,15 @@ public:
     static bool parseNodeRequest(const QString& text, SxNodeRequest& request, QString* error);
 
     // The document's nodes first, then one node per request. On failure no node
-    // is left over and error names the file or node at fault. Warnings are
-    // things the run can go on with.
+    // is left over and error names the file or node at fault.
     static ExExitCode build(const QString& chainFile, const QList<SxNodeRequest>& requests,
-                            QList<CxChainable*>& nodes, QString* error, QStringList* warnings);
+                            QList<CxChainable*>& nodes, QString* error);
 
     // Null with a message when no registered node has that CustomName (or,
     // failing that, that UniqueID).
     static CxChainable* createNode(const QString& name, QString* error);
     // Applies the settings through the node's own loadSettings, as a chain
-    // document would. Keys the node does not save are refused.
-    static ExExitCode applySettings(CxChainable* node, const SxNodeRequest& request, QString* error,
-                                    QStringList* warnings);
+    // document would. Keys the node does not save are refused, and so are
+    // values it does not keep as given (text where it wants a number).
+    static ExExitCode applySettings(CxChainable* node, const SxNodeRequest& request, QString* error);
 };

@@ -2,6 +2,7 @@
 #include "ChainBuilder.h"
 #include "ExitCodes.h"
 #include "InputSource.h"
+#include "OutputWriter.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QList>
@@ -10,16 +11,18 @@
 
 struct SxRunOptions
 {
-    enum ExAction { ActionRun, ActionList, ActionHelp, ActionVersion };
+    enum ExAction { ActionRun, ActionList, ActionDescribe, ActionHelp, ActionVersion };
 
     ExAction action = ActionRun;
-    bool defaultRun = false;   // no arguments at all: the demonstration run
+    bool defaultRun = false;   // no arguments at all: the demonstration runs
+    QString label;             // a default run's one-line account of itself
     QString pluginDir;         // empty: $QLAR_PLUGIN_DIR, else the build tree's folder
+    QString describeNode;
     QString chainFile;
     QList<SxNodeRequest> nodes;
     QString saveChainFile;
     SxInputRequest input;
-    QString outDir;            // empty: run without writing pictures
+    CxOutputWriter::SxOptions output;
     bool quiet = false;
 };
 
@@ -31,7 +34,10 @@ public:
     // them. For ActionHelp and ActionVersion, text holds what to print; on
     // failure it holds the one-line reason.
     static ExExitCode parse(const QStringList& arguments, SxRunOptions& options, QString* text);
-    static SxRunOptions defaultRun();
+    // What running without arguments does: one run per chain, each into its
+    // own folder under defaultFolder().
+    static QList<SxRunOptions> defaultRuns();
+    static QString defaultFolder();
     static QString exitStatusHelp();
     static bool parseSize(const QString& text, quint32& width, quint32& height);
 };

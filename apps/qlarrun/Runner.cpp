@@ -1,21 +1,24 @@
 #include "Runner.h"
 
 #include "ChainBuilder.h"
+#include "FileSource.h"
 #include "InputSource.h"
-#include "PngWriter.h"
+#include "OutputWriter.h"
+#include "ProgressBar.h"
 
 #include <CxChain.h>
 #include <CxChainDocument.h>
 #include <CxChainable.h>
-#include <CxImageData.h>
 #include <CxImageSource.h>
+#include <IxChainData.h>
 #include <CxPicBufAPI.h>
 #include <CxPluginManager.h>
 #include <CxRTTI.h>
 
-#include <QtCore/QDir>
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
 #include <QtCore/QTextStream>
+#include <QtXml/QDomDocument>
 
 #include <memory>
 
@@ -26,20 +29,33 @@
 namespace {
 const char* const Program = "qlarrun: ";
 const char* const NodeBaseClass = "CxChainable";
+
+bool sameInput(const SxPicBufInfo& a, const CxImageMetadata& aMeta, const SxPicBufInfo& b,
+               const CxImageMetadata& bMeta)
+{
+    return a.sameFormat(b) && aMeta.hsiCameraParams() == bMeta.hsiCameraParams();
+}
+
 } // namespace
 
 CxRunner::CxRunner(QTextStream& out, QTextStream& err) : m_out(out), m_err(err) {}
+
+CxRunner::~CxRunner() = default;
 
 void CxRunner::info(const QString& text)
 {
     if (m_quiet)
         return;
+    if (m_progress)
+        m_progress->clear();
     m_out << Program << text << '\n';
     m_out.flush();
 }
 
 void CxRunner::warn(const QString& text)
 {
+    if (m_progress)
+        m_progress->clear();
     m_err << Program << text << '\n';
     m_err.flush();
 }
@@ -60,6 +76,28 @@ QString CxRunner::pluginFolder(const QString& option)
     return QString::fromUtf8(QLAR_PLUGIN_DIR);
 }
 
+QString CxRunner::plainHelp(const QString& richText, bool compact)
+{
+    static const QRegularExpression lineBreak(QStringLiteral("<br\\s*/?>"), QRegularExpression::CaseInsensitiveOption);
+    static const QRegularExpression tag(QStringLiteral("<[^>]*>"));
+    QString text = richText;
+    text.replace(lineBreak, QStringLiteral("\n"));
+    text.remove(tag);
+    text.replace(QLatin1String("&lt;"), QLatin1String("<"))
+        .replace(QLatin1String("&gt;"), QLatin1String(">"))
+        .replace(QLatin1String("&quot;"), QLatin1String("\""))
+        .replace(QLatin1String("&#39;"), QLatin1String("'"))
+        .replace(QLatin1String("&nbsp;"), QLatin1String(" "))
+        .replace(QLatin1String("&amp;"), QLatin1String("&"));
+    QStringList lines;
+    for (const QString& line : text.split(QLatin1Char('\n'))) {
+        const QString trimmed = line.simplified();
+        if (!trimmed.isEmpty())
+            lines << trimmed;
+    }
+    return lines.join(compact ? QStringLiteral(" / ") : QStringLiteral("\n"));
+}
+
 ExExitCode CxRunner::exec(const SxRunOptions& options)
 {
     m_quiet = options.quiet;
@@ -68,7 +106,16 @@ ExExitCode CxRunner::exec(const SxRunOptions& options)
         return loaded;
     if (options.action == SxRunOptions::ActionList)
         return listNodes();
-    return run(options);
+    if (options.action == SxRunOptions::ActionDescribe)
+        return describeNode(options.describeNode);
+    if (!options.defaultRun)
+        return run(options);
+    for (const SxRunOptions& defaultRun : CxCommandLine::defaultRuns()) {
+        const ExExitCode status = run(defaultRun);
+        if (status != ExitOk)
+            return status;
+    }
+    return ExitOk;
 }
 
 ExExitCode CxRunner::loadPlugins(const QString& folder)
@@ -90,8 +137,39 @@ ExExitCode CxRunner::loadPlugins(const QString& folder)
 
 ExExitCode CxRunner::listNodes()
 {
-    for (const CxRTTI::SxClassEntry& entry : CxRTTI::instance()->classes(QString::fromLatin1(NodeBaseClass)))
-        m_out << entry.customName << '\t' << entry.uniqueId << '\n';
+    CxRTTI* rtti = CxRTTI::instance();
+    for (const CxRTTI::SxClassEntry& entry : rtti->classes(QString::fromLatin1(NodeBaseClass))) {
+        QString help;
+        const std::unique_ptr<QObject> object(rtti->createInstance(*entry.metaObject));
+        if (CxChainable* node = qobject_cast<CxChainable*>(object.get())) {
+            QString anchor;
+            if (node->hasHelp())
+                help = plainHelp(node->help(anchor), true);
+        }
+        m_out << entry.customName << '\t' << entry.uniqueId << '\t' << help << '\n';
+    }
+    m_out.flush();
+    return ExitOk;
+}
+
+ExExitCode CxRunner::describeNode(const QString& name)
+{
+    QString error;
+    const std::unique_ptr<CxChainable> node(CxChainBuilder::createNode(name, &error));
+    if (!node)
+        return fail(ExitInput, error);
+    const QMetaObject& meta = *node->metaObject();
+    const QString uniqueId = CxRTTI::classInfo(meta, "UniqueID");
+    m_out << CxRTTI::classInfo(meta, "CustomName") << " (" << uniqueId << ")\n";
+    QString anchor;
+    if (node->hasHelp())
+        m_out << plainHelp(node->help(anchor), false) << '\n';
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QString::fromLatin1(CxChainDocument::NodeElement));
+    element.setAttribute(QString::fromLatin1(CxChainDocument::UniqueIdAttribute), uniqueId);
+    doc.appendChild(element);
+    node->saveSettings(doc, element);
+    m_out << '\n' << tr("Default settings:") << '\n' << doc.toString(-1) << '\n';
     m_out.flush();
     return ExitOk;
 }
@@ -108,22 +186,21 @@ void CxRunner::reportNodeErrors(const QList<CxChainable*>& nodes)
     }
 }
 
-ExExitCode CxRunner::handleOutput(IxChainData* packet, CxPngWriter* writer)
+ExExitCode CxRunner::handleOutput(IxChainData* packet, CxOutputWriter& writer)
 {
     // The packet goes back to its pool however this ends.
     const std::unique_ptr<IxChainData> owned(packet);
-    if (!writer)
-        return ExitOk;
     QString message;
-    CxPngWriter::ExResult result;
-    if (const CxImageData* image = qobject_cast<const CxImageData*>(packet)) {
-        result = writer->write(*image->picBuf(), &message);
-    } else {
-        result = writer->skip(tr("outputs of class %1 cannot be written as PNG yet")
-                                  .arg(QString::fromLatin1(packet->metaObject()->className())),
-                              &message);
+    QStringList summary;
+    const CxOutputWriter::ExResult result = writer.handle(packet, &message, &summary);
+    if (!summary.isEmpty()) {
+        if (m_progress)
+            m_progress->clear();
+        for (const QString& line : summary)
+            m_out << line << '\n';
+        m_out.flush();
     }
-    if (result == CxPngWriter::Failed)
+    if (result == CxOutputWriter::Failed)
         return fail(ExitOutput, message);
     if (!message.isEmpty())
         warn(message);
@@ -133,11 +210,8 @@ ExExitCode CxRunner::handleOutput(IxChainData* packet, CxPngWriter* writer)
 ExExitCode CxRunner::run(const SxRunOptions& options)
 {
     QString error;
-    QStringList warnings;
     QList<CxChainable*> nodes;
-    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, nodes, &error, &warnings);
-    for (const QString& warning : warnings)
-        warn(warning);
+    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, nodes, &error);
     if (built != ExitOk)
         return fail(built, error);
 
@@ -151,48 +225,76 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
         return fail(ExitOutput, namingFile(options.saveChainFile, error));
     }
 
-    CxImageSource* source = CxInputFactory::create(options.input, &error);
+    ExExitCode status = ExitOk;
+    CxImageSource* source = CxInputFactory::create(options.input, &error, &status);
     if (!source)
-        return fail(ExitUsage, error);
+        return fail(status, error);
     chain->setSource(source);
+    CxFileSource* files = qobject_cast<CxFileSource*>(source);
+    if (files && !files->prepareNext(&error))
+        return fail(ExitInput, error);
 
-    std::unique_ptr<CxPngWriter> writer;
-    if (!options.outDir.isEmpty()) {
-        writer = std::make_unique<CxPngWriter>();
-        if (!writer->open(options.outDir, &error))
-            return fail(ExitOutput, error);
-    }
+    CxOutputWriter writer;
+    if (!writer.open(options.output, &error))
+        return fail(ExitOutput, error);
 
     if (!chain->start())
         return fail(ExitChain, tr("the chain refuses its input: %1").arg(chain->lastError()));
 
-    if (options.defaultRun) {
-        info(tr("default run: synthetic Bayer camera %1x%2, %3 frames, Deinterlace with odd rows first")
-                 .arg(options.input.width).arg(options.input.height).arg(options.input.frames));
-    } else {
-        SxPicBufInfo format;
-        source->sourceFormat(format, nullptr);
-        QStringList stages{tr("%1 (%2)").arg(source->title(), format.describe())};
-        for (const CxChainable* node : nodes)
-            stages << node->title();
-        info(stages.join(QLatin1String(" -> ")));
-    }
+    SxPicBufInfo format;
+    CxImageMetadata formatMeta;
+    chain->negotiatedFormat(-1, format, &formatMeta);
+    QStringList stages{tr("%1 (%2)").arg(source->title(), format.describe())};
+    for (const CxChainable* node : nodes)
+        stages << node->title();
+    info(options.defaultRun ? tr("default run: %1; %2").arg(options.label, stages.join(QLatin1String(" -> ")))
+                            : stages.join(QLatin1String(" -> ")));
 
-    qint64 outputs = 0;
-    ExExitCode status = ExitOk;
+    qint64 total = 0;
+    if (files)
+        total = files->frameCount();
+    else if (const CxSyntheticCamera* camera = qobject_cast<const CxSyntheticCamera*>(source))
+        total = camera->config().frameLimit;
+    CxProgressBar progress(m_err, total, !m_quiet);
+    m_progress = &progress;
+
+    qint64 outputs = 0, restarts = 0;
     while (status == ExitOk && !source->atEnd()) {
+        if (files) {
+            if (!files->prepareNext(&error)) {
+                status = fail(ExitInput, error);
+                break;
+            }
+            SxPicBufInfo next;
+            CxImageMetadata nextMeta;
+            if (files->sourceFormat(next, &nextMeta) && !sameInput(format, formatMeta, next, nextMeta)) {
+                info(tr("%1: the format changes to %2; the chain starts again").arg(files->pendingFile(), next.describe()));
+                chain->stop();
+                ++restarts;
+                if (!chain->start()) {
+                    status = fail(ExitChain, tr("%1: the chain refuses this input: %2")
+                                                 .arg(files->pendingFile(), chain->lastError()));
+                    break;
+                }
+                format = next;
+                formatMeta = nextMeta;
+            }
+        }
         const qint64 grabbedBefore = chain->stats().grabbed;
         IxChainData* output = chain->step();
         reportNodeErrors(nodes);
         if (output) {
             ++outputs;
-            status = handleOutput(output, writer.get());
+            status = handleOutput(output, writer);
         }
         if (status == ExitOk && chain->stats().grabbed == grabbedBefore)
-            status = fail(ExitInput, tr("the camera delivered no frame"));
+            status = fail(ExitInput, tr("the source delivered no frame"));
+        progress.update(chain->stats().grabbed);
     }
     chain->stop();
     reportNodeErrors(nodes);
+    progress.clear();
+    m_progress = nullptr;
     const qint64 framesIn = chain->stats().grabbed;
     chain.reset();
 
@@ -204,14 +306,15 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
     if (status != ExitOk)
         return status;
 
-    if (writer) {
-        QString summary = tr("%1 frames in, %2 outputs written to %3")
-                              .arg(framesIn).arg(writer->written()).arg(writer->folder());
-        if (writer->skipped() > 0)
-            summary += tr(", %1 skipped").arg(writer->skipped());
-        info(summary);
-    } else {
-        info(tr("%1 frames in, %2 outputs (none written: no --out folder)").arg(framesIn).arg(outputs));
-    }
+    QString account;
+    if (writer.writesFiles())
+        account = tr("%1 frames in, %2 outputs written to %3").arg(framesIn).arg(writer.written()).arg(writer.folder());
+    else
+        account = tr("%1 frames in, %2 outputs (none written: no --out folder)").arg(framesIn).arg(outputs);
+    if (writer.skipped() > 0)
+        account += tr(", %1 skipped").arg(writer.skipped());
+    if (restarts > 0)
+        account += tr(", %1 restarts on a format change").arg(restarts);
+    info(account);
     return ExitOk;
 }

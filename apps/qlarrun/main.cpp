@@ -1,12 +1,15 @@
-// qlarrun: runs a processing chain of plug-in nodes over frames of the
-// built-in camera, without a viewer, and writes the outputs as PNG files.
+// qlarrun: runs a processing chain of plug-in nodes, without a viewer, over
+// picture files or the built-in camera, and writes every output as a file.
 //
 // Exit status (scripts test these; a value never changes its meaning):
-//   0  every frame ran and every picture was written
-//   1  usage: unknown option, bad number or size, a --node setting that is
-//      not key=value or that the node does not have
-//   2  input: the chain document is missing, unreadable or malformed, or
-//      names a node no plug-in provides; a --node name is unknown
+//   0  every frame ran and every output was written
+//   1  usage: unknown option, bad number or size, options that do not go
+//      together, a --node setting that is not key=value, that the node does
+//      not have, or whose value the node does not take
+//   2  input: a picture file, folder or pattern that is missing, unreadable,
+//      truncated or of a kind not read here; a raw frame whose file size does
+//      not match; a camera description or chain document that is missing or
+//      malformed; a node name (document, --node, --describe) no plug-in has
 //   3  plug-ins or chain: the plug-in folder cannot be loaded, or a node
 //      refuses the format it is given
 //   4  output: the output folder, a picture or the saved chain document
@@ -16,12 +19,14 @@
 #include "Runner.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QHashFunctions>
 #include <QtCore/QTextStream>
-
-#include <cstdio>
 
 int main(int argc, char* argv[])
 {
+    // XML attributes are kept in hashes; a fixed seed writes them in the same
+    // order every run, so that equal pictures make byte-equal files.
+    QHashSeed::setDeterministicGlobalSeed();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("qlarrun"));
 

@@ -4,7 +4,10 @@
 
 #include <QtCore/QDateTime>
 
+#include <QtCore/QList>
+
 #include <algorithm>
+#include <climits>
 #include <cmath>
 
 namespace {
@@ -34,6 +37,7 @@ inline float noise(quint32 seed, qint64 n, quint32 x, quint32 y)
 struct Rgb
 {
     float r, g, b;
+    float nir;  // near infrared, seen only by mosaic layouts
 };
 
 // The scene, in [0, 1] per colour: ramps, bars sliding one pixel per frame
@@ -49,7 +53,92 @@ inline Rgb scene(quint32 x, quint32 y, quint32 w, quint32 h, qint64 n)
     const float radius = 0.125f * float(std::min(w, h));
     const float dx = float(x) - cx, dy = float(y) - cy;
     const float disc = (dx * dx + dy * dy <= radius * radius) ? 0.4f : 0.f;
-    return Rgb{0.15f + 0.45f * fx + disc, 0.15f + 0.3f * fy + bars, 0.1f + 0.3f * (1.f - fx) + disc * 0.5f};
+    // The disc glows in the near infrared and the bars barely show there, so
+    // that a NIR band looks different from every colour.
+    return Rgb{0.15f + 0.45f * fx + disc, 0.15f + 0.3f * fy + bars, 0.1f + 0.3f * (1.f - fx) + disc * 0.5f,
+               0.2f + 0.3f * fy + 1.25f * disc + 0.2f * bars};
+}
+
+// What one mosaic cell sees: a weighted sum of the scene's components.
+struct SxBandWeights
+{
+    float r = 0.3f, g = 0.59f, b = 0.11f, nir = 0.f;  // default: unfiltered luminance
+    float of(const Rgb& c) const { return r * c.r + g * c.g + b * c.b + nir * c.nir; }
+};
+
+SxBandWeights bandWeights(const CxHsiCameraParams::CxBand& band)
+{
+    SxBandWeights w;
+    const QString name = band.ownName();
+    if (name == QLatin1String("R") || name == QLatin1String("G") || name == QLatin1String("B")
+        || name == QLatin1String("NIR")) {
+        w.r = name == QLatin1String("R") ? 1.f : 0.f;
+        w.g = name == QLatin1String("G") ? 1.f : 0.f;
+        w.b = name == QLatin1String("B") ? 1.f : 0.f;
+        w.nir = name == QLatin1String("NIR") ? 1.f : 0.f;
+        return w;
+    }
+    const float l = float(band.wavelengthNm());
+    const auto bump = [l](float centre, float width) {
+        const float d = (l - centre) / width;
+        return std::exp(-0.5f * d * d);
+    };
+    w.r = bump(610.f, 40.f);
+    w.g = bump(540.f, 35.f);
+    w.b = bump(465.f, 30.f);
+    w.nir = 1.f / (1.f + std::exp(-(l - 720.f) / 20.f));
+    return w;
+}
+
+struct SxZoneModel
+{
+    qint64 left = 0, top = 0, right = -1, bottom = -1;  // inclusive, clipped to the sensor
+    int patternWidth = 1, patternHeight = 1, cellWidth = 1, cellHeight = 1;
+    QList<SxBandWeights> bands;  // pattern order
+};
+
+// The description reduced to what rendering needs, worked out once per frame.
+QList<SxZoneModel> zoneModels(const CxHsiCameraParams& hsi, quint32 w, quint32 h)
+{
+    QList<SxZoneModel> zones;
+    if (!hsi.isValid())
+        return zones;
+    for (const CxHsiCameraParams::CxFilterZone& z : hsi.filterZones()) {
+        SxZoneModel m;
+        const QRect r = z.sensorRect(int(std::min<quint32>(w, INT_MAX)), int(std::min<quint32>(h, INT_MAX)));
+        m.left = std::max(r.left(), 0);
+        m.top = std::max(r.top(), 0);
+        m.right = std::min<qint64>(r.right(), qint64(w) - 1);
+        m.bottom = std::min<qint64>(r.bottom(), qint64(h) - 1);
+        m.patternWidth = z.patternWidth;
+        m.patternHeight = z.patternHeight;
+        m.cellWidth = z.cellWidth;
+        m.cellHeight = z.cellHeight;
+        for (const CxHsiCameraParams::CxBand& band : z.bands)
+            m.bands.append(bandWeights(band));
+        zones.append(m);
+    }
+    return zones;
+}
+
+// The first zone that covers the pixel decides; pixels outside every zone see
+// the scene unfiltered.
+SxBandWeights mosaicWeights(const QList<SxZoneModel>& zones, quint32 x, quint32 y)
+{
+    for (const SxZoneModel& z : zones) {
+        if (qint64(x) < z.left || qint64(x) > z.right || qint64(y) < z.top || qint64(y) > z.bottom)
+            continue;
+        const qint64 col = ((qint64(x) - z.left) / z.cellWidth) % z.patternWidth;
+        const qint64 row = ((qint64(y) - z.top) / z.cellHeight) % z.patternHeight;
+        const qint64 band = row * z.patternWidth + col;
+        return band < z.bands.size() ? z.bands.at(band) : SxBandWeights();
+    }
+    return SxBandWeights();
+}
+
+bool isDescribedMosaic(CxSyntheticCamera::ExLayout layout)
+{
+    return layout == CxSyntheticCamera::LayoutRgbNir || layout == CxSyntheticCamera::LayoutHsi;
 }
 
 inline float cellValue(ExColorFilterArray cfa, quint32 x, quint32 y, const Rgb& c)
@@ -76,6 +165,9 @@ void renderT(const CxSyntheticCamera::SxConfig& cfg, qint64 n, SxPicBuf& pic)
     const float full = float((quint64(1) << std::min<quint32>(cfg.bitsPerSample, sizeof(T) * 8)) - 1);
     const float sigma = float(cfg.noiseSigma) * full / 255.f;
     const quint32 w = pic.width, h = pic.height, ch = pic.channels;
+    QList<SxZoneModel> zones;
+    if (isDescribedMosaic(cfg.layout))
+        zones = zoneModels(CxSyntheticCamera::mosaicDescription(cfg), w, h);
     auto toSample = [&](float v, quint32 x, quint32 y, quint32 c) {
         float s = v * full + sigma * noise(cfg.seed + c, n, x, y);
         s = std::min(std::max(s, 0.f), full);
@@ -99,6 +191,10 @@ void renderT(const CxSyntheticCamera::SxConfig& cfg, qint64 n, SxPicBuf& pic)
                 row[x * ch + 2] = toSample(c.b, x, y, 2);
                 if (ch == 4)
                     row[x * ch + 3] = T(full);
+                break;
+            case CxSyntheticCamera::LayoutRgbNir:
+            case CxSyntheticCamera::LayoutHsi:
+                row[x] = toSample(mosaicWeights(zones, x, y).of(c), x, y, 0);
                 break;
             }
         }
@@ -124,6 +220,10 @@ void CxSyntheticCamera::setConfig(const SxConfig& config)
         m_config.bitsPerSample = typeBits;
     if (m_config.layout == LayoutBayer && !isTwoByTwoMosaic(m_config.colorFilterArray))
         m_config.colorFilterArray = CFA_BAYER_RGGB;
+    if (isDescribedMosaic(m_config.layout))
+        m_config.colorFilterArray = CFA_HSI_MOSAIC;
+    else
+        m_config.hsi.clear();
     setMaxFps(m_config.fps);
     m_next = 0;
 }
@@ -150,6 +250,11 @@ bool CxSyntheticCamera::sourceFormat(SxPicBufInfo& info, CxImageMetadata* meta)
         break;
     case LayoutRgb: info.channels = 3; info.isColor = true; break;
     case LayoutRgba: info.channels = 4; info.isColor = true; break;
+    case LayoutRgbNir:
+    case LayoutHsi:
+        info.channels = 1;
+        info.colorFilterArray = CFA_HSI_MOSAIC;
+        break;
     }
     info.linePitch = quint32(info.packedLineBytes());
     if (meta) {
@@ -160,8 +265,56 @@ bool CxSyntheticCamera::sourceFormat(SxPicBufInfo& info, CxImageMetadata* meta)
             meta->setChannelNames({QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B")});
         else if (info.channels == 4)
             meta->setChannelNames({QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B"), QStringLiteral("A")});
+        if (isDescribedMosaic(m_config.layout))
+            meta->setHsiCameraParams(mosaicDescription(m_config));
     }
     return true;
+}
+
+CxHsiCameraParams CxSyntheticCamera::mosaicDescription(const SxConfig& config)
+{
+    if (!isDescribedMosaic(config.layout))
+        return CxHsiCameraParams();
+    if (!config.hsi.isEmpty())
+        return config.hsi;
+    if (config.layout == LayoutRgbNir)
+        return CxHsiCameraParams::standardRgbNir();
+    return builtInHsiDescription(config.width, config.height);
+}
+
+CxHsiCameraParams CxSyntheticCamera::builtInHsiDescription(quint32 width, quint32 height)
+{
+    // Pattern positions get their wavelengths in a scrambled order, as on
+    // real sensors, so that wavelength order and pattern order differ.
+    const auto makeZone = [](int pattern, double firstNm, double stepNm, int scramble) {
+        CxHsiCameraParams::CxFilterZone z;
+        z.patternWidth = pattern;
+        z.patternHeight = pattern;
+        const int count = pattern * pattern;
+        for (int i = 0; i < count; ++i) {
+            const double nm = firstNm + stepNm * ((i * scramble) % count);
+            z.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("%1 nm").arg(nm), nm));
+        }
+        return z;
+    };
+    CxHsiCameraParams::CxFilterZone visible = makeZone(4, 460.0, 15.0, 5);
+    CxHsiCameraParams::CxFilterZone nearInfrared = makeZone(3, 650.0, 40.0, 4);
+
+    const quint64 w0 = quint64(width) / 2 / 4 * 4;
+    const quint64 h0 = quint64(height) / 4 * 4;
+    const quint64 w1 = (quint64(width) - w0) / 3 * 3;
+    const quint64 h1 = quint64(height) / 3 * 3;
+    CxHsiCameraParams hsi;
+    // QRect holds ints; larger sensors than that are not simulated anyway.
+    if (w0 < 4 || w1 < 3 || h0 < 4 || width > quint32(INT_MAX) || height > quint32(INT_MAX)) {
+        hsi.addFilterZone(visible);  // default rectangle: inverted, the whole sensor
+        return hsi;
+    }
+    visible.rect = QRect(0, 0, int(w0), int(h0));
+    nearInfrared.rect = QRect(int(w0), 0, int(w1), int(h1));
+    hsi.addFilterZone(visible);
+    hsi.addFilterZone(nearInfrared);
+    return hsi;
 }
 
 void CxSyntheticCamera::renderFrame(const SxConfig& config, qint64 n, SxPicBuf& pic)

@@ -1,0 +1,71 @@
+#include "CameraDescription.h"
+
+#include "PictureFile.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
+#include <QtXml/QDomDocument>
+
+const char* const SxCameraDescription::RootElement = "QlarCamera";
+const char* const SxCameraDescription::CfaAttribute = "colorFilterArray";
+const char* const SxCameraDescription::BitsAttribute = "bitsPerSample";
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("SxCameraDescription", text);
+}
+
+} // namespace
+
+bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
+{
+    *this = SxCameraDescription();
+    const auto fail = [&](const QString& what) {
+        *this = SxCameraDescription();
+        *error = PictureFile::fileError(path, what);
+        return false;
+    };
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(tr("cannot open the camera description (%1)").arg(file.errorString()));
+    QDomDocument doc;
+    QString message;
+    int line = 0, column = 0;
+    if (!doc.setContent(&file, &message, &line, &column))
+        return fail(tr("line %1: %2").arg(line).arg(message));
+    const QDomElement root = doc.documentElement();
+    const bool bare = root.tagName() == QLatin1String(CxHsiCameraParams::ElementName);
+    if (!bare && root.tagName() != QLatin1String(RootElement))
+        return fail(tr("line %1: the root element is %2, expected %3")
+                        .arg(root.lineNumber()).arg(root.tagName(), QLatin1String(RootElement)));
+
+    const auto number = [&](const char* name, quint32 low, quint32 high, quint32& value) {
+        const QString text = root.attribute(QString::fromLatin1(name));
+        bool ok = false;
+        value = text.toUInt(&ok);
+        return ok && value >= low && value <= high;
+    };
+    if (root.hasAttribute(QString::fromLatin1(CfaAttribute))) {
+        quint32 cfa = 0;
+        if (!number(CfaAttribute, 0, CFA_HSI_MOSAIC, cfa))
+            return fail(tr("line %1: %2 must be 0 to 7").arg(root.lineNumber()).arg(QLatin1String(CfaAttribute)));
+        hasColorFilterArray = true;
+        colorFilterArray = ExColorFilterArray(cfa);
+    }
+    if (root.hasAttribute(QString::fromLatin1(BitsAttribute))
+        && !number(BitsAttribute, 1, 32, bitsPerSample))
+        return fail(tr("line %1: %2 must be 1 to 32").arg(root.lineNumber()).arg(QLatin1String(BitsAttribute)));
+
+    QString hsiError;
+    if (!hsi.loadFromXml(root, &hsiError))
+        return fail(hsiError);
+    if (!hsi.isEmpty() && !hasColorFilterArray) {
+        hasColorFilterArray = true;
+        colorFilterArray = CFA_HSI_MOSAIC;
+    }
+    if (hasColorFilterArray && colorFilterArray == CFA_HSI_MOSAIC && !hsi.isValid())
+        return fail(tr("filter array 7 needs a valid %1 element").arg(QLatin1String(CxHsiCameraParams::ElementName)));
+    return true;
+}

@@ -1,0 +1,33 @@
+#pragma once
+#include <CxImageMetadata.h>
+#include <SxPicBuf.h>
+
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+// What every picture file reader and writer shares.
+namespace PictureFile {
+
+// Pictures beyond these bounds are taken as corrupt headers rather than real
+// frames: their byte counts would strain the 32-bit pitch of the format.
+constexpr quint32 MaxSide = 65535;
+constexpr quint64 MaxBytes = quint64(1) << 31;
+
+// "path: what", the shape of every file message.
+QString fileError(const QString& path, const QString& what);
+
+// Makes pic a packed heap picture of format, reusing the memory pic already
+// holds from the heap when it is large enough, so that reading a folder of
+// equal frames allocates once. The format must be valid and within the
+// bounds above; false with a message (not naming any file) otherwise.
+bool preparePicture(SxPicBuf& pic, const SxPicBufInfo& format, QString* error);
+
+// The reader's view of a sample type: 8, 16 or 32-bit integers of either
+// signedness and 32-bit float, the types the files carry both ways.
+bool isFileSampleType(ExImageDataType type);
+
+// "R", "G", "B" (and "A"), as the camera names its colour channels; empty
+// for other channel counts.
+QStringList colourChannelNames(quint32 channels);
+
+} // namespace PictureFile

@@ -1,0 +1,33 @@
+#pragma once
+#include <CxImageMetadata.h>
+#include <SxPicBuf.h>
+
+#include <QtCore/QString>
+
+// Raw frame files: nothing but the samples of one one-channel frame, rows
+// packed one after another, in this machine's byte order (little-endian on
+// the machines we build for). What the file cannot say comes from the command
+// line, and the file size must be exactly what that format needs.
+namespace RawIo {
+
+struct SxRawFormat
+{
+    quint32 width = 0;
+    quint32 height = 0;
+    ExImageDataType dataType = IDT_UINT8;
+    quint32 bitsPerSample = 0;  // 0: every bit of the type
+    ExColorFilterArray colorFilterArray = CFA_NONE;
+
+    SxPicBufInfo info() const;
+};
+
+// Sample type names as the command line takes them: u8, s8, u16, s16, u32,
+// s32, f32; IDT_UNKNOWN for anything else.
+ExImageDataType typeFromName(const QString& name);
+QString typeNames();
+
+// pic becomes a heap picture (memory it already holds is reused when large
+// enough); meta is replaced. Messages name the file.
+bool read(const QString& path, const SxRawFormat& format, SxPicBuf& pic, CxImageMetadata& meta, QString* error);
+
+} // namespace RawIo

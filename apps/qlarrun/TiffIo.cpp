@@ -1,0 +1,329 @@
+#include "TiffIo.h"
+
+#include "PictureFile.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QFile>
+#include <QtXml/QDomDocument>
+
+#include <tiffio.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+QString tr(const char* text)
+{
+    return QCoreApplication::translate("TiffIo", text);
+}
+
+const char* const DescriptionElement = "QlarPicture";
+const char* const BitsAttribute = "bitsPerSample";
+const char* const CfaAttribute = "colorFilterArray";
+const char* const StorageAttribute = "storageFormat";
+
+// libtiff reports through callbacks; keep the first complaint for the one
+// line the user sees and let nothing reach stderr on its own.
+int keepFirstError(TIFF*, void* user, const char* module, const char* fmt, va_list ap)
+{
+    auto* first = static_cast<QString*>(user);
+    if (first->isEmpty()) {
+        char text[512];
+        std::vsnprintf(text, sizeof text, fmt, ap);
+        *first = QString::fromLocal8Bit(text);
+    }
+    return 1;
+}
+
+int ignoreWarning(TIFF*, void*, const char*, const char*, va_list)
+{
+    return 1;
+}
+
+struct SxTiffCloser
+{
+    void operator()(TIFF* tif) const { TIFFClose(tif); }
+};
+using TiffPtr = std::unique_ptr<TIFF, SxTiffCloser>;
+
+TiffPtr openTiff(const QString& path, const char* mode, QString* firstError)
+{
+    TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
+    TIFFOpenOptionsSetErrorHandlerExtR(opts, keepFirstError, firstError);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, ignoreWarning, nullptr);
+    // A corrupt header must not make libtiff ask for absurd amounts.
+    TIFFOpenOptionsSetMaxSingleMemAlloc(opts, tmsize_t(PictureFile::MaxBytes));
+    TiffPtr tif(TIFFOpenExt(QFile::encodeName(path).constData(), mode, opts));
+    TIFFOpenOptionsFree(opts);
+    return tif;
+}
+
+// 0 for types TIFF does not carry here.
+uint16_t sampleFormatOf(ExImageDataType type)
+{
+    switch (type) {
+    case IDT_INT8: case IDT_INT16: case IDT_INT32: return SAMPLEFORMAT_INT;
+    case IDT_UINT8: case IDT_UINT16: case IDT_UINT32: return SAMPLEFORMAT_UINT;
+    case IDT_FLOAT: return SAMPLEFORMAT_IEEEFP;
+    default: return 0;
+    }
+}
+
+ExImageDataType typeOf(uint16_t sampleFormat, uint16_t bits)
+{
+    if (sampleFormat == SAMPLEFORMAT_UINT)
+        return bits == 8 ? IDT_UINT8 : bits == 16 ? IDT_UINT16 : bits == 32 ? IDT_UINT32 : IDT_UNKNOWN;
+    if (sampleFormat == SAMPLEFORMAT_INT)
+        return bits == 8 ? IDT_INT8 : bits == 16 ? IDT_INT16 : bits == 32 ? IDT_INT32 : IDT_UNKNOWN;
+    if (sampleFormat == SAMPLEFORMAT_IEEEFP)
+        return bits == 32 ? IDT_FLOAT : IDT_UNKNOWN;
+    return IDT_UNKNOWN;
+}
+
+QString describeTiffSamples(uint16_t sampleFormat, uint16_t bits)
+{
+    const char* kind = sampleFormat == SAMPLEFORMAT_UINT     ? "unsigned"
+                       : sampleFormat == SAMPLEFORMAT_INT    ? "signed"
+                       : sampleFormat == SAMPLEFORMAT_IEEEFP ? "float"
+                                                             : "untyped";
+    return QStringLiteral("%1-bit %2").arg(bits).arg(QLatin1String(kind));
+}
+
+QByteArray pictureDescription(const SxPicBufInfo& format, const CxImageMetadata* meta)
+{
+    QDomDocument doc;
+    QDomElement root = doc.createElement(QString::fromLatin1(DescriptionElement));
+    doc.appendChild(root);
+    root.setAttribute(QString::fromLatin1(BitsAttribute), format.bitsPerSample);
+    root.setAttribute(QString::fromLatin1(CfaAttribute), quint32(format.colorFilterArray));
+    root.setAttribute(QString::fromLatin1(StorageAttribute), quint32(format.storageFormat));
+    if (meta && !meta->hsiCameraParams().isEmpty())
+        meta->hsiCameraParams().saveToXml(doc, root);
+    return doc.toByteArray(-1);
+}
+
+// Our own element in ImageDescription; other descriptions are left alone.
+bool applyPictureDescription(const QByteArray& text, SxPicBufInfo& format, CxImageMetadata& meta, QString* error)
+{
+    if (!text.trimmed().startsWith('<'))
+        return true;
+    QDomDocument doc;
+    if (!doc.setContent(text))
+        return true;  // someone else's markup
+    const QDomElement root = doc.documentElement();
+    if (root.tagName() != QLatin1String(DescriptionElement))
+        return true;
+    const auto number = [&](const char* name, quint32 fallback, bool* ok) {
+        if (!root.hasAttribute(QString::fromLatin1(name)))
+            return fallback;
+        return root.attribute(QString::fromLatin1(name)).toUInt(ok);
+    };
+    bool ok = true;
+    const quint32 typeBits = format.bytesPerSample() * 8;
+    const quint32 bits = number(BitsAttribute, typeBits, &ok);
+    const quint32 cfa = number(CfaAttribute, 0, &ok);
+    const quint32 storage = number(StorageAttribute, DSF_PACKED, &ok);
+    if (!ok || bits == 0 || bits > typeBits || cfa > CFA_HSI_MOSAIC || storage == DSF_UNKNOWN
+        || storage > DSF_NOT_RAW) {
+        *error = tr("the picture description in ImageDescription does not fit the samples");
+        return false;
+    }
+    CxHsiCameraParams hsi;
+    QString hsiError;
+    if (!hsi.loadFromXml(root, &hsiError)) {
+        *error = tr("picture description: %1").arg(hsiError);
+        return false;
+    }
+    format.bitsPerSample = bits;
+    format.colorFilterArray = ExColorFilterArray(cfa);
+    format.storageFormat = ExDataStorageFormat(storage);
+    meta.setHsiCameraParams(hsi);
+    return true;
+}
+
+// Copies a decoded block (strip or tile) of blockRows rows of blockRowBytes
+// into the picture at (x0 pixels, y0), clipped to the picture.
+void copyBlock(SxPicBuf& pic, const uchar* block, quint64 blockRowBytes, quint32 x0, quint32 y0, quint32 blockWidth,
+               quint32 blockRows)
+{
+    const quint64 pixelBytes = pic.bytesPerPixel();
+    const quint32 columns = qMin(blockWidth, pic.width - x0);
+    const quint32 rows = qMin(blockRows, pic.height - y0);
+    for (quint32 r = 0; r < rows; ++r)
+        std::memcpy(pic.rowPtr(y0 + r) + x0 * pixelBytes, block + r * blockRowBytes, size_t(columns * pixelBytes));
+}
+
+bool readStrips(TIFF* tif, SxPicBuf& pic)
+{
+    const quint64 rowBytes = pic.packedLineBytes();
+    uint32_t rowsPerStrip = 0;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
+    rowsPerStrip = qBound<uint32_t>(1, rowsPerStrip, pic.height);
+    if (quint64(TIFFScanlineSize64(tif)) != rowBytes)
+        return false;
+    std::vector<uchar> strip(static_cast<size_t>(rowBytes * rowsPerStrip));
+    for (quint32 y = 0; y < pic.height; y += rowsPerStrip) {
+        const quint32 rows = qMin(rowsPerStrip, pic.height - y);
+        const tmsize_t want = tmsize_t(rows * rowBytes);
+        if (TIFFReadEncodedStrip(tif, TIFFComputeStrip(tif, y, 0), strip.data(), want) < want)
+            return false;
+        copyBlock(pic, strip.data(), rowBytes, 0, y, pic.width, rows);
+    }
+    return true;
+}
+
+bool readTiles(TIFF* tif, SxPicBuf& pic)
+{
+    uint32_t tileWidth = 0, tileHeight = 0;
+    if (!TIFFGetField(tif, TIFFTAG_TILEWIDTH, &tileWidth) || !TIFFGetField(tif, TIFFTAG_TILELENGTH, &tileHeight)
+        || tileWidth == 0 || tileHeight == 0)
+        return false;
+    const quint64 tileRowBytes = quint64(tileWidth) * pic.bytesPerPixel();
+    const quint64 tileBytes = tileRowBytes * tileHeight;
+    if (quint64(TIFFTileSize64(tif)) != tileBytes || tileBytes > PictureFile::MaxBytes)
+        return false;
+    std::vector<uchar> tile(static_cast<size_t>(tileBytes));
+    for (quint32 y = 0; y < pic.height; y += tileHeight) {
+        for (quint32 x = 0; x < pic.width; x += tileWidth) {
+            if (TIFFReadEncodedTile(tif, TIFFComputeTile(tif, x, y, 0, 0), tile.data(), tmsize_t(tileBytes))
+                < tmsize_t(tileBytes))
+                return false;
+            copyBlock(pic, tile.data(), tileRowBytes, x, y, tileWidth, tileHeight);
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+namespace TiffIo {
+
+bool canWrite(const SxPicBufInfo& format, QString* reason)
+{
+    if (!sampleFormatOf(format.dataType) || format.channels == 0 || format.storageFormat == DSF_PLANAR) {
+        *reason = tr("pictures of format %1 cannot be written as TIFF").arg(format.describe());
+        return false;
+    }
+    return true;
+}
+
+bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, bool deflate, QString* error)
+{
+    QString reason;
+    if (!canWrite(pic, &reason) || !pic.data || pic.width == 0 || pic.height == 0
+        || pic.effectiveLinePitch() < pic.packedLineBytes()) {
+        *error = PictureFile::fileError(path, reason.isEmpty() ? tr("the picture holds no pixels") : reason);
+        return false;
+    }
+    QString libError;
+    TiffPtr tif = openTiff(path, "w", &libError);
+    if (!tif) {
+        *error = PictureFile::fileError(path, tr("cannot create the file"));
+        return false;
+    }
+    const bool rgb = pic.isColor && (pic.channels == 3 || pic.channels == 4);
+    const uint16_t bits = uint16_t(pic.bytesPerSample() * 8);
+    const QByteArray description = pictureDescription(pic, meta);
+    bool ok = TIFFSetField(tif.get(), TIFFTAG_IMAGEWIDTH, uint32_t(pic.width))
+              && TIFFSetField(tif.get(), TIFFTAG_IMAGELENGTH, uint32_t(pic.height))
+              && TIFFSetField(tif.get(), TIFFTAG_SAMPLESPERPIXEL, uint16_t(pic.channels))
+              && TIFFSetField(tif.get(), TIFFTAG_BITSPERSAMPLE, bits)
+              && TIFFSetField(tif.get(), TIFFTAG_SAMPLEFORMAT, sampleFormatOf(pic.dataType))
+              && TIFFSetField(tif.get(), TIFFTAG_PHOTOMETRIC, rgb ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK)
+              && TIFFSetField(tif.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG)
+              && TIFFSetField(tif.get(), TIFFTAG_COMPRESSION, deflate ? COMPRESSION_ADOBE_DEFLATE : COMPRESSION_NONE)
+              && TIFFSetField(tif.get(), TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tif.get(), 0))
+              && TIFFSetField(tif.get(), TIFFTAG_IMAGEDESCRIPTION, description.constData())
+              && TIFFSetField(tif.get(), TIFFTAG_SOFTWARE, "qlarrun");
+    const quint32 extra = pic.channels - (rgb ? 3 : 1);
+    if (ok && extra > 0) {
+        std::vector<uint16_t> kinds(extra, EXTRASAMPLE_UNSPECIFIED);
+        if (rgb)
+            kinds[0] = EXTRASAMPLE_UNASSALPHA;
+        ok = TIFFSetField(tif.get(), TIFFTAG_EXTRASAMPLES, uint16_t(extra), kinds.data());
+    }
+    // libtiff may work on the row it is given, so hand it a copy.
+    std::vector<uchar> row(size_t(pic.packedLineBytes()));
+    for (quint32 y = 0; ok && y < pic.height; ++y) {
+        std::memcpy(row.data(), pic.rowPtr(y), row.size());
+        ok = TIFFWriteScanline(tif.get(), row.data(), y, 0) >= 0;
+    }
+    ok = ok && TIFFFlush(tif.get());
+    tif.reset();
+    if (!ok) {
+        QFile::remove(path);
+        *error = PictureFile::fileError(path, libError.isEmpty() ? tr("cannot write the picture")
+                                                                  : tr("cannot write the picture (%1)").arg(libError));
+        return false;
+    }
+    return true;
+}
+
+bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* error)
+{
+    const auto fail = [&](const QString& what) {
+        *error = PictureFile::fileError(path, what);
+        return false;
+    };
+    QString libError;
+    TiffPtr tif = openTiff(path, "r", &libError);
+    if (!tif)
+        return fail(libError.isEmpty() ? tr("cannot read the file as TIFF")
+                                       : tr("the TIFF is truncated or corrupt (%1)").arg(libError));
+    TIFF* t = tif.get();
+
+    uint32_t width = 0, height = 0;
+    uint16_t channels = 1, bits = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG, photometric = 0;
+    if (!TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &width) || !TIFFGetField(t, TIFFTAG_IMAGELENGTH, &height))
+        return fail(tr("the TIFF has no picture size"));
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &channels);
+    TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
+    TIFFGetFieldDefaulted(t, TIFFTAG_PLANARCONFIG, &planar);
+    if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric))
+        photometric = channels >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+
+    const ExImageDataType type = typeOf(sampleFormat, bits);
+    if (type == IDT_UNKNOWN)
+        return fail(tr("TIFF samples of %1 are not supported (8, 16 or 32-bit integers, 32-bit float)")
+                        .arg(describeTiffSamples(sampleFormat, bits)));
+    if (photometric != PHOTOMETRIC_MINISBLACK && photometric != PHOTOMETRIC_RGB)
+        return fail(tr("TIFF photometric interpretation %1 is not supported (min-is-black or RGB)").arg(photometric));
+    if (photometric == PHOTOMETRIC_RGB && channels < 3)
+        return fail(tr("an RGB TIFF with %1 samples per pixel").arg(channels));
+    if (channels > 1 && planar != PLANARCONFIG_CONTIG)
+        return fail(tr("TIFF with separate colour planes is not supported (only interleaved samples)"));
+    if (channels == 0)
+        return fail(tr("the TIFF has no samples per pixel"));
+
+    SxPicBufInfo format;
+    format.width = width;
+    format.height = height;
+    format.channels = channels;
+    format.dataType = type;
+    format.bitsPerSample = bits;
+    format.isColor = photometric == PHOTOMETRIC_RGB;
+    meta = CxImageMetadata();
+    char* description = nullptr;
+    if (TIFFGetField(t, TIFFTAG_IMAGEDESCRIPTION, &description) && description) {
+        QString why;
+        if (!applyPictureDescription(QByteArray(description), format, meta, &why))
+            return fail(why);
+    }
+    QString why;
+    if (!PictureFile::preparePicture(pic, format, &why))
+        return fail(why);
+    if (!(TIFFIsTiled(t) ? readTiles(t, pic) : readStrips(t, pic)))
+        return fail(libError.isEmpty() ? tr("the TIFF is truncated or corrupt")
+                                       : tr("the TIFF is truncated or corrupt (%1)").arg(libError));
+    meta.updateFromPicBufInfo(&pic);
+    if (format.isColor)
+        meta.setChannelNames(PictureFile::colourChannelNames(channels));
+    return true;
+}
+
+} // namespace TiffIo

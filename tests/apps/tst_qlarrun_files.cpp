@@ -1,0 +1,698 @@
+// Picture files in and out of the command-line host: every sample type and
+// channel count through our TIFF writer and reader and through the binary,
+// files made by other writers (libtiff directly, QImage, PGM/PPM bytes by
+// hand), raw frames with what the command line and camera descriptions say
+// about them, how inputs are listed, and broken files, each of which must end
+// a run with one line naming the file and status 2.
+#include "AppTestSupport.h"
+
+#include <CxSyntheticCamera.h>
+#include <ImageFileReader.h>
+#include <PngIo.h>
+#include <TiffIo.h>
+
+#include <QtCore/QBuffer>
+#include <QtCore/QTemporaryDir>
+#include <QtGui/QImage>
+#include <QtTest/QtTest>
+#include <QtXml/QDomDocument>
+
+#include <tiffio.h>
+
+#include <vector>
+
+namespace {
+
+const quint32 W = 37, H = 21;  // odd, and not a whole number of 16x16 tiles
+
+// A little-endian TIFF of one 8-bit strip whose directory comes before the
+// samples, as some cameras write them; a cut file then keeps its directory.
+QByteArray handmadeTiff(quint32 w, quint32 h, const QByteArray& samples)
+{
+    QByteArray t("II*\0\x08\0\0\0\x09\0", 10);
+    const quint32 entries[][3] = {{256, 4, w}, {257, 4, h}, {258, 3, 8}, {259, 3, 1}, {262, 3, 1},
+                                  {273, 4, 8 + 2 + 9 * 12 + 4}, {277, 3, 1}, {278, 4, h},
+                                  {279, 4, quint32(samples.size())}};
+    for (const auto& e : entries) {
+        const quint32 fields[] = {e[0] | (e[1] << 16), 1, e[2]};  // tag and type, count, value
+        t.append(reinterpret_cast<const char*>(fields), sizeof fields);
+    }
+    return t + QByteArray(4, '\0') + samples;
+}
+
+struct SxTiffLayout
+{
+    bool bigEndian = false;
+    quint32 tile = 0;  // 0: strips
+    bool separate = false;
+    int compression = COMPRESSION_NONE;
+    quint32 rowsPerStrip = 0;  // 0: one strip
+    int photometric = -1;      // -1: RGB for 3 and 4 channels, else min-is-black
+    int bits = 0;              // 0: the sample type's
+
+    // "be tile=16 sep comp=5 rps=4 ph=5 bits=12", any of them.
+    explicit SxTiffLayout(const QString& spec)
+    {
+        for (const QString& token : spec.split(' ', Qt::SkipEmptyParts)) {
+            const int value = token.section('=', 1).toInt();
+            const QString key = token.section('=', 0, 0);
+            bigEndian |= key == "be";
+            separate |= key == "sep";
+            tile = key == "tile" ? quint32(value) : tile;
+            compression = key == "comp" ? value : compression;
+            rowsPerStrip = key == "rps" ? quint32(value) : rowsPerStrip;
+            photometric = key == "ph" ? value : photometric;
+            bits = key == "bits" ? value : bits;
+        }
+    }
+};
+
+// Written with libtiff directly, not through the program's writer.
+bool writeWithLibtiff(const QString& path, const SxPicBuf& src, const SxTiffLayout& l)
+{
+    TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), l.bigEndian ? "wb" : "wl");
+    if (!tif)
+        return false;
+    const quint32 ch = src.channels;
+    const int photometric = l.photometric >= 0 ? l.photometric : ch >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+    const int sampleFormat = src.dataType == IDT_FLOAT ? SAMPLEFORMAT_IEEEFP
+                             : (src.dataType == IDT_INT8 || src.dataType == IDT_INT16 || src.dataType == IDT_INT32)
+                                 ? SAMPLEFORMAT_INT
+                                 : SAMPLEFORMAT_UINT;
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, src.width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, src.height);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(ch));
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(l.bits ? l.bits : int(src.bytesPerSample() * 8)));
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, uint16_t(sampleFormat));
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(photometric));
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(l.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG));
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(l.compression));
+    const quint32 colour = photometric == PHOTOMETRIC_RGB ? 3 : photometric == PHOTOMETRIC_SEPARATED ? 4 : 1;
+    if (ch > colour) {
+        std::vector<uint16_t> kinds(ch - colour, EXTRASAMPLE_UNSPECIFIED);
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(kinds.size()), kinds.data());
+    }
+    const quint32 pixelBytes = src.bytesPerPixel(), sampleBytes = src.bytesPerSample();
+    bool ok = true;
+    if (l.tile) {
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, l.tile);
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, l.tile);
+        std::vector<uchar> tile(size_t(TIFFTileSize(tif)));
+        for (quint32 ty = 0; ok && ty < src.height; ty += l.tile) {
+            for (quint32 tx = 0; ok && tx < src.width; tx += l.tile) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (quint32 r = 0; r < l.tile && ty + r < src.height; ++r)
+                    std::memcpy(tile.data() + r * l.tile * pixelBytes, src.rowPtr(ty + r) + tx * pixelBytes,
+                                std::min(l.tile, src.width - tx) * pixelBytes);
+                ok = TIFFWriteTile(tif, tile.data(), tx, ty, 0, 0) >= 0;
+            }
+        }
+    } else {
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, l.rowsPerStrip ? l.rowsPerStrip : src.height);
+        std::vector<uchar> row(std::max<size_t>(size_t(TIFFScanlineSize(tif)), size_t(src.packedLineBytes())));
+        const quint32 planes = l.separate ? ch : 1;
+        for (quint32 s = 0; ok && s < planes; ++s) {
+            for (quint32 y = 0; ok && y < src.height; ++y) {
+                if (l.separate) {
+                    for (quint32 x = 0; x < src.width; ++x)
+                        std::memcpy(row.data() + x * sampleBytes, src.rowPtr(y) + x * pixelBytes + s * sampleBytes,
+                                    sampleBytes);
+                } else {
+                    std::memcpy(row.data(), src.rowPtr(y), size_t(src.packedLineBytes()));
+                }
+                ok = TIFFWriteScanline(tif, row.data(), y, uint16_t(s)) >= 0;
+            }
+        }
+    }
+    TIFFClose(tif);
+    return ok;
+}
+
+QByteArray pngBytes(const QImage& image)
+{
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes;
+}
+
+// Samples of a QImage-made picture as they should come back, packed.
+QByteArray imageSamples(const QImage& image, int channels, int sampleBytes)
+{
+    QByteArray bytes;
+    for (int y = 0; y < image.height(); ++y)
+        bytes.append(reinterpret_cast<const char*>(image.constScanLine(y)), image.width() * channels * sampleBytes);
+    return bytes;
+}
+
+QByteArray bigEndian16(const QList<quint16>& values)
+{
+    QByteArray b;
+    for (quint16 v : values)
+        b.append(char(v >> 8)).append(char(v & 0xff));
+    return b;
+}
+
+QByteArray hostOrder16(const QList<quint16>& values)
+{
+    return QByteArray(reinterpret_cast<const char*>(values.constData()), values.size() * 2);
+}
+
+QString cameraXml(const CxHsiCameraParams& hsi, int cfa, int bits)
+{
+    QDomDocument doc;
+    QDomElement root = doc.createElement("QlarCamera");
+    doc.appendChild(root);
+    if (cfa >= 0)
+        root.setAttribute("colorFilterArray", cfa);
+    if (bits > 0)
+        root.setAttribute("bitsPerSample", bits);
+    if (!hsi.isEmpty())
+        hsi.saveToXml(doc, root);
+    return doc.toString();
+}
+
+} // namespace
+
+class TestQlarrunFiles : public QObject
+{
+    Q_OBJECT
+private slots:
+    void tiffRoundTrip_data();
+    void tiffRoundTrip();
+    void tiffFromOtherWriters_data();
+    void tiffFromOtherWriters();
+    void pngAndPnm_data();
+    void pngAndPnm();
+    void everyTypeThroughTheBinary();
+    void rawFrames_data();
+    void rawFrames();
+    void inputLists_data();
+    void inputLists();
+    void failures_data();
+    void failures();
+};
+
+void TestQlarrunFiles::tiffRoundTrip_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<bool>("colour");
+    QTest::addColumn<int>("padding");
+    QTest::addColumn<bool>("deflate");
+    QTest::addColumn<int>("cfa");
+    QTest::addColumn<int>("bits");     // 0: the type's
+    QTest::addColumn<int>("storage");
+
+    const ExImageDataType types[] = {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT};
+    int n = 0;
+    for (ExImageDataType t : types) {
+        for (int ch : {1, 2, 3, 4}) {
+            // Padding and compression alternate so that every type meets both.
+            const bool padded = (n % 2) == 0, deflate = (n % 3) == 0;
+            ++n;
+            QTest::addRow("%s x%d%s%s", qPrintable(dataTypeName(t)), ch, padded ? " padded" : "", deflate ? " deflate" : "")
+                << int(t) << ch << (ch >= 3) << (padded ? 7 : 0) << deflate << 0 << 0 << int(DSF_PACKED);
+        }
+    }
+    QTest::newRow("u8 x3 numbered channels") << int(IDT_UINT8) << 3 << false << 0 << false << 0 << 0 << int(DSF_PACKED);
+    QTest::newRow("u16 x1 bayer GRBG 12 bits") << int(IDT_UINT16) << 1 << false << 2 << true << 2 << 12 << int(DSF_PACKED);
+    QTest::newRow("u8 x1 hyperspectral") << int(IDT_UINT8) << 1 << false << 0 << false << 7 << 6 << int(DSF_PACKED);
+    QTest::newRow("u16 x1 mosaic not raw") << int(IDT_UINT16) << 1 << false << 0 << false << 4 << 0 << int(DSF_NOT_RAW);
+}
+
+void TestQlarrunFiles::tiffRoundTrip()
+{
+    QFETCH(int, type);
+    QFETCH(int, channels);
+    QFETCH(bool, colour);
+    QFETCH(int, padding);
+    QFETCH(bool, deflate);
+    QFETCH(int, cfa);
+    QFETCH(int, bits);
+    QFETCH(int, storage);
+
+    SxHeapPicture src;
+    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), quint32(padding)));
+    src.pic.isColor = colour;
+    src.pic.colorFilterArray = ExColorFilterArray(cfa);
+    src.pic.storageFormat = ExDataStorageFormat(storage);
+    if (bits)
+        src.pic.bitsPerSample = quint32(bits);
+    CxImageMetadata meta;
+    if (cfa == CFA_HSI_MOSAIC)
+        meta.setHsiCameraParams(CxSyntheticCamera::builtInHsiDescription(W, H));
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath("p.tif");
+    QString error;
+    QVERIFY2(TiffIo::write(path, src.pic, &meta, deflate, &error), qPrintable(error));
+    SxHeapPicture back;
+    CxImageMetadata backMeta;
+    QVERIFY2(TiffIo::read(path, back.pic, backMeta, &error), qPrintable(error));
+    QVERIFY2(samePixels(src.pic, back.pic, &error), qPrintable(error));
+    QCOMPARE(back.pic.isColor, colour);
+    QCOMPARE(back.pic.bitsPerSample, src.pic.bitsPerSample);
+    QCOMPARE(int(back.pic.colorFilterArray), cfa);
+    QCOMPARE(int(back.pic.storageFormat), storage);
+    QCOMPARE(backMeta.hsiCameraParams(), meta.hsiCameraParams());
+}
+
+void TestQlarrunFiles::tiffFromOtherWriters_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<QString>("layout");   // see SxTiffLayout
+    QTest::addColumn<QString>("refusal");  // empty: read exactly
+
+    QTest::newRow("big-endian u16 x1, a strip per row") << int(IDT_UINT16) << 1 << "be rps=1" << "";
+    QTest::newRow("big-endian f32 x3") << int(IDT_FLOAT) << 3 << "be" << "";
+    QTest::newRow("tiled s32 x3, tiles cut at the edges") << int(IDT_INT32) << 3 << "tile=16" << "";
+    QTest::newRow("tiled deflate u16 x4") << int(IDT_UINT16) << 4 << "tile=16 comp=8" << "";
+    QTest::newRow("lzw s16 x1, strips of 4 rows") << int(IDT_INT16) << 1 << "comp=5 rps=4" << "";
+    QTest::newRow("separate planes of one channel s8") << int(IDT_INT8) << 1 << "sep" << "";
+    QTest::newRow("grey with an extra channel u32 x2") << int(IDT_UINT32) << 2 << "" << "";
+    QTest::newRow("separate colour planes") << int(IDT_UINT8) << 3 << "sep" << "separate";
+    QTest::newRow("12-bit samples") << int(IDT_UINT16) << 1 << "bits=12" << "12-bit";
+    QTest::newRow("CMYK") << int(IDT_UINT8) << 4 << "ph=5" << "photometric";
+    QTest::newRow("min-is-white") << int(IDT_UINT8) << 1 << "ph=0" << "photometric";
+}
+
+void TestQlarrunFiles::tiffFromOtherWriters()
+{
+    QFETCH(int, type);
+    QFETCH(int, channels);
+    QFETCH(QString, layout);
+    QFETCH(QString, refusal);
+
+    SxHeapPicture src;
+    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), 3));
+    QTemporaryDir dir;
+    const QString path = dir.filePath("other.tif");
+    QVERIFY(writeWithLibtiff(path, src.pic, SxTiffLayout(layout)));
+    QCOMPARE(fileBytes(path).startsWith("MM"), layout.contains("be"));
+
+    SxHeapPicture back;
+    QString error;
+    const bool ok = readPicture(path, back, nullptr, &error);
+    if (!refusal.isEmpty()) {
+        QVERIFY(!ok);
+        QVERIFY2(error.startsWith(path + ": ") && error.contains(refusal), qPrintable(error));
+        return;
+    }
+    QVERIFY2(ok, qPrintable(error));
+    QVERIFY2(samePixels(src.pic, back.pic, &error), qPrintable(error));
+    QCOMPARE(back.pic.isColor, channels >= 3);
+}
+
+void TestQlarrunFiles::pngAndPnm_data()
+{
+    QTest::addColumn<QByteArray>("file");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<int>("bits");
+    QTest::addColumn<QByteArray>("samples");  // packed, host byte order
+
+    // QImage makes the PNGs; its own scan lines are what must come back.
+    const auto patterned = [](QImage::Format format) {
+        QImage image(5, 3, format);
+        for (int y = 0; y < image.height(); ++y) {
+            uchar* line = image.scanLine(y);
+            for (qsizetype i = 0; i < image.bytesPerLine(); ++i)
+                line[i] = uchar(mixBits(quint64(y) << 16 | quint64(i)));
+        }
+        return image;
+    };
+    QImage grey8 = patterned(QImage::Format_Grayscale8);
+    QTest::newRow("png grey 8") << pngBytes(grey8) << int(IDT_UINT8) << 1 << 8 << imageSamples(grey8, 1, 1);
+    QImage grey16 = patterned(QImage::Format_Grayscale16);
+    QTest::newRow("png grey 16") << pngBytes(grey16) << int(IDT_UINT16) << 1 << 16 << imageSamples(grey16, 1, 2);
+    QImage rgb8 = patterned(QImage::Format_RGB888);
+    QTest::newRow("png rgb 8") << pngBytes(rgb8) << int(IDT_UINT8) << 3 << 8 << imageSamples(rgb8, 3, 1);
+    QImage rgba8 = patterned(QImage::Format_RGBA8888);
+    QTest::newRow("png rgba 8, any alpha") << pngBytes(rgba8) << int(IDT_UINT8) << 4 << 8 << imageSamples(rgba8, 4, 1);
+    QImage rgba16 = patterned(QImage::Format_RGBA64);
+    QTest::newRow("png rgba 16") << pngBytes(rgba16) << int(IDT_UINT16) << 4 << 16 << imageSamples(rgba16, 4, 2);
+    QImage rgbx16 = patterned(QImage::Format_RGBX64);
+    QByteArray rgb16Samples;
+    for (int y = 0; y < rgbx16.height(); ++y) {
+        quint16* line = reinterpret_cast<quint16*>(rgbx16.scanLine(y));
+        for (int x = 0; x < rgbx16.width(); ++x) {
+            line[4 * x + 3] = 0xffff;
+            rgb16Samples.append(reinterpret_cast<const char*>(line + 4 * x), 6);
+        }
+    }
+    QTest::newRow("png rgb 16") << pngBytes(rgbx16) << int(IDT_UINT16) << 3 << 16 << rgb16Samples;
+    QImage palette(2, 2, QImage::Format_Indexed8);
+    palette.setColorTable({qRgb(10, 20, 30), qRgb(200, 100, 0)});
+    palette.fill(0);
+    palette.setPixel(1, 0, 1);
+    palette.setPixel(0, 1, 1);
+    QTest::newRow("png palette") << pngBytes(palette) << int(IDT_UINT8) << 3 << 8
+                                 << QByteArray("\x0a\x14\x1e\xc8\x64\x00\xc8\x64\x00\x0a\x14\x1e", 12);
+
+    QTest::newRow("pgm 8-bit with comments")
+        << QByteArray("P5\n# made by hand\n3 2 # width and height\n255\n\x01\x02\x03\xfd\xfe\xff")
+        << int(IDT_UINT8) << 1 << 8 << QByteArray("\x01\x02\x03\xfd\xfe\xff", 6);
+    const QList<quint16> twelve{0, 1, 0x0abc, 4095, 2048, 0x0123};
+    QTest::newRow("pgm 16-bit big-endian, maxval 4095") << QByteArray("P5 3 2 4095\n") + bigEndian16(twelve)
+                                                       << int(IDT_UINT16) << 1 << 12 << hostOrder16(twelve);
+    QTest::newRow("ppm 8-bit") << QByteArray("P6\n2 1\n255\n\x01\x02\x03\x04\x05\x06") << int(IDT_UINT8) << 3 << 8
+                               << QByteArray("\x01\x02\x03\x04\x05\x06", 6);
+    const QList<quint16> wide{0xffff, 0x8001, 0x0102, 7, 0x7fff, 0xfffe};
+    QTest::newRow("ppm 16-bit, maxval 65535") << QByteArray("P6\n2 1\n65535\n") + bigEndian16(wide) << int(IDT_UINT16)
+                                             << 3 << 16 << hostOrder16(wide);
+    QTest::newRow("pgm maxval 1000") << QByteArray("P5 1 1 1000\n") + bigEndian16({999}) << int(IDT_UINT16) << 1 << 10
+                                     << hostOrder16({999});
+}
+
+void TestQlarrunFiles::pngAndPnm()
+{
+    QFETCH(QByteArray, file);
+    QFETCH(int, type);
+    QFETCH(int, channels);
+    QFETCH(int, bits);
+    QFETCH(QByteArray, samples);
+
+    // The name says nothing: the reader goes by the content.
+    QTemporaryDir dir;
+    const QString path = dir.filePath("picture.dat");
+    QVERIFY(writeFile(path, file));
+    SxHeapPicture pic;
+    QString error;
+    QVERIFY2(readPicture(path, pic, nullptr, &error), qPrintable(error));
+    QCOMPARE(int(pic.pic.dataType), type);
+    QCOMPARE(int(pic.pic.channels), channels);
+    QCOMPARE(int(pic.pic.bitsPerSample), bits);
+    QCOMPARE(packedBytes(pic.pic), samples);
+}
+
+// One run over a folder holding every type and channel count, plus PNG and
+// PNM files, each of another size, so the chain starts again between them.
+void TestQlarrunFiles::everyTypeThroughTheBinary()
+{
+    QTemporaryDir dir;
+    QVERIFY(QDir(dir.path()).mkpath("in"));
+    struct SxCase
+    {
+        int number;
+        ExImageDataType type;
+        quint32 channels;
+    };
+    QList<SxCase> cases;
+    int number = 3;
+    for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT}) {
+        for (quint32 ch : {1u, 3u, 4u})
+            cases.append({number++, t, ch});
+    }
+    QString error;
+    for (const SxCase& c : cases) {
+        SxHeapPicture p;
+        QVERIFY(makePicture(p, c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
+                            quint32(c.number)));
+        QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic, nullptr, false, &error),
+                 qPrintable(error));
+    }
+    QVERIFY(writeFile(dir.filePath("in/shot_90.pgm"), QByteArray("P5 2 2 65535\n") + bigEndian16({1, 2, 65535, 4})));
+    QImage rgba16(3, 2, QImage::Format_RGBA64);
+    rgba16.fill(QColor::fromRgba64(1000, 2000, 3000, 4000));
+    QVERIFY(rgba16.save(dir.filePath("in/shot_91.png")));
+
+    const SxRun run = runQlarrun({dir.filePath("in"), "--numbers-from-names", "--out", dir.filePath("out"), "--png",
+                                  "--quiet"});
+    QCOMPARE(run.status, 0);
+    QVERIFY2(run.out.isEmpty(), qPrintable(run.out));
+    // One note per kind of picture that has no PNG form, nothing else.
+    for (const QString& line : run.errLines())
+        QVERIFY2(line.contains("no PNG form"), qPrintable(line));
+
+    for (const SxCase& c : cases) {
+        const QString name = QString("shot_%1.tif").arg(c.number);
+        SxHeapPicture in, out;
+        QVERIFY2(readPicture(dir.filePath("in/" + name), in, nullptr, &error), qPrintable(error));
+        const QString written = dir.filePath(QString("out/frame_%1").arg(c.number, 6, 10, QChar('0')));
+        QVERIFY2(readPicture(written + ".tif", out, nullptr, &error), qPrintable(error));
+        QVERIFY2(samePixels(in.pic, out.pic, &error), qPrintable(name + ": " + error));
+        const bool pngForm = c.type == IDT_UINT8 || c.type == IDT_UINT16;
+        QCOMPARE(QFile::exists(written + ".png"), pngForm);
+        if (pngForm) {
+            SxHeapPicture png;
+            QVERIFY2(readPicture(written + ".png", png, nullptr, &error), qPrintable(error));
+            QVERIFY2(samePixels(in.pic, png.pic, &error), qPrintable(name + " as PNG: " + error));
+        }
+    }
+    SxHeapPicture pgm, rgba;
+    QVERIFY(readPicture(dir.filePath("out/frame_000090.tif"), pgm));
+    QCOMPARE(packedBytes(pgm.pic), hostOrder16({1, 2, 65535, 4}));
+    QVERIFY(readPicture(dir.filePath("out/frame_000091.tif"), rgba));
+    QCOMPARE(rgba.pic.channels, 4u);
+    QCOMPARE(rgba.pic.row<quint16>(1)[2 * 4 + 3], quint16(4000));
+}
+
+void TestQlarrunFiles::rawFrames_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QStringList>("names");      // files written, in this order
+    QTest::addColumn<QStringList>("args");       // after the folder; @ is the scratch folder
+    QTest::addColumn<int>("cameraCfa");          // -1: no camera description
+    QTest::addColumn<int>("bits");
+    QTest::addColumn<int>("cfa");
+    QTest::addColumn<QStringList>("outputs");    // frame files, in the order of names
+
+    QTest::newRow("u16 bayer GRBG, 12 bits") << int(IDT_UINT16) << QStringList{"b.raw", "a.raw", "c.raw"}
+                                             << QStringList{"--raw", "7x5", "--raw-type", "u16", "--bits", "12", "--cfa", "2"}
+                                             << -1 << 12 << 2
+                                             << QStringList{"frame_000001", "frame_000000", "frame_000002"};
+    QTest::newRow("f32 mono") << int(IDT_FLOAT) << QStringList{"one.bin"}
+                              << QStringList{"--raw", "7x5", "--raw-type", "f32"} << -1 << 32 << 0
+                              << QStringList{"frame_000000"};
+    QTest::newRow("s32, numbers from the names") << int(IDT_INT32) << QStringList{"shot_0041.raw", "shot_0007.raw"}
+                                                 << QStringList{"--raw", "7x5", "--raw-type", "s32", "--numbers-from-names"}
+                                                 << -1 << 32 << 0 << QStringList{"frame_000041", "frame_000007"};
+    QTest::newRow("u8 hyperspectral from a camera description")
+        << int(IDT_UINT8) << QStringList{"h.raw"} << QStringList{"--raw", "7x5", "--camera-file", "@/camera.xml"} << 7
+        << 6 << 7 << QStringList{"frame_000000"};
+    QTest::newRow("command line over camera description")
+        << int(IDT_UINT16) << QStringList{"h.raw"}
+        << QStringList{"--raw", "7x5", "--raw-type", "u16", "--camera-file", "@/camera.xml", "--cfa", "3", "--bits", "10"}
+        << 7 << 10 << 3 << QStringList{"frame_000000"};
+}
+
+void TestQlarrunFiles::rawFrames()
+{
+    QFETCH(int, type);
+    QFETCH(QStringList, names);
+    QFETCH(QStringList, args);
+    QFETCH(int, cameraCfa);
+    QFETCH(int, bits);
+    QFETCH(int, cfa);
+    QFETCH(QStringList, outputs);
+
+    QTemporaryDir dir;
+    QVERIFY(QDir(dir.path()).mkpath("in"));
+    const CxHsiCameraParams hsi = CxSyntheticCamera::builtInHsiDescription(7, 5);
+    if (cameraCfa >= 0)
+        QVERIFY(writeFile(dir.filePath("camera.xml"), cameraXml(hsi, cameraCfa, 6).toUtf8()));
+    QList<QByteArray> frames;
+    for (int i = 0; i < names.size(); ++i) {
+        SxHeapPicture p;
+        QVERIFY(makePicture(p, ExImageDataType(type), 7, 5, 1, 0, quint32(i)));
+        if (bits < 32)
+            maskToBits(p.pic, quint32(bits));
+        frames << packedBytes(p.pic);
+        QVERIFY(writeFile(dir.filePath("in/" + names.at(i)), frames.last()));
+    }
+    args.replaceInStrings("@", dir.path());
+    const SxRun run = runQlarrun(QStringList{dir.filePath("in"), "--out", dir.filePath("out"), "--quiet"} + args);
+    QCOMPARE(run.status, 0);
+    QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
+    for (int i = 0; i < outputs.size(); ++i) {
+        SxHeapPicture out;
+        CxImageMetadata meta;
+        QString error;
+        QVERIFY2(readPicture(dir.filePath("out/" + outputs.at(i) + ".tif"), out, &meta, &error), qPrintable(error));
+        QCOMPARE(packedBytes(out.pic), frames.at(i));
+        QCOMPARE(int(out.pic.bitsPerSample), bits);
+        QCOMPARE(int(out.pic.colorFilterArray), cfa);
+        QCOMPARE(meta.hsiCameraParams(), cfa == 7 ? hsi : CxHsiCameraParams());
+    }
+}
+
+void TestQlarrunFiles::inputLists_data()
+{
+    QTest::addColumn<QStringList>("inputs");  // relative to the scratch folder
+    QTest::addColumn<bool>("raw");
+    QTest::addColumn<QStringList>("files");   // expected, relative; empty: an error naming the input
+    QTest::addColumn<QString>("culprit");
+
+    QTest::newRow("folder in name order, PNG views of TIFFs left out")
+        << QStringList{"d"} << false << QStringList{"d/frame_2.pgm", "d/frame_9.tif", "d/frame_10.tif", "d/frame_11.png"}
+        << QString();
+    QTest::newRow("folder of raw frames takes every file")
+        << QStringList{"d"} << true
+        << QStringList{"d/frame_2.pgm", "d/frame_9.png", "d/frame_9.tif", "d/frame_10.tif", "d/frame_11.png",
+                       "d/notes.txt"}
+        << QString();
+    QTest::newRow("pattern") << QStringList{"d/frame_1*"} << false << QStringList{"d/frame_10.tif", "d/frame_11.png"}
+                             << QString();
+    QTest::newRow("files keep the order given")
+        << QStringList{"d/frame_10.tif", "d/frame_9.tif", "d"} << false
+        << QStringList{"d/frame_10.tif", "d/frame_9.tif", "d/frame_2.pgm", "d/frame_9.tif", "d/frame_10.tif",
+                       "d/frame_11.png"}
+        << QString();
+    QTest::newRow("pattern without match") << QStringList{"d", "d/shot_*.tif"} << false << QStringList{}
+                                           << QString("d/shot_*.tif");
+    QTest::newRow("missing file") << QStringList{"d/frame_3.tif"} << false << QStringList{} << QString("d/frame_3.tif");
+    QTest::newRow("folder without pictures") << QStringList{"d/sub"} << false << QStringList{} << QString("d/sub");
+}
+
+void TestQlarrunFiles::inputLists()
+{
+    QFETCH(QStringList, inputs);
+    QFETCH(bool, raw);
+    QFETCH(QStringList, files);
+    QFETCH(QString, culprit);
+
+    QTemporaryDir dir;
+    QVERIFY(QDir(dir.path()).mkpath("d/sub"));
+    for (const char* name : {"frame_10.tif", "frame_9.tif", "frame_9.png", "frame_11.png", "frame_2.pgm", "notes.txt",
+                             "sub/notes.txt"})
+        QVERIFY(writeFile(dir.filePath(QString("d/") + name), "x"));
+    const QString root = dir.path() + "/";
+    QStringList absolute;
+    for (const QString& input : inputs)
+        absolute << root + input;
+
+    QStringList listed;
+    QString error;
+    const bool ok = CxImageFileReader::listInputs(absolute, raw, listed, &error);
+    if (!culprit.isEmpty()) {
+        QVERIFY(!ok);
+        QVERIFY2(error.startsWith(root + culprit + ": "), qPrintable(error));
+        return;
+    }
+    QVERIFY2(ok, qPrintable(error));
+    QCOMPARE(listed.replaceInStrings(root, QString()), files);
+}
+
+// Every way a run fails, through the binary: one line on stderr naming the
+// file, folder, option or node at fault, and the documented status.
+void TestQlarrunFiles::failures_data()
+{
+    QTest::addColumn<QStringList>("args");  // @ is the scratch folder
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QStringList>("culprits");
+
+    QTest::newRow("TIFF cut inside its samples") << QStringList{"@/cut-samples.tif"} << 2
+                                                 << QStringList{"cut-samples.tif", "truncated"};
+    QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
+                                                   << QStringList{"cut-directory.tif", "truncated"};
+    QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
+    QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2
+                                              << QStringList{"damaged.png", "checksum"};
+    QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
+    QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
+    QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
+    QTest::newRow("raw frame of the wrong size")
+        << QStringList{"@/small.raw", "--raw", "4x3", "--raw-type", "u16"} << 2
+        << QStringList{"small.raw", "10 bytes", "24"};
+    QTest::newRow("second file breaks the run") << QStringList{"@/grey.tif", "@/cut.pgm"} << 2
+                                                << QStringList{"cut.pgm"};
+    QTest::newRow("missing file") << QStringList{"@/gone.tif"} << 2 << QStringList{"gone.tif"};
+    QTest::newRow("pattern without match") << QStringList{"@/nothing*.tif"} << 2 << QStringList{"nothing*.tif"};
+    QTest::newRow("malformed camera description") << QStringList{"@/grey.tif", "--camera-file", "@/broken.xml"} << 2
+                                                  << QStringList{"broken.xml", "line 3"};
+    QTest::newRow("filter array 7 without description") << QStringList{"@/grey.tif", "--cfa", "7"} << 2
+                                                        << QStringList{"grey.tif", "filter array 7"};
+    QTest::newRow("more bits than the samples have") << QStringList{"@/grey.tif", "--bits", "12"} << 2
+                                                     << QStringList{"grey.tif", "12"};
+    QTest::newRow("mosaic on a colour picture") << QStringList{"@/colour.tif", "--cfa", "1"} << 2
+                                                << QStringList{"colour.tif", "3 channels"};
+    QTest::newRow("no frame number in the name") << QStringList{"@/grey.tif", "--numbers-from-names"} << 2
+                                                 << QStringList{"grey.tif", "frame number"};
+    QTest::newRow("camera option with files") << QStringList{"@/grey.tif", "--size", "8x8"} << 1
+                                              << QStringList{"--size"};
+    QTest::newRow("raw type without raw size") << QStringList{"@/grey.tif", "--raw-type", "u16"} << 1
+                                               << QStringList{"--raw-type"};
+
+    QTest::newRow("pattern on a mono camera") << QStringList{"--camera", "mono8", "--cfa", "2"} << 1
+                                              << QStringList{"--cfa", "mono8"};
+    QTest::newRow("more bits than the camera has") << QStringList{"--camera", "bayer8", "--bits", "10"} << 1
+                                                   << QStringList{"10", "bayer8"};
+    QTest::newRow("missing camera description") << QStringList{"--camera-file", "@/nocamera.xml"} << 2
+                                                << QStringList{"nocamera.xml"};
+
+    QTest::newRow("setting without value") << QStringList{"--node", "Deinterlace:transform"} << 1
+                                           << QStringList{"Deinterlace", "transform"};
+    QTest::newRow("setting the node lacks") << QStringList{"--node", "Deinterlace:transfrom=2"} << 1
+                                            << QStringList{"Deinterlace", "transfrom"};
+    QTest::newRow("value the node does not take") << QStringList{"--node", "Extract Channel:channelIdx=green"} << 1
+                                                  << QStringList{"Extract Channel", "channelIdx=green"};
+    QTest::newRow("unknown node") << QStringList{"--node", "Nosuch Node"} << 2 << QStringList{"Nosuch Node"};
+    QTest::newRow("describe an unknown node") << QStringList{"--describe", "Nosuch Node"} << 2
+                                              << QStringList{"Nosuch Node"};
+    QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2
+                                            << QStringList{"missing.xml"};
+    QTest::newRow("malformed chain document") << QStringList{"--chain", "@/chain-broken.xml"} << 2
+                                              << QStringList{"chain-broken.xml"};
+    QTest::newRow("document names an unknown node") << QStringList{"--chain", "@/chain-unknown.xml"} << 2
+                                                    << QStringList{"chain-unknown.xml"};
+    QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3
+                                            << QStringList{"noplugins"};
+    QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4
+                                                << QStringList{"afile/out"};
+    QTest::newRow("chain document under a file")
+        << QStringList{"--node", "Deinterlace", "--save-chain", "@/afile/chain.xml"} << 4 << QStringList{"chain.xml"};
+}
+
+void TestQlarrunFiles::failures()
+{
+    QFETCH(QStringList, args);
+    QFETCH(int, status);
+    QFETCH(QStringList, culprits);
+
+    QTemporaryDir dir;
+    SxHeapPicture grey, colour;
+    QVERIFY(makePicture(grey, IDT_UINT8, 9, 7, 1));
+    QVERIFY(makePicture(colour, IDT_UINT8, 9, 7, 3));
+    QString error;
+    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error));
+    QVERIFY(TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error));
+    const QByteArray whole = fileBytes(dir.filePath("grey.tif"));
+    QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
+    QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
+    QImage image(32, 16, QImage::Format_Grayscale8);
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            image.scanLine(y)[x] = uchar(x * 7 + y * 13);
+    const QByteArray png = pngBytes(image);
+    QVERIFY(writeFile(dir.filePath("cut.png"), png.left(png.size() - 20)));
+    QByteArray damaged = png;
+    damaged[damaged.indexOf("IDAT") + 8] = char(damaged.at(damaged.indexOf("IDAT") + 8) ^ 0x40);
+    QVERIFY(writeFile(dir.filePath("damaged.png"), damaged));
+    QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
+    QByteArray noise;
+    for (int i = 0; i < 3000; ++i)
+        noise.append(char(mixBits(quint64(i))));
+    QVERIFY(writeFile(dir.filePath("noise.tif"), noise));
+    QVERIFY(writeFile(dir.filePath("empty.png"), QByteArray()));
+    QVERIFY(writeFile(dir.filePath("small.raw"), QByteArray(10, 'r')));
+    QVERIFY(writeFile(dir.filePath("broken.xml"), "<QlarCamera colorFilterArray=\"7\">\n<HsiCameraParams version=\"1\">\n<"));
+    QVERIFY(writeFile(dir.filePath("chain-broken.xml"), "<?xml version=\"1.0\"?>\n<QlarChain version=\"1\">\n<Chainable uniqueId="));
+    QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
+                      "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
+    QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
+
+    args.replaceInStrings("@", dir.path());
+    if (!args.contains("--out"))
+        args << "--out" << dir.filePath("out");
+    const SxRun run = runQlarrun(args);
+    QCOMPARE(run.status, status);
+    QVERIFY2(run.errLines().size() == 1, qPrintable(run.err));
+    for (const QString& culprit : culprits)
+        QVERIFY2(run.err.contains(culprit), qPrintable(run.err));
+}
+
+QTEST_GUILESS_MAIN(TestQlarrunFiles)
+#include "tst_qlarrun_files.moc"
