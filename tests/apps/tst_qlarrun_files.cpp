@@ -51,9 +51,9 @@ struct SxTiffLayout
     int bits = 0;              // 0: the sample type's
 
     // "be tile=16 sep comp=5 rps=4 ph=5 bits=12", any of them.
-    explicit SxTiffLayout(const QString& spec)
+    explicit SxTiffLayout(const QString& layoutText)
     {
-        for (const QString& token : spec.split(' ', Qt::SkipEmptyParts)) {
+        for (const QString& token : layoutText.split(' ', Qt::SkipEmptyParts)) {
             const int value = token.section('=', 1).toInt();
             const QString key = token.section('=', 0, 0);
             bigEndian |= key == "be";
@@ -205,16 +205,15 @@ void TestQlarrunFiles::tiffRoundTrip_data()
     QTest::addColumn<int>("bits");     // 0: the type's
     QTest::addColumn<int>("storage");
 
+    // One row per sample type; channel counts, padding and compression are
+    // spread over them so that each meets the writer at least once.
     const ExImageDataType types[] = {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT};
-    int n = 0;
-    for (ExImageDataType t : types) {
-        for (int ch : {1, 2, 3, 4}) {
-            // Padding and compression alternate so that every type meets both.
-            const bool padded = (n % 2) == 0, deflate = (n % 3) == 0;
-            ++n;
-            QTest::addRow("%s x%d%s%s", qPrintable(dataTypeName(t)), ch, padded ? " padded" : "", deflate ? " deflate" : "")
-                << int(t) << ch << (ch >= 3) << (padded ? 7 : 0) << deflate << 0 << 0 << int(DSF_PACKED);
-        }
+    for (int n = 0; n < 7; ++n) {
+        const int ch = 1 + n % 4;
+        const bool padded = (n % 2) == 0, deflate = (n % 3) == 0;
+        QTest::addRow("%s x%d%s%s", qPrintable(dataTypeName(types[n])), ch, padded ? " padded" : "",
+                      deflate ? " deflate" : "")
+            << int(types[n]) << ch << (ch >= 3) << (padded ? 7 : 0) << deflate << 0 << 0 << int(DSF_PACKED);
     }
     QTest::newRow("u8 x3 numbered channels") << int(IDT_UINT8) << 3 << false << 0 << false << 0 << 0 << int(DSF_PACKED);
     QTest::newRow("u16 x1 bayer GRBG 12 bits") << int(IDT_UINT16) << 1 << false << 2 << true << 2 << 12 << int(DSF_PACKED);
@@ -403,8 +402,8 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
     QList<SxCase> cases;
     int number = 3;
     for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT}) {
-        for (quint32 ch : {1u, 3u, 4u})
-            cases.append({number++, t, ch});
+        cases.append({number, t, quint32(number % 3 == 2 ? 4 : number % 3 == 1 ? 3 : 1)});
+        ++number;
     }
     QString error;
     for (const SxCase& c : cases) {
@@ -600,7 +599,6 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("second file breaks the run") << QStringList{"@/grey.tif", "@/cut.pgm"} << 2
                                                 << QStringList{"cut.pgm"};
     QTest::newRow("missing file") << QStringList{"@/gone.tif"} << 2 << QStringList{"gone.tif"};
-    QTest::newRow("pattern without match") << QStringList{"@/nothing*.tif"} << 2 << QStringList{"nothing*.tif"};
     QTest::newRow("malformed camera description") << QStringList{"@/grey.tif", "--camera-file", "@/broken.xml"} << 2
                                                   << QStringList{"broken.xml", "line 3"};
     QTest::newRow("filter array 7 without description") << QStringList{"@/grey.tif", "--cfa", "7"} << 2
@@ -613,8 +611,6 @@ void TestQlarrunFiles::failures_data()
                                                  << QStringList{"grey.tif", "frame number"};
     QTest::newRow("camera option with files") << QStringList{"@/grey.tif", "--size", "8x8"} << 1
                                               << QStringList{"--size"};
-    QTest::newRow("raw type without raw size") << QStringList{"@/grey.tif", "--raw-type", "u16"} << 1
-                                               << QStringList{"--raw-type"};
 
     QTest::newRow("pattern on a mono camera") << QStringList{"--camera", "mono8", "--cfa", "2"} << 1
                                               << QStringList{"--cfa", "mono8"};
@@ -630,8 +626,6 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("value the node does not take") << QStringList{"--node", "Extract Channel:channelIdx=green"} << 1
                                                   << QStringList{"Extract Channel", "channelIdx=green"};
     QTest::newRow("unknown node") << QStringList{"--node", "Nosuch Node"} << 2 << QStringList{"Nosuch Node"};
-    QTest::newRow("describe an unknown node") << QStringList{"--describe", "Nosuch Node"} << 2
-                                              << QStringList{"Nosuch Node"};
     QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2
                                             << QStringList{"missing.xml"};
     QTest::newRow("malformed chain document") << QStringList{"--chain", "@/chain-broken.xml"} << 2

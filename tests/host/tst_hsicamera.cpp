@@ -6,6 +6,8 @@
 
 #include <climits>
 
+Q_DECLARE_METATYPE(CxHsiCameraParams)
+
 using Zone = CxHsiCameraParams::CxFilterZone;
 using Band = CxHsiCameraParams::CxBand;
 
@@ -300,8 +302,6 @@ private slots:
         QCOMPARE(p.filterZone(0)->bands[0].name(), QString("only"));
     }
 };
-
-Q_DECLARE_METATYPE(CxHsiCameraParams)
 
 QTEST_GUILESS_MAIN(TstHsiCamera)
 #include "tst_hsicamera.moc"
