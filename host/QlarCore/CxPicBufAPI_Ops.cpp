@@ -26,21 +26,26 @@
 //   Sums of squares are unsigned at least twice as wide as the sample (u32 for
 //   8- and 16-bit samples, u64 also for 32-bit ones) or float.
 //   Integer sums saturate at their type's limits instead of wrapping, so a sum
-//   that ran out of room stays at full scale (a float sum just adds).
+//   that ran out of room stays at full scale. A float sum just adds; its
+//   squares are formed exactly (through double) and added with one rounding.
 // Min, Max (acc, frame)
 //   Same type, size and channels; every type but half. A NaN in the frame never
-//   replaces a number in acc.
+//   replaces a number in acc; a NaN already in acc stays.
 // DivideByValue (sum, divisor, out)
 //   divisor >= 1; same size; channels equal, or a three-channel sum into a
 //   four-channel isColor out, whose alpha is set to out's full scale (1.0 for
 //   floats). Every sum type but half; out any type but half and the 64-bit
 //   integers. Integer outputs are rounded to nearest, halves away from zero,
 //   and clamped to out's type range; NaN gives 0. Float outputs take the
-//   quotient as it is.
+//   quotient worked out in double.
 // ExtractChannel (in, out, channel)
 //   out has one channel, in's type and size; channel < in's channel count (a
-//   one-channel in is copied with channel 0). Any known type; samples moved
-//   by width only.
+//   one-channel in is copied with channel 0). A raw 2x2 mosaic (colour filter
+//   arrays 1 to 6, not storage format 3) also counts its four cells as
+//   channels 0 to 3, cell (channel % 2, channel / 2), when out is half its
+//   width and height (rounded down). Any known type; samples moved by width
+//   only. in and out must not share memory (except the same
+//   one-channel picture, which is left as it is); ConvertPicToRGB likewise.
 // ConvertPicToRGB (in, out)
 //   out: unsigned 8-bit, 4 channels, in's size; bytes B, G, R, A per pixel, i.e.
 //   QImage::Format_RGB32 / Format_ARGB32 on little-endian, alpha always 255.
@@ -161,18 +166,25 @@ bool CxPicBufAPI::DivideByValue(const SxPicBuf& sum, int divisor, SxPicBuf& out)
 
 bool CxPicBufAPI::ExtractChannel(const SxPicBuf& in, SxPicBuf& out, unsigned int channel)
 {
-    if (!isUsable(in) || !isUsable(out) || !sameGeometry(in, out))
-        return false;
-    if (out.channels != 1 || channel >= in.channels || !isInterleaved(in))
+    if (!isUsable(in) || !isUsable(out) || out.channels != 1)
         return false;
     if (!isKnownType(in.dataType) || in.dataType != out.dataType)
         return false;
-    if (in.data == out.data && in.channels == 1 && in.linePitch == out.linePitch)
+    const bool mosaicCell = in.channels == 1 && isTwoByTwoMosaic(in.colorFilterArray)
+                            && in.storageFormat != DSF_NOT_RAW && out.width == in.width / 2
+                            && out.height == in.height / 2 && !sameGeometry(in, out);
+    if (mosaicCell ? channel >= 4 : !sameGeometry(in, out) || channel >= in.channels || !isInterleaved(in))
+        return false;
+    if (in.data == out.data && in.channels == 1 && in.linePitch == out.linePitch && !mosaicCell)
         return true;
     if (overlaps(in, out))
         return false;
     return withSampleBytes(in.bytesPerSample(), [&](auto tag) {
-        extractChannel_T<typename decltype(tag)::type>(in, out, channel);
+        using T = typename decltype(tag)::type;
+        if (mosaicCell)
+            extractMosaicCell_T<T>(in, out, channel % 2, channel / 2);
+        else
+            extractChannel_T<T>(in, out, channel);
         return true;
     });
 }

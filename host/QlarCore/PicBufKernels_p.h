@@ -478,6 +478,17 @@ void extractChannel_T(const SxPicBuf& in, SxPicBuf& out, unsigned channel)
     }
 }
 
+// One cell of a 2x2 mosaic (column cx, row cy) as a half-size picture: every
+// other sample of every other row.
+template <class T>
+void extractMosaicCell_T(const SxPicBuf& in, SxPicBuf& out, unsigned cx, unsigned cy)
+{
+    const size_t pixels = out.width;
+    forEachRow(out.height, quint64(pixels) * 5 * sizeof(T), [&](quint32 y) {
+        extractRow_T<T, 2>(out.row<T>(y), in.row<T>(2 * y + cy), pixels, cx);
+    });
+}
+
 // A value held inside T's range (a float takes it as it is).
 template <class T>
 T sampleFromValue(quint64 v)

@@ -145,6 +145,7 @@ class TstPicBufOps : public QObject
 private slots:
     void samplewise_data();
     void samplewise();
+    void mosaicCells();
     void bayerToRgb_data();
     void bayerToRgb();
     void floatMinMax_data();
@@ -277,6 +278,24 @@ void TstPicBufOps::samplewise()
             QVERIFY2(out.paddingIntact(), qPrintable(where));
         }
     }
+}
+
+// A raw 2x2 mosaic gives each of its cells as a channel of half its size.
+void TstPicBufOps::mosaicCells()
+{
+    for (ExImageDataType t : {IDT_INT8, IDT_INT16, IDT_DOUBLE})
+        for (const QSize& s : shapes)
+            for (quint32 k = 0; k < 4; ++k) {
+                SxPicBufInfo f = resized(fmt(1, 1, t), s);
+                f.colorFilterArray = CFA_BAYER_GBRG;
+                Pic in(f, Tight), out(resized(fmt(1, 1, t), QSize(s.width() / 2, s.height() / 2)), Padded);
+                fillRandom(in, k);
+                QVERIFY(CxPicBufAPI::ExtractChannel(in.p, out.p, k));
+                for (quint32 y = 0; y < out.p.height; ++y)
+                    for (quint32 x = 0; x < out.p.width; ++x)
+                        QCOMPARE(get(out, x, y, 0), get(in, 2 * x + k % 2, 2 * y + k / 2, 0));
+                QVERIFY(out.paddingIntact());
+            }
 }
 
 void TstPicBufOps::bayerToRgb_data()
@@ -438,6 +457,11 @@ void TstPicBufOps::refusals_data()
     QTest::newRow("Extract channel 4 of 4") << extract(4) << f(IDT_UINT8) << f(IDT_UINT8, 4, true) << int(Sound);
     QTest::newRow("Extract into another type") << extract(0) << f(IDT_UINT16) << f(IDT_UINT8, 4) << int(Sound);
     QTest::newRow("Extract planar") << extract(1) << f(IDT_UINT8) << planar << int(Sound);
+    SxPicBufInfo bayer = fmt(10, 8, IDT_UINT16), half = fmt(5, 4, IDT_UINT16);
+    bayer.colorFilterArray = CFA_BAYER_RGGB;
+    QTest::newRow("Extract mosaic cell 4") << extract(4) << half << bayer << int(Sound);
+    bayer.storageFormat = DSF_NOT_RAW;
+    QTest::newRow("Extract cell of a finished picture") << extract(1) << half << bayer << int(Sound);
     QTest::newRow("CopyRect past the right edge") << copy(1, 0, 5, 4) << f(IDT_UINT8) << f(IDT_UINT8) << int(Sound);
     QTest::newRow("CopyRect wrapping origin") << copy(0xffffffffu, 0, 2, 1) << f(IDT_UINT8) << f(IDT_UINT8) << int(Sound);
     QTest::newRow("CopyRect type mismatch") << copy(0, 0, 1, 1) << f(IDT_UINT8) << f(IDT_INT8) << int(Sound);
