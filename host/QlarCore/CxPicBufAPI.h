@@ -66,21 +66,32 @@ public:
     // summarised here.
 
     // Per-sample accumulation into acc: sum, sum of squares, running minimum
-    // and maximum.
+    // and maximum. Integer sums saturate; a 3-channel sum takes the colours of
+    // a 4-channel colour frame and skips its alpha; a NaN never replaces a
+    // number in Min/Max.
     static bool Add(SxPicBuf& acc, const SxPicBuf& frame);
     static bool AddSquares(SxPicBuf& acc, const SxPicBuf& frame);
     static bool Min(SxPicBuf& acc, const SxPicBuf& frame);
     static bool Max(SxPicBuf& acc, const SxPicBuf& frame);
-    // out = sum / divisor, rounded to nearest, in out's sample type.
+    // out = sum / divisor (divisor >= 1), halves away from zero, clamped to
+    // out's type; a 4-channel colour out from a 3-channel sum gets full-scale
+    // alpha.
     static bool DivideByValue(const SxPicBuf& sum, int divisor, SxPicBuf& out);
     // Channel number channel (0-based) of a multi-channel picture into a
-    // one-channel picture of the same sample type.
+    // one-channel picture of the same sample type; also cells 0-3 of a raw
+    // 2x2 mosaic into a half-size picture.
     static bool ExtractChannel(const SxPicBuf& in, SxPicBuf& out, unsigned int channel);
-    // Mono, colour or Bayer picture into 8-bit 4-channel out.
+    // Mono, colour or Bayer picture into 8-bit 4-channel out: bytes B,G,R,A
+    // (QImage::Format_RGB32 on little-endian), alpha 255; integers shifted
+    // down by their significant bits, floats over [floatMin, floatMax], Bayer
+    // demosaiced bilinearly at full size.
     static bool ConvertPicToRGB(const SxPicBuf& in, SxPicBuf& out);
+    // The value is clamped to the sample type.
     static bool FillChannelsValue(SxPicBuf& pic, unsigned int value);
     static bool FillChannelWithValue(SxPicBuf& pic, unsigned int channel, unsigned short value);
-    // Smallest and largest sample of a float picture.
+    // Smallest and largest sample of a float or double picture; NaN is
+    // skipped, and with ignoreNonFinite infinities too. False, min and max
+    // untouched, when no sample counts.
     static bool CalcFloatDataMinMax(const SxPicBuf& pic, float& min, float& max, bool ignoreNonFinite);
     // Copies a width x height rectangle (pixels) from src at (sx, sy) into dst
     // at (dx, dy); both pictures must share sample type and channel count.
