@@ -2,6 +2,16 @@
 
 #include "DeinterlaceCnbl.h"
 #include "ExtractChannelCnbl.h"
+// @include FilterImages
+// @include ImageAveraging
+// @include LutInmap
+// @include MosaicStatFilter
+// @include Median
+// @include FFT2D
+// @include FFT1D
+// @include RotateImage
+// @include RgbNirDemosaic
+// @include SeqMerge
 
 #include <CxRTTI.h>
 #include <QlarCoreVersion.h>
@@ -19,6 +29,16 @@ bool CxProcessingPlugin::init()
     const QMetaObject* const nodeClasses[] = {
         &CxDeinterlaceCnbl::staticMetaObject,
         &CxExtractChannelCnbl::staticMetaObject,
+        // @row 3 FilterImages
+        // @row 4 ImageAveraging
+        // @row 5 LutInmap
+        // @row 6 MosaicStatFilter
+        // @row 7 Median
+        // @row 8 FFT2D
+        // @row 9 FFT1D
+        // @row 10 RotateImage
+        // @row 11 RgbNirDemosaic
+        // @row 12 SeqMerge
     };
     // A class the registry refuses (already known, say after a reload) is no
     // reason to refuse the plug-in.
