@@ -1,11 +1,14 @@
 #pragma once
 // Standard frames and the memcpy baseline shared by the benchmarks.
+#include <CxHsiCameraParams.h>
+#include <CxImageMetadata.h>
 #include <CxPicBufAPI.h>
 #include <CxSyntheticCamera.h>
 
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace bench {
@@ -59,10 +62,85 @@ inline void memcpyBaseline(benchmark::State& state, size_t bytes)
         std::memcpy(b.data(), a.data(), bytes);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes) * 2);  // read + written
+    // The bytes of one frame, like every operation reports: GB/s columns then
+    // compare directly.
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
 }
 
 constexpr quint32 W = 4096;
 constexpr quint32 H = 3000;
+
+// bench/run pairs every operation "<op>/<frame>" with the "memcpy/<frame>"
+// row of the same program, and with the peer its label names (a benchmark
+// name of the same program, e.g. "opencv_rotate/mono8"). A target states the
+// speed an issue asks for, as "memcpy<=1.5", "peer<=0.5" or "ms<=40"
+// (several joined by ','); the table marks the rows that miss it.
+// Baselines carry no label.
+inline void pairWithPeer(benchmark::State& state, const std::string& peer, const std::string& target = {})
+{
+    state.SetLabel("peer=" + peer + (target.empty() ? std::string() : ";target=" + target));
+}
+inline void setTarget(benchmark::State& state, const std::string& target)
+{
+    state.SetLabel("target=" + target);
+}
+
+// The single 5x5 zone of the standard hyperspectral frame: 25 bands of one
+// pixel each, the mosaic cut to whole hyperpixels from the sensor's corner.
+inline CxHsiCameraParams hsi5x5(quint32 width, quint32 height)
+{
+    CxHsiCameraParams::CxFilterZone z;
+    z.rect = QRect(0, 0, int(width / 5 * 5), int(height / 5 * 5));
+    z.patternWidth = z.patternHeight = 5;
+    for (int b = 0; b < 25; ++b)
+        z.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("b%1").arg(b), 600.0 + 10.0 * ((b * 7) % 25)));
+    CxHsiCameraParams hsi;
+    hsi.setFilterZones({z});
+    return hsi;
+}
+
+// The frames every node and operation is measured on; `name` is the frame
+// part of a benchmark's name.
+struct StdFrame
+{
+    std::string name;
+    SxPicBufInfo format;
+    CxImageMetadata meta;
+    CxSyntheticCamera::ExLayout layout;
+
+    // A picture of this frame filled with synthetic camera content.
+    void fill(SxPicBuf& pic) const
+    {
+        CxSyntheticCamera::SxConfig c;
+        c.layout = layout;
+        c.width = pic.width;
+        c.height = pic.height;
+        c.dataType = pic.dataType == IDT_UINT16 ? IDT_UINT16 : IDT_UINT8;
+        c.bitsPerSample = bytesPerSampleOf(c.dataType) * 8;
+        c.colorFilterArray = pic.colorFilterArray == CFA_NONE ? CFA_BAYER_RGGB : pic.colorFilterArray;
+        c.hsi = meta.hsiCameraParams();
+        CxSyntheticCamera::renderFrame(c, 7, pic);
+    }
+};
+
+inline std::vector<StdFrame> standardFrames()
+{
+    std::vector<StdFrame> frames;
+    const auto add = [&](const char* name, SxPicBufInfo f, CxSyntheticCamera::ExLayout layout,
+                         const CxHsiCameraParams& hsi = CxHsiCameraParams()) {
+        CxImageMetadata m;
+        m.setColorFilterArray(f.colorFilterArray);
+        m.setHsiCameraParams(hsi);
+        frames.push_back({name, f, m, layout});
+    };
+    add("mono8", format(W, H, IDT_UINT8), CxSyntheticCamera::LayoutMono);
+    add("mono16", format(W, H, IDT_UINT16), CxSyntheticCamera::LayoutMono);
+    add("bayer8", format(W, H, IDT_UINT8, 1, CFA_BAYER_RGGB), CxSyntheticCamera::LayoutBayer);
+    add("bayer16", format(W, H, IDT_UINT16, 1, CFA_BAYER_RGGB), CxSyntheticCamera::LayoutBayer);
+    add("rgba8", format(1920, 1080, IDT_UINT8, 4), CxSyntheticCamera::LayoutRgba);
+    add("hsi5x5", format(2048, 1088, IDT_UINT8, 1, CFA_HSI_MOSAIC), CxSyntheticCamera::LayoutHsi,
+        hsi5x5(2048, 1088));
+    return frames;
+}
 
 } // namespace bench

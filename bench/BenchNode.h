@@ -25,27 +25,32 @@ public:
     // with a synthetic camera frame (8- and 16-bit) or left zero.
     NodeRun(CxChainable* node, const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata(),
             CxSyntheticCamera::ExLayout layout = CxSyntheticCamera::LayoutMono)
-        : m_input(f), m_meta(meta)
+        : m_own(f), m_input(m_own.p), m_meta(meta)
     {
         if (f.dataType == IDT_UINT8 || f.dataType == IDT_UINT16)
-            fillCamera(*m_input, layout);
-        m_chain.setRunMode(CxChain::RunSynchronous);
-        m_chain.setInputFormat(f, meta);
-        m_chain.appendNode(node);
-        m_ok = m_chain.start();
+            fillCamera(m_input, layout);
+        start(node);
+    }
+    // Borrows input, which must outlive the run: many nodes can share one
+    // prepared frame.
+    NodeRun(CxChainable* node, SxPicBuf& input, const CxImageMetadata& meta)
+        : m_input(input), m_meta(meta)
+    {
+        start(node);
     }
     ~NodeRun() { m_chain.stop(); }
 
     bool ok() const { return m_ok; }
     QString error() const { return m_chain.lastError(); }
-    SxPicBuf& input() { return *m_input; }
+    SxPicBuf& input() { return m_input; }
+    CxChainable* node() const { return m_node; }
 
     // One frame through the node; true when the node passed a packet on.
     bool frame()
     {
         auto* p = new CxImageData;
         SxPicBuf borrowed;
-        CxPicBufAPI::WrapPicBuf(borrowed, m_input.p, m_input->data, m_input->dataSize());
+        CxPicBufAPI::WrapPicBuf(borrowed, m_input, m_input.data, m_input.dataSize());
         borrowed.frameNumber = m_frame++;
         p->setPicBuf(borrowed);
         p->setMetadata(&m_meta);
@@ -64,12 +69,23 @@ public:
         }
         for (auto _ : state)
             frame();
-        state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(m_input->dataSize()));
+        state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(m_input.dataSize()));
     }
 
 private:
-    Pic m_input;
+    void start(CxChainable* node)
+    {
+        m_node = node;
+        m_chain.setRunMode(CxChain::RunSynchronous);
+        m_chain.setInputFormat(m_input, m_meta);
+        m_chain.appendNode(node);
+        m_ok = m_chain.start();
+    }
+
+    Pic m_own;
+    SxPicBuf& m_input;
     CxImageMetadata m_meta;
+    CxChainable* m_node = nullptr;
     CxChain m_chain;
     bool m_ok = false;
     qint32 m_frame = 0;

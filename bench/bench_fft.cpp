@@ -101,9 +101,9 @@ std::vector<float> cameraSamples()
     return v;
 }
 
-void BM_Calc2D(benchmark::State& state)
+void BM_Calc2D(benchmark::State& state, ExImageDataType type)
 {
-    const auto type = ExImageDataType(state.range(0));
+    bench::pairWithPeer(state, "fftw_r2c_2threads/4096x3000", "peer<=1.2");
     bench::Pic in(bench::format(W, H, type));
     if (type == IDT_FLOAT) {
         const std::vector<float> v = cameraSamples();
@@ -124,16 +124,15 @@ void BM_Calc2D(benchmark::State& state)
     }
     CxFFT::Free2D(h1, h2, h3);
 }
-BENCHMARK(BM_Calc2D)->ArgName("type")->Arg(IDT_UINT16)->Arg(IDT_FLOAT)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_FftwR2C(benchmark::State& state)
+void BM_FftwR2C(benchmark::State& state, int threads)
 {
     const Fftw* f = fftw();
     if (!f) {
         state.SkipWithError("FFTW not found");
         return;
     }
-    f->planWithThreads(int(state.range(0)));
+    f->planWithThreads(threads);
     auto* in = static_cast<float*>(f->alloc(sizeof(float) * size_t(W) * H));
     auto* out = static_cast<fftwf_complex*>(f->alloc(sizeof(fftwf_complex) * size_t(H) * (W / 2 + 1)));
     fftwf_plan plan = f->planR2C2D(int(H), int(W), in, out, FFTW_MEASURE);
@@ -149,7 +148,6 @@ void BM_FftwR2C(benchmark::State& state)
     f->free(in);
     f->free(out);
 }
-BENCHMARK(BM_FftwR2C)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_CvDft(benchmark::State& state)
 {
@@ -162,6 +160,21 @@ void BM_CvDft(benchmark::State& state)
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(BM_CvDft)->Unit(benchmark::kMillisecond)->UseRealTime();
+void BM_Memcpy(benchmark::State& state)
+{
+    bench::memcpyBaseline(state, size_t(W) * H * 2);
+}
+
+void registerAll()
+{
+    auto ms = [](benchmark::internal::Benchmark* b) { b->Unit(benchmark::kMillisecond)->UseRealTime(); };
+    ms(benchmark::RegisterBenchmark("memcpy/4096x3000", BM_Memcpy));
+    ms(benchmark::RegisterBenchmark("fft2d_calc_u16/4096x3000", BM_Calc2D, IDT_UINT16));
+    ms(benchmark::RegisterBenchmark("fft2d_calc_float/4096x3000", BM_Calc2D, IDT_FLOAT));
+    ms(benchmark::RegisterBenchmark("fftw_r2c_1thread/4096x3000", BM_FftwR2C, 1));
+    ms(benchmark::RegisterBenchmark("fftw_r2c_2threads/4096x3000", BM_FftwR2C, 2));
+    ms(benchmark::RegisterBenchmark("opencv_dft/4096x3000", BM_CvDft));
+}
+const int registered = (registerAll(), 0);
 
 } // namespace

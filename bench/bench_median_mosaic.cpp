@@ -16,6 +16,7 @@ cv::Mat matOf(SxPicBuf& p)
 
 void BM_Median(benchmark::State& state, ExImageDataType type, int ksize)
 {
+    bench::pairWithPeer(state, "opencv_medianBlur_k" + std::to_string(ksize) + (type == IDT_UINT8 ? "/mono8" : "/mono16"));
     bench::Pic in(bench::format(bench::W, bench::H, type)), out(bench::format(bench::W, bench::H, type));
     bench::fillCamera(*in);
     void* work = nullptr;
@@ -44,6 +45,7 @@ void BM_MedianOpenCv(benchmark::State& state, ExImageDataType type, int ksize)
 
 void BM_MosaicAvgBayer(benchmark::State& state)
 {
+    bench::pairWithPeer(state, "opencv_resize_area/bayer8", "peer<=1");
     bench::Pic in(bench::format(bench::W, bench::H, IDT_UINT8, 1, CFA_BAYER_RGGB));
     bench::Pic out(bench::format(bench::W / 2, bench::H / 2, IDT_UINT8));
     bench::fillCamera(*in, CxSyntheticCamera::LayoutBayer);
@@ -91,23 +93,24 @@ void registerAll()
         b->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
     };
     for (ExImageDataType t : {IDT_UINT8, IDT_UINT16}) {
-        const char* tn = t == IDT_UINT8 ? "u8" : "u16";
-        ms(benchmark::RegisterBenchmark((std::string("Memcpy/") + tn).c_str(), BM_Memcpy, bytesPerSampleOf(t)));
+        const std::string frame = t == IDT_UINT8 ? "/mono8" : "/mono16";
+        ms(benchmark::RegisterBenchmark(("memcpy" + frame).c_str(), BM_Memcpy, bytesPerSampleOf(t)));
         for (int k : {3, 5, 7}) {
-            const std::string suffix = std::string("/") + tn + "/k" + std::to_string(k);
-            ms(benchmark::RegisterBenchmark(("Median" + suffix).c_str(), BM_Median, t, k));
+            const std::string kn = "_k" + std::to_string(k);
+            ms(benchmark::RegisterBenchmark(("median" + kn + frame).c_str(), BM_Median, t, k));
             // OpenCV filters 16-bit samples with kernels 3 and 5 only.
             if (t == IDT_UINT8 || k <= 5) {
-                auto* b = benchmark::RegisterBenchmark(("MedianOpenCv" + suffix).c_str(), BM_MedianOpenCv, t, k);
+                auto* b = benchmark::RegisterBenchmark(("opencv_medianBlur" + kn + frame).c_str(), BM_MedianOpenCv, t, k);
                 ms(b);
                 if (k > 5)
                     b->Repetitions(3)->Iterations(2);  // about half a second per frame
             }
         }
     }
-    ms(benchmark::RegisterBenchmark("MosaicAvg/bayer/u8", BM_MosaicAvgBayer));
-    ms(benchmark::RegisterBenchmark("MosaicAvgOpenCvAreaResize/bayer/u8", BM_MosaicAvgBayerOpenCvAreaResize));
-    ms(benchmark::RegisterBenchmark("MosaicAvgSliding/bayer/u8", BM_MosaicAvgSliding));
+    ms(benchmark::RegisterBenchmark("memcpy/bayer8", BM_Memcpy, 1u));
+    ms(benchmark::RegisterBenchmark("mosaic_avg/bayer8", BM_MosaicAvgBayer));
+    ms(benchmark::RegisterBenchmark("opencv_resize_area/bayer8", BM_MosaicAvgBayerOpenCvAreaResize));
+    ms(benchmark::RegisterBenchmark("mosaic_avg_sliding/bayer8", BM_MosaicAvgSliding));
 }
 
 const int registered = (registerAll(), 0);

@@ -9,6 +9,7 @@ PACKAGES=(
     libqcustomplot-dev libqcustomplot2.1-qt6
     libfftw3-dev libtiff-dev
     libbenchmark-dev libopencv-dev
+    python3
 )
 
 missing=()

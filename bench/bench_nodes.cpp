@@ -1,0 +1,88 @@
+// Every node of the plug-in, with its default settings, on every standard
+// frame: processData per frame through a real chain, pool and packet path,
+// beside a memcpy of the same frame. The node list comes from the plug-in's
+// own registration, so a new node is measured without touching this file.
+// A node that refuses a frame shows its message instead of a time.
+#include "BenchNode.h"
+#include "ProcessingPlugin.h"
+
+#include <CxRTTI.h>
+
+#include <QtWidgets/QApplication>
+
+#include <map>
+#include <memory>
+
+namespace {
+
+struct SxPrepared
+{
+    bench::StdFrame frame;
+    bench::Pic pic;
+    explicit SxPrepared(const bench::StdFrame& f) : frame(f), pic(f.format) { f.fill(*pic); }
+};
+
+// Frames are rendered once and shared by every node measured on them.
+SxPrepared& prepared(const bench::StdFrame& f)
+{
+    static std::map<std::string, std::unique_ptr<SxPrepared>> cache;
+    auto& slot = cache[f.name];
+    if (!slot)
+        slot = std::make_unique<SxPrepared>(f);
+    return *slot;
+}
+
+void BM_Node(benchmark::State& state, const QMetaObject* mo, const bench::StdFrame& f)
+{
+    SxPrepared& in = prepared(f);
+    auto* node = qobject_cast<CxChainable*>(mo->newInstance());
+    if (!node) {
+        state.SkipWithError("the node class cannot be created");
+        return;
+    }
+    bench::NodeRun run(node, *in.pic, f.meta);
+    if (run.ok()) {
+        run.frame();
+        if (!node->errorMessage().isEmpty()) {
+            state.SkipWithError(("refused: " + node->errorMessage().toStdString()).c_str());
+            return;
+        }
+    }
+    run.run(state);
+}
+
+void BM_Memcpy(benchmark::State& state, const bench::StdFrame& f)
+{
+    bench::memcpyBaseline(state, size_t(f.format.requiredBytes()));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Some nodes build widgets-based helpers (the spectrum plot) in their
+    // constructors; off-screen is enough for that.
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    CxProcessingPlugin plugin;
+    plugin.init();
+
+    const std::vector<bench::StdFrame> frames = bench::standardFrames();
+    for (const bench::StdFrame& f : frames)
+        benchmark::RegisterBenchmark(("memcpy/" + f.name).c_str(), BM_Memcpy, f)
+            ->Unit(benchmark::kMillisecond)->UseRealTime();
+    for (const CxRTTI::SxClassEntry& e : CxRTTI::instance()->classes(QStringLiteral("CxChainable"))) {
+        const QMetaObject* mo = e.metaObject;
+        const std::string name = e.customName.toStdString();
+        std::string op;
+        for (char c : name)
+            op += c == ' ' ? '_' : c;
+        for (const bench::StdFrame& f : frames)
+            benchmark::RegisterBenchmark(("node_" + op + "/" + f.name).c_str(), BM_Node, mo, f)
+                ->Unit(benchmark::kMillisecond)->UseRealTime();
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
