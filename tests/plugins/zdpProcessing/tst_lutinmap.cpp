@@ -1,0 +1,361 @@
+#include "LutInmapCnbl.h"
+#include "LutInmapWidget.h"
+#include "NodeTestKit.h"
+
+#include <CxHistoData.h>
+#include <CxLut.h>
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+#include <QtWidgets/QCheckBox>
+#include <QtWidgets/QComboBox>
+#include <QtWidgets/QDoubleSpinBox>
+#include <QtWidgets/QSpinBox>
+#include <QtXml/QDomDocument>
+
+#include <cmath>
+#include <cstring>
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+
+using namespace nodetest;
+using Bins = QList<qulonglong>;  // bin, count, bin, count, ...
+
+namespace {
+
+SxPicBufInfo withBits(SxPicBufInfo f, quint32 bits)
+{
+    f.bitsPerSample = bits;
+    return f;
+}
+
+// The window, gamma and output range written out the slow way.
+double windowed(double v, double lo, double hi, double gamma)
+{
+    double t = hi > lo ? (v - lo) / (hi - lo) : (v > lo ? 1.0 : 0.0);
+    t = qBound(0.0, t, 1.0);
+    return std::pow(t, 1.0 / gamma);
+}
+
+} // namespace
+
+class TestLutInmap : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void autoWindow_data();
+    void autoWindow();
+    void autoWindowFromFrames();
+    void mapping_data();
+    void mapping();
+    void settings_data();
+    void settings();
+    void widgetRules_data();
+    void widgetRules();
+    void widgetControls();
+};
+
+void TestLutInmap::autoWindow_data()
+{
+    QTest::addColumn<int>("binCount");
+    QTest::addColumn<int>("binShift");
+    QTest::addColumn<int>("tolerance");
+    QTest::addColumn<QList<Bins>>("channels");
+    QTest::addColumn<qlonglong>("srcMin");
+    QTest::addColumn<qlonglong>("srcMax");
+
+    // 1,000,000 pixels at 2 per mille: threshold 2000, which a running sum
+    // must exceed, not merely reach.
+    QTest::newRow("12 bit, 2 per mille of a million")
+        << 4096 << 0 << 2 << QList<Bins>{{10, 2000, 50, 100, 2000, 995895, 3000, 5, 3500, 2000}}
+        << 50LL << 3000LL;
+    QTest::newRow("tolerance 0, shifted bins") << 65536 << 16 << 0 << QList<Bins>{{3, 1, 9, 1}} << (3LL << 16) << (9LL << 16);
+    // Threshold 10 from the first channel's 1000 samples, not from the others.
+    QTest::newRow("channels share the first channel's threshold")
+        << 256 << 0 << 10
+        << QList<Bins>{{20, 11, 100, 978, 120, 11}, {5, 10, 8, 1, 60, 99978, 90, 11}, {30, 11, 150, 11}}
+        << 8LL << 150LL;
+    QTest::newRow("tolerance swallowing everything") << 256 << 0 << 1000 << QList<Bins>{{40, 7, 90, 3}} << 0LL << 0LL;
+    QTest::newRow("no channels") << 0 << 0 << 2 << QList<Bins>{} << -7LL << -7LL;
+}
+
+void TestLutInmap::autoWindow()
+{
+    QFETCH(int, binCount);
+    QFETCH(int, binShift);
+    QFETCH(int, tolerance);
+    QFETCH(QList<Bins>, channels);
+    QFETCH(qlonglong, srcMin);
+    QFETCH(qlonglong, srcMax);
+
+    CxHistoData histo;
+    if (!channels.isEmpty())
+        histo.reset(int(channels.size()), binCount, binShift, CxHistoData::HDF_All);
+    for (int c = 0; c < channels.size(); ++c)
+        for (int i = 0; i + 1 < channels[c].size(); i += 2)
+            histo.binsForWrite(c)[channels[c][i]] = channels[c][i + 1];
+
+    CxLutInmapCnbl node;
+    node.setAutoTolerance(tolerance);
+    node.setSrcMin(-7);
+    node.setSrcMax(-7);
+    QCOMPARE(node.maximizeContrastForHisto(&histo), !channels.isEmpty());
+    QCOMPARE(node.srcMin(), srcMin);
+    QCOMPARE(node.srcMax(), srcMax);
+}
+
+// The real measurement on a million 12-bit pixels, 400 of each value from
+// 100 to 2599, and its pace: one histogram per interval at most.
+void TestLutInmap::autoWindowFromFrames()
+{
+    const SxPicBufInfo f = withBits(format(1000, 1000, 1, IDT_UINT16), 12);
+    CxTestInput ramp(f, [](quint32 x, quint32 y, quint32) { return 100 + (y * 1000 + x) / 400; });
+    CxTestInput flat(f, [](quint32, quint32, quint32) { return 7; });
+    SxNodeRun<CxLutInmapCnbl> run(f);
+    QVERIFY(run.chain.start());
+
+    QTest::qWait(int(CxLutInmapCnbl::MeasureIntervalMs) + 10);
+    QElapsedTimer sinceMeasured;
+    sinceMeasured.start();
+    QScopedPointer<CxImageData> out(run.process(ramp));
+    QVERIFY(out);
+    QCOMPARE(run.node->srcMin(), qint64(105));
+    QCOMPARE(run.node->srcMax(), qint64(2594));
+    QCOMPARE(sampleValue(*out->picBuf(), 0, 500), std::round(4095 * windowed(1350, 105, 2594, 1)));
+
+    out.reset(run.process(flat));
+    QVERIFY(out);
+    if (sinceMeasured.elapsed() >= CxLutInmapCnbl::MeasureIntervalMs)
+        QSKIP("machine too slow to tell the measurement interval");
+    QCOMPARE(run.node->srcMin(), qint64(105));
+}
+
+void TestLutInmap::mapping_data()
+{
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<bool>("rgb");
+    QTest::addColumn<int>("pseudo");
+    QTest::addColumn<qlonglong>("srcMin");
+    QTest::addColumn<qlonglong>("srcMax");
+    QTest::addColumn<double>("gamma");
+    QTest::addColumn<int>("lo");    // samples: lo + a position code modulo span
+    QTest::addColumn<int>("span");
+
+    const SxPicBufInfo colour = format(5, 3, 3, IDT_UINT8, 1, CFA_NONE, DSF_PACKED, true);
+    QTest::newRow("u8 mono, odd width, padded") << format(7, 5, 1, IDT_UINT8, 3) << false << 0 << 20LL << 200LL << 1.0 << 0 << 256;
+    QTest::newRow("12 bit in u16, saturating") << withBits(format(9, 4, 1, IDT_UINT16, 2), 12) << false << 0 << 100LL << 3000LL << 2.2 << 0 << 5000;
+    QTest::newRow("u8 colour") << colour << false << 0 << 10LL << 240LL << 0.5 << 0 << 256;
+    QTest::newRow("s16 negative window") << format(6, 4, 1, IDT_INT16) << false << 0 << -200LL << 500LL << 1.0 << -300 << 1000;
+    QTest::newRow("0 bits means the whole type") << withBits(format(5, 2, 1, IDT_UINT8), 0) << false << 0 << 0LL << 255LL << 1.0 << 0 << 256;
+    QTest::newRow("u16 mono to RGB, hot") << format(7, 3, 1, IDT_UINT16, 2) << true << 2 << 1000LL << 60000LL << 1.0 << 0 << 65536;
+    QTest::newRow("bayer to RGB, grey") << format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) << true << -1 << 0LL << 255LL << 1.5 << 0 << 256;
+    QTest::newRow("float copied unmapped") << format(4, 3, 1, IDT_FLOAT) << false << 0 << 0LL << 1LL << 1.0 << -5 << 100;
+    QTest::newRow("64 bit to RGB passed on") << format(4, 3, 1, IDT_UINT64) << true << 0 << 0LL << 255LL << 1.0 << 0 << 100;
+}
+
+void TestLutInmap::mapping()
+{
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(bool, rgb);
+    QFETCH(int, pseudo);
+    QFETCH(qlonglong, srcMin);
+    QFETCH(qlonglong, srcMax);
+    QFETCH(double, gamma);
+    QFETCH(int, lo);
+    QFETCH(int, span);
+
+    CxImageMetadata meta;
+    meta.setColorFilterArray(in.colorFilterArray);
+    meta.setChannelNames({QStringLiteral("a")});
+    CxTestInput input(in, [&](quint32 x, quint32 y, quint32 c) { return lo + int(x * 37 + y * 101 + c * 53) % span; }, meta);
+    SxNodeRun<CxLutInmapCnbl> run(in, meta);
+    run.node->setAutoMinMax(false);
+    run.node->setMapToRgb(rgb);
+    run.node->setPseudoColor(pseudo);
+    run.node->setSrcMin(srcMin);
+    run.node->setSrcMax(srcMax);
+    run.node->setGamma(gamma);
+
+    QVERIFY(run.chain.start());
+    CxImageData* packet = input.packet();
+    QScopedPointer<IxChainData> result(run.chain.push(packet));
+    if (in.dataType == IDT_UINT64) {
+        QVERIFY(result.data() == packet);
+        QVERIFY(!run.node->errorMessage().isEmpty());
+        return;
+    }
+    auto* out = qobject_cast<CxImageData*>(result.data());
+    QVERIFY(out);
+    const SxPicBuf& o = *out->picBuf();
+    QCOMPARE(o.timestampMs, 4242u);
+    SxPicBufInfo want = in;
+    if (rgb) {
+        want = format(in.width, in.height, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true);
+        QCOMPARE(out->metadata()->colorFilterArray(), CFA_NONE);
+        QVERIFY(out->metadata()->channelNames().isEmpty());
+    }
+    QVERIFY2(o.sameFormat(want), qPrintable(o.describe()));
+
+    // Signed pictures map onto their positive half.
+    const bool isSigned = in.dataType == IDT_INT8 || in.dataType == IDT_INT16;
+    const quint32 bits = (in.bitsPerSample ? in.bitsPerSample : 8) - (isSigned ? 1 : 0);
+    const double full = double((quint64(1) << bits) - 1);
+    for (quint32 y = 0; y < in.height; ++y)
+        for (quint32 x = 0; x < in.width; ++x)
+            for (quint32 c = 0; c < in.channels; ++c) {
+                const double v = sampleValue(input.pic(), x, y, c);
+                const double t = windowed(v, double(srcMin), double(srcMax), gamma);
+                if (rgb) {
+                    quint32 bgra;
+                    std::memcpy(&bgra, sampleAt(o, x, y), 4);  // little-endian: 0xAARRGGBB
+                    QCOMPARE(bgra, CxLut::pseudoColorEntry(pseudo, int(std::lround(255 * t))));
+                } else if (in.dataType == IDT_FLOAT) {
+                    QCOMPARE(sampleValue(o, x, y, c), v);
+                } else {
+                    QCOMPARE(sampleValue(o, x, y, c), std::round(full * t));
+                }
+            }
+}
+
+void TestLutInmap::settings_data()
+{
+    QTest::addColumn<QString>("attribute");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("expected");  // the setting afterwards, as text
+
+    QTest::newRow("MapToRGB 2") << "MapToRGB" << "2" << "1";
+    QTest::newRow("MapToRGB negative") << "MapToRGB" << "-1" << "0";
+    QTest::newRow("AutoMinMax not a number") << "AutoMinMax" << "yes" << "0";
+    QTest::newRow("PseudoColor -1") << "PseudoColor" << "-1" << "-1";
+    QTest::newRow("PseudoColor abc") << "PseudoColor" << "abc" << "0";
+    QTest::newRow("AutoTolerance 2.7") << "AutoTolerance" << "2.7" << "2";
+    QTest::newRow("AutoTolerance huge") << "AutoTolerance" << "1e30" << "2147483647";
+    QTest::newRow("SrcMin 64 bit") << "SrcMin" << "-5000000000" << "-5000000000";
+    QTest::newRow("SrcMax abc") << "SrcMax" << "abc" << "0";
+    QTest::newRow("Gamma") << "Gamma" << "0.45" << "0.45";
+}
+
+// Loads by the node's rules, then survives save, load and clone unchanged.
+void TestLutInmap::settings()
+{
+    QFETCH(QString, attribute);
+    QFETCH(QString, text);
+    QFETCH(QString, expected);
+
+    const QStringList keys = {"MapToRGB", "PseudoColor", "AutoMinMax", "AutoTolerance", "SrcMin", "SrcMax", "Gamma"};
+    auto values = [&keys](const CxLutInmapCnbl& n) {
+        const QStringList v = {QString::number(n.mapToRgb()), QString::number(n.pseudoColor()),
+                               QString::number(n.autoMinMax()), QString::number(n.autoTolerance()),
+                               QString::number(n.srcMin()), QString::number(n.srcMax()), QString::number(n.gamma())};
+        QMap<QString, QString> m;
+        for (int i = 0; i < keys.size(); ++i)
+            m.insert(keys[i], v[i]);
+        return m;
+    };
+    CxLutInmapCnbl node;
+    QMap<QString, QString> want = values(node);
+    QCOMPARE(want.values(), QStringList({"1", "2", "1", "0", "0", "255", "0"}));  // defaults, keys sorted
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
+    element.setAttribute(attribute, text);  // the others are missing and keep their values
+    want[attribute] = expected;
+    QVERIFY(node.loadSettings(element));
+    QCOMPARE(values(node), want);
+
+    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
+    QVERIFY(node.saveSettings(doc, saved));
+    CxLutInmapCnbl reloaded;
+    reloaded.setSrcMax(1);
+    QVERIFY(reloaded.loadSettings(saved));
+    QCOMPARE(values(reloaded), want);
+    QScopedPointer<CxChainable> copy(node.clone());
+    QCOMPARE(values(*qobject_cast<CxLutInmapCnbl*>(copy.data())), want);
+}
+
+void TestLutInmap::widgetRules_data()
+{
+    QTest::addColumn<int>("min");
+    QTest::addColumn<int>("max");
+    QTest::addColumn<double>("tolerance");
+    QTest::addColumn<qlonglong>("srcMin");
+    QTest::addColumn<int>("autoTolerance");
+
+    QTest::newRow("max below min") << 100 << 50 << 2.0 << 49LL << 2;
+    QTest::newRow("max equal to min") << 300 << 300 << 2.0 << 299LL << 2;
+    QTest::newRow("tolerance decimal dropped") << 0 << 255 << 2.7 << 0LL << 2;
+}
+
+// Each change stops and restarts the running chain once and keeps Min below Max.
+void TestLutInmap::widgetRules()
+{
+    QFETCH(int, min);
+    QFETCH(int, max);
+    QFETCH(double, tolerance);
+    QFETCH(qlonglong, srcMin);
+    QFETCH(int, autoTolerance);
+
+    const SxPicBufInfo f = withBits(format(8, 4, 1, IDT_UINT16), 12);
+    SxNodeRun<CxLutInmapCnbl> run(f);
+    QVERIFY(run.startCounted());
+    QScopedPointer<QWidget> widget(run.node->configurationWidget());
+    auto* spinMin = widget->findChild<QSpinBox*>(QStringLiteral("spinMin"));
+    auto* spinMax = widget->findChild<QSpinBox*>(QStringLiteral("spinMax"));
+    auto* spinTolerance = widget->findChild<QDoubleSpinBox*>(QStringLiteral("spinTolerance"));
+    QVERIFY(spinMin && spinMax && spinTolerance);
+    QCOMPARE(spinMin->maximum(), 4094);
+    QCOMPARE(spinMax->maximum(), 4095);
+
+    spinMax->setValue(spinMax->maximum());
+    spinMin->setValue(min);
+    spinMax->setValue(max);
+    spinTolerance->setValue(tolerance);
+    QCOMPARE(run.node->srcMin(), srcMin);
+    QCOMPARE(run.node->srcMax(), qint64(max));
+    QCOMPARE(run.node->autoTolerance(), autoTolerance);
+    QCOMPARE(qlonglong(spinMin->value()), srcMin);
+    QCOMPARE(run.stops, run.starts);
+    QVERIFY(run.stops >= 1);
+    QVERIFY(!run.chain.stopped());
+}
+
+void TestLutInmap::widgetControls()
+{
+    CxLutInmapCnbl node;
+    node.setPseudoColor(1);
+    node.setSrcMax(70000);  // no input yet: the 16-bit range holds it
+    QScopedPointer<QWidget> widget(node.configurationWidget());
+    QCOMPARE(widget->windowTitle(), QStringLiteral("LUT Mapping"));
+    auto* chkAuto = widget->findChild<QCheckBox*>(QStringLiteral("chkAutoMinMax"));
+    auto* chkRgb = widget->findChild<QCheckBox*>(QStringLiteral("chkMapToRgb"));
+    auto* spinMin = widget->findChild<QSpinBox*>(QStringLiteral("spinMin"));
+    auto* spinMax = widget->findChild<QSpinBox*>(QStringLiteral("spinMax"));
+    auto* spinTolerance = widget->findChild<QDoubleSpinBox*>(QStringLiteral("spinTolerance"));
+    auto* combo = widget->findChild<QComboBox*>(QStringLiteral("cmbPseudocolor"));
+    QVERIFY(chkAuto && chkRgb && spinMin && spinMax && spinTolerance && combo);
+    QCOMPARE(spinMax->value(), 65535);
+
+    QVERIFY(!spinMin->isEnabled() && !spinMax->isEnabled() && spinTolerance->isEnabled());
+    QVERIFY(!combo->isEnabled());
+    chkAuto->click();
+    chkRgb->click();
+    QVERIFY(spinMin->isEnabled() && spinMax->isEnabled() && !spinTolerance->isEnabled());
+    QVERIFY(combo->isEnabled());
+    QVERIFY(!node.autoMinMax() && node.mapToRgb());
+
+    // Previews: a ramp whose column 40 holds level 40 * 255 / 80 = 127.
+    QCOMPARE(combo->count(), CxLut::pseudoColorLutCount() + 1);
+    QCOMPARE(combo->currentIndex(), 2);
+    for (int i = 0; i < combo->count(); ++i) {
+        QVERIFY(combo->itemText(i).isEmpty());
+        const QImage icon = combo->itemIcon(i).pixmap(QSize(80, 16)).toImage();
+        QCOMPARE(icon.size(), QSize(80, 16));
+        QCOMPARE(icon.pixel(40, 15) | 0xFF000000u, CxLut::pseudoColorEntry(i - 1, 127));
+    }
+    combo->setCurrentIndex(0);
+    QCOMPARE(node.pseudoColor(), -1);
+}
+
+QTEST_MAIN(TestLutInmap)
+#include "tst_lutinmap.moc"
