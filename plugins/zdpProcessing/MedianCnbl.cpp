@@ -1,0 +1,563 @@
+#include "MedianCnbl.h"
+#include "ExtractChannelCnbl.h"
+#include "MedianWidget.h"
+
+#include <CxHsiCameraParams.h>
+#include <CxImageData.h>
+#include <CxPicBufAPI.h>
+
+#include <QtCore/QDebug>
+#include <QtCore/QMutexLocker>
+#include <QtXml/QDomDocument>
+#include <QtXml/QDomElement>
+
+#include <algorithm>
+#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace {
+
+// Chain document attribute; the name is part of the saved-file format.
+const QString kKernelSizeAttribute = QStringLiteral("kernelSize");
+
+bool isSupportedType(ExImageDataType t)
+{
+    return t == IDT_UINT8 || t == IDT_UINT16;
+}
+
+bool isRaw(const SxPicBufInfo& info)
+{
+    return info.storageFormat != DSF_NOT_RAW && info.channels == 1;
+}
+
+// Samples of a picture extent that fall on pattern offset o with period p.
+quint32 planeExtent(quint32 extent, int period, int offset)
+{
+    return extent > quint32(offset) ? quint32((quint64(extent) - offset + period - 1) / period) : 0;
+}
+
+struct SxPlacement
+{
+    int ox, oy, c;
+};
+
+SxPlacement placementOf(const CxMedianCnbl::SxPlaneLayout& l, int i)
+{
+    const int cell = i / l.channels;
+    return {cell % l.periodX, cell / l.periodX, i % l.channels};
+}
+
+quint64 bayerBandRows(quint64 width, unsigned bytesPerSample, int radius);
+
+bool isBayer(const CxMedianCnbl::SxPlaneLayout& l)
+{
+    return !l.hsi && l.periodX == 2 && l.periodY == 2 && l.channels == 1;
+}
+
+// A 2x2 mosaic is filtered in bands, so its planes hold a band's rows only.
+SxPicBufInfo planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius)
+{
+    const SxPlacement p = placementOf(l, i);
+    SxPicBufInfo f = in;
+    f.width = planeExtent(in.width, l.periodX, p.ox);
+    f.height = planeExtent(in.height, l.periodY, p.oy);
+    if (isBayer(l))
+        f.height = quint32(
+            qMin<quint64>(f.height, bayerBandRows(in.width, in.bytesPerSample(), radius) + 2 * quint64(radius)));
+    f.linePitch = 0;
+    f.channels = 1;
+    f.storageFormat = DSF_PACKED;
+    f.colorFilterArray = CFA_NONE;
+    f.isColor = false;
+    return f;
+}
+
+// Row kernels: n samples of each of two planes from 2n interleaved ones of
+// a picture row, and back. Picture rows may start at any byte (a 16-bit
+// picture with odd row padding), plane rows are aligned.
+template <class T>
+inline void copyPairTail(const uchar* s, T* a, T* b, quint64 x, quint64 n)
+{
+    for (; x < n; ++x) {
+        std::memcpy(a + x, s + 2 * x * sizeof(T), sizeof(T));
+        std::memcpy(b + x, s + (2 * x + 1) * sizeof(T), sizeof(T));
+    }
+}
+
+template <class T>
+inline void storePairTail(const T* a, const T* b, uchar* d, quint64 x, quint64 n)
+{
+    for (; x < n; ++x) {
+        std::memcpy(d + 2 * x * sizeof(T), a + x, sizeof(T));
+        std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
+    }
+}
+
+inline void deinterleaveRow(const uchar* s, quint8* a, quint8* b, quint64 n)
+{
+    quint64 x = 0;
+#ifdef __SSE2__
+    const __m128i low = _mm_set1_epi16(0x00ff);
+    for (; x + 16 <= n; x += 16) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                         _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                         _mm_packus_epi16(_mm_srli_epi16(v0, 8), _mm_srli_epi16(v1, 8)));
+    }
+#endif
+    copyPairTail(s, a, b, x, n);
+}
+
+inline void deinterleaveRow(const uchar* s, quint16* a, quint16* b, quint64 n)
+{
+    quint64 x = 0;
+#ifdef __SSE2__
+    // Sign-extended halves stay inside the signed 16-bit range, so the
+    // saturating pack keeps their bit patterns.
+    for (; x + 8 <= n; x += 8) {
+        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
+        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x + 16));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                         _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
+                                         _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                         _mm_packs_epi32(_mm_srai_epi32(v0, 16), _mm_srai_epi32(v1, 16)));
+    }
+#endif
+    copyPairTail(s, a, b, x, n);
+}
+
+inline void interleaveRow(const quint8* a, const quint8* b, uchar* d, quint64 n)
+{
+    quint64 x = 0;
+#ifdef __SSE2__
+    for (; x + 16 <= n; x += 16) {
+        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x), _mm_unpacklo_epi8(va, vb));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x + 16), _mm_unpackhi_epi8(va, vb));
+    }
+#endif
+    storePairTail(a, b, d, x, n);
+}
+
+inline void interleaveRow(const quint16* a, const quint16* b, uchar* d, quint64 n)
+{
+    quint64 x = 0;
+#ifdef __SSE2__
+    for (; x + 8 <= n; x += 8) {
+        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_unpacklo_epi16(va, vb));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm_unpackhi_epi16(va, vb));
+    }
+#endif
+    storePairTail(a, b, d, x, n);
+}
+
+// Plane rows a band of a 2x2 mosaic filters at once, and the rows its plane
+// buffers hold: the band with radius rows of context above and below.
+quint64 bayerBandRows(quint64 width, unsigned bytesPerSample, int radius)
+{
+    // Eight planes' rows of one band stay within the last-level cache.
+    constexpr quint64 kBandBytes = 4 << 20;
+    const quint64 rowBytes = qMax<quint64>(1, 4 * width * bytesPerSample);
+    return std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+}
+
+// Rows lo..hi - 1 of a plane as a picture of their own.
+SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
+{
+    SxPicBuf rows = plane;
+    const quint64 offset = lo * plane.effectiveLinePitch();
+    rows.data = plane.data + offset;
+    rows.height = quint32(hi - lo);
+    rows.memCapacity = plane.memCapacity - offset;
+    return rows;
+}
+
+} // namespace
+
+template <class T>
+void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c)
+{
+    constexpr quint64 S = sizeof(T);
+    const quint64 inPitch = in.effectiveLinePitch(), planePitch = plane.effectiveLinePitch();
+    const quint64 step = quint64(pw) * in.channels * S;
+    for (quint64 y = 0; y < plane.height; ++y) {
+        const uchar* src = in.data + (y * ph + oy) * inPitch + (quint64(ox) * in.channels + c) * S;
+        uchar* dst = plane.data + y * planePitch;
+        // Byte copies: a row of the input may start at any byte.
+        for (quint64 x = 0; x < plane.width; ++x)
+            std::memcpy(dst + x * S, src + x * step, S);
+    }
+}
+
+template <class T>
+void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c)
+{
+    constexpr quint64 S = sizeof(T);
+    const quint64 outPitch = out.effectiveLinePitch(), planePitch = plane.effectiveLinePitch();
+    const quint64 step = quint64(pw) * out.channels * S;
+    for (quint64 y = 0; y < plane.height; ++y) {
+        const uchar* src = plane.data + y * planePitch;
+        uchar* dst = out.data + (y * ph + oy) * outPitch + (quint64(ox) * out.channels + c) * S;
+        for (quint64 x = 0; x < plane.width; ++x)
+            std::memcpy(dst + x * step, src + x * S, S);
+    }
+}
+
+// Rows y0..y1 - 1 of the picture; picture row y lands in plane row
+// y / 2 - base.
+template <class T>
+void med_splitBayer_T(const SxPicBuf& in, SxPicBuf* planes, quint32 y0, quint32 y1, quint32 base)
+{
+    const quint64 w = in.width, pairs = w / 2, pitch = in.effectiveLinePitch();
+    for (quint64 y = y0; y < y1; ++y) {
+        const uchar* s = in.data + y * pitch;
+        T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
+        T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
+        deinterleaveRow(s, a, b, pairs);
+        if (w & 1)
+            std::memcpy(a + pairs, s + (w - 1) * sizeof(T), sizeof(T));
+    }
+}
+
+template <class T>
+void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32 y1, quint32 base)
+{
+    const quint64 w = out.width, pairs = w / 2, pitch = out.effectiveLinePitch();
+    for (quint64 y = y0; y < y1; ++y) {
+        uchar* d = out.data + y * pitch;
+        const T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
+        const T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
+        interleaveRow(a, b, d, pairs);
+        if (w & 1)
+            std::memcpy(d + (w - 1) * sizeof(T), a + pairs, sizeof(T));
+    }
+}
+
+template void med_extractPlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
+template void med_extractPlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
+template void med_weavePlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
+template void med_weavePlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
+template void med_splitBayer_T<quint8>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
+template void med_splitBayer_T<quint16>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
+template void med_weaveBayer_T<quint8>(const SxPicBuf*, SxPicBuf&, quint32, quint32, quint32);
+template void med_weaveBayer_T<quint16>(const SxPicBuf*, SxPicBuf&, quint32, quint32, quint32);
+
+// Splitting and weaving a whole frame would each stream it through memory
+// once more than the medians do. In bands of plane rows small enough to stay
+// in the cache, the medians read what the split has just written and the
+// weave what they have just written. Each band is split with radius rows of
+// context above and below it, so that its own rows see their whole window.
+template <class T>
+bool med_filterBayerInBands_T(const SxPicBuf& in, SxPicBuf& out, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
+                              int radius, void* work, quint64 band)
+{
+    const quint64 height = in.height, planeHeight = (height + 1) / 2, r = quint64(radius);
+    band = qMax<quint64>(band, 1);
+    for (quint64 b0 = 0; b0 < planeHeight; b0 += band) {
+        const quint64 b1 = qMin(planeHeight, b0 + band);
+        const quint64 lo = b0 > r ? b0 - r : 0, hi = qMin(planeHeight, b1 + r);
+        med_splitBayer_T<T>(in, inPlanes, quint32(2 * lo), quint32(qMin(height, 2 * hi)), quint32(lo));
+        for (int i = 0; i < 4; ++i) {
+            // The second cell row of an odd-height picture is a row shorter.
+            const quint64 cellRows = i < 2 ? planeHeight : height / 2;
+            const quint64 rows = qMin(cellRows, hi) > lo ? qMin(cellRows, hi) - lo : 0;
+            if (rows == 0)
+                continue;
+            SxPicBuf bandOut = planeRows(outPlanes[i], 0, rows);
+            if (!CxPicBufAPI::Median(planeRows(inPlanes[i], 0, rows), bandOut, radius, work))
+                return false;
+        }
+        med_weaveBayer_T<T>(outPlanes, out, quint32(2 * b0), quint32(qMin(height, 2 * b1)), quint32(lo));
+    }
+    return true;
+}
+
+template bool med_filterBayerInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, SxPicBuf*, SxPicBuf*, int, void*,
+                                                quint64);
+template bool med_filterBayerInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, SxPicBuf*, SxPicBuf*, int, void*,
+                                                 quint64);
+
+
+namespace {
+
+template <class T>
+bool filterPlanes_T(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out,
+                    const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
+                    int radius, void* work)
+{
+    if (isBayer(l))
+        return med_filterBayerInBands_T<T>(in, out, inPlanes, outPlanes, radius, work,
+                                           bayerBandRows(in.width, sizeof(T), radius));
+
+    const int n = l.count();
+    for (int i = 0; i < n; ++i) {
+        const SxPlacement p = placementOf(l, i);
+        if (!l.hsi)
+            med_extractPlane_T<T>(in, inPlanes[i], l.periodX, l.periodY, p.ox, p.oy, p.c);
+        else if (!extr_extractHsiChannel_T<T>(inPlanes[i], in, meta, i))
+            return false;
+    }
+    for (int i = 0; i < n; ++i)
+        if (!CxPicBufAPI::Median(inPlanes[i], outPlanes[i], radius, work))
+            return false;
+    for (int i = 0; i < n; ++i) {
+        const SxPlacement p = placementOf(l, i);
+        med_weavePlane_T<T>(outPlanes[i], out, l.periodX, l.periodY, p.ox, p.oy, p.c);
+    }
+    return true;
+}
+
+} // namespace
+
+CxMedianCnbl::CxMedianCnbl()
+    : CxImageProvider(ExChainableFlags(FlagProducesPictures | FlagProcessor))
+{
+}
+
+CxMedianCnbl::~CxMedianCnbl()
+{
+    freePlanes();
+}
+
+QString CxMedianCnbl::title() const
+{
+    const qint64 size = 2 * qint64(kernelRadius()) + 1;
+    return tr("Median") + QStringLiteral(" (%1x%1)").arg(size);
+}
+
+bool CxMedianCnbl::acceptsDataFrom(CxChainable* predecessor)
+{
+    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
+}
+
+int CxMedianCnbl::buffersCountInMemoryPool() const
+{
+    return 1;
+}
+
+CxChainable* CxMedianCnbl::clone()
+{
+    auto* copy = new CxMedianCnbl;
+    copy->m_radius = kernelRadius();
+    return copy;
+}
+
+QWidget* CxMedianCnbl::configurationWidget()
+{
+    return new CxMedianWidget(this);
+}
+
+bool CxMedianCnbl::hasConfigurationWidget() const
+{
+    return true;
+}
+
+bool CxMedianCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
+{
+    const bool result = CxChainable::saveSettings(doc, element);
+    element.setAttribute(kKernelSizeAttribute, 2 * qint64(kernelRadius()) + 1);
+    return result;
+}
+
+bool CxMedianCnbl::loadSettings(const QDomElement& element)
+{
+    const bool result = CxChainable::loadSettings(element);
+    if (!element.hasAttribute(kKernelSizeAttribute))
+        return false;
+    bool ok = false;
+    int size = element.attribute(kKernelSizeAttribute, QStringLiteral("3")).toInt(&ok, 10);
+    if (!ok)
+        size = 0;
+    setKernelRadius(size < 3 ? 1 : (size - 1) / 2);
+    return result;
+}
+
+bool CxMedianCnbl::hasHelp() const
+{
+    return true;
+}
+
+QString CxMedianCnbl::help(QString& anchor)
+{
+    Q_UNUSED(anchor);
+    return tr("Performs the median filtering with given kernel size.");
+}
+
+int CxMedianCnbl::kernelRadius() const
+{
+    QMutexLocker locker(nodeMutex());
+    return m_radius;
+}
+
+void CxMedianCnbl::setKernelRadius(int radius)
+{
+    {
+        QMutexLocker locker(nodeMutex());
+        if (m_radius == radius)
+            return;
+        m_radius = radius;
+    }
+    emit titleChanged(this);
+}
+
+CxMedianCnbl::SxPlaneLayout CxMedianCnbl::planeLayout(const SxPicBufInfo& info, const CxImageMetadata* meta)
+{
+    SxPlaneLayout l;
+    if (info.channels > 1) {
+        l.channels = int(qMin<quint32>(info.channels, 1u << 16));  // no picture has more
+    } else if (isRaw(info) && isTwoByTwoMosaic(info.colorFilterArray)) {
+        l.periodX = l.periodY = 2;
+    } else if (isRaw(info) && info.colorFilterArray == CFA_HSI_MOSAIC && meta
+               && meta->hsiCameraParams().isSimpleMosaicFilter()) {
+        const CxHsiCameraParams::CxFilterZone* zone = meta->hsiCameraParams().filterZone(0);
+        l.periodX = zone->patternWidth;
+        l.periodY = zone->patternHeight;
+        l.hsi = true;
+    }
+    return l;
+}
+
+void CxMedianCnbl::setupStart()
+{
+    CxImageProvider::setupStart();
+    freePlanes();
+
+    SxPicBufInfo in;
+    CxImageMetadata meta;
+    if (!currentInputImageInfo(in, &meta) || !isSupportedType(in.dataType))
+        return;
+    const SxPlaneLayout layout = planeLayout(in, &meta);
+    const int radius = kernelRadius();
+    // The work buffer depends on the sample type and radius only.
+    if (!CxPicBufAPI::MedianAllocBuffer(planeFormat(in, layout, 0, radius), radius, &m_work))
+        m_work = nullptr;
+    m_setupFormat = in;
+    m_setupRadius = radius;
+    m_layout = layout;
+    if (layout.count() == 1)
+        return;
+
+    const int n = layout.count();
+    m_inPlanes.assign(size_t(n), SxPicBuf());
+    m_outPlanes.assign(size_t(n), SxPicBuf());
+    m_planeCount = n;
+    for (int i = 0; i < n; ++i) {
+        const SxPicBufInfo f = planeFormat(in, layout, i, radius);
+        m_inPlanes[size_t(i)].setPicFormat(f);
+        m_outPlanes[size_t(i)].setPicFormat(f);
+        if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
+            || !CxPicBufAPI::AllocPicBufFromHeap(m_outPlanes[size_t(i)], f, false, 0)) {
+            qCritical() << title() << "could not allocate its working planes for" << in.describe();
+            freePlanes();
+            return;
+        }
+    }
+}
+
+void CxMedianCnbl::setupStop()
+{
+    CxImageProvider::setupStop();
+    freePlanes();
+}
+
+void CxMedianCnbl::freePlanes()
+{
+    CxPicBufAPI::MedianFreeBuffer(m_work);
+    m_work = nullptr;
+    for (SxPicBuf& p : m_inPlanes)
+        CxPicBufAPI::FreePicBuf(p, true);
+    for (SxPicBuf& p : m_outPlanes)
+        CxPicBufAPI::FreePicBuf(p, true);
+    m_inPlanes.clear();
+    m_outPlanes.clear();
+    m_planeCount = 0;
+    m_layout = SxPlaneLayout();
+}
+
+bool CxMedianCnbl::planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const
+{
+    return layout == m_layout && m_planeCount == layout.count() && in.width == m_setupFormat.width
+        && in.height == m_setupFormat.height && in.dataType == m_setupFormat.dataType;
+}
+
+bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
+                                        const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
+{
+    out = in;
+    if (outMeta)
+        *outMeta = inMeta ? *inMeta : CxImageMetadata();
+    return true;
+}
+
+bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius)
+{
+    if (in.dataType == IDT_UINT8)
+        return filterPlanes_T<quint8>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
+    return filterPlanes_T<quint16>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
+}
+
+IxChainData* CxMedianCnbl::processData(IxChainData* data)
+{
+    if (!data)
+        return nullptr;
+    if (state() == StateStopping)
+        return data;
+    auto* input = qobject_cast<CxImageData*>(data);
+    if (!input)
+        return data;
+
+    const SxPicBuf* inPic = input->picBuf();
+    const CxImageMetadata* inMeta = input->metadata();
+    if (!isSupportedType(inPic->dataType)) {
+        if (errorMessage().isEmpty())
+            setErrorMessage(tr("The input image data type is not supported."));
+        return data;
+    }
+    if (isRaw(*inPic) && inPic->colorFilterArray == CFA_HSI_MOSAIC
+        && !(inMeta && inMeta->hsiCameraParams().isSimpleMosaicFilter())) {
+        if (errorMessage().isEmpty())
+            setErrorMessage(tr("Only the simple mosaic HSI images are supported."));
+        return data;
+    }
+
+    SxPicBufInfo outInfo;
+    CxImageMetadata outMeta;
+    if (!queryOutputImageInfo(*inPic, outInfo, inMeta, &outMeta) || !inPic->data)
+        return nullptr;
+    // Set up for another format, or for a kernel the host cannot filter with.
+    const SxPlaneLayout layout = planeLayout(*inPic, inMeta);
+    const bool planar = layout.count() > 1;
+    const int radius = m_radius;
+    if (!m_work || (planar && (!planesFit(*inPic, layout) || radius != m_setupRadius)))
+        return data;
+
+    SxPicBuf outPic;
+    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
+        return nullptr;
+
+    const bool done = planar ? filterPlanes(*inPic, inMeta, outPic, radius)
+                             : CxPicBufAPI::Median(*inPic, outPic, radius, m_work);
+    if (!done) {
+        CxPicBufAPI::FreePicBuf(outPic, false);
+        return data;
+    }
+
+    outPic.exposureTimeUs = inPic->exposureTimeUs;
+    outPic.timestampMs = inPic->timestampMs;
+    outPic.copyPicAdditionalData(*inPic);
+
+    auto* output = new CxImageData;
+    output->setPicBuf(outPic);
+    output->setMetadata(&outMeta);
+    delete data;
+    return output;
+}

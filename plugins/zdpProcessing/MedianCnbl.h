@@ -1,0 +1,120 @@
+#pragma once
+#include <CxImageProvider.h>
+
+#include <SxPicBuf.h>
+
+#include <vector>
+
+// Replaces every sample by the median of the (2r + 1) x (2r + 1) samples
+// around it; the median itself is the host's CxPicBufAPI::Median. What this
+// node adds is that samples of different colours never mix:
+//  * a raw 2x2 mosaic (filter arrays 1..6) is split into its four cells,
+//  * a simple hyperspectral mosaic into its bands (first filter zone),
+//  * a picture with several channels per pixel into its channels,
+// each plane is filtered on its own and the planes are woven back.
+// A picture marked as not raw (storage format 3) is filtered as a plain
+// picture. Only unsigned 8- and 16-bit samples are filtered; anything else
+// passes unchanged with a message.
+//
+// Planes hold exactly the samples of their cell or band: on a picture of odd
+// width or height the cells of the first column or row get one sample more
+// than the others, and a cell the picture does not reach (the second cell
+// row of a one-row picture) gets an empty plane. So every output sample is
+// written and no median ever sees a sample that is not of its own colour;
+// the host's median repeats the edge samples of each plane at its borders.
+//
+// A 2x2 mosaic is split, filtered and woven back a band of rows at a time,
+// so that the planes stay in the cache between the three steps.
+//
+// The planes and the median work buffer are made in setupStart for the
+// format and radius the chain started with. A frame of another format, a
+// radius set without a restart, a kernel the host cannot filter with (a size
+// loaded from a document beyond what the host supports) or a plain picture
+// the host's median refuses (16-bit rows not aligned to their samples)
+// passes unchanged; the title shows the size set.
+//
+// Settings: attribute "kernelSize", the kernel size 2r + 1. Loading a size
+// below 3, or text that is not a number, gives 3; an even size is taken as
+// the odd size below it. Unlike the other nodes, an element without the
+// attribute keeps the current size and makes loadSettings answer false,
+// whatever the base class answered.
+class CxMedianCnbl : public CxImageProvider
+{
+    Q_OBJECT
+    Q_CLASSINFO("CustomName", "Median Filter")
+    Q_CLASSINFO("UniqueID", "de.korvel.Vistrel.CxMedianCnbl")
+public:
+    Q_INVOKABLE CxMedianCnbl();
+    ~CxMedianCnbl() override;
+
+    QString title() const override;
+    bool acceptsDataFrom(CxChainable* predecessor) override;
+    int buffersCountInMemoryPool() const override;
+    CxChainable* clone() override;
+    QWidget* configurationWidget() override;
+    bool hasConfigurationWidget() const override;
+    bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
+    bool loadSettings(const QDomElement& element) override;
+    bool hasHelp() const override;
+    QString help(QString& anchor) override;
+    void setupStart() override;
+    void setupStop() override;
+    IxChainData* processData(IxChainData* data) override;
+    bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
+                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta) override;
+
+    // The kernel size is 2r + 1. The accessors take the node's lock; the
+    // setter does not restart the chain (the widget stops and starts it).
+    int kernelRadius() const;
+    void setKernelRadius(int radius);
+
+    // How a picture splits into planes: pattern periods (pw, ph) and channels
+    // per pixel; planes = pw x ph x channels. (1, 1, 1) is a plain picture
+    // filtered whole.
+    struct SxPlaneLayout
+    {
+        int periodX = 1;
+        int periodY = 1;
+        int channels = 1;
+        bool hsi = false;
+        int count() const { return periodX * periodY * channels; }
+        bool operator==(const SxPlaneLayout& o) const
+        {
+            return periodX == o.periodX && periodY == o.periodY && channels == o.channels && hsi == o.hsi;
+        }
+    };
+    static SxPlaneLayout planeLayout(const SxPicBufInfo& info, const CxImageMetadata* meta);
+
+private:
+    void freePlanes();
+    bool planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const;
+    bool filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius);
+
+    int m_radius = 1;
+    void* m_work = nullptr;
+    std::vector<SxPicBuf> m_inPlanes;
+    std::vector<SxPicBuf> m_outPlanes;
+    int m_planeCount = 0;
+    SxPlaneLayout m_layout;
+    SxPicBufInfo m_setupFormat;  // the input format and radius the planes were made for
+    int m_setupRadius = 0;
+};
+
+// The samples of plane (ox, oy, c) of a picture with pattern period (pw, ph),
+// row by row, into plane, and back. T is the sample type; the plane must be
+// exactly as large as the samples the picture has at that place.
+template <class T>
+void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c);
+template <class T>
+void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c);
+// The four cells of a 2x2 mosaic, rows y0..y1 - 1 of the picture in one
+// pass, and back; picture row y is plane row y / 2 - base.
+template <class T>
+void med_splitBayer_T(const SxPicBuf& in, SxPicBuf* planes, quint32 y0, quint32 y1, quint32 base);
+template <class T>
+void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32 y1, quint32 base);
+// Median of a 2x2 mosaic, split, filtered and woven back band rows of the
+// planes at a time; each plane buffer holds band + 2 x radius rows.
+template <class T>
+bool med_filterBayerInBands_T(const SxPicBuf& in, SxPicBuf& out, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
+                              int radius, void* work, quint64 band);

@@ -1,0 +1,319 @@
+#include "SeqMergeCnbl.h"
+#include "SeqMergeWidget.h"
+
+#include <CxImageData.h>
+#include <CxPicBufAPI.h>
+
+#include <QtCore/QDebug>
+#include <QtXml/QDomDocument>
+#include <QtXml/QDomElement>
+
+#include <limits>
+
+namespace {
+
+// Chain document attributes; the names are part of the saved-file format.
+const QString kModeAttribute = QStringLiteral("mergeSeqMode");
+const QString kCountAttribute = QStringLiteral("mergeSeqCount");
+const QString kPassCompleteAttribute = QStringLiteral("mergeSeqPassComplete");
+
+// Text that is not a decimal 32-bit number loads as 0.
+int attributeInt(const QDomElement& element, const QString& name)
+{
+    return element.attribute(name, QString()).toInt(nullptr, 10);
+}
+
+quint64 placesMask(int places)
+{
+    return places >= 64 ? ~quint64(0) : (quint64(1) << places) - 1;
+}
+
+constexpr quint64 kMaxExtent = std::numeric_limits<quint32>::max();
+
+} // namespace
+
+CxSeqMergeCnbl::CxSeqMergeCnbl()
+    : CxImageProvider(ExChainableFlags(FlagProducesPictures | FlagProcessor))
+{
+}
+
+CxSeqMergeCnbl::~CxSeqMergeCnbl()
+{
+    freeWorkingPic();
+}
+
+QString CxSeqMergeCnbl::title() const
+{
+    return tr("Merge %1 Images").arg(m_count);
+}
+
+bool CxSeqMergeCnbl::acceptsDataFrom(CxChainable* predecessor)
+{
+    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
+}
+
+int CxSeqMergeCnbl::buffersCountInMemoryPool() const
+{
+    return 1;
+}
+
+CxChainable* CxSeqMergeCnbl::clone()
+{
+    auto* copy = new CxSeqMergeCnbl;
+    copy->m_mode = m_mode;
+    copy->m_count = m_count;
+    copy->m_passCompleteOnly = m_passCompleteOnly;
+    return copy;
+}
+
+QWidget* CxSeqMergeCnbl::configurationWidget()
+{
+    return new CxSeqMergeWidget(this);
+}
+
+bool CxSeqMergeCnbl::hasConfigurationWidget() const
+{
+    return true;
+}
+
+void CxSeqMergeCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
+                                              bool& hasButtons)
+{
+    // Rows take any count, too many to offer as buttons.
+    if (m_mode == ModeTiles) {
+        buttons.append(CxSimpleStateConfigButton(QStringLiteral("2"), 2, true, m_count == 2));
+        buttons.append(CxSimpleStateConfigButton(QStringLiteral("4"), 4, true, m_count == 4));
+    }
+    hasButtons = true;
+}
+
+void CxSeqMergeCnbl::simpleStateConfigButtonPressed(int id)
+{
+    setCount(ModeTiles, id, true);
+}
+
+bool CxSeqMergeCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
+{
+    const bool result = CxChainable::saveSettings(doc, element);
+    element.setAttribute(kModeAttribute, int(m_mode));
+    element.setAttribute(kCountAttribute, m_count);
+    element.setAttribute(kPassCompleteAttribute, qlonglong(m_passCompleteOnly ? 1 : 0));
+    return result;
+}
+
+bool CxSeqMergeCnbl::loadSettings(const QDomElement& element)
+{
+    const bool result = CxChainable::loadSettings(element);
+    if (element.hasAttribute(kModeAttribute))
+        m_mode = ExMode(attributeInt(element, kModeAttribute));
+    // Not range-checked: the document's value is kept so that saving writes
+    // it back; counts the node cannot merge with pass frames through.
+    if (element.hasAttribute(kCountAttribute))
+        m_count = attributeInt(element, kCountAttribute);
+    if (element.hasAttribute(kPassCompleteAttribute))
+        m_passCompleteOnly = attributeInt(element, kPassCompleteAttribute) > 0;
+    return result;
+}
+
+void CxSeqMergeCnbl::setCount(ExMode mode, int count, bool restart)
+{
+    changeSetting(restart, [this, mode, count] {
+        m_mode = mode;
+        if (count > 0)
+            m_count = count;
+    });
+    emit titleChanged(this);
+}
+
+void CxSeqMergeCnbl::setPassCompleteOnly(bool passCompleteOnly, bool restart)
+{
+    changeSetting(restart, [this, passCompleteOnly] { m_passCompleteOnly = passCompleteOnly; });
+}
+
+bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
+                                          const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
+{
+    out = in;
+    if (outMeta)
+        *outMeta = inMeta ? *inMeta : CxImageMetadata();
+    if (!usableCount())
+        return true;
+    if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
+        const quint64 width = quint64(in.width) * 2;
+        const quint64 height = quint64(in.height) * (m_count == 4 ? 2 : 1);
+        // Rows start on 256-byte boundaries.
+        const quint64 pitch = (width * in.channels * in.bytesPerSample() + 255) & ~quint64(255);
+        if (width <= kMaxExtent && height <= kMaxExtent && pitch <= kMaxExtent) {
+            out.width = quint32(width);
+            out.height = quint32(height);
+            out.linePitch = quint32(pitch);
+        }
+    } else if (m_mode == ModeRows) {
+        const quint64 height = quint64(in.height) * quint64(m_count);
+        if (height <= kMaxExtent)
+            out.height = quint32(height);
+    }
+    return true;
+}
+
+void CxSeqMergeCnbl::setupStart()
+{
+    CxImageProvider::setupStart();
+    freeWorkingPic();
+    SxPicBufInfo in, out;
+    if (!usableCount() || !currentInputImageInfo(in, nullptr) || !queryOutputImageInfo(in, out, nullptr, nullptr))
+        return;
+    if (!CxPicBufAPI::AllocPicBufFromHeap(m_working, out, false, 0)) {
+        qCritical() << title() << "could not allocate its working picture of" << out.describe();
+        return;
+    }
+    CxPicBufAPI::FillChannelsValue(m_working, 1);
+
+    int cols = 0, rows = 0;
+    if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
+        cols = 2;
+        rows = m_count / 2;
+    } else if (m_mode == ModeRows) {
+        cols = 1;
+        rows = m_count;
+    }
+    if (cols && in.width && in.height && quint64(in.width) * cols == out.width
+        && quint64(in.height) * rows == out.height) {
+        m_tileWidth = in.width;
+        m_tileHeight = in.height;
+        m_tileCols = cols;
+        m_tileRows = rows;
+    }
+}
+
+void CxSeqMergeCnbl::setupStop()
+{
+    CxImageProvider::setupStop();
+    freeWorkingPic();
+}
+
+void CxSeqMergeCnbl::freeWorkingPic()
+{
+    CxPicBufAPI::FreePicBuf(m_working, true);
+    m_lastIndex = -1;
+    m_receivedMask = 0;
+    m_tileWidth = m_tileHeight = 0;
+    m_tileCols = m_tileRows = 0;
+    m_staleMask = 0;
+}
+
+void CxSeqMergeCnbl::paintStalePlaces()
+{
+    const quint64 pitch = m_working.effectiveLinePitch(), bpp = m_working.bytesPerPixel();
+    SxPicBufInfo tile = m_working;
+    tile.width = m_tileWidth;
+    tile.height = m_tileHeight;
+    for (int j = 0; m_staleMask; ++j) {
+        if (!(m_staleMask & (quint64(1) << j)))
+            continue;
+        m_staleMask &= ~(quint64(1) << j);
+        const quint64 offset = quint64(j / m_tileCols) * m_tileHeight * pitch + quint64(j % m_tileCols) * m_tileWidth * bpp;
+        SxPicBuf view;
+        if (CxPicBufAPI::WrapPicBuf(view, tile, m_working.data + offset, m_working.memCapacity - offset))
+            CxPicBufAPI::FillChannelsValue(view, 1);
+    }
+}
+
+void CxSeqMergeCnbl::resetWorkingPic()
+{
+    m_lastIndex = -1;
+    m_receivedMask = 0;
+    if (m_tileCols)
+        m_staleMask = placesMask(m_tileCols * m_tileRows);
+    else
+        CxPicBufAPI::FillChannelsValue(m_working, 1);
+}
+
+void CxSeqMergeCnbl::placeFrame(const SxPicBuf& frame, int index)
+{
+    quint64 col = 0, row = 0;
+    if (m_mode == ModeTiles && m_count <= 4) {
+        col = quint64(index % 2);
+        row = quint64(index / 2);
+    } else if (m_mode == ModeRows) {
+        row = quint64(index);
+    } else {
+        return;
+    }
+    const quint64 x = col * frame.width, y = row * frame.height;
+    if (x < m_working.width && y < m_working.height) {
+        const quint32 w = quint32(qMin<quint64>(frame.width, m_working.width - x));
+        const quint32 h = quint32(qMin<quint64>(frame.height, m_working.height - y));
+        // A frame that fills one place of the picture exactly leaves nothing
+        // of the earlier picture there; anything else may leave parts of
+        // several places, so those are brought up to date first.
+        const bool wholePlace = m_tileCols && w == m_tileWidth && h == m_tileHeight && frame.width == w
+            && frame.height == h && x % m_tileWidth == 0 && y % m_tileHeight == 0;
+        if (!wholePlace)
+            paintStalePlaces();
+        if (CxPicBufAPI::CopyRect(m_working, quint32(x), quint32(y), frame, 0, 0, w, h) && wholePlace)
+            m_staleMask &= ~(quint64(1) << ((y / m_tileHeight) * quint64(m_tileCols) + x / m_tileWidth));
+    }
+
+    if (m_lastIndex == -1) {
+        m_working.exposureTimeUs = frame.exposureTimeUs;
+        m_working.timestampMs = frame.timestampMs;
+        m_working.copyPicAdditionalData(frame);
+    }
+}
+
+CxImageData* CxSeqMergeCnbl::createOutputDataAndResetWorkingPic(CxImageData* input)
+{
+    SxPicBuf outPic;
+    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, m_working, false))
+        return nullptr;
+    paintStalePlaces();
+    if (!CxPicBufAPI::CopyPicBuf(outPic, m_working, true)) {
+        CxPicBufAPI::FreePicBuf(outPic, false);
+        return nullptr;
+    }
+
+    SxPicBufInfo outInfo;
+    CxImageMetadata outMeta;
+    queryOutputImageInfo(*input->picBuf(), outInfo, input->metadata(), &outMeta);
+    auto* output = new CxImageData;
+    output->setPicBuf(outPic);
+    output->setMetadata(&outMeta);
+
+    resetWorkingPic();
+    return output;
+}
+
+IxChainData* CxSeqMergeCnbl::processData(IxChainData* data)
+{
+    if (!data)
+        return nullptr;
+    if (state() == StateStopping)
+        return nullptr;
+    auto* input = qobject_cast<CxImageData*>(data);
+    if (!input || !m_working.data || !usableCount())
+        return data;
+    const SxPicBuf* frame = input->picBuf();
+    if (!frame->data)
+        return nullptr;
+
+    const int count = m_count;
+    const int index = frame->frameNumber % count;
+
+    CxImageData* output = nullptr;
+    if (m_lastIndex >= index && !m_passCompleteOnly)
+        output = createOutputDataAndResetWorkingPic(input);
+
+    if (index >= 0) {
+        placeFrame(*frame, index);
+        m_receivedMask |= quint64(1) << index;
+    }
+    m_lastIndex = index;
+
+    if (index != count - 1 || (m_passCompleteOnly && m_receivedMask != placesMask(count)))
+        return output;
+    if (!output)
+        output = createOutputDataAndResetWorkingPic(input);
+    delete data;
+    return output;
+}

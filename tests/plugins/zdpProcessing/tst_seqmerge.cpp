@@ -1,0 +1,333 @@
+#include "NodeTestKit.h"
+#include "SeqMergeCnbl.h"
+#include "SeqMergeWidget.h"
+
+#include <CxSegmentedControl.h>
+
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+#include <QtWidgets/QCheckBox>
+#include <QtWidgets/QRadioButton>
+#include <QtWidgets/QSpinBox>
+#include <QtXml/QDomDocument>
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+
+using namespace nodetest;
+using Mode = CxSeqMergeCnbl::ExMode;
+
+namespace {
+
+// Every sample of frame n holds n + 10, so a place names the frame in it; an
+// unfilled place holds 1.
+double frameValue(int frameNumber)
+{
+    return frameNumber + 10;
+}
+
+// The frame in place (tx, ty) of an output made of w x h tiles: its number,
+// -1 for an unfilled place, or -2 when the place is not uniform.
+int frameInPlace(const SxPicBuf& out, quint32 tx, quint32 ty, quint32 w, quint32 h)
+{
+    const double first = sampleValue(out, tx * w, ty * h);
+    for (quint32 y = 0; y < h; ++y)
+        for (quint32 x = 0; x < w; ++x)
+            for (quint32 c = 0; c < out.channels; ++c)
+                if (sampleValue(out, tx * w + x, ty * h + y, c) != first)
+                    return -2;
+    return first == 1 ? -1 : int(first) - 10;
+}
+
+} // namespace
+
+class TestSeqMerge : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void sequences_data();
+    void sequences();
+    void unusableCountPassesFrames_data();
+    void unusableCountPassesFrames();
+    void settings_data();
+    void settings();
+    void outputFormat_data();
+    void outputFormat();
+    void quickButtons();
+    void widget();
+};
+
+void TestSeqMerge::sequences_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("count");
+    QTest::addColumn<bool>("completeOnly");
+    QTest::addColumn<QList<int>>("frames");
+    // Per output: "<index of the frame that made it>:<frame per place>#<its
+    // frame number>", "-" for an unfilled place. An output carries the
+    // number of the first frame stored since the output before.
+    QTest::addColumn<QStringList>("outputs");
+
+    QTest::newRow("tiles 2, numbers 10 11") << 0 << 2 << true << QList<int>{10, 11} << QStringList{"1:10 11#10"};
+    QTest::newRow("tiles 4, dropped, complete only")
+        << 0 << 4 << true << QList<int>{0, 1, 3, 4, 5, 6, 7} << QStringList{"6:4 5 6 7#0"};
+    QTest::newRow("tiles 4, dropped, any")
+        << 0 << 4 << false << QList<int>{0, 1, 3} << QStringList{"2:0 1 - 3#0"};
+    // The place of frame 2 must not show frame 2 of the sequence before.
+    QTest::newRow("tiles 4, drop after a full picture")
+        << 0 << 4 << false << QList<int>{0, 1, 2, 3, 4, 5, 7} << QStringList{"3:0 1 2 3#0", "6:4 5 - 7#4"};
+    QTest::newRow("rows 3, early flush")
+        << 1 << 3 << false << QList<int>{0, 1, 0, 1, 2} << QStringList{"2:0 1 -#0", "4:0 1 2#0"};
+    QTest::newRow("rows 3, gap waits for a full pass")
+        << 1 << 3 << true << QList<int>{0, 2, 3, 4, 5} << QStringList{"4:3 4 5#0"};
+    QTest::newRow("rows 3, restart in the middle")
+        << 1 << 3 << true << QList<int>{1, 2, 3, 4, 5} << QStringList{"4:3 4 5#1"};
+    QTest::newRow("rows 1") << 1 << 1 << true << QList<int>{5, 6} << QStringList{"0:5#5", "1:6#6"};
+    // A frame of the same place again overwrites it.
+    QTest::newRow("tiles 2, repeated place")
+        << 0 << 2 << true << QList<int>{0, 0, 2, 3} << QStringList{"3:2 3#0"};
+}
+
+void TestSeqMerge::sequences()
+{
+    QFETCH(int, mode);
+    QFETCH(int, count);
+    QFETCH(bool, completeOnly);
+    QFETCH(QList<int>, frames);
+    QFETCH(QStringList, outputs);
+
+    const quint32 w = 3, h = 2;
+    CxTestInput input(format(w, h, 3, IDT_UINT16, 6));
+    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+    run.node->setCount(Mode(mode), count, false);
+    run.node->setPassCompleteOnly(completeOnly, false);
+    QVERIFY(run.chain.start());
+
+    const quint32 cols = mode == CxSeqMergeCnbl::ModeTiles ? 2 : 1;
+    QStringList seen;
+    for (int k = 0; k < frames.size(); ++k) {
+        input.pic().frameNumber = frames[k];
+        input.refill([&](quint32, quint32, quint32) { return frameValue(frames[k]); });
+        QScopedPointer<CxImageData> out(run.process(input));
+        if (!out)
+            continue;
+        const SxPicBuf& pic = *out->picBuf();
+        QStringList places;
+        for (int i = 0; i < count; ++i) {
+            const int f = frameInPlace(pic, quint32(i) % cols, quint32(i) / cols, w, h);
+            places << (f == -1 ? QStringLiteral("-") : QString::number(f));
+        }
+        seen << QStringLiteral("%1:%2#%3").arg(k).arg(places.join(' ')).arg(pic.frameNumber);
+        QCOMPARE(pic.timestampMs, input.pic().timestampMs);
+    }
+    QCOMPARE(seen, outputs);
+}
+
+void TestSeqMerge::unusableCountPassesFrames_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QString>("countText");
+    QTest::newRow("tiles, 0") << 0 << "0";
+    QTest::newRow("rows, 0") << 1 << "0";
+    QTest::newRow("rows, negative") << 1 << "-3";
+    QTest::newRow("rows, too many") << 1 << "65";
+}
+
+// Only a document can give such a count; the node must neither divide by it
+// nor stack frames it cannot track, and saving writes it back.
+void TestSeqMerge::unusableCountPassesFrames()
+{
+    QFETCH(int, mode);
+    QFETCH(QString, countText);
+
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
+    element.setAttribute(QStringLiteral("mergeSeqMode"), mode);
+    element.setAttribute(QStringLiteral("mergeSeqCount"), countText);
+    CxTestInput input(format(4, 3, 1, IDT_UINT8), [](quint32 x, quint32 y, quint32) { return x + 4 * y; });
+    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+    QVERIFY(run.node->loadSettings(element));
+    QCOMPARE(run.node->title(), QStringLiteral("Merge %1 Images").arg(countText));
+
+    for (int frame = 0; frame < 3; ++frame) {
+        input.pic().frameNumber = frame;
+        QScopedPointer<CxImageData> out(run.process(input));
+        QVERIFY(out);
+        QCOMPARE(out->picBuf()->width, 4u);
+        QCOMPARE(out->picBuf()->height, 3u);
+        QCOMPARE(sampleValue(*out->picBuf(), 3, 2), 11.0);
+    }
+    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
+    run.node->saveSettings(doc, saved);
+    QCOMPARE(saved.attribute(QStringLiteral("mergeSeqCount")), countText);
+}
+
+void TestSeqMerge::settings_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<QString>("count");
+    QTest::addColumn<QString>("complete");
+    QTest::addColumn<int>("wantMode");
+    QTest::addColumn<int>("wantCount");
+    QTest::addColumn<bool>("wantComplete");
+
+    // Before loading: rows, count 5, complete only off. A null text is a
+    // missing attribute.
+    QTest::newRow("missing keep") << QString() << QString() << QString() << 1 << 5 << false;
+    QTest::newRow("plain") << "0" << "4" << "1" << 0 << 4 << true;
+    QTest::newRow("not numbers") << "x" << "abc" << "yes" << 0 << 0 << false;
+    QTest::newRow("flag above 1") << "1" << "7" << "2" << 1 << 7 << true;
+    QTest::newRow("negative flag") << "1" << "7" << "-1" << 1 << 7 << false;
+}
+
+void TestSeqMerge::settings()
+{
+    QFETCH(QString, mode);
+    QFETCH(QString, count);
+    QFETCH(QString, complete);
+    QFETCH(int, wantMode);
+    QFETCH(int, wantCount);
+    QFETCH(bool, wantComplete);
+
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
+    const QString names[] = {"mergeSeqMode", "mergeSeqCount", "mergeSeqPassComplete"};
+    const QString texts[] = {mode, count, complete};
+    for (int i = 0; i < 3; ++i)
+        if (!texts[i].isNull())
+            element.setAttribute(names[i], texts[i]);
+
+    CxSeqMergeCnbl node;
+    node.setCount(CxSeqMergeCnbl::ModeRows, 5, false);
+    node.setPassCompleteOnly(false, false);
+    QVERIFY(node.loadSettings(element));
+
+    QScopedPointer<CxChainable> copy(node.clone());
+    auto* twin = qobject_cast<CxSeqMergeCnbl*>(copy.data());
+    QVERIFY(twin);
+    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
+    QVERIFY(twin->saveSettings(doc, saved));
+    QCOMPARE(saved.attribute(names[0]), QString::number(wantMode));
+    QCOMPARE(saved.attribute(names[1]), QString::number(wantCount));
+    QCOMPARE(saved.attribute(names[2]), QString::number(wantComplete ? 1 : 0));
+}
+
+void TestSeqMerge::outputFormat_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("count");
+    QTest::addColumn<SxPicBufInfo>("in");
+    QTest::addColumn<quint32>("width");
+    QTest::addColumn<quint32>("height");
+    QTest::addColumn<quint32>("pitch");
+
+    const SxPicBufInfo rgb16 = format(21, 5, 3, IDT_UINT16, 2);
+    QTest::newRow("tiles 2") << 0 << 2 << rgb16 << 42u << 5u << 256u;
+    QTest::newRow("tiles 4") << 0 << 4 << rgb16 << 42u << 10u << 256u;
+    QTest::newRow("tiles 4, wide") << 0 << 4 << format(100, 1, 1, IDT_FLOAT) << 200u << 2u << 1024u;
+    QTest::newRow("tiles 3 keeps size") << 0 << 3 << rgb16 << 21u << 5u << rgb16.linePitch;
+    QTest::newRow("rows 3") << 1 << 3 << rgb16 << 21u << 15u << rgb16.linePitch;
+    QTest::newRow("unknown mode") << 7 << 2 << rgb16 << 21u << 5u << rgb16.linePitch;
+}
+
+void TestSeqMerge::outputFormat()
+{
+    QFETCH(int, mode);
+    QFETCH(int, count);
+    QFETCH(SxPicBufInfo, in);
+    QFETCH(quint32, width);
+    QFETCH(quint32, height);
+    QFETCH(quint32, pitch);
+
+    CxSeqMergeCnbl node;
+    node.setCount(Mode(mode), count, false);
+    SxPicBufInfo out;
+    QVERIFY(node.queryOutputImageInfo(in, out, nullptr, nullptr));
+    QCOMPARE(out.width, width);
+    QCOMPARE(out.height, height);
+    QCOMPARE(out.linePitch, pitch);
+    QCOMPARE(out.channels, in.channels);
+    QCOMPARE(out.dataType, in.dataType);
+}
+
+void TestSeqMerge::quickButtons()
+{
+    CxTestInput input(format(4, 2, 1, IDT_UINT8));
+    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+    run.node->setCount(CxSeqMergeCnbl::ModeTiles, 4, false);
+    QSignalSpy titles(run.node, &CxChainable::titleChanged);
+
+    QList<CxChainable::CxSimpleStateConfigButton> buttons;
+    bool hasButtons = false;
+    run.node->simpleStateConfigButtons(buttons, hasButtons);
+    QVERIFY(hasButtons);
+    QCOMPARE(buttons.size(), 2);
+    QCOMPARE(buttons[0].label(), QStringLiteral("2"));
+    QCOMPARE(buttons[0].id(), 2);
+    QVERIFY(buttons[0].isCheckable() && !buttons[0].isChecked());
+    QVERIFY(buttons[1].isChecked());
+
+    QVERIFY(run.startCounted());
+    run.node->simpleStateConfigButtonPressed(2);
+    QCOMPARE(run.node->count(), 2);
+    QCOMPARE(run.starts, 1);
+    QCOMPARE(run.node->title(), QStringLiteral("Merge 2 Images"));
+
+    // A count of 0 is not taken, yet the title is told to refresh.
+    run.node->setCount(CxSeqMergeCnbl::ModeRows, 0, false);
+    QCOMPARE(run.node->count(), 2);
+    QCOMPARE(titles.size(), 2);
+
+    buttons.clear();
+    hasButtons = false;
+    run.node->simpleStateConfigButtons(buttons, hasButtons);
+    QVERIFY(hasButtons);
+    QVERIFY(buttons.isEmpty());
+}
+
+void TestSeqMerge::widget()
+{
+    CxTestInput input(format(4, 2, 1, IDT_UINT8));
+    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+    run.node->setCount(CxSeqMergeCnbl::ModeRows, 5, false);
+    QScopedPointer<QWidget> panel(run.node->configurationWidget());
+    QList<QRadioButton*> radios;
+    for (const QString text : {"Count:", "Rows:"})
+        for (QRadioButton* rb : panel->findChildren<QRadioButton*>())
+            if (rb->text() == text)
+                radios << rb;
+    auto* spin = panel->findChild<QSpinBox*>();
+    auto* segments = panel->findChild<CxSegmentedControl*>();
+    auto* complete = panel->findChild<QCheckBox*>();
+    QVERIFY(radios.size() == 2 && spin && segments && complete);
+    QCOMPARE(panel->windowTitle(), QStringLiteral("Merge Image Sequence"));
+    QVERIFY(!radios[0]->isChecked() && radios[1]->isChecked());
+    QVERIFY(!segments->isEnabled() && spin->isEnabled());
+    QCOMPARE(spin->value(), 5);
+    QCOMPARE(segments->selectedIndex(), 1);
+
+    QVERIFY(run.startCounted());
+    radios[0]->click();  // tiles, with the segment shown: 4
+    QVERIFY(radios[0]->isChecked() && !radios[1]->isChecked());
+    QVERIFY(segments->isEnabled() && !spin->isEnabled());
+    QCOMPARE(run.node->mode(), CxSeqMergeCnbl::ModeTiles);
+    QCOMPARE(run.node->count(), 4);
+    QCOMPARE(run.starts, 1);
+
+    radios[0]->click();  // the mode in use stays chosen
+    QVERIFY(radios[0]->isChecked());
+    QCOMPARE(run.starts, 1);
+
+    complete->click();  // read on the next frame, no restart
+    QVERIFY(!run.node->passCompleteOnly());
+    QCOMPARE(run.starts, 1);
+
+    radios[1]->click();
+    spin->setValue(7);
+    QCOMPARE(run.node->mode(), CxSeqMergeCnbl::ModeRows);
+    QCOMPARE(run.node->count(), 7);
+    QCOMPARE(run.starts, 3);
+}
+
+QTEST_MAIN(TestSeqMerge)
+#include "tst_seqmerge.moc"
