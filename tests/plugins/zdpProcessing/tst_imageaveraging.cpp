@@ -1,0 +1,653 @@
+#include "ImageAveragingCnbl.h"
+#include "ImageAveragingKernels.h"
+#include "NodeTestKit.h"
+
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+#include <QtXml/QDomDocument>
+
+#include <cmath>
+
+using namespace nodetest;
+using Mode = CxImageAveragingCnbl::ExMode;
+
+Q_DECLARE_METATYPE(ExImageDataType)
+
+namespace {
+
+// Small values so that no sum saturates; signed types go negative, floats
+// take fractions.
+double frameValue(ExImageDataType t, quint32 x, quint32 y, quint32 c, int f)
+{
+    const int base = int((x * 7 + y * 13 + c * 5 + quint32(f) * 29) % 61);
+    if (t == IDT_FLOAT)
+        return base * 0.25 - 7.0;
+    if (t == IDT_INT8 || t == IDT_INT16 || t == IDT_INT32)
+        return base - 30;
+    return base;
+}
+
+bool isUnsignedInt(ExImageDataType t)
+{
+    return t == IDT_UINT8 || t == IDT_UINT16 || t == IDT_UINT32;
+}
+
+// The statistic of one sample over the frames, worked out the plain way.
+double expectedStatistic(Mode mode, ExImageDataType t, const std::vector<double>& v, int scale)
+{
+    const double n = double(v.size());
+    double sum = 0, sq = 0, mn = v[0], mx = v[0];
+    for (double s : v) {
+        sum += s;
+        sq += s * s;
+        mn = std::min(mn, s);
+        mx = std::max(mx, s);
+    }
+    switch (mode) {
+    case CxImageAveragingCnbl::ModeAverage:
+        return t == IDT_FLOAT ? sum / n : std::round(sum / n);  // halves away from zero
+    case CxImageAveragingCnbl::ModeStDev: {
+        if (t == IDT_FLOAT)
+            return std::sqrt((sq - (sum / n) * (sum / n) * n) / (n - 1)) * scale;
+        const quint64 mean = quint64(sum) / quint64(n);
+        const quint64 var = (quint64(sq) - mean * mean * quint64(n)) / quint64(n - 1);
+        return std::trunc(std::sqrt(double(var)) * scale);
+    }
+    case CxImageAveragingCnbl::ModeMin: return mn;
+    case CxImageAveragingCnbl::ModeMax: return mx;
+    case CxImageAveragingCnbl::ModeMinTouches: return double(std::count(v.begin(), v.end(), mn));
+    default: return 0;
+    }
+}
+
+CxImageData* livePacket(const CxTestInput& in)
+{
+    CxImageData* p = in.packet();
+    p->setLiveData(true);
+    return p;
+}
+
+// One sample value per frame (mono, 1 x 1) as live packets; the output of the
+// last one.
+QScopedPointer<CxImageData> pushValues(SxNodeRun<CxImageAveragingCnbl>& run, CxTestInput& in,
+                                       const std::vector<double>& values)
+{
+    IxChainData* last = nullptr;
+    for (double v : values) {
+        delete last;
+        in.refill([v](quint32, quint32, quint32) { return v; });
+        last = run.chain.push(livePacket(in));
+    }
+    return QScopedPointer<CxImageData>(qobject_cast<CxImageData*>(last));
+}
+
+CxHistoData histogramWithLevels(const std::vector<double>& levels)
+{
+    CxHistoData h;
+    h.reset(int(levels.size()), 0, 0, CxHistoData::HDF_Mean);
+    for (int c = 0; c < int(levels.size()); ++c)
+        h.statisticsForWrite(c)[CxHistoData::StatMean] = levels[size_t(c)];
+    return h;
+}
+
+QStringList gLog;
+void captureLog(QtMsgType, const QMessageLogContext&, const QString& msg)
+{
+    gLog << msg;
+}
+
+} // namespace
+
+class TestImageAveraging : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void series_data();
+    void series();
+    void workedNumbers_data();
+    void workedNumbers();
+    void subtractKernels_data();
+    void subtractKernels();
+    void subtractSeries();
+    void greyImageLevelsReversed();
+    void fusedSumsMatchHost_data();
+    void fusedSumsMatchHost();
+    void stDevExactBeyondDoubleRange_data();
+    void stDevExactBeyondDoubleRange();
+    void lineAveraging_data();
+    void lineAveraging();
+    void minTouchesWithAllModes_data();
+    void minTouchesWithAllModes();
+    void infiniteCountingAndReset();
+    void modeSwitchAcrossRestart_data();
+    void modeSwitchAcrossRestart();
+    void singleFrameSeries_data();
+    void singleFrameSeries();
+    void loadSettings_data();
+    void loadSettings();
+    void allocationFailuresAreLogged();
+};
+
+void TestImageAveraging::series_data()
+{
+    QTest::addColumn<ExImageDataType>("type");
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("rgba");
+    QTest::addColumn<int>("scale");
+    const ExImageDataType types[] = {IDT_UINT8, IDT_INT8, IDT_UINT16, IDT_INT16, IDT_UINT32, IDT_INT32, IDT_FLOAT};
+    const char* modeNames[] = {"avg", "stdev", "min", "max", "touches"};
+    for (ExImageDataType t : types)
+        for (int m = 0; m <= 4; ++m)
+            QTest::addRow("%s %s", qPrintable(dataTypeName(t)), modeNames[m]) << t << m << false << 10;
+    for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
+        for (int m = 0; m <= 4; ++m)
+            QTest::addRow("rgba %s %s", qPrintable(dataTypeName(t)), modeNames[m]) << t << m << true << 1;
+}
+
+// Four frames through a chain: nothing comes out for the first three live
+// frames, the fourth brings the statistic of all four.
+void TestImageAveraging::series()
+{
+    QFETCH(ExImageDataType, type);
+    QFETCH(int, mode);
+    QFETCH(bool, rgba);
+    QFETCH(int, scale);
+    const int frames = 4;
+    const SxPicBufInfo f = format(5, 3, rgba ? 4 : 1, type, 8, CFA_NONE, DSF_PACKED, rgba);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setMode(Mode(mode));
+    run.node->setCountToAverage(frames);
+    run.node->setStDevValuesScaling(scale);
+    QVERIFY(run.chain.start());
+
+    CxTestInput in(f);
+    QScopedPointer<IxChainData> out;
+    for (int k = 0; k < frames; ++k) {
+        in.refill([&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x, y, c, k); });
+        out.reset(run.chain.push(livePacket(in)));
+        if (k < frames - 1)
+            QVERIFY(!out);
+    }
+    const bool produced = !(mode == CxImageAveragingCnbl::ModeStDev && !isUnsignedInt(type) && type != IDT_FLOAT);
+    auto* image = qobject_cast<CxImageData*>(out.data());
+    QCOMPARE(image != nullptr, produced);
+    if (!produced)
+        return;
+    const SxPicBuf& o = *image->picBuf();
+    QCOMPARE(o.dataType, mode == CxImageAveragingCnbl::ModeMinTouches ? IDT_UINT16 : type);
+    QCOMPARE(o.frameNumber, in.pic().frameNumber);
+    QCOMPARE(run.node->frameCounter(), 0);
+    for (quint32 y = 0; y < f.height; ++y)
+        for (quint32 x = 0; x < f.width; ++x)
+            for (quint32 c = 0; c < (rgba ? 3u : 1u); ++c) {
+                std::vector<double> v;
+                for (int k = 0; k < frames; ++k)
+                    v.push_back(frameValue(type, x, y, c, k));
+                const double want = expectedStatistic(Mode(mode), type, v, scale);
+                const double got = sampleValue(o, x, y, c);
+                if (type == IDT_FLOAT)
+                    QVERIFY2(std::fabs(got - want) < 1e-3, qPrintable(QString("%1 vs %2").arg(got).arg(want)));
+                else
+                    QCOMPARE(got, want);
+            }
+}
+
+void TestImageAveraging::workedNumbers_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("scale");
+    QTest::addColumn<int>("frames");
+    QTest::addColumn<QList<double>>("values");
+    QTest::addColumn<double>("expected");
+    // mean 127, variance 32767, sqrt 181.0166, 18101 kept to its low 8 bits
+    QTest::newRow("stdev 0 and 255 at 100x") << 1 << 100 << 2 << QList<double>{0, 255} << 181.0;
+    QTest::newRow("stdev of equal frames") << 1 << 100 << 3 << QList<double>{9, 9, 9} << 0.0;
+    // 70000 mod 65536
+    QTest::newRow("min touches wrap") << 4 << 1 << 70000 << QList<double>{17} << 4464.0;
+}
+
+void TestImageAveraging::workedNumbers()
+{
+    QFETCH(int, mode);
+    QFETCH(int, scale);
+    QFETCH(int, frames);
+    QFETCH(QList<double>, values);
+    QFETCH(double, expected);
+    const SxPicBufInfo f = format(1, 1, 1, IDT_UINT8);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setMode(Mode(mode));
+    run.node->setCountToAverage(frames);
+    run.node->setStDevValuesScaling(scale);
+    QVERIFY(run.chain.start());
+    CxTestInput in(f);
+    std::vector<double> v(size_t(frames), values.back());
+    std::copy(values.begin(), values.end(), v.begin());
+    auto out = pushValues(run, in, v);
+    QVERIFY(out);
+    QCOMPARE(sampleValue(*out->picBuf(), 0, 0), expected);
+}
+
+void TestImageAveraging::subtractKernels_data()
+{
+    QTest::addColumn<ExImageDataType>("type");
+    QTest::addColumn<double>("frame");
+    QTest::addColumn<double>("average");
+    QTest::addColumn<double>("level");
+    QTest::addColumn<double>("expected");
+    QTest::newRow("u8 clamped at 0") << IDT_UINT8 << 10.0 << 200.0 << 127.6 << 0.0;   // 10 - 200 + 128
+    QTest::newRow("u8 clamped at top") << IDT_UINT8 << 250.0 << 10.0 << 100.0 << 255.0;
+    QTest::newRow("u16 in range") << IDT_UINT16 << 1000.0 << 900.0 << 49.4 << 149.0;
+    QTest::newRow("i8 negative to 0") << IDT_INT8 << -20.0 << 10.0 << 5.0 << 0.0;
+    QTest::newRow("i16 above signed range") << IDT_INT16 << 30000.0 << 0.0 << 9999.5 << -25536.0;
+    QTest::newRow("u32 wide") << IDT_UINT32 << 4000000000.0 << 1.0 << 2.0 << 4000000001.0;
+    QTest::newRow("float unclamped") << IDT_FLOAT << 1.0 << 3.0 << 0.25 << -1.25;
+}
+
+void TestImageAveraging::subtractKernels()
+{
+    QFETCH(ExImageDataType, type);
+    QFETCH(double, frame);
+    QFETCH(double, average);
+    QFETCH(double, level);
+    QFETCH(double, expected);
+    CxTestInput out(format(3, 2, 1, type, 4)), avg(format(3, 2, 1, type, 4));
+    out.refill([&](quint32, quint32, quint32) { return frame; });
+    avg.refill([&](quint32, quint32, quint32) { return average; });
+    QVERIFY(SubtractWithOffset(avg.pic(), out.pic(), histogramWithLevels({level})));
+    for (quint32 y = 0; y < 2; ++y)
+        for (quint32 x = 0; x < 3; ++x)
+            QCOMPARE(sampleValue(out.pic(), x, y), expected);
+    if (type == IDT_FLOAT)
+        QCOMPARE(out.pic().floatMin, float(expected));
+}
+
+// Mode 5 on still frames: the frame's own level until an average exists,
+// nothing on the frame that completes it, then frame - average + level.
+void TestImageAveraging::subtractSeries()
+{
+    const SxPicBufInfo f = format(4, 2, 1, IDT_UINT8);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setMode(CxImageAveragingCnbl::ModeSubtractAverage);
+    run.node->setCountToAverage(2);
+    QVERIFY(run.chain.start());
+    CxTestInput in(f);
+    in.refill([](quint32 x, quint32, quint32) { return 100.0 + x; });
+    QScopedPointer<CxImageData> grey(run.process(in));
+    QVERIFY(grey);
+    for (quint32 x = 0; x < 4; ++x)
+        QCOMPARE(sampleValue(*grey->picBuf(), x, 1), 102.0);  // level 101.5
+    in.refill([](quint32 x, quint32, quint32) { return 110.0 + x; });
+    QVERIFY(!run.process(in));
+    QCOMPARE(run.node->title(), QStringLiteral("Subtract from avg (0/2)"));
+    in.refill([](quint32 x, quint32, quint32) { return 50.0 + 2 * x; });
+    QScopedPointer<CxImageData> diff(run.process(in));
+    QVERIFY(diff);
+    for (quint32 x = 0; x < 4; ++x)  // average 105 + x at level 106.5
+        QCOMPARE(sampleValue(*diff->picBuf(), x, 0), 52.0 + x);
+}
+
+void TestImageAveraging::greyImageLevelsReversed()
+{
+    const CxHistoData h = histogramWithLevels({10, 20, 30});
+    CxTestInput rgb(format(2, 2, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
+    CxTestInput rgba(format(2, 2, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true));
+    QVERIFY(SetAsSubtractingGreyImage(rgb.pic(), h));
+    QVERIFY(SetAsSubtractingGreyImage(rgba.pic(), h));
+    const double rgbaWant[] = {30, 20, 10, 65535};
+    for (quint32 c = 0; c < 4; ++c) {
+        if (c < 3)
+            QCOMPARE(sampleValue(rgb.pic(), 1, 1, c), rgbaWant[c]);
+        QCOMPARE(sampleValue(rgba.pic(), 1, 1, c), rgbaWant[c]);
+    }
+    QVERIFY(!SetAsSubtractingGreyImage(rgb.pic(), CxHistoData()));
+}
+
+void TestImageAveraging::fusedSumsMatchHost_data()
+{
+    QTest::addColumn<ExImageDataType>("frameType");
+    QTest::addColumn<ExImageDataType>("sqType");
+    QTest::newRow("u8") << IDT_UINT8 << IDT_UINT32;
+    QTest::newRow("u16") << IDT_UINT16 << IDT_UINT64;
+}
+
+// The one-pass sums must saturate exactly like the host's two passes.
+void TestImageAveraging::fusedSumsMatchHost()
+{
+    QFETCH(ExImageDataType, frameType);
+    QFETCH(ExImageDataType, sqType);
+    const quint32 w = 41, h = 3;
+    CxTestInput frame(format(w, h, 1, frameType, 8), [](quint32 x, quint32 y, quint32) { return x * 977.0 + y; });
+    CxTestInput s1(format(w, h, 1, IDT_UINT32)), s2(format(w, h, 1, IDT_UINT32));
+    CxTestInput q1(format(w, h, 1, sqType)), q2(format(w, h, 1, sqType));
+    // Accumulators from near their limit down to small values.
+    for (CxTestInput* p : {&s1, &s2, &q1, &q2})
+        for (quint32 y = 0; y < h; ++y)
+            for (quint32 x = 0; x < w; ++x) {
+                const unsigned bytes = p->pic().bytesPerSample();
+                const quint64 top = bytes == 8 ? ~quint64(0) : 0xFFFFFFFFull;
+                const quint64 v = top - top / 4 * (x % 5);
+                std::memcpy(sampleAt(p->pic(), x, y), &v, bytes);
+            }
+    for (int k = 0; k < 3; ++k) {
+        QVERIFY(AddSumAndSquares(s1.pic(), q1.pic(), frame.pic()));
+        QVERIFY(CxPicBufAPI::Add(s2.pic(), frame.pic()));
+        QVERIFY(CxPicBufAPI::AddSquares(q2.pic(), frame.pic()));
+    }
+    for (quint32 y = 0; y < h; ++y) {
+        QCOMPARE(std::memcmp(s1.pic().rowPtr(y), s2.pic().rowPtr(y), w * 4), 0);
+        QCOMPARE(std::memcmp(q1.pic().rowPtr(y), q2.pic().rowPtr(y), w * bytesPerSampleOf(sqType)), 0);
+    }
+}
+
+void TestImageAveraging::stDevExactBeyondDoubleRange_data()
+{
+    QTest::addColumn<quint32>("sum");
+    QTest::addColumn<quint64>("sumSq");
+    QTest::addColumn<int>("frames");
+    QTest::addColumn<ExImageDataType>("outType");
+    QTest::addColumn<int>("scale");
+    QTest::newRow("small u16") << 30u << quint64(500) << 3 << IDT_UINT16 << 1;
+    QTest::newRow("8-bit wrap of 12750") << 255u << quint64(65025) << 2 << IDT_UINT8 << 100;
+    QTest::newRow("just below the double range") << 7u << ((quint64(1) << 48) - 1) << 3 << IDT_UINT32 << 100;
+    QTest::newRow("sum of squares above 2^52") << 3000000000u << (quint64(1) << 60) << 2 << IDT_UINT16 << 1;
+    QTest::newRow("saturated sum, wrapped variance") << 0xFFFFFFFFu << quint64(5) << 2 << IDT_UINT32 << 1;
+    QTest::newRow("result above 2^31") << 10u << (quint64(1) << 62) << 2 << IDT_UINT32 << 100;
+    QTest::newRow("negative scale into i16") << 30u << quint64(500) << 3 << IDT_INT16 << -100;
+}
+
+// The fast row loop must give exactly what integer arithmetic gives, also
+// where doubles cannot hold the values.
+void TestImageAveraging::stDevExactBeyondDoubleRange()
+{
+    QFETCH(quint32, sum);
+    QFETCH(quint64, sumSq);
+    QFETCH(int, frames);
+    QFETCH(ExImageDataType, outType);
+    QFETCH(int, scale);
+    const quint32 w = 37;  // vector body and tail
+    CxTestInput s(format(w, 2, 1, IDT_UINT32)), q(format(w, 2, 1, IDT_UINT64)), o(format(w, 2, 1, outType));
+    for (quint32 y = 0; y < 2; ++y)
+        for (quint32 x = 0; x < w; ++x) {
+            s.pic().row<quint32>(y)[x] = x == 17 ? sum : 4;
+            q.pic().row<quint64>(y)[x] = x == 17 ? sumSq : 10;
+        }
+    QVERIFY(StDevFromSums(s.pic(), q.pic(), frames, o.pic(), scale));
+    const quint64 mask = (quint64(1) << (8 * bytesPerSampleOf(outType))) - 1;
+    auto expected = [&](quint64 sm, quint64 sq) {
+        const quint64 n = quint64(frames), mean = sm / n;
+        const quint64 var = (sq - mean * mean * n) / (n - 1);
+        const double r = std::trunc(std::sqrt(double(var)) * scale);
+        const quint64 bits = r < 0 ? quint64(qint64(r)) : quint64(std::fmod(r, 18446744073709551616.0));
+        return outType == IDT_INT16 ? double(qint16(bits & mask)) : double(bits & mask);
+    };
+    QCOMPARE(sampleValue(o.pic(), 17, 1), expected(sum, sumSq));
+    QCOMPARE(sampleValue(o.pic(), 36, 0), expected(4, 10));
+}
+
+void TestImageAveraging::lineAveraging_data()
+{
+    QTest::addColumn<ExImageDataType>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<bool>("isColor");
+    QTest::addColumn<int>("mode");
+    for (int mode : {1, 2})
+        for (ExImageDataType t : {IDT_UINT8, IDT_INT8, IDT_UINT16, IDT_INT16, IDT_UINT32, IDT_INT32, IDT_FLOAT}) {
+            QTest::addRow("%s mono mode %d", qPrintable(dataTypeName(t)), mode) << t << 1 << false << mode;
+            QTest::addRow("%s rgba mode %d", qPrintable(dataTypeName(t)), mode) << t << 4 << true << mode;
+        }
+    QTest::newRow("u16 two channels rows") << IDT_UINT16 << 2 << false << 1;
+    QTest::newRow("mode 3 leaves it") << IDT_UINT8 << 1 << false << 3;
+    QTest::newRow("double unsupported") << IDT_DOUBLE << 1 << false << 1;
+}
+
+// Against the rule (sum + n / 2) / n per channel, on an odd size with padding.
+void TestImageAveraging::lineAveraging()
+{
+    QFETCH(ExImageDataType, type);
+    QFETCH(int, channels);
+    QFETCH(bool, isColor);
+    QFETCH(int, mode);
+    const quint32 w = 19, h = 5;
+    CxTestInput pic(format(w, h, quint32(channels), type, 8, CFA_NONE, DSF_PACKED, isColor));
+    auto value = [&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x * 3, y, c, int(x + c)); };
+    pic.refill(value);
+    const int result = LineAveraging(pic.pic(), mode);
+    QCOMPARE(result, type == IDT_DOUBLE ? 0 : 1);
+    // Columns average alpha too: they sum whole rows sample by sample.
+    const bool keepsAlpha = mode == 1 && isColor && channels == 4 && bytesPerSampleOf(type) <= 2;
+    for (quint32 y = 0; y < h; ++y)
+        for (quint32 x = 0; x < w; ++x)
+            for (quint32 c = 0; c < quint32(channels); ++c) {
+                double want = value(x, y, c);
+                if ((mode == 1 || mode == 2) && type != IDT_DOUBLE && !(keepsAlpha && c == 3)) {
+                    const quint32 n = mode == 1 ? w : h;
+                    double sum = 0;
+                    for (quint32 i = 0; i < n; ++i)
+                        sum += mode == 1 ? value(i, y, c) : value(x, i, c);
+                    want = (sum + (n >> 1)) / n;
+                    if (type != IDT_FLOAT)
+                        want = std::trunc(want);
+                }
+                if (type == IDT_FLOAT)
+                    QVERIFY(std::fabs(sampleValue(pic.pic(), x, y, c) - want) < 1e-4);
+                else if (type != IDT_DOUBLE)
+                    QCOMPARE(sampleValue(pic.pic(), x, y, c), want);
+            }
+}
+
+void TestImageAveraging::minTouchesWithAllModes_data()
+{
+    QTest::addColumn<bool>("allModes");
+    QTest::addColumn<double>("expected");
+    QTest::newRow("alone: a new minimum restarts at 1") << false << 2.0;
+    QTest::newRow("all modes: Min lowers first, so it counts on") << true << 4.0;
+}
+
+void TestImageAveraging::minTouchesWithAllModes()
+{
+    QFETCH(bool, allModes);
+    QFETCH(double, expected);
+    const SxPicBufInfo f = format(1, 1, 1, IDT_INT16);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setMode(CxImageAveragingCnbl::ModeMinTouches);
+    run.node->setCalcAllModesTogether(allModes);
+    run.node->setCountToAverage(4);
+    QVERIFY(run.chain.start());
+    CxTestInput in(f);
+    auto out = pushValues(run, in, {-5, -5, -7, -7});
+    QVERIFY(out);
+    QCOMPARE(sampleValue(*out->picBuf(), 0, 0), expected);
+}
+
+void TestImageAveraging::infiniteCountingAndReset()
+{
+    const SxPicBufInfo f = format(1, 1, 1, IDT_UINT16);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setCountToAverage(3);
+    run.node->setCountingToInfinite(true);
+    QList<CxChainable::CxSimpleStateConfigButton> buttons;
+    bool hasButtons = true;
+    run.node->simpleStateConfigButtons(buttons, hasButtons);
+    QCOMPARE(buttons.size(), 1);
+    QCOMPARE(buttons[0].label(), QStringLiteral("Reset"));
+    QCOMPARE(buttons[0].id(), 1);
+    QVERIFY(!hasButtons);
+    QVERIFY(run.chain.start());
+
+    CxTestInput in(f);
+    const double values[] = {10, 20, 40, 50, 90};
+    const double averages[] = {10, 15, 23, 30, 42};  // running means, rounded
+    for (int k = 0; k < 5; ++k) {
+        in.refill([&](quint32, quint32, quint32) { return values[k]; });
+        QScopedPointer<CxImageData> out(run.process(in));  // still frames: the first passes through
+        QVERIFY(out);
+        QCOMPARE(sampleValue(*out->picBuf(), 0, 0), averages[k]);
+    }
+    QCOMPARE(run.node->title(), QStringLiteral("Averaging (5/\u221E)"));
+    run.node->simpleStateConfigButtonPressed(1);
+    QCOMPARE(run.node->frameCounter(), 0);
+    in.refill([](quint32, quint32, quint32) { return 7.0; });
+    QVERIFY(!run.chain.push(livePacket(in)));  // a live first frame shows nothing
+    in.refill([](quint32, quint32, quint32) { return 9.0; });
+    QScopedPointer<IxChainData> out(run.chain.push(livePacket(in)));
+    QVERIFY(out);
+    QCOMPARE(sampleValue(*qobject_cast<CxImageData*>(out.data())->picBuf(), 0, 0), 8.0);
+}
+
+void TestImageAveraging::modeSwitchAcrossRestart_data()
+{
+    QTest::addColumn<bool>("allModes");
+    QTest::addColumn<bool>("outputAfterTwoMore");
+    QTest::addColumn<double>("expectedMin");
+    QTest::newRow("pictures freed, series restarts") << false << false << 3.0;
+    QTest::newRow("all modes: pictures and counter carry on") << true << true << 1.0;
+}
+
+// Two frames averaged, stop, switch to Min, start, more frames.
+void TestImageAveraging::modeSwitchAcrossRestart()
+{
+    QFETCH(bool, allModes);
+    QFETCH(bool, outputAfterTwoMore);
+    QFETCH(double, expectedMin);
+    const SxPicBufInfo f = format(2, 2, 1, IDT_UINT8);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setCountToAverage(4);
+    run.node->setCalcAllModesTogether(allModes);
+    QVERIFY(run.chain.start());
+    CxTestInput in(f);
+    auto push = [&](double v) {
+        in.refill([v](quint32, quint32, quint32) { return v; });
+        return QSharedPointer<IxChainData>(run.chain.push(livePacket(in)));
+    };
+    QVERIFY(!push(1));
+    QVERIFY(!push(2));
+    run.chain.stop();
+    run.node->setMode(CxImageAveragingCnbl::ModeMin);
+    QVERIFY(run.chain.start());
+    QVERIFY(!push(5));
+    auto out = push(3);
+    QCOMPARE(out != nullptr, outputAfterTwoMore);
+    if (!out) {
+        QVERIFY(!push(4));
+        out = push(6);
+    }
+    QVERIFY(out);
+    QCOMPARE(sampleValue(*qobject_cast<CxImageData*>(out.data())->picBuf(), 1, 1), expectedMin);
+}
+
+void TestImageAveraging::singleFrameSeries_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("count");
+    QTest::addColumn<double>("expected");
+    QTest::newRow("avg count 1: copy") << 0 << 1 << 77.0;
+    QTest::newRow("avg count 0: copy") << 0 << 0 << 77.0;
+    QTest::newRow("stdev: zeros") << 1 << 1 << 0.0;
+    QTest::newRow("touches: ones") << 4 << 1 << 1.0;
+    QTest::newRow("subtract: copy") << 5 << 1 << 77.0;
+    QTest::newRow("mode 7 at the end of a series: copy") << 7 << 2 << 77.0;
+}
+
+void TestImageAveraging::singleFrameSeries()
+{
+    QFETCH(int, mode);
+    QFETCH(int, count);
+    QFETCH(double, expected);
+    const SxPicBufInfo f = format(3, 2, 1, IDT_UINT8);
+    SxNodeRun<CxImageAveragingCnbl> run(f);
+    run.node->setMode(Mode(mode));
+    run.node->setCountToAverage(count);
+    QVERIFY(run.chain.start());
+    CxTestInput in(f, [](quint32, quint32, quint32) { return 77.0; });
+    for (int k = 0; k < 2; ++k) {
+        QScopedPointer<IxChainData> out(run.chain.push(livePacket(in)));
+        if (count > 1 && k == 0) {
+            QVERIFY(!out);
+            continue;
+        }
+        auto* image = qobject_cast<CxImageData*>(out.data());
+        QVERIFY(image);
+        QCOMPARE(sampleValue(*image->picBuf(), 2, 1), expected);
+    }
+}
+
+void TestImageAveraging::loadSettings_data()
+{
+    QTest::addColumn<QStringList>("attributes");
+    QTest::addColumn<bool>("result");
+    QTest::addColumn<QList<int>>("fields");  // count, infinite, mode, all, scaling, line
+    QTest::newRow("nothing: unchanged, failure") << QStringList() << false << QList<int>{9, 1, 3, 1, 10, 2};
+    QTest::newRow("count only") << QStringList{"averageCount=5"} << true << QList<int>{5, 1, 3, 1, 10, 2};
+    QTest::newRow("count not a number") << QStringList{"averageCount=abc"} << false << QList<int>{0, 1, 3, 1, 10, 2};
+    QTest::newRow("count too large") << QStringList{"averageCount=3000000000"} << false
+                                     << QList<int>{0, 1, 3, 1, 10, 2};
+    QTest::newRow("booleans: only \"0\" is false")
+        << QStringList{"averageCount=4", "countInfinite=0", "allModesTogether=yes"} << true
+        << QList<int>{4, 0, 3, 1, 10, 2};
+    QTest::newRow("empty boolean is true") << QStringList{"countInfinite=", "allModesTogether=0"} << false
+                                           << QList<int>{9, 1, 3, 0, 10, 2};
+    QTest::newRow("unchecked numbers") << QStringList{"averageCount=2", "mode=7", "stDevValScaling=5", "lineAveraing=x"}
+                                       << true << QList<int>{2, 1, 7, 1, 5, 0};
+}
+
+void TestImageAveraging::loadSettings()
+{
+    QFETCH(QStringList, attributes);
+    QFETCH(bool, result);
+    QFETCH(QList<int>, fields);
+    CxImageAveragingCnbl node;
+    node.setCountToAverage(9);
+    node.setCountingToInfinite(true);
+    node.setMode(CxImageAveragingCnbl::ModeMax);
+    node.setCalcAllModesTogether(true);
+    node.setStDevValuesScaling(10);
+    node.setLineAveraging(CxImageAveragingCnbl::LineAvgColumns);
+    QDomDocument doc;
+    QDomElement e = doc.createElement(QStringLiteral("node"));
+    for (const QString& a : attributes)
+        e.setAttribute(a.section('=', 0, 0), a.section('=', 1));
+    QCOMPARE(node.loadSettings(e), result);
+    const QList<int> got{node.countToAverage(), int(node.isCountingToInfinite()), int(node.mode()),
+                         int(node.isCalcAllModesTogether()), node.stDevValuesScaling(), int(node.lineAveraging())};
+    QCOMPARE(got, fields);
+    if (node.mode() == 7)
+        QCOMPARE(node.title(), QStringLiteral(" (0/\u221E)"));
+
+    // What is saved loads back into a fresh node.
+    QDomElement saved = doc.createElement(QStringLiteral("saved"));
+    node.saveSettings(doc, saved);
+    CxImageAveragingCnbl back;
+    QVERIFY(back.loadSettings(saved));
+    QCOMPARE(back.mode(), node.mode());
+    QCOMPARE(back.lineAveraging(), node.lineAveraging());
+    QCOMPARE(back.isCalcAllModesTogether(), node.isCalcAllModesTogether());
+}
+
+// No picture fits the allocator's limit: all seven are logged and the node
+// still runs (emitting nothing).
+void TestImageAveraging::allocationFailuresAreLogged()
+{
+    SxPicBufInfo huge = format(1u << 16, 1u << 15, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true);
+    huge.linePitch = (1u << 18) + 64;
+    CxImageAveragingCnbl node;
+    node.setCalcAllModesTogether(true);
+    node.setCurrentImageInfo(huge, CxImageMetadata(), huge, CxImageMetadata());
+    gLog.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(captureLog);
+    node.setupStart();
+    qInstallMessageHandler(previous);
+    const char* texts[] = {"Sum", "SumSubtract", "LastAvg", "SumSq", "Min", "Max", "MinTouches"};
+    const int lines[] = {495, 510, 519, 538, 553, 568, 583};
+    QCOMPARE(gLog.size(), 7);
+    for (int i = 0; i < 7; ++i) {
+        QVERIFY2(gLog[i].contains(QStringLiteral("plugins/zdpProcessing/ImageAveragingCnbl L %1 :").arg(lines[i])),
+                 qPrintable(gLog[i]));
+        QVERIFY(gLog[i].endsWith(QStringLiteral("CxImageAveragingCnbl::setupStart(): %1 pic allocation failed.")
+                                     .arg(QLatin1String(texts[i]))));
+    }
+    node.setupStop();
+}
+
+QTEST_MAIN(TestImageAveraging)
+#include "tst_imageaveraging.moc"
