@@ -16,8 +16,7 @@ constexpr quint32 MaxSide = 32768;
 const char* const DefaultRunFolder = "out/default";
 
 // The demonstration runs, one chain each over the synthetic Bayer camera. The
-// list grows with the nodes: the spectrum plot of FFT 1D after Extract
-// Channel, then a chain that averages and LUT-maps.
+// list grows with the nodes: a chain that averages and LUT-maps comes next.
 struct SxDefaultChain
 {
     const char* folder;  // under DefaultRunFolder
@@ -28,6 +27,10 @@ struct SxDefaultChain
 const SxDefaultChain DefaultChains[] = {
     {"green", QT_TRANSLATE_NOOP("CxCommandLine", "Extract Channel keeps the first green cell of every 2x2 cell"),
      {"Extract Channel:channelIdx=1"}},
+    {"spectrum",
+     QT_TRANSLATE_NOOP("CxCommandLine",
+                       "FFT 1D plots the amplitude spectrum of the green cells' vertical profile (the mean of each row)"),
+     {"Extract Channel:channelIdx=1", "Fast Fourier Transform 1D"}},
 };
 
 } // namespace

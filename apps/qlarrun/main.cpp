@@ -18,16 +18,42 @@
 #include "CommandLine.h"
 #include "Runner.h"
 
-#include <QtCore/QCoreApplication>
 #include <QtCore/QHashFunctions>
 #include <QtCore/QTextStream>
+#include <QtWidgets/QApplication>
+
+#include <cstdio>
+
+namespace {
+
+QtMessageHandler g_qtHandler = nullptr;
+
+// A command-line run has no desktop session; Qt's note that it picked a
+// runtime folder of its own is no news to the user and would read as a
+// problem on stderr.
+void quietHandler(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (type == QtWarningMsg && message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set")))
+        return;
+    if (g_qtHandler)
+        g_qtHandler(type, context, message);
+    else
+        fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
+}
+
+} // namespace
 
 int main(int argc, char* argv[])
 {
+    g_qtHandler = qInstallMessageHandler(quietHandler);
     // XML attributes are kept in hashes; a fixed seed writes them in the same
     // order every run, so that equal pictures make byte-equal files.
     QHashSeed::setDeterministicGlobalSeed();
-    QCoreApplication app(argc, argv);
+    // Plotting nodes paint with widget classes, which need a QApplication; a
+    // command-line program shows nothing, so it never asks for a display.
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("qlarrun"));
 
     QTextStream out(stdout);

@@ -272,6 +272,7 @@ private slots:
     void nodeProblems_data();
     void nodeProblems();
     void spectrumOutput();
+    void fft2dNodeOutput();
 };
 
 void TestQlarrun::initTestCase()
@@ -343,6 +344,18 @@ void TestQlarrun::defaultRun()
         QCOMPARE(packedBytes(tif.pic), green);
         QCOMPARE(packedBytes(png.pic), green);
     }
+
+    // The spectrum plot: yellow graph on the palette's ground, colours in
+    // their places in the PNG.
+    const QString spectrum = dir.filePath("out/default/spectrum");
+    QCOMPARE(QDir(spectrum).entryList(QDir::Files).size(), 16);
+    const QImage plot(frameFile(spectrum, 7, "png"));
+    QCOMPARE(plot.size(), QSize(2048, 1536));
+    int graph = 0;
+    for (int y = 0; y < plot.height(); y += 2)
+        for (int x = 0; x < plot.width(); x += 2)
+            graph += qRed(plot.pixel(x, y)) > 240 && qGreen(plot.pixel(x, y)) > 240 && qBlue(plot.pixel(x, y)) < 200;
+    QVERIFY2(graph > 50, qPrintable(QString::number(graph)));
 }
 
 void TestQlarrun::cameraChains_data()
@@ -588,6 +601,26 @@ void TestQlarrun::spectrumOutput()
         QCOMPARE(qGray(view.pixel(5, 0)), int(std::lround(std::log1p(5.0) / top * 255)));
     }
     QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), 0);
+}
+
+// The plug-in's 2D spectrum node through the program: both parts as float
+// TIFFs of the frame's size and the log-magnitude view, brightest at the
+// centre where the zero frequency of a positive picture sits.
+void TestQlarrun::fft2dNodeOutput()
+{
+    QTemporaryDir dir;
+    const SxRun run = runQlarrun({"--camera", "mono16", "--size", "16x8", "--frames", "1", "--out", dir.path(),
+                                  "--node", "Fast Fourier Transform 2D"});
+    QCOMPARE(run.status, 0);
+    QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
+    SxHeapPicture re, im;
+    QVERIFY(readPicture(dir.filePath("frame_000000_re.tif"), re));
+    QVERIFY(readPicture(dir.filePath("frame_000000_im.tif"), im));
+    QCOMPARE(re.pic.dataType, IDT_FLOAT);
+    QCOMPARE(QSize(int(im.pic.width), int(im.pic.height)), QSize(16, 8));
+    const QImage view(dir.filePath("frame_000000_logmag.png"));
+    QCOMPARE(view.size(), QSize(16, 8));
+    QCOMPARE(qGray(view.pixel(8, 4)), 255);
 }
 
 QTEST_GUILESS_MAIN(TestQlarrun)

@@ -1,0 +1,351 @@
+#include "FFT2DCnbl.h"
+#include "FFT2DWidget.h"
+#include "ExtractChannelCnbl.h"
+
+#include <CxFFT.h>
+#include <CxFFTImageData.h>
+#include <CxHsiCameraParams.h>
+#include <CxImageData.h>
+#include <CxPicBufAPI.h>
+
+#include <QtCore/QMutexLocker>
+#include <QtXml/QDomDocument>
+#include <QtXml/QDomElement>
+
+#include <cstring>
+
+namespace {
+
+// Chain document attribute; the name is part of the saved-file format.
+const QString kChannelAttribute = QStringLiteral("channel");
+
+template <class T>
+void copyMosaicCell_T(const SxPicBuf& in, SxPicBuf& out, quint32 rowOffset, quint32 colOffset)
+{
+    const quint32 rows = qMin<quint32>(out.height, in.height > rowOffset ? (in.height - rowOffset + 1) / 2 : 0);
+    const quint32 cols = qMin<quint32>(out.width, in.width > colOffset ? (in.width - colOffset + 1) / 2 : 0);
+    for (quint32 r = 0; r < rows; ++r) {
+        const T* src = in.row<T>(rowOffset + 2 * r) + colOffset;
+        T* dst = out.row<T>(r);
+        for (quint32 k = 0; k < cols; ++k)
+            dst[k] = src[2 * k];
+    }
+}
+
+bool fitsSamples(const SxPicBuf& pic)
+{
+    return pic.data && pic.channels == 1 && pic.effectiveLinePitch() >= pic.packedLineBytes()
+        && pic.effectiveLinePitch() % pic.bytesPerSample() == 0
+        && quintptr(pic.data) % pic.bytesPerSample() == 0;
+}
+
+QString cellColourName(quint32 cfa, int cell)
+{
+    struct SxCell
+    {
+        const char* colour;
+        int number;  // 0: the only cell of its colour
+    };
+    static const SxCell cells[6][4] = {
+        {{"Red", 0}, {"Green", 1}, {"Green", 2}, {"Blue", 0}},
+        {{"Green", 1}, {"Red", 0}, {"Blue", 0}, {"Green", 2}},
+        {{"Green", 1}, {"Blue", 0}, {"Red", 0}, {"Green", 2}},
+        {{"Blue", 0}, {"Green", 1}, {"Green", 2}, {"Red", 0}},
+        {{"Cyan", 0}, {"Magenta", 0}, {"Yellow", 0}, {"Green", 0}},
+        {{"Red", 1}, {"Green", 0}, {"Blue", 0}, {"Red", 2}},
+    };
+    const SxCell& c = cells[cfa - CFA_BAYER_RGGB][cell];
+    const QString name = CxFFT2DCnbl::tr(c.colour);
+    return c.number == 0 ? name : name + QLatin1Char(' ') + QString::number(c.number);
+}
+
+// The literal texts above, for the translation tools.
+[[maybe_unused]] const char* const kColourTexts[] = {
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Red"),     QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Green"),
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Blue"),    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Cyan"),
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Magenta"), QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Yellow"),
+};
+
+} // namespace
+
+bool fft_copyMosaicCell(const SxPicBuf& in, SxPicBuf& out, int channel)
+{
+    if (!fitsSamples(in) || !fitsSamples(out) || in.dataType != out.dataType)
+        return false;
+    const quint32 rowOffset = channel > 1 ? 1 : 0;
+    const quint32 colOffset = (channel & ~2) != 0 ? 1 : 0;
+    switch (in.bytesPerSample()) {
+    case 1: copyMosaicCell_T<quint8>(in, out, rowOffset, colOffset); return true;
+    case 2: copyMosaicCell_T<quint16>(in, out, rowOffset, colOffset); return true;
+    default: return false;
+    }
+}
+
+const SxPicBuf* fft_selectChannel(const SxPicBuf& in, const CxImageMetadata* meta, int channel, SxPicBuf& work)
+{
+    if (in.channels == 1 && (in.colorFilterArray == CFA_NONE || channel < 0))
+        return &in;
+    if (channel < 0 || !work.data || work.dataType != in.dataType)
+        return nullptr;
+    bool done = false;
+    if (in.channels > 1) {
+        done = CxPicBufAPI::ExtractChannel(in, work, unsigned(channel));
+    } else if (in.colorFilterArray == CFA_HSI_MOSAIC) {
+        done = in.dataType == IDT_UINT8 ? extr_extractHsiChannel_T<unsigned char>(work, in, meta, channel)
+                                        : extr_extractHsiChannel_T<unsigned short>(work, in, meta, channel);
+    } else if (channel < 4) {
+        done = fft_copyMosaicCell(in, work, channel);
+    }
+    return done ? &work : nullptr;
+}
+
+CxFFT2DCnbl::CxFFT2DCnbl()
+    : CxImageProvider(ExChainableFlags(FlagProducesPictures | FlagProcessor))
+{
+}
+
+CxFFT2DCnbl::~CxFFT2DCnbl()
+{
+    setupStop();
+}
+
+QString CxFFT2DCnbl::title() const
+{
+    SxPicBufInfo info;
+    CxImageMetadata meta;
+    inputFormat(info, &meta);
+    if (!isSupportedInput(info))
+        return tr("FFT 2D\nUnsupported format");
+    return tr("FFT 2D (%1)").arg(channelNameForIndex(channel(), info, &meta.hsiCameraParams()));
+}
+
+bool CxFFT2DCnbl::acceptsDataFrom(CxChainable* predecessor)
+{
+    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
+}
+
+int CxFFT2DCnbl::buffersCountInMemoryPool() const
+{
+    return 2;
+}
+
+CxChainable* CxFFT2DCnbl::clone()
+{
+    auto* copy = new CxFFT2DCnbl;
+    copy->setChannel(channel());
+    return copy;
+}
+
+QWidget* CxFFT2DCnbl::configurationWidget()
+{
+    return new CxFFT2DWidget(this);
+}
+
+bool CxFFT2DCnbl::hasConfigurationWidget() const
+{
+    SxPicBufInfo info;
+    inputFormat(info, nullptr);
+    return info.isColor
+        || (info.channels == 1 && info.colorFilterArray != CFA_NONE && info.storageFormat != DSF_NOT_RAW);
+}
+
+bool CxFFT2DCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
+{
+    const bool result = CxChainable::saveSettings(doc, element);
+    element.setAttribute(kChannelAttribute, channel());
+    return result;
+}
+
+bool CxFFT2DCnbl::loadSettings(const QDomElement& element)
+{
+    const bool result = CxChainable::loadSettings(element);
+    if (element.hasAttribute(kChannelAttribute))
+        setChannel(element.attribute(kChannelAttribute, QStringLiteral("0")).toInt(nullptr, 10));
+    return result;
+}
+
+bool CxFFT2DCnbl::hasHelp() const
+{
+    return true;
+}
+
+QString CxFFT2DCnbl::help(QString& anchor)
+{
+    Q_UNUSED(anchor);
+    return tr("Performs the 2D Fast Fourier Transform on the given input image channel.");
+}
+
+int CxFFT2DCnbl::channel() const
+{
+    QMutexLocker lock(nodeMutex());
+    return m_channel;
+}
+
+void CxFFT2DCnbl::setChannel(int channel)
+{
+    {
+        QMutexLocker lock(nodeMutex());
+        if (m_channel == channel)
+            return;
+        m_channel = channel;
+    }
+    emit titleChanged(this);
+}
+
+void CxFFT2DCnbl::inputFormat(SxPicBufInfo& info, CxImageMetadata* meta) const
+{
+    QMutexLocker lock(nodeMutex());
+    info = m_inInfo;
+    if (meta)
+        *meta = m_inMeta;
+}
+
+QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, const CxHsiCameraParams* hsi)
+{
+    if (info.channels > 1) {
+        if (!info.isColor)
+            return QStringLiteral("%1 %2").arg(tr("Channel"), QString::number(index));
+        return index == 1 ? tr("Green") : index == 2 ? tr("Blue") : tr("Red");
+    }
+    if (info.colorFilterArray == CFA_NONE || info.storageFormat == DSF_NOT_RAW)
+        return tr("Mono");
+    if (isTwoByTwoMosaic(info.colorFilterArray))
+        return index >= 0 && index < 4 ? cellColourName(info.colorFilterArray, index) : tr("Whole image");
+    if (info.colorFilterArray == CFA_HSI_MOSAIC) {
+        const qint64 bands = hsi ? qint64(hsi->bandsAcross()) * hsi->bandsDown() : 0;
+        CxHsiCameraParams::SxBandIdx idx;
+        const CxHsiCameraParams::CxFilterZone* zone =
+            index >= 0 && index < bands ? hsi->filterZoneWithTotalBandIdx(index, &idx) : nullptr;
+        if (zone && idx.band >= 0 && idx.band < zone->bands.size())
+            return zone->bands.at(idx.band).name();
+        return tr("Mono");
+    }
+    return QString();
+}
+
+bool CxFFT2DCnbl::isSupportedInput(const SxPicBufInfo& info)
+{
+    if (info.channels > 1)
+        return info.isColor;
+    return !(info.colorFilterArray != CFA_NONE && !info.isColor && info.storageFormat == DSF_NOT_RAW);
+}
+
+bool CxFFT2DCnbl::isTransformableFormat(const SxPicBufInfo& info)
+{
+    return info.storageFormat == DSF_PACKED && info.channels <= 4 && bytesPerSampleOf(info.dataType) <= 2;
+}
+
+bool CxFFT2DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
+                                       const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
+{
+    if (!isTransformableFormat(in))
+        return false;
+    out = in;
+    out.linePitch = 0;
+    out.channels = 1;
+    out.bitsPerSample = 32;
+    out.dataType = IDT_FLOAT;
+    out.storageFormat = DSF_PACKED;
+    out.colorFilterArray = CFA_NONE;
+    out.isColor = false;
+    if (outMeta && inMeta)
+        *outMeta = *inMeta;
+    return true;
+}
+
+void CxFFT2DCnbl::setupStart()
+{
+    setupStop();
+    SxPicBufInfo in, out;
+    CxImageMetadata inMeta;
+    if (!currentInputImageInfo(in, &inMeta))
+        return;
+    {
+        QMutexLocker lock(nodeMutex());
+        m_inInfo = in;
+        m_inMeta = inMeta;
+    }
+    emit titleChanged(this);
+    if (!queryOutputImageInfo(in, out, &inMeta, nullptr))
+        return;
+    if (!CxFFT::Alloc2D(out, m_fft1, m_fft2, m_fft3)) {
+        CxFFT::Free2D(m_fft1, m_fft2, m_fft3);
+        m_fft1 = m_fft2 = m_fft3 = nullptr;
+        return;
+    }
+    // Only layouts that can name a channel need the cut-out; a plain mono
+    // camera frame would waste a picture's worth of memory on it.
+    if (in.channels > 1 || in.colorFilterArray != CFA_NONE) {
+        SxPicBufInfo work = in;
+        work.width = out.width;
+        work.height = out.height;
+        work.channels = 1;
+        work.linePitch = 0;
+        work.isColor = false;
+        work.colorFilterArray = CFA_NONE;
+        // Cleared once: a cell or band fills only the top-left corner.
+        CxPicBufAPI::AllocPicBufFromHeap(m_extract, work, true, 0);
+    }
+}
+
+void CxFFT2DCnbl::setupStop()
+{
+    if (m_fft1 || m_fft2 || m_fft3)
+        CxFFT::Free2D(m_fft1, m_fft2, m_fft3);
+    m_fft1 = m_fft2 = m_fft3 = nullptr;
+    CxPicBufAPI::FreePicBuf(m_extract, true);
+}
+
+IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
+{
+    if (!data)
+        return nullptr;
+    if (state() == StateStopping)
+        return data;
+    auto* input = qobject_cast<CxImageData*>(data);
+    if (!input)
+        return data;
+
+    const SxPicBuf* inPic = input->picBuf();
+    SxPicBufInfo outInfo;
+    CxImageMetadata outMeta;
+    if (!isSupportedInput(*inPic) || !queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta)) {
+        if (errorMessage().isEmpty())
+            setErrorMessage(tr("The input image data type is not supported."));
+        return data;
+    }
+    if (!inPic->data)
+        return nullptr;
+
+    const int ch = channel();
+    const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, m_extract);
+    if (!source) {
+        if (errorMessage().isEmpty())
+            setErrorMessage(tr("The input image has no channel %1.").arg(ch));
+        return data;
+    }
+
+    SxPicBuf re, im;
+    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, re, outInfo, false))
+        return nullptr;
+    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, im, outInfo, false)) {
+        CxPicBufAPI::FreePicBuf(re, true);
+        return nullptr;
+    }
+    if (!CxFFT::Calc2D(*source, re, im, m_fft1, m_fft2, m_fft3)) {
+        CxPicBufAPI::FreePicBuf(re, true);
+        CxPicBufAPI::FreePicBuf(im, true);
+        return nullptr;
+    }
+    for (SxPicBuf* part : {&re, &im}) {
+        part->exposureTimeUs = inPic->exposureTimeUs;
+        part->timestampMs = inPic->timestampMs;
+        part->copyPicAdditionalData(*inPic);
+    }
+
+    auto* output = new CxFFTImageData;
+    output->setPicBufReIm(re, im, nullptr);
+    output->setMetadata(&outMeta);
+    delete data;
+    return output;
+}

@@ -1,0 +1,466 @@
+#include "NodeTestKit.h"
+
+#include <FFT1DCnbl.h>
+#include <FFT1DWidget.h>
+
+#include <CxFFT.h>
+
+#include <QtCore/QSemaphore>
+#include <QtCore/QThread>
+#include <QtTest/QtTest>
+#include <QtWidgets/QCheckBox>
+#include <QtWidgets/QComboBox>
+#include <QtWidgets/QDoubleSpinBox>
+#include <QtWidgets/QListWidget>
+#include <QtXml/QDomDocument>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+
+using namespace nodetest;
+
+namespace {
+
+const QString kUnsupported = QStringLiteral("The input image data type is not supported.");
+
+// A 16-bit picture whose profile along the analysed direction is a cosine of
+// `cycles` periods over n samples on top of a level, constant across.
+CxTestInput sinePicture(CxFFT1DCnbl::ExTransformType type, quint32 n, int cycles, quint32 across = 8)
+{
+    const bool horizontal = type == CxFFT1DCnbl::rows;
+    return CxTestInput(format(horizontal ? n : across, horizontal ? across : n, 1, IDT_UINT16, 2),
+                       [=](quint32 x, quint32 y, quint32) {
+                           const double t = horizontal ? x : y;
+                           return std::round(100.0 + 500.0 * (1.0 + std::cos(2.0 * M_PI * cycles * t / n)));
+                       });
+}
+
+struct SxPixel
+{
+    int b, g, r;
+};
+SxPixel pixel(const SxPicBuf& pic, quint32 x, quint32 y)
+{
+    const uchar* p = pic.rowPtr(y) + 4 * x;
+    return {p[0], p[1], p[2]};
+}
+
+} // namespace
+
+class TestFFT1D : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void displayedBins_data();
+    void displayedBins();
+    void yTicks_data();
+    void yTicks();
+    void exponent_data();
+    void exponent();
+    void sineProfilePeaks_data();
+    void sineProfilePeaks();
+    void drawsSpectrumOnChainThread();
+    void premultipliedPaintsTheSameBytes();
+    void unsupportedData_data();
+    void unsupportedData();
+    void titles();
+    void settings();
+    void widgetControls();
+};
+
+void TestFFT1D::displayedBins_data()
+{
+    QTest::addColumn<int>("n");
+    QTest::addColumn<bool>("dc");
+    QTest::addColumn<int>("length");
+    QTest::addColumn<int>("start");
+    QTest::newRow("odd with dc") << 7 << true << 3 << 3;
+    QTest::newRow("odd without dc") << 7 << false << 3 << 4;
+    QTest::newRow("even with dc") << 8 << true << 4 << 4;
+    QTest::newRow("even without dc") << 8 << false << 3 << 5;
+    QTest::newRow("one sample") << 1 << true << 0 << 0;
+    QTest::newRow("two samples without dc") << 2 << false << 0 << 2;
+}
+
+// The shown bins never run past the centred spectrum, and nothing shown
+// leaves the amplitude range at its start values.
+void TestFFT1D::displayedBins()
+{
+    QFETCH(int, n);
+    QFETCH(bool, dc);
+    QFETCH(int, length);
+    QFETCH(int, start);
+    QCOMPARE(calc_disp_fft_len(n, dc), length);
+    QCOMPARE(calc_disp_fft_start_idx(n, dc), start);
+    QVERIFY(start + length <= n);
+
+    std::vector<float> re(static_cast<size_t>(n), 3.f), im(static_cast<size_t>(n), 4.f);
+    QList<double> out(length);
+    double max = -1.0, min = -1.0;
+    calc_amplitude(re.data(), im.data(), out, start + length, max, min, start);
+    QCOMPARE(max, length ? 5.0 : 0.0);
+    QCOMPARE(min, length ? 5.0 : std::numeric_limits<double>::max());
+}
+
+void TestFFT1D::yTicks_data()
+{
+    QTest::addColumn<double>("lower");
+    QTest::addColumn<double>("upper");
+    QTest::addColumn<bool>("logarithmic");
+    QTest::addColumn<QList<double>>("ticks");
+    QTest::addColumn<QStringList>("labels");
+
+    const QString sq = get_exponent(2), cube = get_exponent(3);
+    QTest::newRow("linear 4") << 0.0 << 4.0 << false << QList<double>{0, 1, 2, 3, 4} << QStringList{"0", "1", "2", "3", "4"};
+    QTest::newRow("linear 12") << 3.0 << 12.0 << false << QList<double>{0, 10} << QStringList{"0", "10"};
+    QTest::newRow("linear default max") << 0.0 << 400000.0 << false
+                                        << QList<double>{0, 100000, 200000, 300000, 400000}
+                                        << QStringList{"0", "100000", "200000", "300000", "400000"};
+    QTest::newRow("linear half") << 0.0 << 0.5 << false << QList<double>{0} << QStringList{"0"};
+    QTest::newRow("linear negative") << -9.0 << -1.0 << false << QList<double>{} << QStringList{};
+    QTest::newRow("log 1 to 1e6") << 1.0 << 1e6 << true << QList<double>{1, 10, 100, 1e3, 1e4, 1e5, 1e6}
+                                  << QStringList{"1", "10", "10" + sq, "10" + cube, "10" + get_exponent(4),
+                                                 "10" + get_exponent(5), "10" + get_exponent(6)};
+    QTest::newRow("log from 0") << 0.0 << 1000.0 << true << QList<double>{1, 10, 100, 1000}
+                                << QStringList{"1", "10", "10" + sq, "10" + cube};
+    QTest::newRow("log negative lower") << -2.0 << 100.0 << true << QList<double>{0.01, 0.1, 1, 10, 100}
+                                        << QStringList{"10-" + sq, "10-" + get_exponent(1), "1", "10", "10" + sq};
+}
+
+void TestFFT1D::yTicks()
+{
+    QFETCH(double, lower);
+    QFETCH(double, upper);
+    QFETCH(bool, logarithmic);
+    QFETCH(QList<double>, ticks);
+    QFETCH(QStringList, labels);
+    QList<double> gotTicks{42.0};
+    QList<QString> gotLabels{QStringLiteral("stale")};
+    CxFFT1DCnbl::getYTicksAndLabels(lower, upper, logarithmic, gotTicks, gotLabels);
+    QCOMPARE(QStringList(gotLabels), labels);
+    QCOMPARE(gotTicks.size(), ticks.size());
+    for (int i = 0; i < ticks.size(); ++i)
+        QVERIFY(qAbs(gotTicks[i] - ticks[i]) <= 1e-9 * qAbs(ticks[i]));
+}
+
+void TestFFT1D::exponent_data()
+{
+    QTest::addColumn<uint>("e");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("0") << 0u << QString(QChar(0x2070));
+    QTest::newRow("1") << 1u << QString(QChar(0x00B9));
+    QTest::newRow("7") << 7u << QString(QChar(0x2077));
+    QTest::newRow("12") << 12u << QString(QChar(0x00B9)) + QChar(0x00B2);
+    QTest::newRow("305") << 305u << QString(QChar(0x00B3)) + QChar(0x2070) + QChar(0x2075);
+}
+
+void TestFFT1D::exponent()
+{
+    QFETCH(uint, e);
+    QFETCH(QString, text);
+    QCOMPARE(get_exponent(e), text);
+}
+
+// Profile, host transform and the displayed window together: a cosine of k
+// cycles peaks at shown bin k with the zero frequency, k - 1 without it.
+void TestFFT1D::sineProfilePeaks_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("n");
+    QTest::addColumn<bool>("dc");
+    QTest::addColumn<int>("peak");
+    QTest::newRow("rows even dc") << int(CxFFT1DCnbl::rows) << 64 << true << 5;
+    QTest::newRow("rows even no dc") << int(CxFFT1DCnbl::rows) << 64 << false << 4;
+    QTest::newRow("cols odd dc") << int(CxFFT1DCnbl::cols) << 63 << true << 5;
+    QTest::newRow("cols odd no dc") << int(CxFFT1DCnbl::cols) << 63 << false << 4;
+}
+
+void TestFFT1D::sineProfilePeaks()
+{
+    QFETCH(int, type);
+    QFETCH(int, n);
+    QFETCH(bool, dc);
+    QFETCH(int, peak);
+    const auto t = CxFFT1DCnbl::ExTransformType(type);
+    CxTestInput input = sinePicture(t, quint32(n), 5);
+    const SxPicBuf& pic = input.pic();
+
+    std::vector<float> line(static_cast<size_t>(n)), re(static_cast<size_t>(n)), im(static_cast<size_t>(n));
+    std::vector<quint64> sums(pic.width);
+    std::vector<quint32> block(pic.width);
+    fft1d_meanProfile_T<quint16>(pic, t, line.data(), sums.data(), block.data());
+    const double level = line[0];
+    QVERIFY(qAbs(level - 1100.0) < 0.5);
+
+    void *h1 = nullptr, *h2 = nullptr, *h3 = nullptr;
+    QVERIFY(CxFFT::Alloc1D(n, h1, h2, h3));
+    QVERIFY(CxFFT::Calc1D(line.data(), re.data(), im.data(), h1, h2, h3));
+    CxFFT::Free1D(h1, h2, h3);
+
+    const int length = calc_disp_fft_len(n, dc), start = calc_disp_fft_start_idx(n, dc);
+    QList<double> amplitude(length);
+    double max = 0, min = 0;
+    calc_amplitude(re.data(), im.data(), amplitude, start + length, max, min, start);
+    // A profile never below zero has its largest amplitude at zero frequency.
+    const int from = dc ? 1 : 0;
+    const auto top = std::max_element(amplitude.begin() + from, amplitude.end());
+    QCOMPARE(int(top - amplitude.begin()), peak);
+    QVERIFY(qAbs(*top - 250.0 * n) < 0.01 * 250.0 * n);
+    QCOMPARE(max, dc ? amplitude[0] : *top);
+    if (dc)
+        QVERIFY(qAbs(amplitude[0] - 600.0 * n) < 1.0);
+}
+
+// Painted on the chain's own thread while this (GUI) thread waits without
+// running its event loop: the plot needs nothing from the GUI thread, and the
+// picture is the same as one painted here.
+void TestFFT1D::drawsSpectrumOnChainThread()
+{
+    CxTestInput input = sinePicture(CxFFT1DCnbl::rows, 64, 5);
+    const SxPicBufInfo f = input.pic().picFormat();
+
+    CxChain live;
+    // A fixed range with room below zero keeps the whole graph above the
+    // bottom axis; without the zero frequency the peak is the top.
+    const auto configure = [](CxFFT1DCnbl* node) {
+        node->setTranformType(CxFFT1DCnbl::rows);
+        node->setIncludeDC(false);
+        node->setAutoScaleY(false);
+        node->setMinY(-5000.0);
+        node->setMaxY(20000.0);
+    };
+    auto* node = new CxFFT1DCnbl;
+    configure(node);
+    live.setRunMode(CxChain::RunLive);
+    live.setInputFormat(f);
+    live.appendNode(node);
+    QSemaphore done;
+    std::unique_ptr<IxChainData> fromWorker;
+    QThread* painter = nullptr;
+    live.setOutputHandler([&](IxChainData* p) {
+        fromWorker.reset(p);
+        painter = QThread::currentThread();
+        done.release();
+    });
+    QVERIFY(live.start());
+    QVERIFY(live.post(input.packet()));
+    QVERIFY(done.tryAcquire(1, 20000));
+    live.stop();
+    QVERIFY(painter && painter != QThread::currentThread());
+    QVERIFY(node->errorMessage().isEmpty());
+
+    auto* image = qobject_cast<CxImageData*>(fromWorker.get());
+    QVERIFY(image);
+    const SxPicBuf& pic = *image->picBuf();
+    QCOMPARE(pic.width, CxFFT1DCnbl::OutputWidth);
+    QCOMPARE(pic.height, CxFFT1DCnbl::OutputHeight);
+    QCOMPARE(pic.channels, 4u);
+    QCOMPARE(image->metadata()->channelNames(), QStringList({"B", "G", "R", "A"}));
+
+    // The graph spans keys 0 .. 30/62; its highest point is bin 5, shown at 4/62.
+    int left = int(pic.width), right = -1, peakX = -1, peakY = int(pic.height);
+    int text = 0;
+    for (quint32 y = 0; y < pic.height; ++y) {
+        for (quint32 x = 0; x < pic.width; ++x) {
+            const SxPixel p = pixel(pic, x, y);
+            QCOMPARE(pic.rowPtr(y)[4 * x + 3], uchar(255));
+            // The graph pen's yellow, alone or blended into the white ground.
+            if (p.r >= 250 && p.g >= 250 && p.b < 200) {
+                left = qMin(left, int(x));
+                right = qMax(right, int(x));
+                if (int(y) < peakY) {
+                    peakY = int(y);
+                    peakX = int(x);
+                }
+            }
+            // Axis texts left of the fixed margin of W / 8.
+            if (x < pic.width / 8 && p.r < 80 && p.g < 80 && p.b < 80)
+                ++text;
+        }
+    }
+    QVERIFY(right > left + 1000);
+    // Key 0 sits on the fixed left margin of W / 8 (where the zero-level tick
+    // covers the graph's first pixels).
+    const double origin = pic.width / 8.0;
+    QVERIFY(left >= origin && left < origin + 20);
+    const double expected = origin + (right - origin) * 4.0 / 30.0;
+    QVERIFY2(qAbs(peakX - expected) < 6, qPrintable(QString("peak at %1, expected %2 (%3..%4)").arg(peakX).arg(expected).arg(left).arg(right)));
+    QVERIFY2(text > 200, qPrintable(QString::number(text)));
+
+    SxNodeRun<CxFFT1DCnbl> here(f);
+    configure(here.node);
+    std::unique_ptr<CxImageData> local(here.process(input));
+    QVERIFY(local);
+    for (quint32 y = 0; y < pic.height; ++y)
+        QVERIFY(std::memcmp(local->picBuf()->rowPtr(y), pic.rowPtr(y), 4 * pic.width) == 0);
+}
+
+// The plot is painted as premultiplied pixels for speed; on its opaque
+// ground that must leave exactly the bytes plain ARGB32 would.
+void TestFFT1D::premultipliedPaintsTheSameBytes()
+{
+    CxFFT1DSpectrumPlot plot;
+    QCOMPARE(plot.pictureFormat(), QImage::Format_ARGB32_Premultiplied);
+    const int w = 640, h = 480;
+    plot.scaleTo(w, h);
+    QList<double> keys, values, ticks;
+    QList<QString> labels;
+    for (int i = 0; i < 100; ++i) {
+        keys << i / 200.0;
+        values << 50.0 + 40.0 * std::sin(i * 0.3);
+    }
+    CxFFT1DCnbl::getYTicksAndLabels(0.0, 90.0, false, ticks, labels);
+    std::vector<uchar> fast(size_t(w) * h * 4, 0), plain(size_t(w) * h * 4, 0);
+    QVERIFY(plot.render(fast.data(), w, h, w * 4, keys, values, 0.0, 90.0, ticks, labels,
+                        QImage::Format_ARGB32_Premultiplied));
+    QVERIFY(plot.render(plain.data(), w, h, w * 4, keys, values, 0.0, 90.0, ticks, labels, QImage::Format_ARGB32));
+    QVERIFY(fast == plain);
+}
+
+void TestFFT1D::unsupportedData_data()
+{
+    QTest::addColumn<SxPicBufInfo>("info");
+    QTest::newRow("signed 16") << format(8, 4, 1, IDT_INT16);
+    QTest::newRow("signed 8") << format(8, 4, 1, IDT_INT8);
+}
+
+// Passed on unchanged; the first message stays.
+void TestFFT1D::unsupportedData()
+{
+    QFETCH(SxPicBufInfo, info);
+    SxNodeRun<CxFFT1DCnbl> run(info);
+    CxTestInput input(info);
+    for (int frame = 0; frame < 2; ++frame) {
+        std::unique_ptr<IxChainData> out(run.push(input));
+        auto* image = qobject_cast<CxImageData*>(out.get());
+        QVERIFY(image);
+        QCOMPARE(image->picBuf()->dataType, info.dataType);
+        QCOMPARE(image->picBuf()->width, info.width);
+        QCOMPARE(run.node->errorMessage(), frame == 0 ? kUnsupported : QStringLiteral("first"));
+        run.node->setErrorMessage(QStringLiteral("first"));
+    }
+}
+
+void TestFFT1D::titles()
+{
+    SxNodeRun<CxFFT1DCnbl> run(format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
+    QVERIFY(run.chain.start());
+    QCOMPARE(run.node->channel(), 0);
+    QCOMPARE(run.node->title(), QStringLiteral("FFT 1D(Red, cols)"));
+    run.node->setChannel(1);
+    run.node->setTranformType(CxFFT1DCnbl::rows);
+    QCOMPARE(run.node->title(), QStringLiteral("FFT 1D(Green, rows)"));
+
+    SxNodeRun<CxFFT1DCnbl> mono(format(6, 1, 1, IDT_UINT16));
+    QVERIFY(mono.chain.start());
+    QCOMPARE(mono.node->title(), QStringLiteral("FFT 1D(Mono, cols)"));
+    // One row analysed per column mean: a single bin, nothing shown, still a picture.
+    CxTestInput input(format(6, 1, 1, IDT_UINT16), [](quint32 x, quint32, quint32) { return x; });
+    std::unique_ptr<CxImageData> out(mono.process(input));
+    QVERIFY(out);
+    QCOMPARE(out->picBuf()->width, CxFFT1DCnbl::OutputWidth);
+}
+
+void TestFFT1D::settings()
+{
+    CxFFT1DCnbl node;
+    QCOMPARE(node.channel(), -1);
+    QCOMPARE(node.transformType(), CxFFT1DCnbl::cols);
+    QVERIFY(!node.axisYLogarithmic());
+    QVERIFY(node.gridXVisible() && node.gridYVisible() && node.autoScaleY() && node.includeDC());
+
+    node.setChannel(2);
+    node.setIncludeDC(false);
+    node.setAxisYLogarithmic(true);
+    node.setGridYVisible(false);
+    node.setMinY(-2.5);
+    QDomDocument doc;
+    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
+    node.saveSettings(doc, element);
+    QCOMPARE(element.attribute("channel"), QStringLiteral("2"));
+    QCOMPARE(element.attribute("includeDC"), QStringLiteral("0"));
+    QCOMPARE(element.attribute("logarY"), QStringLiteral("1"));
+    QCOMPARE(element.attribute("gridY"), QStringLiteral("0"));
+
+    CxFFT1DCnbl loaded;
+    loaded.setMaxY(77.0);
+    element.removeAttribute("maxY");
+    loaded.loadSettings(element);
+    QCOMPARE(loaded.channel(), 2);
+    QVERIFY(!loaded.includeDC());
+    QVERIFY(loaded.axisYLogarithmic());
+    QVERIFY(!loaded.gridYVisible());
+    QCOMPARE(loaded.minY(), -2.5);
+    QCOMPARE(loaded.maxY(), 77.0);
+
+    element.setAttribute("channel", "99999999999");
+    element.setAttribute("minY", "abc");
+    element.setAttribute("transtype", "7");
+    loaded.loadSettings(element);
+    QCOMPARE(loaded.channel(), 0);
+    QCOMPARE(loaded.minY(), 0.0);
+    QCOMPARE(int(loaded.transformType()), 7);
+
+    std::unique_ptr<CxFFT1DCnbl> copy(static_cast<CxFFT1DCnbl*>(node.clone()));
+    QCOMPARE(copy->channel(), 2);
+    QVERIFY(copy->includeDC());  // only channel and type travel with a copy
+}
+
+void TestFFT1D::widgetControls()
+{
+    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+    SxNodeRun<CxFFT1DCnbl> run(f);
+    QVERIFY(run.startCounted());
+    std::unique_ptr<QWidget> widget(run.node->configurationWidget());
+    QCOMPARE(widget->windowTitle(), QStringLiteral("FFT 1D"));
+    auto* list = widget->findChild<QListWidget*>();
+    auto* combo = widget->findChild<QComboBox*>();
+    const QList<QCheckBox*> checks = widget->findChildren<QCheckBox*>();
+    const QList<QDoubleSpinBox*> spins = widget->findChildren<QDoubleSpinBox*>();
+    QVERIFY(list && combo);
+    QCOMPARE(checks.size(), 5);
+    QCOMPARE(spins.size(), 2);
+    QCOMPARE(list->count(), 5);
+    QCOMPARE(list->currentItem()->text(), QStringLiteral("Red"));
+    QCOMPARE(combo->currentData().toInt(), int(CxFFT1DCnbl::cols));
+    QVERIFY(!spins[0]->isEnabled() && !spins[1]->isEnabled());
+    QCOMPARE(spins[1]->value(), 400000.0);
+
+    combo->setCurrentIndex(0);
+    QCOMPARE(run.node->transformType(), CxFFT1DCnbl::rows);
+    QCOMPARE(run.stops, 1);
+    QCOMPARE(run.starts, 1);
+
+    checks[4]->setChecked(false);  // autoscale
+    QVERIFY(!run.node->autoScaleY());
+    QVERIFY(spins[0]->isEnabled() && spins[1]->isEnabled());
+    checks[1]->setChecked(true);   // logarithmic
+    QVERIFY(run.node->axisYLogarithmic());
+    checks[2]->setChecked(false);  // grid X
+    QVERIFY(!run.node->gridXVisible());
+    spins[1]->setValue(1234.5);
+    QCOMPARE(run.node->maxY(), 1234.5);
+    list->setCurrentRow(4);
+    QCOMPARE(run.node->channel(), 3);
+    QCOMPARE(run.stops, 6);
+    QCOMPARE(run.starts, 6);
+
+    // A frame still flows after all those restarts, drawn with the new settings.
+    CxTestInput input(f, [](quint32 x, quint32 y, quint32) { return (x * y) % 256; });
+    std::unique_ptr<CxImageData> out(run.process(input));
+    QVERIFY(out);
+    QVERIFY(run.node->errorMessage().isEmpty());
+
+    run.chain.stop();
+    run.starts = run.stops = 0;
+    checks[0]->setChecked(false);
+    QVERIFY(!run.node->includeDC());
+    QCOMPARE(run.starts + run.stops, 0);
+}
+
+QTEST_MAIN(TestFFT1D)
+#include "tst_fft1d.moc"

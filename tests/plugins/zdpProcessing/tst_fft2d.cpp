@@ -1,0 +1,267 @@
+#include "NodeTestKit.h"
+
+#include <FFT2DCnbl.h>
+#include <FFT2DWidget.h>
+
+#include <CxFFTImageData.h>
+#include <CxHsiCameraParams.h>
+
+#include <opencv2/core.hpp>
+
+#include <QtTest/QtTest>
+#include <QtWidgets/QListWidget>
+
+#include <memory>
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+
+using namespace nodetest;
+
+namespace {
+
+CxHsiCameraParams camera2x2()
+{
+    CxHsiCameraParams::CxFilterZone zone;
+    zone.patternWidth = 2;
+    zone.patternHeight = 2;
+    zone.bands = {CxHsiCameraParams::CxBand(QStringLiteral("B1"), 500), CxHsiCameraParams::CxBand(QStringLiteral("B2"), 600),
+                  CxHsiCameraParams::CxBand(QStringLiteral("B3"), 700), CxHsiCameraParams::CxBand(QStringLiteral("B4"), 800)};
+    CxHsiCameraParams hsi;
+    hsi.addFilterZone(zone);
+    return hsi;
+}
+
+// Spectrum bin of an uncentred transform, read where the node's centred
+// output keeps it.
+float centredAt(const SxPicBuf& part, int fx, int fy)
+{
+    const int w = int(part.width), h = int(part.height);
+    return part.row<float>(quint32((fy + h / 2) % h))[(fx + w / 2) % w];
+}
+
+} // namespace
+
+class TestFFT2D : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void channelNames_data();
+    void channelNames();
+    void supportAndTitle_data();
+    void supportAndTitle();
+    void constantPictureConcentratesAtCentre();
+    void transformsChosenCell_data();
+    void transformsChosenCell();
+    void widgetListsChannelsAndRestarts();
+};
+
+void TestFFT2D::channelNames_data()
+{
+    QTest::addColumn<SxPicBufInfo>("info");
+    QTest::addColumn<int>("index");
+    QTest::addColumn<QString>("name");
+
+    const SxPicBufInfo rgb = format(4, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true);
+    QTest::newRow("colour 0") << rgb << 0 << "Red";
+    QTest::newRow("colour 1") << rgb << 1 << "Green";
+    QTest::newRow("colour 2") << rgb << 2 << "Blue";
+    QTest::newRow("colour 3 is red") << rgb << 3 << "Red";
+    QTest::newRow("colour -1 is red") << rgb << -1 << "Red";
+    QTest::newRow("plain channels") << format(4, 4, 2, IDT_UINT16) << 1 << "Channel 1";
+    QTest::newRow("mono") << format(4, 4, 1, IDT_UINT8) << 3 << "Mono";
+    QTest::newRow("not raw bayer") << format(4, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW) << 0 << "Mono";
+
+    const char* const cells[6][4] = {
+        {"Red", "Green 1", "Green 2", "Blue"},  {"Green 1", "Red", "Blue", "Green 2"},
+        {"Green 1", "Blue", "Red", "Green 2"},  {"Blue", "Green 1", "Green 2", "Red"},
+        {"Cyan", "Magenta", "Yellow", "Green"}, {"Red 1", "Green", "Blue", "Red 2"},
+    };
+    for (int cfa = 1; cfa <= 6; ++cfa) {
+        const SxPicBufInfo f = format(4, 4, 1, IDT_UINT8, 0, ExColorFilterArray(cfa));
+        for (int i = -1; i <= 4; ++i) {
+            const QString expected = i >= 0 && i < 4 ? QString::fromLatin1(cells[cfa - 1][i]) : QStringLiteral("Whole image");
+            QTest::addRow("cfa %d cell %d", cfa, i) << f << i << expected;
+        }
+    }
+    const SxPicBufInfo hsi = format(8, 8, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC);
+    QTest::newRow("hsi band 2") << hsi << 2 << "B3";
+    QTest::newRow("hsi beyond bands") << hsi << 4 << "Mono";
+    QTest::newRow("hsi negative") << hsi << -1 << "Mono";
+    QTest::newRow("unknown mosaic") << format(4, 4, 1, IDT_UINT8, 0, ExColorFilterArray(9)) << 0 << "";
+}
+
+void TestFFT2D::channelNames()
+{
+    QFETCH(SxPicBufInfo, info);
+    QFETCH(int, index);
+    QFETCH(QString, name);
+    const CxHsiCameraParams hsi = camera2x2();
+    QCOMPARE(CxFFT2DCnbl::channelNameForIndex(index, info, &hsi), name);
+}
+
+// Supported layouts are transformed; the others pass on unchanged with the
+// message, once, and the title says why.
+void TestFFT2D::supportAndTitle_data()
+{
+    QTest::addColumn<SxPicBufInfo>("info");
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<bool>("transformed");
+
+    QTest::newRow("rgb red") << format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true) << 0 << "FFT 2D (Red)" << true;
+    QTest::newRow("plain channels") << format(6, 4, 3, IDT_UINT8) << 0 << "FFT 2D\nUnsupported format" << false;
+    QTest::newRow("bayer green 2") << format(6, 4, 1, IDT_UINT16, 2, CFA_BAYER_RGGB) << 2 << "FFT 2D (Green 2)" << true;
+    QTest::newRow("mono 16") << format(5, 3, 1, IDT_UINT16) << 0 << "FFT 2D (Mono)" << true;
+    QTest::newRow("float samples") << format(6, 4, 1, IDT_FLOAT) << 0 << "FFT 2D (Mono)" << false;
+}
+
+void TestFFT2D::supportAndTitle()
+{
+    QFETCH(SxPicBufInfo, info);
+    QFETCH(int, channel);
+    QFETCH(QString, title);
+    QFETCH(bool, transformed);
+
+    SxNodeRun<CxFFT2DCnbl> run(info);
+    run.node->setChannel(channel);
+    // A refused format does not start a chain; the node then meets the
+    // picture as a host would hand it over regardless.
+    const bool started = run.chain.start();
+    CxTestInput input(info, [](quint32 x, quint32 y, quint32 c) { return x + 3 * y + c; });
+    if (!started) {
+        run.node->setCurrentImageInfo(info, CxImageMetadata(), info, CxImageMetadata());
+        run.node->setupStart();
+    }
+    QCOMPARE(run.node->title(), title);
+
+    for (int frame = 0; frame < 2; ++frame) {
+        CxImageData* packet = input.packet();
+        IxChainData* out = started ? run.chain.push(packet) : run.node->processData(packet);
+        std::unique_ptr<IxChainData> hold(out);
+        auto* spectrum = qobject_cast<CxFFTImageData*>(out);
+        QCOMPARE(spectrum != nullptr, transformed);
+        if (transformed) {
+            QCOMPARE(spectrum->picBufRe()->dataType, IDT_FLOAT);
+            QCOMPARE(spectrum->picBufRe()->width, info.width);
+            QCOMPARE(spectrum->picBufIm()->height, info.height);
+            QCOMPARE(spectrum->picBufRe()->frameNumber, 77);
+            QVERIFY(run.node->errorMessage().isEmpty());
+        } else {
+            QCOMPARE(out, static_cast<IxChainData*>(packet));
+            QCOMPARE(run.node->errorMessage(),
+                     frame == 0 ? QStringLiteral("The input image data type is not supported.") : QStringLiteral("first"));
+            run.node->setErrorMessage(QStringLiteral("first"));
+        }
+    }
+}
+
+void TestFFT2D::constantPictureConcentratesAtCentre()
+{
+    const SxPicBufInfo f = format(9, 6, 1, IDT_UINT8, 3);
+    SxNodeRun<CxFFT2DCnbl> run(f);
+    CxTestInput input(f, [](quint32, quint32, quint32) { return 10; });
+    std::unique_ptr<CxImageData> out(run.process(input));
+    auto* spectrum = qobject_cast<CxFFTImageData*>(out.get());
+    QVERIFY(spectrum);
+    const SxPicBuf& re = *spectrum->picBufRe();
+    const SxPicBuf& im = *spectrum->picBufIm();
+    for (quint32 y = 0; y < f.height; ++y) {
+        for (quint32 x = 0; x < f.width; ++x) {
+            const bool centre = x == f.width / 2 && y == f.height / 2;
+            QVERIFY2(qAbs(re.row<float>(y)[x] - (centre ? 540.f : 0.f)) < 1e-3f, qPrintable(QString("%1,%2").arg(x).arg(y)));
+            QVERIFY(qAbs(im.row<float>(y)[x]) < 1e-3f);
+        }
+    }
+}
+
+// The spectrum of the chosen plane, cell or band, compared with an
+// independent transform of that channel placed top-left in a zero picture
+// of the input's size.
+void TestFFT2D::transformsChosenCell_data()
+{
+    QTest::addColumn<SxPicBufInfo>("info");
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<int>("step");   // sampling period of the channel
+    QTest::addColumn<int>("first");  // 2x2 position of its first sample, row by row
+
+    QTest::newRow("bayer cell 2, odd size") << format(7, 5, 1, IDT_UINT8, 1, CFA_BAYER_RGGB) << 2 << 2 << 2;
+    QTest::newRow("bayer cell 3") << format(8, 6, 1, IDT_UINT16, 0, CFA_BAYER_GBRG) << 3 << 2 << 3;
+    QTest::newRow("hsi band 1") << format(8, 6, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC) << 1 << 2 << 1;
+    QTest::newRow("whole mosaic") << format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_BGGR) << -1 << 1 << 0;
+    QTest::newRow("blue plane") << format(5, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true) << 2 << 1 << 0;
+}
+
+void TestFFT2D::transformsChosenCell()
+{
+    QFETCH(SxPicBufInfo, info);
+    QFETCH(int, channel);
+    QFETCH(int, step);
+    QFETCH(int, first);
+
+    CxImageMetadata meta;
+    meta.setHsiCameraParams(camera2x2());
+    SxNodeRun<CxFFT2DCnbl> run(info, meta);
+    run.node->setChannel(channel);
+    const auto value = [](quint32 x, quint32 y, quint32 c) { return double((x * 7 + y * 13 + c * 5) % 50); };
+    CxTestInput input(info, value, meta);
+    std::unique_ptr<CxImageData> out(run.process(input));
+    auto* spectrum = qobject_cast<CxFFTImageData*>(out.get());
+    QVERIFY(spectrum);
+
+    const int w = int(info.width), h = int(info.height);
+    const int ox = step == 2 ? first % 2 : 0, oy = step == 2 ? first / 2 : 0;
+    const quint32 plane = info.channels > 1 ? quint32(channel) : 0;
+    cv::Mat src = cv::Mat::zeros(h, w, CV_32F);
+    for (int y = oy, r = 0; y < h; y += step, ++r)
+        for (int x = ox, c = 0; x < w; x += step, ++c)
+            src.at<float>(r, c) = float(value(quint32(x), quint32(y), plane));
+    cv::Mat dft;
+    cv::dft(src, dft, cv::DFT_COMPLEX_OUTPUT);
+    for (int fy = 0; fy < h; ++fy) {
+        for (int fx = 0; fx < w; ++fx) {
+            const cv::Vec2f expected = dft.at<cv::Vec2f>(fy, fx);
+            QVERIFY(qAbs(centredAt(*spectrum->picBufRe(), fx, fy) - expected[0]) < 1e-2f);
+            QVERIFY(qAbs(centredAt(*spectrum->picBufIm(), fx, fy) - expected[1]) < 1e-2f);
+        }
+    }
+}
+
+void TestFFT2D::widgetListsChannelsAndRestarts()
+{
+    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_GRBG);
+    SxNodeRun<CxFFT2DCnbl> run(f);
+    run.node->setChannel(1);
+    QVERIFY(run.startCounted());
+    QVERIFY(run.node->hasConfigurationWidget());
+
+    std::unique_ptr<QWidget> widget(run.node->configurationWidget());
+    QCOMPARE(widget->windowTitle(), QStringLiteral("FFT 2D"));
+    auto* list = widget->findChild<QListWidget*>();
+    QVERIFY(list);
+    QStringList texts;
+    QList<int> indices;
+    for (int i = 0; i < list->count(); ++i) {
+        texts << list->item(i)->text();
+        indices << list->item(i)->data(Qt::UserRole).toInt();
+    }
+    QCOMPARE(texts, QStringList({"Whole image", "Green 1", "Red", "Blue", "Green 2"}));
+    QCOMPARE(indices, QList<int>({-1, 0, 1, 2, 3}));
+    QCOMPARE(list->currentRow(), 2);
+    QCOMPARE(run.starts + run.stops, 0);
+
+    list->setCurrentRow(4);
+    QCOMPARE(run.node->channel(), 3);
+    QCOMPARE(run.stops, 1);
+    QCOMPARE(run.starts, 1);
+    QVERIFY(!run.chain.stopped());
+
+    run.chain.stop();
+    run.starts = run.stops = 0;
+    list->setCurrentRow(0);
+    QCOMPARE(run.node->channel(), -1);
+    QCOMPARE(run.starts + run.stops, 0);
+}
+
+QTEST_MAIN(TestFFT2D)
+#include "tst_fft2d.moc"
