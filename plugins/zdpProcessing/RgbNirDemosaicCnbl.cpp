@@ -1,0 +1,587 @@
+#include "RgbNirDemosaicCnbl.h"
+#include "RgbNirDemosaicWidget.h"
+
+#include <CxHsiCameraParams.h>
+#include <CxImageData.h>
+#include <CxPicBufAPI.h>
+#include <SxPicBuf.h>
+
+#include <QtXml/QDomDocument>
+#include <QtXml/QDomElement>
+
+#include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+#include <limits>
+#include <type_traits>
+#include <vector>
+
+// Vector types stay inside the functions that use them.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+#define RGBNIR_INLINE inline __attribute__((always_inline))
+
+namespace {
+
+// Chain document attribute; the name is part of the saved-file format.
+const QString kChannelAttribute = QStringLiteral("channel");
+
+// The layout of a sensor without description: NIR, B / R, G.
+constexpr unsigned kFixedNir = 0, kFixedB = 1, kFixedR = 2, kFixedG = 3;
+
+// Wide enough for the sum of four samples.
+template <class TIn>
+using AccOf = std::conditional_t<sizeof(TIn) == 1, quint16,
+                                 std::conditional_t<sizeof(TIn) == 2, quint32, quint64>>;
+
+template <class T>
+constexpr bool isSampleOf(ExImageDataType t)
+{
+    return bytesPerSampleOf(t) == sizeof(T) && (t == IDT_UINT8 || t == IDT_UINT16 || t == IDT_UINT32);
+}
+
+bool rowsFit(const SxPicBuf& pic)
+{
+    return pic.data && pic.effectiveLinePitch() >= pic.packedLineBytes()
+        && (pic.memCapacity == 0 || pic.requiredBytes() <= pic.memCapacity);
+}
+
+bool alignedFor(const SxPicBuf& pic, size_t size)
+{
+    return quintptr(pic.data) % size == 0 && pic.effectiveLinePitch() % size == 0;
+}
+
+// Mirror partner of a neighbour index outside [0, n); a picture one sample
+// long has none and falls back to the sample itself.
+RGBNIR_INLINE qint64 mirrored(qint64 i, qint64 n)
+{
+    if (i < 0)
+        i = -i;
+    if (i >= n)
+        i = 2 * (n - 1) - i;
+    return i < 0 ? 0 : (i >= n ? n - 1 : i);
+}
+
+// Rows of the input as aligned sample pointers; a picture whose rows are not
+// aligned for its sample type is read through copies.
+template <class TIn>
+class CxRowReader
+{
+public:
+    explicit CxRowReader(const SxPicBuf& in)
+        : m_in(in), m_pitch(in.effectiveLinePitch()), m_direct(alignedFor(in, sizeof(TIn)))
+    {
+        if (!m_direct)
+            for (auto& s : m_scratch)
+                s.resize(size_t(in.width));
+    }
+    // slot tells apart the rows that must be valid at the same time.
+    RGBNIR_INLINE const TIn* row(qint64 y, int slot)
+    {
+        const uchar* at = m_in.data + quint64(y) * m_pitch;
+        if (m_direct)
+            return reinterpret_cast<const TIn*>(at);
+        std::memcpy(m_scratch[slot].data(), at, size_t(m_in.width) * sizeof(TIn));
+        return m_scratch[slot].data();
+    }
+
+private:
+    const SxPicBuf& m_in;
+    quint64 m_pitch;
+    bool m_direct;
+    std::vector<TIn> m_scratch[3];
+};
+
+// The row of doubled samples (the component's cells lie on this row) or of
+// vertical pair sums (they lie on the rows above and below). Both halve to
+// the vertical interpolation, and a pair of them quarters to the diagonal one.
+// v has one slot before and after the row, filled with the mirror partners,
+// so the horizontal pass needs no edge cases.
+template <class TIn, class Acc>
+RGBNIR_INLINE void verticalSums(Acc* v, const TIn* up, const TIn* mid, const TIn* dn, bool onRow, qint64 w)
+{
+    if (onRow) {
+        for (qint64 x = 0; x < w; ++x)
+            v[x] = Acc(Acc(mid[x]) << 1);
+    } else {
+        for (qint64 x = 0; x < w; ++x)
+            v[x] = Acc(Acc(up[x]) + Acc(dn[x]));
+    }
+    v[-1] = v[mirrored(-1, w)];
+    v[w] = v[mirrored(w, w)];
+}
+
+// Colour outputs from this size on are written past the caches.
+constexpr qint64 kStreamBytes = qint64(16) << 20;
+
+// Lanes per step of the row loops; an even count keeps the column parity of
+// every lane fixed.
+constexpr int kLanes = 16;
+
+template <class T>
+struct SxLanes
+{
+    typedef T type __attribute__((vector_size(kLanes * sizeof(T))));
+};
+template <class T>
+using LanesOf = typename SxLanes<T>::type;
+
+// All ones in the lanes of the component's own columns.
+template <class Acc>
+RGBNIR_INLINE LanesOf<Acc> ownColumns(unsigned ck)
+{
+    LanesOf<Acc> own;
+    for (int j = 0; j < kLanes; ++j)
+        own[j] = unsigned(j & 1) == ck ? Acc(~Acc(0)) : Acc(0);
+    return own;
+}
+
+// kLanes samples of a component from x on: the component's own columns halve
+// their sum, the others quarter the sums left and right of them.
+template <class Acc>
+RGBNIR_INLINE LanesOf<Acc> interpolateLanes(const Acc* v, qint64 x, LanesOf<Acc> own, unsigned s1, unsigned s2)
+{
+    LanesOf<Acc> l, c, r;
+    std::memcpy(&l, v + x - 1, sizeof l);
+    std::memcpy(&c, v + x, sizeof c);
+    std::memcpy(&r, v + x + 1, sizeof r);
+    return ((c >> s1) & own) | (((l + r) >> s2) & ~own);
+}
+
+template <class Acc>
+RGBNIR_INLINE Acc interpolateOne(const Acc* v, qint64 x, unsigned ck, unsigned s1, unsigned s2)
+{
+    return unsigned(x & 1) == ck ? Acc(v[x] >> s1) : Acc((v[x - 1] + v[x + 1]) >> s2);
+}
+
+// One output row of a component from its padded vertical sums.
+template <class TOut, class Acc>
+RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift)
+{
+    constexpr bool narrowing = sizeof(TOut) < sizeof(Acc) / 2;
+    constexpr Acc maxOut = Acc(std::numeric_limits<TOut>::max());
+    const unsigned s1 = shift + 1, s2 = shift + 2;
+    const LanesOf<Acc> own = ownColumns<Acc>(ck);
+    const LanesOf<Acc> maxV = LanesOf<Acc>{} + maxOut;
+    qint64 x = 0;
+    for (; x + kLanes <= w; x += kLanes) {
+        LanesOf<Acc> value = interpolateLanes(v, x, own, s1, s2);
+        if constexpr (narrowing)
+            value = value < maxV ? value : maxV;
+        const LanesOf<TOut> out = __builtin_convertvector(value, LanesOf<TOut>);
+        std::memcpy(o + x, &out, sizeof out);
+    }
+    for (; x < w; ++x) {
+        Acc value = interpolateOne(v, x, ck, s1, s2);
+        if constexpr (narrowing)
+            value = value < maxOut ? value : maxOut;
+        o[x] = TOut(value);
+    }
+}
+
+// One row of B, G, R, alpha bytes. Each colour reads one of the two padded
+// sum rows; the halves and quarters of both rows are shared by the colours
+// that read them. With stream, o is 16-byte aligned and written past the
+// caches.
+template <class Acc>
+RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bool fromOn[3],
+                               const unsigned ck[3], qint64 w, unsigned shift, bool stream)
+{
+    using Samples = LanesOf<quint16>;
+    const unsigned s1 = shift + 1, s2 = shift + 2;
+    qint64 x = 0;
+    if constexpr (Q_BYTE_ORDER == Q_LITTLE_ENDIAN) {
+        const LanesOf<Acc> own[3] = {ownColumns<Acc>(ck[0]), ownColumns<Acc>(ck[1]), ownColumns<Acc>(ck[2])};
+        const LanesOf<Acc> maxV = LanesOf<Acc>{} + Acc(255);
+        for (; x + kLanes <= w; x += kLanes) {
+            LanesOf<Acc> half[2], quarter[2];
+            const Acc* rows[2] = {on, off};
+            for (int i = 0; i < 2; ++i) {
+                LanesOf<Acc> l, c, r;
+                std::memcpy(&l, rows[i] + x - 1, sizeof l);
+                std::memcpy(&c, rows[i] + x, sizeof c);
+                std::memcpy(&r, rows[i] + x + 1, sizeof r);
+                half[i] = c >> s1;
+                quarter[i] = (l + r) >> s2;
+            }
+            Samples bgr[3];
+            for (int c = 0; c < 3; ++c) {
+                const int i = fromOn[c] ? 0 : 1;
+                LanesOf<Acc> value = (half[i] & own[c]) | (quarter[i] & ~own[c]);
+                // Interpolated 8-bit samples never exceed 255.
+                if constexpr (sizeof(Acc) > 2)
+                    value = value < maxV ? value : maxV;
+                bgr[c] = __builtin_convertvector(value, Samples);
+            }
+            // Pixel j is the 16-bit pair (B | G << 8, R | A << 8).
+            const Samples bg = bgr[0] | (bgr[1] << 8);
+            const Samples ra = bgr[2] | quint16(0xFF00);
+            const Samples lo = __builtin_shufflevector(bg, ra, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+            const Samples hi = __builtin_shufflevector(bg, ra, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30,
+                                                       15, 31);
+#ifdef __SSE2__
+            if (stream) {
+                __m128i parts[4];
+                std::memcpy(parts, &lo, sizeof lo);
+                std::memcpy(parts + 2, &hi, sizeof hi);
+                for (int i = 0; i < 4; ++i)
+                    _mm_stream_si128(reinterpret_cast<__m128i*>(o + 4 * x) + i, parts[i]);
+                continue;
+            }
+#endif
+            std::memcpy(o + 4 * x, &lo, sizeof lo);
+            std::memcpy(o + 4 * x + sizeof lo, &hi, sizeof hi);
+        }
+    }
+    for (; x < w; ++x) {
+        for (int c = 0; c < 3; ++c) {
+            const Acc value = interpolateOne(fromOn[c] ? on : off, x, ck[c], s1, s2);
+            o[4 * x + c] = uchar(value < 255 ? value : 255);
+        }
+        o[4 * x + 3] = 255;
+    }
+}
+
+template <class TIn>
+unsigned shiftFor(const SxPicBufInfo& in, const SxPicBufInfo& out)
+{
+    // Beyond the type's width every sample shifts to 0 anyway; capping keeps
+    // the shift defined for nonsense bit counts.
+    const quint64 diff = in.bitsPerSample > out.bitsPerSample ? in.bitsPerSample - out.bitsPerSample : 0;
+    return unsigned(qMin<quint64>(diff, 8 * sizeof(TIn)));
+}
+
+// Positions: the cell row of k is k >= 2, its column k odd (so -1 as an
+// unsigned number reads as the bottom-right cell).
+inline unsigned cellRow(unsigned k) { return k >= 2 ? 1u : 0u; }
+inline unsigned cellColumn(unsigned k) { return k & 1u; }
+
+} // namespace
+
+template <class TOut, class TIn>
+bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
+{
+    using Acc = AccOf<TIn>;
+    if (!isSampleOf<TIn>(in.dataType) || !isSampleOf<TOut>(out.dataType))
+        return false;
+    if (in.channels != 1 || outChannel >= out.channels || in.width != out.width || in.height != out.height)
+        return false;
+    if (in.width == 0 || in.height == 0)
+        return true;
+    if (!rowsFit(in) || !rowsFit(out))
+        return false;
+
+    const qint64 w = in.width, h = in.height;
+    const unsigned rk = cellRow(k), ck = cellColumn(k);
+    const unsigned shift = shiftFor<TIn>(in, out);
+    const quint64 outPitch = out.effectiveLinePitch();
+    const quint64 outStride = out.channels;
+    const bool direct = outStride == 1 && alignedFor(out, sizeof(TOut));
+
+    CxRowReader<TIn> rows(in);
+    std::vector<Acc> sums(static_cast<size_t>(w) + 2);
+    Acc* v = sums.data() + 1;
+    std::vector<TOut> plane(direct ? 0 : size_t(w));
+    for (qint64 y = 0; y < h; ++y) {
+        const bool onRow = unsigned(y & 1) == rk;
+        const TIn* mid = onRow ? rows.row(y, 1) : nullptr;
+        const TIn* up = onRow ? nullptr : rows.row(mirrored(y - 1, h), 0);
+        const TIn* dn = onRow ? nullptr : rows.row(mirrored(y + 1, h), 2);
+        verticalSums<TIn, Acc>(v, up, mid, dn, onRow, w);
+
+        uchar* outRow = out.data + quint64(y) * outPitch;
+        if (direct) {
+            horizontalPass<TOut, Acc>(reinterpret_cast<TOut*>(outRow), v, ck, w, shift);
+            continue;
+        }
+        horizontalPass<TOut, Acc>(plane.data(), v, ck, w, shift);
+        uchar* at = outRow + quint64(outChannel) * sizeof(TOut);
+        const quint64 step = outStride * sizeof(TOut);
+        for (qint64 x = 0; x < w; ++x, at += step)
+            std::memcpy(at, &plane[size_t(x)], sizeof(TOut));
+    }
+    return true;
+}
+
+namespace {
+
+template <class TIn>
+RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    using Acc = AccOf<TIn>;
+    const qint64 w = in.width, h = in.height;
+    const unsigned shift = shiftFor<TIn>(in, out);
+    const quint64 outPitch = out.effectiveLinePitch();
+    const unsigned ck[3] = {cellColumn(k[0]), cellColumn(k[1]), cellColumn(k[2])};
+    // Otherwise every output line of a frame far larger than the caches would
+    // first be read in just to be overwritten.
+    const bool stream = w * h * 4 >= kStreamBytes && alignedFor(out, 16);
+
+    CxRowReader<TIn> rows(in);
+    // Per output row only two kinds of vertical sums occur: the doubled row
+    // itself and the pair around it; each component takes one of them.
+    std::vector<Acc> onBuffer(static_cast<size_t>(w) + 2), offBuffer(static_cast<size_t>(w) + 2);
+    Acc* onSums = onBuffer.data() + 1;
+    Acc* offSums = offBuffer.data() + 1;
+
+    for (qint64 y = 0; y < h; ++y) {
+        const unsigned parity = unsigned(y & 1);
+        bool needOn = false, needOff = false;
+        for (int c = 0; c < 3; ++c)
+            (cellRow(k[c]) == parity ? needOn : needOff) = true;
+        if (needOn) {
+            const TIn* mid = rows.row(y, 1);
+            verticalSums<TIn, Acc>(onSums, nullptr, mid, nullptr, true, w);
+        }
+        if (needOff) {
+            const TIn* up = rows.row(mirrored(y - 1, h), 0);
+            const TIn* dn = rows.row(mirrored(y + 1, h), 2);
+            verticalSums<TIn, Acc>(offSums, up, nullptr, dn, false, w);
+        }
+        bool fromOn[3];
+        for (int c = 0; c < 3; ++c)
+            fromOn[c] = cellRow(k[c]) == parity;
+        packBgraRow<Acc>(out.data + quint64(y) * outPitch, onSums, offSums, fromOn, ck, w, shift, stream);
+    }
+#ifdef __SSE2__
+    if (stream)
+        _mm_sfence();
+#endif
+}
+
+// The 8-bit colour path is what live RGB-NIR cameras deliver; it gets a
+// build for wider vector units, picked at run time.
+__attribute__((target("avx2"))) void demosaicRgbRowsU8Avx2(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    demosaicRgbRows<uchar>(out, in, k);
+}
+
+void demosaicRgbRowsU8(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    if (avx2)
+        demosaicRgbRowsU8Avx2(out, in, k);
+    else
+        demosaicRgbRows<uchar>(out, in, k);
+}
+
+} // namespace
+
+template <class TIn>
+bool rgbnir_demosaicRgb_T(SxPicBuf& out, const SxPicBuf& in, unsigned int kB, unsigned int kG,
+                          unsigned int kR)
+{
+    if (!isSampleOf<TIn>(in.dataType) || out.dataType != IDT_UINT8)
+        return false;
+    if (in.channels != 1 || out.channels != 4 || in.width != out.width || in.height != out.height)
+        return false;
+    if (in.width == 0 || in.height == 0)
+        return true;
+    if (!rowsFit(in) || !rowsFit(out))
+        return false;
+    const unsigned k[3] = {kB, kG, kR};
+    if constexpr (sizeof(TIn) == 1)
+        demosaicRgbRowsU8(out, in, k);
+    else
+        demosaicRgbRows<TIn>(out, in, k);
+    return true;
+}
+
+template bool rgbnir_extractChannel_T<uchar, uchar>(SxPicBuf&, unsigned int, const SxPicBuf&, unsigned int);
+template bool rgbnir_extractChannel_T<ushort, ushort>(SxPicBuf&, unsigned int, const SxPicBuf&, unsigned int);
+template bool rgbnir_extractChannel_T<uint, uint>(SxPicBuf&, unsigned int, const SxPicBuf&, unsigned int);
+template bool rgbnir_extractChannel_T<uchar, ushort>(SxPicBuf&, unsigned int, const SxPicBuf&, unsigned int);
+template bool rgbnir_extractChannel_T<uchar, uint>(SxPicBuf&, unsigned int, const SxPicBuf&, unsigned int);
+template bool rgbnir_demosaicRgb_T<uchar>(SxPicBuf&, const SxPicBuf&, unsigned int, unsigned int, unsigned int);
+template bool rgbnir_demosaicRgb_T<ushort>(SxPicBuf&, const SxPicBuf&, unsigned int, unsigned int, unsigned int);
+template bool rgbnir_demosaicRgb_T<uint>(SxPicBuf&, const SxPicBuf&, unsigned int, unsigned int, unsigned int);
+
+CxRgbNirDemosaicCnbl::CxRgbNirDemosaicCnbl()
+    : CxImageProvider(ExChainableFlags(FlagProducesPictures | FlagProcessor))
+{
+}
+
+CxRgbNirDemosaicCnbl::~CxRgbNirDemosaicCnbl() = default;
+
+QString CxRgbNirDemosaicCnbl::title() const
+{
+    return tr("RGB-NIR Demosaic");
+}
+
+bool CxRgbNirDemosaicCnbl::acceptsDataFrom(CxChainable* predecessor)
+{
+    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
+}
+
+int CxRgbNirDemosaicCnbl::buffersCountInMemoryPool() const
+{
+    return 1;
+}
+
+CxChainable* CxRgbNirDemosaicCnbl::clone()
+{
+    auto* copy = new CxRgbNirDemosaicCnbl;
+    copy->m_channel = m_channel;
+    return copy;
+}
+
+QWidget* CxRgbNirDemosaicCnbl::configurationWidget()
+{
+    return new CxRgbNirDemosaicWidget(this);
+}
+
+bool CxRgbNirDemosaicCnbl::hasConfigurationWidget() const
+{
+    return true;
+}
+
+void CxRgbNirDemosaicCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
+                                                    bool& hasButtons)
+{
+    // Channel symbols, not words: the labels are not translated.
+    buttons.append(CxSimpleStateConfigButton(QStringLiteral("RGB"), RGB, true, m_channel == RGB));
+    buttons.append(CxSimpleStateConfigButton(QStringLiteral("NIR"), NIR, true, m_channel == NIR));
+    hasButtons = true;
+}
+
+void CxRgbNirDemosaicCnbl::simpleStateConfigButtonPressed(int id)
+{
+    setChannel(id == NIR ? NIR : RGB, true);
+}
+
+bool CxRgbNirDemosaicCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
+{
+    const bool result = CxChainable::saveSettings(doc, element);
+    element.setAttribute(kChannelAttribute, int(m_channel));
+    return result;
+}
+
+bool CxRgbNirDemosaicCnbl::loadSettings(const QDomElement& element)
+{
+    const bool result = CxChainable::loadSettings(element);
+    if (!element.hasAttribute(kChannelAttribute))
+        return false;
+    m_channel = ExChannel(element.attribute(kChannelAttribute, QStringLiteral("0")).toInt(nullptr, 10));
+    return result;
+}
+
+bool CxRgbNirDemosaicCnbl::hasHelp() const
+{
+    return true;
+}
+
+QString CxRgbNirDemosaicCnbl::help(QString& anchor)
+{
+    Q_UNUSED(anchor);
+    return tr("Extracts RGB or NIR part of captured RGB-NIR image.<br>RGB debayering without taking NIR "
+              "pixels into account, NIR channel interpolated to match input image dimensions.");
+}
+
+void CxRgbNirDemosaicCnbl::setChannel(ExChannel channel, bool restart)
+{
+    changeSetting(restart, [this, channel] { m_channel = channel; });
+}
+
+int CxRgbNirDemosaicCnbl::pixelIndexInMosaic(const CxImageMetadata* meta, const QString& name)
+{
+    if (!meta)
+        return -1;
+    const CxHsiCameraParams::CxFilterZone* zone = meta->hsiCameraParams().filterZone(0);
+    if (!zone)
+        return -1;
+    return zone->bandIndexByName(name);
+}
+
+bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
+                                                const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
+{
+    out = in;
+    if (outMeta)
+        *outMeta = inMeta ? *inMeta : CxImageMetadata();
+    if (in.channels != 1 || in.colorFilterArray == CFA_NONE || in.storageFormat == DSF_NOT_RAW)
+        return true;
+
+    if (m_channel != NIR) {
+        out.channels = 4;
+        out.bitsPerSample = 8;
+        out.dataType = IDT_UINT8;
+        out.storageFormat = DSF_PACKED;
+        out.isColor = true;
+        const quint64 pitch = quint64(in.width) * 4;
+        // A row too long for the field is left to the allocator, which refuses it.
+        out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
+    }
+    out.colorFilterArray = CFA_NONE;
+    if (outMeta) {
+        outMeta->setColorFilterArray(CFA_NONE);
+        outMeta->setHsiCameraParams(CxHsiCameraParams());
+    }
+    return true;
+}
+
+IxChainData* CxRgbNirDemosaicCnbl::processData(IxChainData* data)
+{
+    if (!data)
+        return nullptr;
+    if (state() == StateStopping)
+        return nullptr;
+    auto* input = qobject_cast<CxImageData*>(data);
+    if (!input)
+        return data;
+    const SxPicBuf* inPic = input->picBuf();
+    if (inPic->channels != 1 || inPic->colorFilterArray == CFA_NONE || inPic->storageFormat == DSF_NOT_RAW)
+        return data;
+
+    const CxImageMetadata* inMeta = input->metadata();
+    SxPicBufInfo outInfo;
+    CxImageMetadata outMeta;
+    if (!queryOutputImageInfo(*inPic, outInfo, inMeta, &outMeta) || !inPic->data)
+        return nullptr;
+
+    SxPicBuf outPic;
+    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
+        return nullptr;
+
+    unsigned kNir = kFixedNir, kB = kFixedB, kR = kFixedR, kG = kFixedG;
+    if (inMeta && inMeta->hsiCameraParams().isRgbNirCamera()) {
+        kR = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("R")));
+        kG = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("G")));
+        kB = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("B")));
+        kNir = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("NIR")));
+    }
+
+    bool done = false;
+    if (m_channel != NIR) {
+        switch (inPic->dataType) {
+        case IDT_UINT8: done = rgbnir_demosaicRgb_T<uchar>(outPic, *inPic, kB, kG, kR); break;
+        case IDT_UINT16: done = rgbnir_demosaicRgb_T<ushort>(outPic, *inPic, kB, kG, kR); break;
+        case IDT_UINT32: done = rgbnir_demosaicRgb_T<uint>(outPic, *inPic, kB, kG, kR); break;
+        default: break;
+        }
+    } else {
+        switch (inPic->dataType) {
+        case IDT_UINT8: done = rgbnir_extractChannel_T<uchar, uchar>(outPic, 0, *inPic, kNir); break;
+        case IDT_UINT16: done = rgbnir_extractChannel_T<ushort, ushort>(outPic, 0, *inPic, kNir); break;
+        case IDT_UINT32: done = rgbnir_extractChannel_T<uint, uint>(outPic, 0, *inPic, kNir); break;
+        default: break;
+        }
+    }
+    if (!done) {
+        // A pool picture still holds an earlier frame: never pass that on as
+        // this frame's result.
+        CxPicBufAPI::FillChannelsValue(outPic, 0);
+        if (m_channel != NIR)
+            CxPicBufAPI::FillChannelWithValue(outPic, 3, 255);
+    }
+
+    outPic.exposureTimeUs = inPic->exposureTimeUs;
+    outPic.timestampMs = inPic->timestampMs;
+    outPic.copyPicAdditionalData(*inPic);
+
+    auto* output = new CxImageData;
+    output->setPicBuf(outPic);
+    output->setMetadata(&outMeta);
+    delete data;
+    return output;
+}

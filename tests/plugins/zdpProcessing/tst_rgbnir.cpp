@@ -1,0 +1,247 @@
+#include "NodeTestKit.h"
+#include "RgbNirDemosaicCnbl.h"
+#include "RgbNirDemosaicWidget.h"
+
+#include <CxFFTImageData.h>
+#include <CxHsiCameraParams.h>
+
+#include <QtCore/QScopedPointer>
+#include <QtTest/QtTest>
+#include <QtWidgets/QRadioButton>
+#include <QtXml/QDomDocument>
+
+using namespace nodetest;
+using Node = CxRgbNirDemosaicCnbl;
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+Q_DECLARE_METATYPE(CxImageMetadata)
+
+namespace {
+
+// A camera whose cell is G, R / NIR, B: every component sits elsewhere than
+// in the layout assumed without description.
+CxImageMetadata describedCamera()
+{
+    CxHsiCameraParams::CxFilterZone z;
+    z.patternWidth = z.patternHeight = 2;
+    z.bands = {CxHsiCameraParams::CxBand(QStringLiteral("G"), 540), CxHsiCameraParams::CxBand(QStringLiteral("R"), 620),
+               CxHsiCameraParams::CxBand(QStringLiteral("NIR"), 850), CxHsiCameraParams::CxBand(QStringLiteral("B"), 460)};
+    CxHsiCameraParams hsi;
+    hsi.addFilterZone(z);
+    CxImageMetadata m;
+    m.setColorFilterArray(CFA_HSI_MOSAIC);
+    m.setHsiCameraParams(hsi);
+    return m;
+}
+
+// Samples spread over the significant bits, different at every position.
+double pattern(quint32 x, quint32 y, quint32 bits)
+{
+    const quint64 h = (quint64(x) * 2654435761u) ^ (quint64(y) * 40503u + 977u);
+    return double(h % ((quint64(1) << qMin(bits, 32u)) - 1));
+}
+
+// The interpolation written out case by case: the wanted neighbours that lie
+// inside the picture, averaged with truncation.
+quint64 reference(const SxPicBuf& in, qint64 x, qint64 y, unsigned k)
+{
+    const qint64 w = in.width, h = in.height;
+    const bool rowDiffers = (y & 1) != (k >= 2 ? 1 : 0);
+    const bool colDiffers = (x & 1) != (k & 1);
+    const int dx = colDiffers ? 1 : 0, dy = rowDiffers ? 1 : 0;
+    quint64 sum = 0, n = 0;
+    for (int sy = -dy; sy <= dy; sy += 2 * qMax(dy, 1)) {
+        for (int sx = -dx; sx <= dx; sx += 2 * qMax(dx, 1)) {
+            const qint64 nx = x + sx, ny = y + sy;
+            if (nx >= 0 && nx < w && ny >= 0 && ny < h) {
+                sum += quint64(sampleValue(in, quint64(nx), quint64(ny)));
+                ++n;
+            }
+        }
+    }
+    return sum / n;
+}
+
+} // namespace
+
+class TestRgbNir : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void interpolation_data();
+    void interpolation();
+    void redBesideItsCell();
+    void passThrough();
+    void settings_data();
+    void settings();
+    void buttonsAndWidget();
+};
+
+void TestRgbNir::interpolation_data()
+{
+    QTest::addColumn<QString>("layout");
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("bits");
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<int>("padding");
+
+    for (const char* layout : {"fixed", "described"}) {
+        auto row = [&](const char* what, int channel, ExImageDataType t, int bits, QSize size, int padding) {
+            QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(layout), QLatin1String(what))))
+                << QString::fromLatin1(layout) << channel << int(t) << bits << size << padding;
+        };
+        row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
+        row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
+        row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(8, 5), 0);
+        row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
+        row("nir u16 odd pitch", Node::NIR, IDT_UINT16, 16, QSize(7, 5), 1);
+        row("nir u32 full range", Node::NIR, IDT_UINT32, 32, QSize(5, 6), 0);
+        row("rgb 2x2", Node::RGB, IDT_UINT8, 8, QSize(2, 2), 0);
+        row("nir 2 wide", Node::NIR, IDT_UINT16, 10, QSize(2, 5), 0);
+        row("rgb 640x480", Node::RGB, IDT_UINT8, 8, QSize(640, 480), 0);
+        row("nir 640x480", Node::NIR, IDT_UINT8, 8, QSize(640, 480), 0);
+        row("rgb frame larger than the caches", Node::RGB, IDT_UINT8, 8, QSize(2048, 2056), 0);
+        row("nir signed", Node::NIR, IDT_INT16, 16, QSize(6, 4), 0);
+        row("rgb signed", Node::RGB, IDT_INT16, 16, QSize(6, 4), 0);
+    }
+}
+
+// Format, description and every sample of the output, borders and corners
+// included, against the written-out rule; alpha is 255 and samples shift by
+// the bits beyond 8.
+void TestRgbNir::interpolation()
+{
+    QFETCH(QString, layout);
+    QFETCH(int, channel);
+    QFETCH(int, type);
+    QFETCH(int, bits);
+    QFETCH(QSize, size);
+    QFETCH(int, padding);
+
+    SxPicBufInfo f = format(quint32(size.width()), quint32(size.height()), 1, ExImageDataType(type),
+                            quint32(padding), CFA_HSI_MOSAIC);
+    f.bitsPerSample = quint32(bits);
+    const CxImageMetadata meta = layout == QLatin1String("described") ? describedCamera() : CxImageMetadata();
+    CxTestInput input(f, [bits](quint32 x, quint32 y, quint32) { return pattern(x, y, quint32(bits)); }, meta);
+    SxNodeRun<Node> run(f, meta);
+    run.node->setChannel(Node::ExChannel(channel), false);
+    QScopedPointer<CxImageData> out(run.process(input));
+    QVERIFY(out);
+    const SxPicBuf& o = *out->picBuf();
+    const bool rgb = channel == Node::RGB;
+    QCOMPARE(QSize(int(o.width), int(o.height)), size);
+    QCOMPARE(o.channels, rgb ? 4u : 1u);
+    QCOMPARE(o.dataType, rgb ? IDT_UINT8 : f.dataType);
+    QCOMPARE(o.linePitch, rgb ? f.width * 4 : f.linePitch);
+    QCOMPARE(o.colorFilterArray, CFA_NONE);
+    QVERIFY(out->metadata()->hsiCameraParams().isEmpty());
+
+    // Positions of B, G, R and NIR. Signed samples have no kernel: zeros,
+    // rather than a stale pool picture.
+    const bool described = layout == QLatin1String("described");
+    const unsigned ks[4] = {described ? 3u : 1u, described ? 0u : 3u, described ? 1u : 2u, described ? 2u : 0u};
+    const bool known = f.dataType != IDT_INT16;
+    const unsigned shift = rgb && bits > 8 ? unsigned(bits - 8) : 0;
+    // Big frames are sampled: every row, a prime stride through the columns.
+    const quint32 step = f.width * f.height > (1u << 20) ? 7 : 1;
+    for (quint32 y = 0; y < f.height; ++y)
+        for (quint32 x = y % step; x < f.width; x += step)
+            for (quint32 c = 0; c < o.channels; ++c) {
+                const double want = c == 3 ? 255.0
+                    : known ? double(reference(input.pic(), x, y, rgb ? ks[c] : ks[3]) >> shift) : 0.0;
+                const double got = sampleValue(o, x, y, c);
+                if (got != want)
+                    QFAIL(qPrintable(QStringLiteral("(%1, %2) channel %3: %4, want %5").arg(x).arg(y).arg(c).arg(got).arg(want)));
+            }
+}
+
+// The literal case: without description red sits at row 1, column 0, so
+// pixel (1, 1) takes the two red samples beside it.
+void TestRgbNir::redBesideItsCell()
+{
+    const SxPicBufInfo f = format(4, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+    CxTestInput input(f, [](quint32 x, quint32 y, quint32) { return 10 * x + 50 * y + 1; });
+    SxNodeRun<Node> run(f);
+    QScopedPointer<CxImageData> out(run.process(input));
+    QVERIFY(out);
+    QCOMPARE(sampleValue(*out->picBuf(), 1, 1, 2), double((51 + 71) / 2));
+}
+
+// Pictures the node has nothing to do with, and packets that are not
+// pictures, travel on as they came, without a message.
+void TestRgbNir::passThrough()
+{
+    for (const SxPicBufInfo& in : {format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true),
+                                   format(6, 4, 1, IDT_UINT16),
+                                   format(6, 4, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC, DSF_NOT_RAW)}) {
+        SxNodeRun<Node> run(in);
+        CxTestInput input(in);
+        QScopedPointer<IxChainData> back(run.push(input));
+        QVERIFY(back && static_cast<CxImageData*>(back.data())->picBuf()->data == input.pic().data);
+        QScopedPointer<IxChainData> foreign(new CxFFTImageData);
+        QCOMPARE(run.node->processData(foreign.data()), foreign.data());
+        QVERIFY(run.node->errorMessage().isEmpty());
+    }
+}
+
+void TestRgbNir::settings_data()
+{
+    QTest::addColumn<QString>("attribute");  // null: absent
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<bool>("result");
+    QTest::newRow("rgb") << "0" << 0 << true;
+    QTest::newRow("not a number") << "abc" << 0 << true;
+    QTest::newRow("out of range kept") << "7" << 7 << true;
+    QTest::newRow("missing keeps") << QString() << 1 << false;
+}
+
+void TestRgbNir::settings()
+{
+    QFETCH(QString, attribute);
+    QFETCH(int, channel);
+    QFETCH(bool, result);
+    QDomDocument doc;
+    QDomElement e = doc.createElement(QStringLiteral("node"));
+    if (!attribute.isNull())
+        e.setAttribute(QStringLiteral("channel"), attribute);
+    Node node;
+    node.setChannel(Node::NIR, false);
+    QCOMPARE(node.loadSettings(e), result);
+    QCOMPARE(int(node.channel()), channel);
+    QDomElement saved = doc.createElement(QStringLiteral("node"));
+    QVERIFY(node.saveSettings(doc, saved));
+    QCOMPARE(saved.attribute(QStringLiteral("channel")), QString::number(channel));
+    QScopedPointer<CxChainable> copy(node.clone());
+    QCOMPARE(int(qobject_cast<Node*>(copy.data())->channel()), channel);
+}
+
+// Quick buttons and the panel switch the channel with a restart, so the
+// chain negotiates the other output format.
+void TestRgbNir::buttonsAndWidget()
+{
+    SxNodeRun<Node> run(format(8, 8, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC));
+    QVERIFY(run.startCounted());
+    QList<CxChainable::CxSimpleStateConfigButton> buttons;
+    bool has = false;
+    run.node->simpleStateConfigButtons(buttons, has);
+    QVERIFY(has && buttons.size() == 2);
+    QVERIFY(buttons[0].label() == QLatin1String("RGB") && buttons[0].id() == 0 && buttons[0].isChecked());
+    QVERIFY(buttons[1].label() == QLatin1String("NIR") && buttons[1].id() == 1 && !buttons[1].isChecked());
+
+    run.node->simpleStateConfigButtonPressed(1);
+    SxPicBufInfo negotiated;
+    QVERIFY(run.chain.negotiatedFormat(0, negotiated));
+    QVERIFY(run.node->channel() == Node::NIR && run.starts == 1 && negotiated.channels == 1);
+
+    QScopedPointer<QWidget> w(run.node->configurationWidget());
+    QCOMPARE(w->windowTitle(), QStringLiteral("RGB-NIR Demosaic"));
+    const QList<QRadioButton*> radios = w->findChildren<QRadioButton*>();
+    QVERIFY(radios.size() == 2 && radios[1]->text() == QLatin1String("NIR") && radios[1]->isChecked());
+    radios[0]->click();
+    QVERIFY(run.node->channel() == Node::RGB && run.starts == 2);
+}
+
+QTEST_MAIN(TestRgbNir)
+#include "tst_rgbnir.moc"
