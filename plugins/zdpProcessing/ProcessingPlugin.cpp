@@ -2,16 +2,16 @@
 
 #include "DeinterlaceCnbl.h"
 #include "ExtractChannelCnbl.h"
-// @include FilterImages
-// @include ImageAveraging
-// @include LutInmap
-// @include MosaicStatFilter
-// @include Median
-// @include FFT2D
-// @include FFT1D
-// @include RotateImage
-// @include RgbNirDemosaic
-// @include SeqMerge
+#include "FilterImagesCnbl.h"
+#include "ImageAveragingCnbl.h"
+#include "LutInmapCnbl.h"
+#include "MosaicStatFilterChnbl.h"
+#include "MedianCnbl.h"
+#include "FFT2DCnbl.h"
+#include "FFT1DCnbl.h"
+#include "RotateImageCnbl.h"
+#include "RgbNirDemosaicCnbl.h"
+#include "SeqMergeCnbl.h"
 
 #include <CxRTTI.h>
 #include <QlarCoreVersion.h>
@@ -29,16 +29,16 @@ bool CxProcessingPlugin::init()
     const QMetaObject* const nodeClasses[] = {
         &CxDeinterlaceCnbl::staticMetaObject,
         &CxExtractChannelCnbl::staticMetaObject,
-        // @row 3 FilterImages
-        // @row 4 ImageAveraging
-        // @row 5 LutInmap
-        // @row 6 MosaicStatFilter
-        // @row 7 Median
-        // @row 8 FFT2D
-        // @row 9 FFT1D
-        // @row 10 RotateImage
-        // @row 11 RgbNirDemosaic
-        // @row 12 SeqMerge
+        &CxFilterImagesCnbl::staticMetaObject,
+        &CxImageAveragingCnbl::staticMetaObject,
+        &CxLutInmapCnbl::staticMetaObject,
+        &CxMosaicStatFilterChnbl::staticMetaObject,
+        &CxMedianCnbl::staticMetaObject,
+        &CxFFT2DCnbl::staticMetaObject,
+        &CxFFT1DCnbl::staticMetaObject,
+        &CxRotateImageCnbl::staticMetaObject,
+        &CxRgbNirDemosaicCnbl::staticMetaObject,
+        &CxSeqMergeCnbl::staticMetaObject,
     };
     // A class the registry refuses (already known, say after a reload) is no
     // reason to refuse the plug-in.

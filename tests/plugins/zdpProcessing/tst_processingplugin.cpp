@@ -25,16 +25,16 @@ struct SxNodeRow
 const SxNodeRow kNodeTable[] = {
     {"CxDeinterlaceCnbl", "Deinterlace", "CxDeinterlaceCnbl"},
     {"CxExtractChannelCnbl", "Extract Channel", "CxExtractChannelCnbl"},
-    // @row 3 FilterImages
-    // @row 4 ImageAveraging
-    // @row 5 LutInmap
-    // @row 6 MosaicStatFilter
-    // @row 7 Median
-    // @row 8 FFT2D
-    // @row 9 FFT1D
-    // @row 10 RotateImage
-    // @row 11 RgbNirDemosaic
-    // @row 12 SeqMerge
+    {"CxFilterImagesCnbl", "Filter Images", "FilterImagesCnbl"},
+    {"CxImageAveragingCnbl", "Image Averaging", "CxImageAveragingCnbl"},
+    {"CxLutInmapCnbl", "LUT Mapping", "CxLutInmapCnbl"},
+    {"CxMosaicStatFilterChnbl", "Mosaic Filter", "CxMosaicStatFilterChnbl"},
+    {"CxMedianCnbl", "Median Filter", "CxMedianCnbl"},
+    {"CxFFT2DCnbl", "Fast Fourier Transform 2D", "CxFFT2DCnbl"},
+    {"CxFFT1DCnbl", "Fast Fourier Transform 1D", "CxFFT1DCnbl"},
+    {"CxRotateImageCnbl", "Rotate", "cxRotateImageCnbl"},
+    {"CxRgbNirDemosaicCnbl", "RGB-NIR Processing", "CxRgbNirDemosaicCnbl"},
+    {"CxSeqMergeCnbl", "Merge Sequence", "SeqMergeCnbl"},
 };
 
 } // namespace
