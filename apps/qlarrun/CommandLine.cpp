@@ -15,8 +15,7 @@ constexpr quint32 MaxSide = 32768;
 
 const char* const DefaultRunFolder = "out/default";
 
-// The demonstration runs, one chain each over the synthetic Bayer camera. The
-// list grows with the nodes: a chain that averages and LUT-maps comes next.
+// The demonstration runs, one chain each over the synthetic Bayer camera.
 struct SxDefaultChain
 {
     const char* folder;  // under DefaultRunFolder
@@ -31,6 +30,11 @@ const SxDefaultChain DefaultChains[] = {
      QT_TRANSLATE_NOOP("CxCommandLine",
                        "FFT 1D plots the amplitude spectrum of the green cells' vertical profile (the mean of each row)"),
      {"Extract Channel:channelIdx=1", "Fast Fourier Transform 1D"}},
+    {"noise",
+     QT_TRANSLATE_NOOP("CxCommandLine",
+                       "Image Averaging takes the standard deviation of every 4 frames; LUT Mapping stretches it "
+                       "automatically into viridis colours"),
+     {"Image Averaging:averageCount=4:mode=1", "LUT Mapping:AutoMinMax=1:PseudoColor=3:MapToRGB=1"}},
 };
 
 } // namespace

@@ -356,6 +356,11 @@ void TestQlarrun::defaultRun()
         for (int x = 0; x < plot.width(); x += 2)
             graph += qRed(plot.pixel(x, y)) > 240 && qGreen(plot.pixel(x, y)) > 240 && qBlue(plot.pixel(x, y)) < 200;
     QVERIFY2(graph > 50, qPrintable(QString::number(graph)));
+
+    // Standard deviation of every 4 frames, LUT-mapped to colour: frames 3 and 7.
+    const QString noise = dir.filePath("out/default/noise");
+    QCOMPARE(QDir(noise).entryList(QDir::Files).size(), 4);
+    QCOMPARE(QImage(frameFile(noise, 7, "png")).size(), QSize(640, 480));
 }
 
 void TestQlarrun::cameraChains_data()
