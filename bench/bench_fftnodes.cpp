@@ -54,6 +54,7 @@ SxPicBufInfo frameFormat(ExImageDataType t)
 
 void BM_FFT2DNode(benchmark::State& state)
 {
+    bench::pairWithPeer(state, "fftw_execute/4096x3000/threads:2", "peer<=1.2");
     bench::NodeRun run(new CxFFT2DCnbl, frameFormat(IDT_UINT16));
     run.run(state);
 }
@@ -117,6 +118,7 @@ BENCHMARK(BM_FftwExecute)->Name("fftw_execute/4096x3000")->Arg(2)->Arg(1)->ArgNa
 
 void BM_FFT1DNode(benchmark::State& state)
 {
+    bench::setTarget(state, "ms<=40");  // 25 frames per second
     ensureApplication();
     bench::NodeRun run(new CxFFT1DCnbl, frameFormat(ExImageDataType(state.range(0))));
     run.run(state);

@@ -21,6 +21,7 @@ SxPicBufInfo bayer(ExImageDataType t)
 
 void BM_MedianNode(benchmark::State& state, ExImageDataType t)
 {
+    bench::pairWithPeer(state, t == IDT_UINT8 ? "MedianPlanes/bayer8" : "MedianPlanes/bayer16", "peer<=1.3");
     bench::NodeRun run(new CxMedianCnbl, bayer(t), CxImageMetadata(), CxSyntheticCamera::LayoutBayer);
     run.run(state);
 }
@@ -65,6 +66,7 @@ void BM_MedianOpenCv(benchmark::State& state, ExImageDataType t)
 
 void BM_SeqMergeNode(benchmark::State& state, int count)
 {
+    bench::pairWithPeer(state, "CopyRectAndOutput/mono8_tiles" + std::to_string(count), "peer<=1");
     auto* node = new CxSeqMergeCnbl;
     node->setCount(CxSeqMergeCnbl::ModeTiles, count, false);
     bench::NodeRun run(node, bench::format(bench::W, bench::H, IDT_UINT8));

@@ -34,7 +34,7 @@ void BM_RotateNode(benchmark::State& state, const bench::StdFrame& frame, bool c
     auto* node = new CxRotateImageCnbl;
     node->setRotation(clockwise, false);
     bench::NodeRun run(node, frame.format, frame.meta, frame.layout);
-    bench::pairWithPeer(state, "opencv_rotate/" + frame.name);
+    bench::pairWithPeer(state, "opencv_rotate/" + frame.name, "peer<=0.5");
     run.run(state);
 }
 

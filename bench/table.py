@@ -31,7 +31,7 @@ def load(path):
     for b in data.get("benchmarks", []):
         # Google Benchmark appends run options to the name; they are not part
         # of what is measured.
-        name = re.sub(r"/(real_time|manual_time|min_time:[^/]*|repeats:\d+|iterations:\d+|threads:\d+)",
+        name = re.sub(r"/(real_time|manual_time|min_time:[^/]*|repeats:\d+|iterations:\d+)",
                       "", b.get("run_name") or b["name"])
         if name not in order:
             order.append(name)
