@@ -160,11 +160,16 @@ int main(int argc, char** argv)
     std::printf("%-28s %-18s %8s %12s\n", "node", "input", "frames", "allocations");
     bool clean = true;
     for (const CxRTTI::SxClassEntry& e : CxRTTI::instance()->classes(QStringLiteral("CxChainable"))) {
-        // A node that refuses a Bayer frame is tried on the next layout it may want.
+        // The RGB-NIR node passes other mosaics on untouched, which would
+        // measure nothing; a node that refuses a Bayer frame is tried on the
+        // next layout it may want.
         SxResult r;
         CxSyntheticCamera::ExLayout used = CxSyntheticCamera::LayoutBayer;
-        for (auto layout : {CxSyntheticCamera::LayoutBayer, CxSyntheticCamera::LayoutRgbNir,
-                            CxSyntheticCamera::LayoutMono}) {
+        QList<CxSyntheticCamera::ExLayout> layouts{CxSyntheticCamera::LayoutBayer, CxSyntheticCamera::LayoutRgbNir,
+                                                   CxSyntheticCamera::LayoutMono};
+        if (e.className == QLatin1String("CxRgbNirDemosaicCnbl"))
+            layouts.move(1, 0);
+        for (auto layout : layouts) {
             used = layout;
             r = measure(e.metaObject, layout, frames);
             if (r.ran)

@@ -208,7 +208,7 @@ template <class A>
 inline A saturatingAdd(A a, A b)
 {
     const A s = A(a + b);
-    return A(s | A(0) - A(s < a));
+    return A(s | (A(0) - A(s < a)));
 }
 
 template <class F, class Q>

@@ -47,7 +47,6 @@ struct SxHeapPicture
     SxPicBuf pic;
     SxHeapPicture() = default;
     SxHeapPicture(const SxHeapPicture&) = delete;
-    SxHeapPicture& operator=(const SxHeapPicture&) = delete;
     ~SxHeapPicture() { CxPicBufAPI::FreePicBuf(pic, true); }
 };
 
@@ -73,13 +72,10 @@ inline void fillPattern(SxPicBuf& pic, quint32 seed = 0)
             const quint64 h = mixBits((quint64(seed) << 40) ^ (quint64(y) << 20) ^ i);
             if (pic.dataType == IDT_FLOAT) {
                 const quint64 index = y * rowSamples + i;
-                float v = float(qint32(h)) / 4096.f;
-                if (index == 1)
-                    v = -0.f;
-                else if (index == 2)
-                    v = std::numeric_limits<float>::infinity();
-                else if (index == 3)
-                    v = std::numeric_limits<float>::quiet_NaN();
+                const float v = index == 1   ? -0.f
+                                : index == 2 ? std::numeric_limits<float>::infinity()
+                                : index == 3 ? std::numeric_limits<float>::quiet_NaN()
+                                             : float(qint32(h)) / 4096.f;
                 std::memcpy(row + i * 4, &v, 4);
             } else {
                 std::memcpy(row + i * bytes, &h, bytes);
@@ -108,14 +104,12 @@ inline void maskToBits(SxPicBuf& pic, quint32 bits)
 {
     const quint32 bytes = pic.bytesPerSample();
     const quint64 mask = bits >= 64 ? ~0ULL : (1ULL << bits) - 1;
-    for (quint32 y = 0; y < pic.height; ++y) {
-        for (quint64 i = 0; i < quint64(pic.width) * pic.channels; ++i) {
-            quint64 v = 0;
+    for (quint32 y = 0; y < pic.height; ++y)
+        for (quint64 i = 0, v = 0; i < quint64(pic.width) * pic.channels; ++i) {
             std::memcpy(&v, pic.rowPtr(y) + i * bytes, bytes);
             v &= mask;
             std::memcpy(pic.rowPtr(y) + i * bytes, &v, bytes);
         }
-    }
 }
 
 // Same geometry and sample type and the same bytes in every row (pitches may
@@ -126,16 +120,11 @@ inline bool samePixels(const SxPicBuf& a, const SxPicBuf& b, QString* why)
         *why = QString("format %1 against %2").arg(a.describe(), b.describe());
         return false;
     }
-    if (!a.data || !b.data) {
-        *why = "no pixels";
-        return false;
-    }
-    for (quint32 y = 0; y < a.height; ++y) {
-        if (std::memcmp(a.rowPtr(y), b.rowPtr(y), size_t(a.packedLineBytes())) != 0) {
-            *why = QString("row %1 differs").arg(y);
-            return false;
-        }
-    }
+    if (!a.data || !b.data)
+        return *why = "no pixels", false;
+    for (quint32 y = 0; y < a.height; ++y)
+        if (std::memcmp(a.rowPtr(y), b.rowPtr(y), size_t(a.packedLineBytes())) != 0)
+            return *why = QString("row %1 differs").arg(y), false;
     return true;
 }
 

@@ -36,9 +36,7 @@ const char* const ExtractId = "de.korvel.Vistrel.CxExtractChannelCnbl";
 CxSyntheticCamera::SxConfig cameraFor(const QString& kind, quint32 w, quint32 h, int cfa, quint32 bits, quint32 seed)
 {
     CxSyntheticCamera::SxConfig c;
-    c.width = w;
-    c.height = h;
-    c.seed = seed;
+    c.width = w, c.height = h, c.seed = seed;
     c.dataType = kind.endsWith("16") ? IDT_UINT16 : IDT_UINT8;
     c.bitsPerSample = bits ? bits : bytesPerSampleOf(c.dataType) * 8;
     c.layout = kind.startsWith("mono")     ? CxSyntheticCamera::LayoutMono
@@ -122,13 +120,7 @@ QByteArray expectedBytes(const SxPicBuf& frame, const SxExpected& e)
 
 SxExpected bayerCell(quint32 width, quint32 height, int cell)
 {
-    SxExpected e;
-    e.x0 = quint32(cell & 1);
-    e.y0 = quint32(cell >> 1);
-    e.stepX = e.stepY = 2;
-    e.outW = width / 2;
-    e.outH = height / 2;
-    return e;
+    return SxExpected{-1, quint32(cell & 1), quint32(cell >> 1), 2, 2, width / 2, height / 2};
 }
 
 // Bands of single-pixel cells: every pattern period from the band's pixel.
@@ -141,12 +133,10 @@ SxExpected band(const CxSyntheticCamera::SxConfig& c, int total)
     if (!zone)
         return e;
     const QRect r = zone->sensorRect(int(c.width), int(c.height));
-    e.stepX = quint32(zone->patternWidth);
-    e.stepY = quint32(zone->patternHeight);
+    e.stepX = quint32(zone->patternWidth), e.stepY = quint32(zone->patternHeight);
     e.x0 = quint32(r.left()) + quint32(idx.band) % e.stepX;
     e.y0 = quint32(r.top()) + quint32(idx.band) / e.stepX;
-    e.outW = quint32(r.width()) / e.stepX;
-    e.outH = quint32(r.height()) / e.stepY;
+    e.outW = quint32(r.width()) / e.stepX, e.outH = quint32(r.height()) / e.stepY;
     return e;
 }
 
@@ -223,10 +213,7 @@ public:
                               CxImageMetadata* outMeta) override
     {
         out = in;
-        out.channels = 1;
-        out.dataType = IDT_FLOAT;
-        out.bitsPerSample = 32;
-        out.linePitch = 0;
+        out.channels = 1, out.dataType = IDT_FLOAT, out.bitsPerSample = 32, out.linePitch = 0;
         out.colorFilterArray = CFA_NONE;
         if (outMeta && inMeta)
             *outMeta = *inMeta;
@@ -239,10 +226,9 @@ public:
             return nullptr;
         const SxPicBuf& in = *image->picBuf();
         SxPicBuf re, im;
-        CxPicBufAPI::AllocPicBufFromHeap(re, in.width, in.height, 1, IDT_FLOAT, 32, 0, 0, DSF_PACKED, CFA_NONE, false,
-                                         true, 0);
-        CxPicBufAPI::AllocPicBufFromHeap(im, in.width, in.height, 1, IDT_FLOAT, 32, 0, 0, DSF_PACKED, CFA_NONE, false,
-                                         true, 0);
+        for (SxPicBuf* part : {&re, &im})
+            CxPicBufAPI::AllocPicBufFromHeap(*part, in.width, in.height, 1, IDT_FLOAT, 32, 0, 0, DSF_PACKED, CFA_NONE,
+                                             false, true, 0);
         for (quint32 y = 0; y < in.height; ++y)
             for (quint32 x = 0; x < in.width; ++x)
                 re.row<float>(y)[x] = float(x) - 2.f * float(y);
@@ -375,8 +361,7 @@ void TestQlarrun::cameraChains_data()
     QTest::newRow("rgb16 blue plane") << SxChainCase{"rgb16", 15, 7, 0, 0, 0, {}, 2, "plane"};
     // The pattern changes the camera, not the cells Extract Channel cuts.
     QTest::newRow("bayer8 pattern 5 cell 1") << SxChainCase{"bayer8", 23, 15, 5, 0, 5, {}, 1, "cell"};
-    QTest::newRow("bayer16 12 bits cell 3 after deinterlace")
-        << SxChainCase{"bayer16", 40, 30, 4, 12, 7, {2}, 3, "cell"};
+    QTest::newRow("bayer16 12 bits cell 3 after deinterlace") << SxChainCase{"bayer16", 40, 30, 4, 12, 7, {2}, 3, "cell"};
     QTest::newRow("rgbnir16 10 bits red") << SxChainCase{"rgbnir16", 20, 14, 0, 10, 3, {}, 2, "band"};
     QTest::newRow("hsi8 visible band 6") << SxChainCase{"hsi8", 64, 48, 0, 0, 0, {}, 6, "band"};
     QTest::newRow("hsi16 12 bits infrared band 20") << SxChainCase{"hsi16", 64, 48, 0, 12, 0, {}, 20, "band"};
@@ -445,11 +430,8 @@ void TestQlarrun::cameraLayouts()
     QFETCH(SxLayoutCase, c);
 
     CxSyntheticCamera::SxConfig config;
-    config.layout = c.layout;
-    config.dataType = c.type;
-    config.bitsPerSample = quint32(c.bits);
-    config.width = quint32(c.width);
-    config.height = quint32(c.height);
+    config.layout = c.layout, config.dataType = c.type, config.bitsPerSample = quint32(c.bits);
+    config.width = quint32(c.width), config.height = quint32(c.height);
     CxSyntheticCamera camera(config);
     SxPicBufInfo format;
     CxImageMetadata meta;

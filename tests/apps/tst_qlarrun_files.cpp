@@ -173,7 +173,19 @@ QString cameraXml(const CxHsiCameraParams& hsi, int cfa, int bits)
     return doc.toString();
 }
 
+struct SxRoundTrip { int type, channels; bool colour; int padding; bool deflate; int cfa, bits, storage; };  // bits 0: the type's
+struct SxRawCase
+{
+    int type;
+    QStringList names, args;  // files written, in this order; after the folder, @ is the scratch folder
+    int cameraCfa, bits, cfa;  // cameraCfa -1: no camera description
+    QStringList outputs;      // frame files, in the order of names
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(SxRoundTrip)
+Q_DECLARE_METATYPE(SxRawCase)
 
 class TestQlarrunFiles : public QObject
 {
@@ -196,14 +208,7 @@ private slots:
 
 void TestQlarrunFiles::tiffRoundTrip_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("channels");
-    QTest::addColumn<bool>("colour");
-    QTest::addColumn<int>("padding");
-    QTest::addColumn<bool>("deflate");
-    QTest::addColumn<int>("cfa");
-    QTest::addColumn<int>("bits");     // 0: the type's
-    QTest::addColumn<int>("storage");
+    QTest::addColumn<SxRoundTrip>("c");
 
     // One row per sample type; channel counts, padding and compression are
     // spread over them so that each meets the writer at least once.
@@ -213,24 +218,18 @@ void TestQlarrunFiles::tiffRoundTrip_data()
         const bool padded = (n % 2) == 0, deflate = (n % 3) == 0;
         QTest::addRow("%s x%d%s%s", qPrintable(dataTypeName(types[n])), ch, padded ? " padded" : "",
                       deflate ? " deflate" : "")
-            << int(types[n]) << ch << (ch >= 3) << (padded ? 7 : 0) << deflate << 0 << 0 << int(DSF_PACKED);
+            << SxRoundTrip{int(types[n]), ch, ch >= 3, padded ? 7 : 0, deflate, 0, 0, int(DSF_PACKED)};
     }
-    QTest::newRow("u8 x3 numbered channels") << int(IDT_UINT8) << 3 << false << 0 << false << 0 << 0 << int(DSF_PACKED);
-    QTest::newRow("u16 x1 bayer GRBG 12 bits") << int(IDT_UINT16) << 1 << false << 2 << true << 2 << 12 << int(DSF_PACKED);
-    QTest::newRow("u8 x1 hyperspectral") << int(IDT_UINT8) << 1 << false << 0 << false << 7 << 6 << int(DSF_PACKED);
-    QTest::newRow("u16 x1 mosaic not raw") << int(IDT_UINT16) << 1 << false << 0 << false << 4 << 0 << int(DSF_NOT_RAW);
+    QTest::newRow("u8 x3 numbered channels") << SxRoundTrip{int(IDT_UINT8), 3, false, 0, false, 0, 0, int(DSF_PACKED)};
+    QTest::newRow("u16 x1 bayer GRBG 12 bits") << SxRoundTrip{int(IDT_UINT16), 1, false, 2, true, 2, 12, int(DSF_PACKED)};
+    QTest::newRow("u8 x1 hyperspectral") << SxRoundTrip{int(IDT_UINT8), 1, false, 0, false, 7, 6, int(DSF_PACKED)};
+    QTest::newRow("u16 x1 mosaic not raw") << SxRoundTrip{int(IDT_UINT16), 1, false, 0, false, 4, 0, int(DSF_NOT_RAW)};
 }
 
 void TestQlarrunFiles::tiffRoundTrip()
 {
-    QFETCH(int, type);
-    QFETCH(int, channels);
-    QFETCH(bool, colour);
-    QFETCH(int, padding);
-    QFETCH(bool, deflate);
-    QFETCH(int, cfa);
-    QFETCH(int, bits);
-    QFETCH(int, storage);
+    QFETCH(SxRoundTrip, c);
+    const auto [type, channels, colour, padding, deflate, cfa, bits, storage] = c;
 
     SxHeapPicture src;
     QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), quint32(padding)));
@@ -323,16 +322,15 @@ void TestQlarrunFiles::pngAndPnm_data()
         }
         return image;
     };
-    QImage grey8 = patterned(QImage::Format_Grayscale8);
-    QTest::newRow("png grey 8") << pngBytes(grey8) << int(IDT_UINT8) << 1 << 8 << imageSamples(grey8, 1, 1);
-    QImage grey16 = patterned(QImage::Format_Grayscale16);
-    QTest::newRow("png grey 16") << pngBytes(grey16) << int(IDT_UINT16) << 1 << 16 << imageSamples(grey16, 1, 2);
-    QImage rgb8 = patterned(QImage::Format_RGB888);
-    QTest::newRow("png rgb 8") << pngBytes(rgb8) << int(IDT_UINT8) << 3 << 8 << imageSamples(rgb8, 3, 1);
-    QImage rgba8 = patterned(QImage::Format_RGBA8888);
-    QTest::newRow("png rgba 8, any alpha") << pngBytes(rgba8) << int(IDT_UINT8) << 4 << 8 << imageSamples(rgba8, 4, 1);
-    QImage rgba16 = patterned(QImage::Format_RGBA64);
-    QTest::newRow("png rgba 16") << pngBytes(rgba16) << int(IDT_UINT16) << 4 << 16 << imageSamples(rgba16, 4, 2);
+    const struct { const char* name; QImage::Format format; int channels, bits; } formats[] = {
+        {"png grey 8", QImage::Format_Grayscale8, 1, 8}, {"png grey 16", QImage::Format_Grayscale16, 1, 16},
+        {"png rgb 8", QImage::Format_RGB888, 3, 8}, {"png rgba 8, any alpha", QImage::Format_RGBA8888, 4, 8},
+        {"png rgba 16", QImage::Format_RGBA64, 4, 16}};
+    for (const auto& f : formats) {
+        const QImage image = patterned(f.format);
+        QTest::newRow(f.name) << pngBytes(image) << int(f.bits == 8 ? IDT_UINT8 : IDT_UINT16) << f.channels << f.bits
+                              << imageSamples(image, f.channels, f.bits / 8);
+    }
     QImage rgbx16 = patterned(QImage::Format_RGBX64);
     QByteArray rgb16Samples;
     for (int y = 0; y < rgbx16.height(); ++y) {
@@ -393,18 +391,10 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
 {
     QTemporaryDir dir;
     QVERIFY(QDir(dir.path()).mkpath("in"));
-    struct SxCase
-    {
-        int number;
-        ExImageDataType type;
-        quint32 channels;
-    };
+    struct SxCase { int number; ExImageDataType type; quint32 channels; };
     QList<SxCase> cases;
-    int number = 3;
-    for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT}) {
-        cases.append({number, t, quint32(number % 3 == 2 ? 4 : number % 3 == 1 ? 3 : 1)});
-        ++number;
-    }
+    for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_FLOAT})
+        cases.append({int(cases.size()) + 3, t, quint32((cases.size() + 3) % 3 == 2 ? 4 : (cases.size() + 3) % 3 == 1 ? 3 : 1)});
     QString error;
     for (const SxCase& c : cases) {
         SxHeapPicture p;
@@ -451,42 +441,26 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
 
 void TestQlarrunFiles::rawFrames_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QStringList>("names");      // files written, in this order
-    QTest::addColumn<QStringList>("args");       // after the folder; @ is the scratch folder
-    QTest::addColumn<int>("cameraCfa");          // -1: no camera description
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<int>("cfa");
-    QTest::addColumn<QStringList>("outputs");    // frame files, in the order of names
+    QTest::addColumn<SxRawCase>("c");
 
-    QTest::newRow("u16 bayer GRBG, 12 bits") << int(IDT_UINT16) << QStringList{"b.raw", "a.raw", "c.raw"}
-                                             << QStringList{"--raw", "7x5", "--raw-type", "u16", "--bits", "12", "--cfa", "2"}
-                                             << -1 << 12 << 2
-                                             << QStringList{"frame_000001", "frame_000000", "frame_000002"};
-    QTest::newRow("f32 mono") << int(IDT_FLOAT) << QStringList{"one.bin"}
-                              << QStringList{"--raw", "7x5", "--raw-type", "f32"} << -1 << 32 << 0
-                              << QStringList{"frame_000000"};
-    QTest::newRow("s32, numbers from the names") << int(IDT_INT32) << QStringList{"shot_0041.raw", "shot_0007.raw"}
-                                                 << QStringList{"--raw", "7x5", "--raw-type", "s32", "--numbers-from-names"}
-                                                 << -1 << 32 << 0 << QStringList{"frame_000041", "frame_000007"};
+    QTest::newRow("u16 bayer GRBG, 12 bits")
+        << SxRawCase{IDT_UINT16, {"b.raw", "a.raw", "c.raw"}, {"--raw", "7x5", "--raw-type", "u16", "--bits", "12", "--cfa", "2"},
+                     -1, 12, 2, {"frame_000001", "frame_000000", "frame_000002"}};
+    QTest::newRow("f32 mono") << SxRawCase{IDT_FLOAT, {"one.bin"}, {"--raw", "7x5", "--raw-type", "f32"}, -1, 32, 0, {"frame_000000"}};
+    QTest::newRow("s32, numbers from the names")
+        << SxRawCase{IDT_INT32, {"shot_0041.raw", "shot_0007.raw"}, {"--raw", "7x5", "--raw-type", "s32", "--numbers-from-names"},
+                     -1, 32, 0, {"frame_000041", "frame_000007"}};
     QTest::newRow("u8 hyperspectral from a camera description")
-        << int(IDT_UINT8) << QStringList{"h.raw"} << QStringList{"--raw", "7x5", "--camera-file", "@/camera.xml"} << 7
-        << 6 << 7 << QStringList{"frame_000000"};
+        << SxRawCase{IDT_UINT8, {"h.raw"}, {"--raw", "7x5", "--camera-file", "@/camera.xml"}, 7, 6, 7, {"frame_000000"}};
     QTest::newRow("command line over camera description")
-        << int(IDT_UINT16) << QStringList{"h.raw"}
-        << QStringList{"--raw", "7x5", "--raw-type", "u16", "--camera-file", "@/camera.xml", "--cfa", "3", "--bits", "10"}
-        << 7 << 10 << 3 << QStringList{"frame_000000"};
+        << SxRawCase{IDT_UINT16, {"h.raw"}, {"--raw", "7x5", "--raw-type", "u16", "--camera-file", "@/camera.xml", "--cfa", "3", "--bits", "10"},
+                     7, 10, 3, {"frame_000000"}};
 }
 
 void TestQlarrunFiles::rawFrames()
 {
-    QFETCH(int, type);
-    QFETCH(QStringList, names);
-    QFETCH(QStringList, args);
-    QFETCH(int, cameraCfa);
-    QFETCH(int, bits);
-    QFETCH(int, cfa);
-    QFETCH(QStringList, outputs);
+    QFETCH(SxRawCase, c);
+    auto& [type, names, args, cameraCfa, bits, cfa, outputs] = c;
 
     QTemporaryDir dir;
     QVERIFY(QDir(dir.path()).mkpath("in"));
@@ -588,16 +562,14 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
                                                    << QStringList{"cut-directory.tif", "truncated"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
-    QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2
-                                              << QStringList{"damaged.png", "checksum"};
+    QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2 << QStringList{"damaged.png", "checksum"};
     QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
     QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
     QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
     QTest::newRow("raw frame of the wrong size")
         << QStringList{"@/small.raw", "--raw", "4x3", "--raw-type", "u16"} << 2
         << QStringList{"small.raw", "10 bytes", "24"};
-    QTest::newRow("second file breaks the run") << QStringList{"@/grey.tif", "@/cut.pgm"} << 2
-                                                << QStringList{"cut.pgm"};
+    QTest::newRow("second file breaks the run") << QStringList{"@/grey.tif", "@/cut.pgm"} << 2 << QStringList{"cut.pgm"};
     QTest::newRow("missing file") << QStringList{"@/gone.tif"} << 2 << QStringList{"gone.tif"};
     QTest::newRow("malformed camera description") << QStringList{"@/grey.tif", "--camera-file", "@/broken.xml"} << 2
                                                   << QStringList{"broken.xml", "line 3"};
@@ -609,8 +581,7 @@ void TestQlarrunFiles::failures_data()
                                                 << QStringList{"colour.tif", "3 channels"};
     QTest::newRow("no frame number in the name") << QStringList{"@/grey.tif", "--numbers-from-names"} << 2
                                                  << QStringList{"grey.tif", "frame number"};
-    QTest::newRow("camera option with files") << QStringList{"@/grey.tif", "--size", "8x8"} << 1
-                                              << QStringList{"--size"};
+    QTest::newRow("camera option with files") << QStringList{"@/grey.tif", "--size", "8x8"} << 1 << QStringList{"--size"};
 
     QTest::newRow("pattern on a mono camera") << QStringList{"--camera", "mono8", "--cfa", "2"} << 1
                                               << QStringList{"--cfa", "mono8"};
@@ -626,16 +597,13 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("value the node does not take") << QStringList{"--node", "Extract Channel:channelIdx=green"} << 1
                                                   << QStringList{"Extract Channel", "channelIdx=green"};
     QTest::newRow("unknown node") << QStringList{"--node", "Nosuch Node"} << 2 << QStringList{"Nosuch Node"};
-    QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2
-                                            << QStringList{"missing.xml"};
+    QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2 << QStringList{"missing.xml"};
     QTest::newRow("malformed chain document") << QStringList{"--chain", "@/chain-broken.xml"} << 2
                                               << QStringList{"chain-broken.xml"};
     QTest::newRow("document names an unknown node") << QStringList{"--chain", "@/chain-unknown.xml"} << 2
                                                     << QStringList{"chain-unknown.xml"};
-    QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3
-                                            << QStringList{"noplugins"};
-    QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4
-                                                << QStringList{"afile/out"};
+    QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
+    QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
     QTest::newRow("chain document under a file")
         << QStringList{"--node", "Deinterlace", "--save-chain", "@/afile/chain.xml"} << 4 << QStringList{"chain.xml"};
 }

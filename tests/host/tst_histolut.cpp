@@ -66,19 +66,25 @@ template <class T> void fillRandom_T(TestPic& p, std::mt19937& rng)
     }
 }
 
+// Calls f with a value of the sample type.
+template <class F> auto onType(ExImageDataType t, F&& f)
+{
+    switch (t) {
+    case IDT_INT8: return f(qint8());
+    case IDT_UINT8: return f(quint8());
+    case IDT_INT16: return f(qint16());
+    case IDT_UINT16: return f(quint16());
+    case IDT_INT32: return f(qint32());
+    case IDT_UINT32: return f(quint32());
+    default: return f(float());
+    }
+}
+
 double sampleAt(const SxPicBuf& p, int x, int y, int c)
 {
-    const uchar* r = p.data + qint64(y) * p.linePitch;
-    const qint64 i = qint64(x) * p.channels + c;
-    switch (p.dataType) {
-    case IDT_INT8: return reinterpret_cast<const qint8*>(r)[i];
-    case IDT_UINT8: return reinterpret_cast<const quint8*>(r)[i];
-    case IDT_INT16: return reinterpret_cast<const qint16*>(r)[i];
-    case IDT_UINT16: return reinterpret_cast<const quint16*>(r)[i];
-    case IDT_INT32: return reinterpret_cast<const qint32*>(r)[i];
-    case IDT_UINT32: return reinterpret_cast<const quint32*>(r)[i];
-    default: return reinterpret_cast<const float*>(r)[i];
-    }
+    return onType(p.dataType, [&](auto v) {
+        return double(reinterpret_cast<const decltype(v)*>(p.data + qint64(y) * p.linePitch)[qint64(x) * p.channels + c]);
+    });
 }
 
 struct RefHisto
@@ -116,7 +122,12 @@ RefHisto reference(const SxPicBuf& p, QRect roi, bool perCell, const CxHsiCamera
             }
     return ref;
 }
+struct HistoCase { int type; uint channels; bool colour; QSize size; uint pad, bits; QRect roi; int cfa; };
+struct CompatCase { bool rgb; int inType; uint inChannels, inBits; int outType; uint outChannels; QSize outSize; bool compatible; };
 } // namespace
+
+Q_DECLARE_METATYPE(HistoCase)
+Q_DECLARE_METATYPE(CompatCase)
 
 class TstHistoLut : public QObject
 {
@@ -124,64 +135,40 @@ class TstHistoLut : public QObject
 private slots:
     void histogramVsLoop_data()
     {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<uint>("channels");
-        QTest::addColumn<bool>("colour");
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<uint>("pad");
-        QTest::addColumn<uint>("bits");
-        QTest::addColumn<QRect>("roi");
-        QTest::addColumn<int>("cfa");  // with per-cell records when not 0
+        QTest::addColumn<HistoCase>("c");  // cfa: with per-cell records when not 0
         const QRect all;  // empty: the whole picture
-        QTest::newRow("u8 mono 1x1") << int(IDT_UINT8) << 1u << false << QSize(1, 1) << 0u << 0u << all << 0;
-        QTest::newRow("u8 mono one row") << int(IDT_UINT8) << 1u << false << QSize(37, 1) << 0u << 0u << QRect(0, 0, -1, -1) << 0;
-        QTest::newRow("u8 mono one column") << int(IDT_UINT8) << 1u << false << QSize(1, 29) << 3u << 0u << all << 0;
-        QTest::newRow("u8 mono odd padded roi") << int(IDT_UINT8) << 1u << false << QSize(33, 17) << 5u << 0u << QRect(3, 2, 21, 13) << 0;
-        QTest::newRow("u8 mono parallel") << int(IDT_UINT8) << 1u << false << QSize(301, 251) << 3u << 0u << all << 0;
-        QTest::newRow("s8 mono padded") << int(IDT_INT8) << 1u << false << QSize(19, 11) << 1u << 0u << all << 0;
-        QTest::newRow("u16 12 bits with overrange") << int(IDT_UINT16) << 1u << false << QSize(301, 223) << 1u << 12u << all << 0;
-        QTest::newRow("s16 bgr roi clipped") << int(IDT_INT16) << 3u << false << QSize(23, 19) << 2u << 0u << QRect(5, 7, 100, 100) << 0;
-        QTest::newRow("u16 bgra colour") << int(IDT_UINT16) << 4u << true << QSize(17, 9) << 0u << 16u << all << 0;
-        QTest::newRow("u8 bgr parallel") << int(IDT_UINT8) << 3u << true << QSize(160, 150) << 0u << 0u << all << 0;
-        QTest::newRow("u8 four plain channels") << int(IDT_UINT8) << 4u << false << QSize(13, 7) << 2u << 0u << all << 0;
-        QTest::newRow("u8 two channels") << int(IDT_UINT8) << 2u << false << QSize(13, 7) << 0u << 0u << all << 0;
-        QTest::newRow("u32 20 bits") << int(IDT_UINT32) << 1u << false << QSize(29, 31) << 1u << 20u << all << 0;
-        QTest::newRow("s32 mono parallel") << int(IDT_INT32) << 1u << false << QSize(300, 250) << 0u << 0u << all << 0;
-        QTest::newRow("f32 mono with nan and inf") << int(IDT_FLOAT) << 1u << false << QSize(31, 17) << 3u << 0u << all << 0;
-        QTest::newRow("f32 rgba not colour") << int(IDT_FLOAT) << 4u << true << QSize(11, 5) << 0u << 0u << QRect(1, 1, 9, 3) << 0;
-        QTest::newRow("u16 bayer cells odd roi") << int(IDT_UINT16) << 1u << false << QSize(37, 21) << 2u << 0u << QRect(3, 5, 21, 11) << int(CFA_BAYER_GRBG);
-        QTest::newRow("u8 hsi cells of 2x2 in a zone") << int(IDT_UINT8) << 1u << false << QSize(41, 33) << 1u << 0u << all << int(CFA_HSI_MOSAIC);
+        QTest::newRow("u8 mono 1x1") << HistoCase{int(IDT_UINT8), 1u, false, QSize(1, 1), 0u, 0u, all, 0};
+        QTest::newRow("u8 mono one row") << HistoCase{int(IDT_UINT8), 1u, false, QSize(37, 1), 0u, 0u, QRect(0, 0, -1, -1), 0};
+        QTest::newRow("u8 mono one column") << HistoCase{int(IDT_UINT8), 1u, false, QSize(1, 29), 3u, 0u, all, 0};
+        QTest::newRow("u8 mono odd padded roi") << HistoCase{int(IDT_UINT8), 1u, false, QSize(33, 17), 5u, 0u, QRect(3, 2, 21, 13), 0};
+        QTest::newRow("u8 mono parallel") << HistoCase{int(IDT_UINT8), 1u, false, QSize(301, 251), 3u, 0u, all, 0};
+        QTest::newRow("s8 mono padded") << HistoCase{int(IDT_INT8), 1u, false, QSize(19, 11), 1u, 0u, all, 0};
+        QTest::newRow("u16 12 bits with overrange") << HistoCase{int(IDT_UINT16), 1u, false, QSize(301, 223), 1u, 12u, all, 0};
+        QTest::newRow("s16 bgr roi clipped") << HistoCase{int(IDT_INT16), 3u, false, QSize(23, 19), 2u, 0u, QRect(5, 7, 100, 100), 0};
+        QTest::newRow("u16 bgra colour") << HistoCase{int(IDT_UINT16), 4u, true, QSize(17, 9), 0u, 16u, all, 0};
+        QTest::newRow("u8 bgr parallel") << HistoCase{int(IDT_UINT8), 3u, true, QSize(160, 150), 0u, 0u, all, 0};
+        QTest::newRow("u8 four plain channels") << HistoCase{int(IDT_UINT8), 4u, false, QSize(13, 7), 2u, 0u, all, 0};
+        QTest::newRow("u8 two channels") << HistoCase{int(IDT_UINT8), 2u, false, QSize(13, 7), 0u, 0u, all, 0};
+        QTest::newRow("u32 20 bits") << HistoCase{int(IDT_UINT32), 1u, false, QSize(29, 31), 1u, 20u, all, 0};
+        QTest::newRow("s32 mono parallel") << HistoCase{int(IDT_INT32), 1u, false, QSize(300, 250), 0u, 0u, all, 0};
+        QTest::newRow("f32 mono with nan and inf") << HistoCase{int(IDT_FLOAT), 1u, false, QSize(31, 17), 3u, 0u, all, 0};
+        QTest::newRow("f32 rgba not colour") << HistoCase{int(IDT_FLOAT), 4u, true, QSize(11, 5), 0u, 0u, QRect(1, 1, 9, 3), 0};
+        QTest::newRow("u16 bayer cells odd roi") << HistoCase{int(IDT_UINT16), 1u, false, QSize(37, 21), 2u, 0u, QRect(3, 5, 21, 11), int(CFA_BAYER_GRBG)};
+        QTest::newRow("u8 hsi cells of 2x2 in a zone") << HistoCase{int(IDT_UINT8), 1u, false, QSize(41, 33), 1u, 0u, all, int(CFA_HSI_MOSAIC)};
     }
     void histogramVsLoop()
     {
-        QFETCH(int, type);
-        QFETCH(uint, channels);
-        QFETCH(bool, colour);
-        QFETCH(QSize, size);
-        QFETCH(uint, pad);
-        QFETCH(uint, bits);
-        QFETCH(QRect, roi);
-        QFETCH(int, cfa);
+        QFETCH(HistoCase, c);
+        const auto [type, channels, colour, size, pad, bits, roi, cfa] = c;
         const auto t = ExImageDataType(type);
         TestPic p(format(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour));
         p.pic.colorFilterArray = ExColorFilterArray(cfa);
         std::mt19937 rng(uint(size.width() * 7919 + size.height() + type));
-        switch (t) {
-        case IDT_INT8: fillRandom_T<qint8>(p, rng); break;
-        case IDT_UINT8: fillRandom_T<quint8>(p, rng); break;
-        case IDT_INT16: fillRandom_T<qint16>(p, rng); break;
-        case IDT_UINT16: fillRandom_T<quint16>(p, rng); break;
-        case IDT_INT32: fillRandom_T<qint32>(p, rng); break;
-        case IDT_UINT32: fillRandom_T<quint32>(p, rng); break;
-        default: fillRandom_T<float>(p, rng); break;
-        }
+        onType(t, [&](auto v) { fillRandom_T<decltype(v)>(p, rng); });
         CxImageMetadata meta;
         CxHsiCameraParams::CxFilterZone z;
         z.rect = QRect(QPoint(3, 2), QPoint(36, 30));
-        z.patternWidth = 3;
-        z.patternHeight = 2;
-        z.cellWidth = 2;
-        z.cellHeight = 2;
+        z.patternWidth = 3, z.patternHeight = 2, z.cellWidth = 2, z.cellHeight = 2;
         z.bands = {{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}, {"e", 5}, {"f", 6}};
         meta.hsiCameraParams().addFilterZone(z);
 
@@ -263,22 +250,6 @@ private slots:
             QVERIFY2(qAbs(h.statistics(0)[i] - stats[i]) < 1e-12, qPrintable(QString("statistic %1").arg(i)));
         if (binCount)
             QCOMPARE(h.bins(0)[10], quint64(1));
-    }
-
-    void colourRecordsAreRedGreenBlue()
-    {
-        TestPic p(format(IDT_UINT8, 3, 2, 4, 0, 0, true));
-        for (int y = 0; y < 2; ++y)
-            for (int x = 0; x < 3; ++x) {
-                quint8* px = p.row<quint8>(y) + 4 * x;
-                px[0] = 10, px[1] = 20, px[2] = 30, px[3] = 255;  // blue, green, red, alpha
-            }
-        H h;
-        QVERIFY(CxPicBufMeas::measureHistogram(h, p.pic, QRect(), H::HDF_All, nullptr));
-        QCOMPARE(h.channels(), 3);
-        QCOMPARE(h.level(0), 30.0);
-        QCOMPARE(h.level(1), 20.0);
-        QCOMPARE(h.level(2), 10.0);
     }
 
     void badInputAnswersFalse_data()
@@ -446,15 +417,8 @@ private slots:
             for (int x = 0; x < 80; ++x)
                 in.row<quint8>(y)[x] = quint8(x * 255 / 80);
         QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
-        const QImage img(out.pic.data, 80, 16, int(out.pic.linePitch), QImage::Format_RGB32);
-        for (int x : {0, 1, 40, 79}) {
-            QCOMPARE(img.pixel(x, 15), CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
-            const quint8* px = out.row<quint8>(15) + 4 * x;
-            const QRgb want = CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80);
-            QCOMPARE(int(px[0]), qBlue(want));
-            QCOMPARE(int(px[2]), qRed(want));
-            QCOMPARE(int(px[3]), 255);
-        }
+        for (int x : {0, 1, 40, 79})  // stored alpha too, not only what QImage shows
+            QCOMPARE(out.row<quint32>(15)[x], CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
 
         // Colour input keeps its blue, green, red order; a 16-bit window maps to 8 bits.
         CxLut colour(12, 3, true, IDT_UINT16);
@@ -476,35 +440,22 @@ private slots:
 
     void compatibility_data()
     {
-        QTest::addColumn<bool>("rgb");
-        QTest::addColumn<int>("inType");
-        QTest::addColumn<uint>("inChannels");
-        QTest::addColumn<uint>("inBits");
-        QTest::addColumn<int>("outType");
-        QTest::addColumn<uint>("outChannels");
-        QTest::addColumn<QSize>("outSize");
-        QTest::addColumn<bool>("compatible");
+        QTest::addColumn<CompatCase>("c");
         const QSize s(9, 7);
-        QTest::newRow("same format") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 1u << s << true;
-        QTest::newRow("other type in") << false << int(IDT_INT16) << 1u << 12u << int(IDT_UINT16) << 1u << s << false;
-        QTest::newRow("other bits in") << false << int(IDT_UINT16) << 1u << 10u << int(IDT_UINT16) << 1u << s << false;
-        QTest::newRow("other channels in") << false << int(IDT_UINT16) << 3u << 12u << int(IDT_UINT16) << 3u << s << false;
-        QTest::newRow("8-bit out for 16-bit table") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 1u << s << false;
-        QTest::newRow("other size out") << false << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 1u << QSize(9, 6) << false;
-        QTest::newRow("rgb out") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 4u << s << true;
-        QTest::newRow("rgb into 16-bit out") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT16) << 4u << s << false;
-        QTest::newRow("rgb into 3 channels") << true << int(IDT_UINT16) << 1u << 12u << int(IDT_UINT8) << 3u << s << false;
+        QTest::newRow("same format") << CompatCase{false, int(IDT_UINT16), 1u, 12u, int(IDT_UINT16), 1u, s, true};
+        QTest::newRow("other type in") << CompatCase{false, int(IDT_INT16), 1u, 12u, int(IDT_UINT16), 1u, s, false};
+        QTest::newRow("other bits in") << CompatCase{false, int(IDT_UINT16), 1u, 10u, int(IDT_UINT16), 1u, s, false};
+        QTest::newRow("other channels in") << CompatCase{false, int(IDT_UINT16), 3u, 12u, int(IDT_UINT16), 3u, s, false};
+        QTest::newRow("8-bit out for 16-bit table") << CompatCase{false, int(IDT_UINT16), 1u, 12u, int(IDT_UINT8), 1u, s, false};
+        QTest::newRow("other size out") << CompatCase{false, int(IDT_UINT16), 1u, 12u, int(IDT_UINT16), 1u, QSize(9, 6), false};
+        QTest::newRow("rgb out") << CompatCase{true, int(IDT_UINT16), 1u, 12u, int(IDT_UINT8), 4u, s, true};
+        QTest::newRow("rgb into 16-bit out") << CompatCase{true, int(IDT_UINT16), 1u, 12u, int(IDT_UINT16), 4u, s, false};
+        QTest::newRow("rgb into 3 channels") << CompatCase{true, int(IDT_UINT16), 1u, 12u, int(IDT_UINT8), 3u, s, false};
     }
     void compatibility()
     {
-        QFETCH(bool, rgb);
-        QFETCH(int, inType);
-        QFETCH(uint, inChannels);
-        QFETCH(uint, inBits);
-        QFETCH(int, outType);
-        QFETCH(uint, outChannels);
-        QFETCH(QSize, outSize);
-        QFETCH(bool, compatible);
+        QFETCH(CompatCase, c);
+        const auto [rgb, inType, inChannels, inBits, outType, outChannels, outSize, compatible] = c;
         CxLut lut(12, 1, false, IDT_UINT16);
         TestPic in(format(ExImageDataType(inType), 9, 7, inChannels, 0, inBits));
         TestPic out(format(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels));

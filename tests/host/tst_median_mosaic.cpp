@@ -13,6 +13,27 @@
 
 namespace {
 
+SxPicBufInfo info(quint32 w, quint32 h, ExImageDataType t)
+{
+    SxPicBufInfo f;
+    f.width = w, f.height = h, f.channels = 1, f.dataType = t, f.bitsPerSample = bytesPerSampleOf(t) * 8;
+    return f;
+}
+
+// Calls f with a value of the sample type.
+template <class F> void onType(ExImageDataType t, F&& f)
+{
+    switch (t) {
+    case IDT_INT8: return f(qint8());
+    case IDT_UINT8: return f(quint8());
+    case IDT_INT16: return f(qint16());
+    case IDT_UINT16: return f(quint16());
+    case IDT_INT32: return f(qint32());
+    case IDT_UINT32: return f(quint32());
+    default: return f(float());
+    }
+}
+
 // A picture over exactly the bytes its rows need (no slack after the last
 // row), so the sanitizer catches any read or write past it.
 struct TightPic
@@ -21,12 +42,7 @@ struct TightPic
     SxPicBuf p;
     TightPic(quint32 w, quint32 h, ExImageDataType t, quint32 padBytes = 0)
     {
-        SxPicBufInfo f;
-        f.width = w;
-        f.height = h;
-        f.channels = 1;
-        f.dataType = t;
-        f.bitsPerSample = bytesPerSampleOf(t) * 8;
+        SxPicBufInfo f = info(w, h, t);
         f.linePitch = quint32(f.packedLineBytes()) + padBytes;
         const quint64 bytes = std::max<quint64>(f.requiredBytes(), 1);
         mem.reset(new uchar[bytes]);
@@ -55,15 +71,7 @@ void fillRandom(TightPic& pic, quint32 seed, int distinct = 0)
 
 void fillAny(TightPic& pic, quint32 seed, int distinct = 0)
 {
-    switch (pic.p.dataType) {
-    case IDT_INT8: return fillRandom<qint8>(pic, seed, distinct);
-    case IDT_UINT8: return fillRandom<quint8>(pic, seed, distinct);
-    case IDT_INT16: return fillRandom<qint16>(pic, seed, distinct);
-    case IDT_UINT16: return fillRandom<quint16>(pic, seed, distinct);
-    case IDT_INT32: return fillRandom<qint32>(pic, seed, distinct);
-    case IDT_UINT32: return fillRandom<quint32>(pic, seed, distinct);
-    default: return fillRandom<float>(pic, seed, distinct);
-    }
+    onType(pic.p.dataType, [&](auto v) { fillRandom<decltype(v)>(pic, seed, distinct); });
 }
 
 template <class T>
@@ -162,19 +170,6 @@ void naiveMosaic(const TightPic& in, Stat st, QRect rect, int px, int py, TightP
     }
 }
 
-void naiveMosaicAny(const TightPic& in, Stat st, QRect rect, int px, int py, TightPic& out)
-{
-    switch (in.p.dataType) {
-    case IDT_INT8: return naiveMosaic<qint8>(in, st, rect, px, py, out);
-    case IDT_UINT8: return naiveMosaic<quint8>(in, st, rect, px, py, out);
-    case IDT_INT16: return naiveMosaic<qint16>(in, st, rect, px, py, out);
-    case IDT_UINT16: return naiveMosaic<quint16>(in, st, rect, px, py, out);
-    case IDT_INT32: return naiveMosaic<qint32>(in, st, rect, px, py, out);
-    case IDT_UINT32: return naiveMosaic<quint32>(in, st, rect, px, py, out);
-    default: return naiveMosaic<float>(in, st, rect, px, py, out);
-    }
-}
-
 bool closeFloats(const TightPic& a, const TightPic& b)
 {
     for (quint32 y = 0; y < a.p.height; ++y)
@@ -187,22 +182,18 @@ bool closeFloats(const TightPic& a, const TightPic& b)
 struct MedianWork
 {
     void* buf = nullptr;
-    MedianWork(quint32 w, ExImageDataType t, int r)
-    {
-        SxPicBufInfo f;
-        f.width = w;
-        f.height = 1;
-        f.channels = 1;
-        f.dataType = t;
-        CxPicBufAPI::MedianAllocBuffer(f, r, &buf);
-    }
+    MedianWork(quint32 w, ExImageDataType t, int r) { CxPicBufAPI::MedianAllocBuffer(info(w, 1, t), r, &buf); }
     ~MedianWork() { CxPicBufAPI::MedianFreeBuffer(buf); }
 };
+
+struct MedianCase { ExImageDataType type; int w, h, radius, pad, distinct; };
+struct MosaicCase { ExImageDataType type; Stat stat; QRect rect; int px, py; bool sliding; int w; };
 
 } // namespace
 
 Q_DECLARE_METATYPE(ExImageDataType)
-Q_DECLARE_METATYPE(Stat)
+Q_DECLARE_METATYPE(MedianCase)
+Q_DECLARE_METATYPE(MosaicCase)
 
 class TstMedianMosaic : public QObject
 {
@@ -210,12 +201,7 @@ class TstMedianMosaic : public QObject
 private slots:
     void median_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<int>("w");
-        QTest::addColumn<int>("h");
-        QTest::addColumn<int>("radius");
-        QTest::addColumn<int>("pad");
-        QTest::addColumn<int>("distinct");
+        QTest::addColumn<MedianCase>("c");
         const QList<QPair<int, int>> sizes = {{1, 1}, {37, 1}, {1, 29}, {3, 2}, {37, 23}, {70, 9}, {33, 40}, {289, 7}};
         for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
             for (const auto& s : sizes)
@@ -225,23 +211,19 @@ private slots:
                         const int distinct = (s.first + r) % 3 == 0 ? 3 : 0;
                         QTest::addRow("%s %dx%d r%d%s%s", t == IDT_UINT8 ? "u8" : "u16", s.first, s.second, r,
                                       pad ? " padded" : "", distinct ? " ties" : "")
-                            << t << s.first << s.second << r << pad << distinct;
+                            << MedianCase{t, s.first, s.second, r, pad, distinct};
                     }
+        QTest::newRow("u16 300x90 r6") << MedianCase{IDT_UINT16, 300, 90, 6, 0, 0};
+        QTest::newRow("u8 300x12 r20 across strips") << MedianCase{IDT_UINT8, 300, 12, 20, 0, 0};
+        QTest::newRow("u8 12x5 r130 beyond 16-bit column counts") << MedianCase{IDT_UINT8, 12, 5, 130, 0, 0};
     }
     void median()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(int, w);
-        QFETCH(int, h);
-        QFETCH(int, radius);
-        QFETCH(int, pad);
-        QFETCH(int, distinct);
+        QFETCH(MedianCase, c);
+        const auto [type, w, h, radius, pad, distinct] = c;
         TightPic in(w, h, type, pad), out(w, h, type, pad + 2), ref(w, h, type, pad + 2);
         fillAny(in, quint32(w * 131 + h * 7 + radius), distinct);
-        if (type == IDT_UINT8)
-            naiveMedian<quint8>(in, ref, radius);
-        else
-            naiveMedian<quint16>(in, ref, radius);
+        onType(type, [&](auto v) { naiveMedian<decltype(v)>(in, ref, c.radius); });
         MedianWork work(quint32(w), type, radius);
         QVERIFY(CxPicBufAPI::Median(in.p, out.p, radius, work.buf));
         QVERIFY(sameSamples(out, ref));
@@ -272,33 +254,6 @@ private slots:
         cv::Mat expected;
         cv::medianBlur(asMat(in), expected, ksize);
         QCOMPARE(cv::norm(asMat(out), expected, cv::NORM_INF), 0.0);
-    }
-
-    void medianLargeRadius_data()
-    {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<int>("w");
-        QTest::addColumn<int>("h");
-        QTest::addColumn<int>("radius");
-        QTest::newRow("u16 r6") << IDT_UINT16 << 300 << 90 << 6;
-        QTest::newRow("u8 r20 across strips") << IDT_UINT8 << 300 << 12 << 20;
-        QTest::newRow("u8 r130 beyond 16-bit column counts") << IDT_UINT8 << 12 << 5 << 130;
-    }
-    void medianLargeRadius()
-    {
-        QFETCH(ExImageDataType, type);
-        QFETCH(int, w);
-        QFETCH(int, h);
-        QFETCH(int, radius);
-        TightPic in(w, h, type), out(w, h, type), ref(w, h, type);
-        fillAny(in, 5);
-        if (type == IDT_UINT8)
-            naiveMedian<quint8>(in, ref, radius);
-        else
-            naiveMedian<quint16>(in, ref, radius);
-        MedianWork work(quint32(w), type, radius);
-        QVERIFY(CxPicBufAPI::Median(in.p, out.p, radius, work.buf));
-        QVERIFY(sameSamples(out, ref));
     }
 
     void radiusZeroCopiesAndBiggerBufferServes()
@@ -347,11 +302,7 @@ private slots:
 
     void medianAllocRefusals()
     {
-        SxPicBufInfo f;
-        f.width = 16;
-        f.height = 4;
-        f.channels = 1;
-        f.dataType = IDT_INT8;
+        SxPicBufInfo f = info(16, 4, IDT_INT8);
         void* buf = reinterpret_cast<void*>(1);
         QVERIFY(!CxPicBufAPI::MedianAllocBuffer(f, 1, &buf));
         QCOMPARE(buf, nullptr);
@@ -363,13 +314,7 @@ private slots:
 
     void mosaic_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<Stat>("stat");
-        QTest::addColumn<QRect>("rect");
-        QTest::addColumn<int>("px");
-        QTest::addColumn<int>("py");
-        QTest::addColumn<bool>("sliding");
-        QTest::addColumn<int>("w");
+        QTest::addColumn<MosaicCase>("c");
         const char* statNames[] = {"min", "max", "avg", "normalize"};
         struct Geo { const char* name; QRect rect; int px, py, w; };
         const Geo geos[] = {{"bayer", QRect(0, 0, 75, 23), 2, 2, 75},
@@ -385,7 +330,7 @@ private slots:
                             continue;
                         QTest::addRow("%s %s %s%s", t == IDT_UINT8 ? "u8" : "u16", g.name, statNames[st],
                                       sliding && st != Normalize ? " sliding" : "")
-                            << t << Stat(st) << g.rect << g.px << g.py << sliding << g.w;
+                            << MosaicCase{t, Stat(st), g.rect, g.px, g.py, sliding, g.w};
                     }
         // The wider and signed types share one code path; one geometry each.
         const QPair<ExImageDataType, const char*> others[] = {
@@ -395,17 +340,12 @@ private slots:
                 for (bool sliding : {false, true})
                     if (st != Normalize || sliding)
                         QTest::addRow("%s 3x3 in rect %s%s", o.second, statNames[st], sliding ? " sliding" : "")
-                            << o.first << Stat(st) << QRect(3, 2, 29, 17) << 3 << 3 << sliding << 37;
+                            << MosaicCase{o.first, Stat(st), QRect(3, 2, 29, 17), 3, 3, sliding, 37};
     }
     void mosaic()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(Stat, stat);
-        QFETCH(QRect, rect);
-        QFETCH(int, px);
-        QFETCH(int, py);
-        QFETCH(bool, sliding);
-        QFETCH(int, w);
+        QFETCH(MosaicCase, c);
+        const auto [type, stat, rect, px, py, sliding, w] = c;
         const int h = 23;
         TightPic in(w, h, type, 8);
         fillAny(in, quint32(w + px * 10 + int(stat)));
@@ -413,7 +353,7 @@ private slots:
         const int ow = sliding ? w : clipped.width() / px, oh = sliding ? h : clipped.height() / py;
         TightPic out(ow, oh, type, 4), ref(ow, oh, type, 4);
         QVERIFY(runFilter(stat, in.p, rect, px, py, out.p));
-        naiveMosaicAny(in, stat, rect, px, py, ref);
+        onType(type, [&](auto v) { naiveMosaic<decltype(v)>(in, c.stat, c.rect, c.px, c.py, ref); });
         QVERIFY(type == IDT_FLOAT ? closeFloats(out, ref) : sameSamples(out, ref));
     }
 

@@ -24,18 +24,13 @@ const QSize shapes[] = {{1, 1}, {1, 9}, {9, 1}, {7, 5}, {33, 17}};
 SxPicBufInfo fmt(quint32 w, quint32 h, ExImageDataType t, quint32 ch = 1, bool isColor = false, quint32 bits = 0)
 {
     SxPicBufInfo f;
-    f.width = w;
-    f.height = h;
-    f.channels = ch;
-    f.dataType = t;
+    f.width = w, f.height = h, f.channels = ch, f.dataType = t, f.isColor = isColor;
     f.bitsPerSample = bits ? bits : bytesPerSampleOf(t) * 8;
-    f.isColor = isColor;
     return f;
 }
 SxPicBufInfo resized(SxPicBufInfo f, QSize s)
 {
-    f.width = quint32(s.width());
-    f.height = quint32(s.height());
+    f.width = quint32(s.width()), f.height = quint32(s.height());
     return f;
 }
 
@@ -133,8 +128,14 @@ const char* name(ExImageDataType t)
     return names[t].constData();
 }
 
+// The first samples of a 7 x 3 picture; the rest are 1.5.
+struct MinMaxCase { int type; QList<double> samples; bool ignoreNonFinite, found; float min, max; };
+struct CopyCase { int type; quint32 channels; bool samePicture; QRect from; QPoint to; };
+
 } // namespace
 
+Q_DECLARE_METATYPE(MinMaxCase)
+Q_DECLARE_METATYPE(CopyCase)
 Q_DECLARE_METATYPE(Op)
 Q_DECLARE_METATYPE(Ref)
 Q_DECLARE_METATYPE(SxPicBufInfo)
@@ -344,31 +345,22 @@ void TstPicBufOps::bayerToRgb()
 
 void TstPicBufOps::floatMinMax_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QList<double>>("samples");  // first samples of a 7 x 3 picture; the rest are 1.5
-    QTest::addColumn<bool>("ignoreNonFinite");
-    QTest::addColumn<bool>("found");
-    QTest::addColumn<float>("min");
-    QTest::addColumn<float>("max");
+    QTest::addColumn<MinMaxCase>("c");
     const double nan = qQNaN(), inf = qInf();
-    QTest::newRow("plain") << int(IDT_FLOAT) << QList<double>{3, -2.5, 8} << false << true << -2.5f << 8.f;
-    QTest::newRow("NaN skipped") << int(IDT_FLOAT) << QList<double>{nan, 2, nan} << false << true << 1.5f << 2.f;
-    QTest::newRow("infinities count") << int(IDT_FLOAT) << QList<double>{-inf, 2, inf} << false << true << float(-inf) << float(inf);
-    QTest::newRow("infinities ignored") << int(IDT_FLOAT) << QList<double>{-inf, 2, inf, nan} << true << true << 1.5f << 2.f;
-    QTest::newRow("double beyond float") << int(IDT_DOUBLE) << QList<double>{1e300, -7} << false << true << -7.f << float(inf);
-    QTest::newRow("all NaN") << int(IDT_FLOAT) << QList<double>(21, nan) << false << false << 0.f << 0.f;
-    QTest::newRow("all infinite, ignored") << int(IDT_DOUBLE) << QList<double>(21, inf) << true << false << 0.f << 0.f;
-    QTest::newRow("u16 refused") << int(IDT_UINT16) << QList<double>{3} << false << false << 0.f << 0.f;
+    QTest::newRow("plain") << MinMaxCase{int(IDT_FLOAT), QList<double>{3, -2.5, 8}, false, true, -2.5f, 8.f};
+    QTest::newRow("NaN skipped") << MinMaxCase{int(IDT_FLOAT), QList<double>{nan, 2, nan}, false, true, 1.5f, 2.f};
+    QTest::newRow("infinities count") << MinMaxCase{int(IDT_FLOAT), QList<double>{-inf, 2, inf}, false, true, float(-inf), float(inf)};
+    QTest::newRow("infinities ignored") << MinMaxCase{int(IDT_FLOAT), QList<double>{-inf, 2, inf, nan}, true, true, 1.5f, 2.f};
+    QTest::newRow("double beyond float") << MinMaxCase{int(IDT_DOUBLE), QList<double>{1e300, -7}, false, true, -7.f, float(inf)};
+    QTest::newRow("all NaN") << MinMaxCase{int(IDT_FLOAT), QList<double>(21, nan), false, false, 0.f, 0.f};
+    QTest::newRow("all infinite, ignored") << MinMaxCase{int(IDT_DOUBLE), QList<double>(21, inf), true, false, 0.f, 0.f};
+    QTest::newRow("u16 refused") << MinMaxCase{int(IDT_UINT16), QList<double>{3}, false, false, 0.f, 0.f};
 }
 
 void TstPicBufOps::floatMinMax()
 {
-    QFETCH(int, type);
-    QFETCH(QList<double>, samples);
-    QFETCH(bool, ignoreNonFinite);
-    QFETCH(bool, found);
-    QFETCH(float, min);
-    QFETCH(float, max);
+    QFETCH(MinMaxCase, c);
+    const auto& [type, samples, ignoreNonFinite, found, min, max] = c;
     for (Layout l : {Packed, Padded, Tight}) {
         Pic pic(fmt(7, 3, ExImageDataType(type)), l);  // padding reads as -2.9e-16, below every sample
         for (int i = 0; i < 21; ++i)
@@ -382,27 +374,20 @@ void TstPicBufOps::floatMinMax()
 
 void TstPicBufOps::copyRect_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<quint32>("channels");
-    QTest::addColumn<bool>("samePicture");
-    QTest::addColumn<QRect>("from");
-    QTest::addColumn<QPoint>("to");
-    QTest::newRow("u8 inner") << int(IDT_UINT8) << 1u << false << QRect(2, 1, 4, 3) << QPoint(0, 2);
-    QTest::newRow("u16 rgb whole") << int(IDT_UINT16) << 3u << false << QRect(0, 0, 9, 7) << QPoint(0, 0);
-    QTest::newRow("f64 far corner") << int(IDT_DOUBLE) << 1u << false << QRect(8, 6, 1, 1) << QPoint(8, 6);
-    QTest::newRow("zero width at the edge") << int(IDT_UINT8) << 1u << false << QRect(9, 0, 0, 7) << QPoint(9, 0);
-    QTest::newRow("overlap down right") << int(IDT_UINT8) << 2u << true << QRect(1, 1, 6, 4) << QPoint(2, 3);
-    QTest::newRow("overlap up left") << int(IDT_UINT32) << 1u << true << QRect(2, 2, 7, 5) << QPoint(0, 1);
-    QTest::newRow("overlap in one row") << int(IDT_UINT8) << 3u << true << QRect(0, 3, 8, 1) << QPoint(1, 3);
+    QTest::addColumn<CopyCase>("k");
+    QTest::newRow("u8 inner") << CopyCase{int(IDT_UINT8), 1u, false, QRect(2, 1, 4, 3), QPoint(0, 2)};
+    QTest::newRow("u16 rgb whole") << CopyCase{int(IDT_UINT16), 3u, false, QRect(0, 0, 9, 7), QPoint(0, 0)};
+    QTest::newRow("f64 far corner") << CopyCase{int(IDT_DOUBLE), 1u, false, QRect(8, 6, 1, 1), QPoint(8, 6)};
+    QTest::newRow("zero width at the edge") << CopyCase{int(IDT_UINT8), 1u, false, QRect(9, 0, 0, 7), QPoint(9, 0)};
+    QTest::newRow("overlap down right") << CopyCase{int(IDT_UINT8), 2u, true, QRect(1, 1, 6, 4), QPoint(2, 3)};
+    QTest::newRow("overlap up left") << CopyCase{int(IDT_UINT32), 1u, true, QRect(2, 2, 7, 5), QPoint(0, 1)};
+    QTest::newRow("overlap in one row") << CopyCase{int(IDT_UINT8), 3u, true, QRect(0, 3, 8, 1), QPoint(1, 3)};
 }
 
 void TstPicBufOps::copyRect()
 {
-    QFETCH(int, type);
-    QFETCH(quint32, channels);
-    QFETCH(bool, samePicture);
-    QFETCH(QRect, from);
-    QFETCH(QPoint, to);
+    QFETCH(CopyCase, k);
+    const auto& [type, channels, samePicture, from, to] = k;
     const SxPicBufInfo f = fmt(9, 7, ExImageDataType(type), channels);
     Pic src(f, Tight), other(f, Padded);
     fillRandom(src, 5);

@@ -1,9 +1,6 @@
 #include "DeinterlaceCnbl.h"
 #include "DeinterlaceWidget.h"
-
-#include <CxChain.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
+#include "NodeTestKit.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QScopedPointer>
@@ -11,9 +8,9 @@
 #include <QtWidgets/QRadioButton>
 #include <QtXml/QDomDocument>
 
-#include <vector>
-
 Q_DECLARE_METATYPE(SxPicBufInfo)
+
+using namespace nodetest;
 
 namespace {
 
@@ -40,56 +37,19 @@ QList<int> expectedRows(int transform, int height)
     return transform >= 0 && transform < 4 ? byTransform[transform] : all;
 }
 
-SxPicBufInfo format(quint32 width, quint32 height, quint32 channels, ExImageDataType type, quint32 padding)
+// Every byte patterned, row padding too, up to the exact end of the picture.
+CxTestInput patterned(const SxPicBufInfo& f)
 {
-    SxPicBufInfo f;
-    f.width = width;
-    f.height = height;
-    f.channels = channels;
-    f.dataType = type;
-    f.bitsPerSample = bytesPerSampleOf(type) * 8;
-    f.linePitch = quint32(f.packedLineBytes()) + padding;
-    return f;
+    CxImageMetadata meta;
+    meta.setCameraName(QStringLiteral("bench camera"));
+    meta.setChannelNames({QStringLiteral("a"), QStringLiteral("b")});
+    CxTestInput input(f, {}, meta);
+    for (quint64 y = 0; y < f.height; ++y)
+        for (quint64 i = 0; i < (y + 1 == f.height ? f.packedLineBytes() : f.linePitch); ++i)
+            input.pic().data[y * f.linePitch + i] = patternByte(y, i);
+    input.pic().attachments.insert(QStringLiteral("gain"), 3);
+    return input;
 }
-
-// Exactly the bytes the format needs (no padding after the last row), so that
-// AddressSanitizer catches a read past the picture. Packets only borrow it.
-class CxTestInput
-{
-public:
-    explicit CxTestInput(const SxPicBufInfo& f)
-        : m_bytes(size_t(qMax<quint64>(f.requiredBytes(), 1)), 0)
-    {
-        for (quint64 y = 0; y < f.height; ++y) {
-            const quint64 rowBytes = y + 1 == f.height ? f.packedLineBytes() : f.linePitch;
-            for (quint64 i = 0; i < rowBytes; ++i)
-                m_bytes[size_t(y * f.linePitch + i)] = patternByte(y, i);
-        }
-        const bool wrapped = CxPicBufAPI::WrapPicBuf(m_pic, f, m_bytes.data(), m_bytes.size());
-        Q_ASSERT(wrapped);
-        Q_UNUSED(wrapped);
-        m_pic.frameNumber = 4711;
-        m_pic.exposureTimeUs = 1234.5f;
-        m_pic.timestampMs = 987654u;
-        m_pic.attachments.insert(QStringLiteral("gain"), 3);
-    }
-
-    CxImageData* packet() const
-    {
-        auto* p = new CxImageData;
-        p->setPicBuf(m_pic);
-        CxImageMetadata meta;
-        meta.setCameraName(QStringLiteral("bench camera"));
-        meta.setChannelNames({QStringLiteral("a"), QStringLiteral("b")});
-        p->setMetadata(&meta);
-        return p;
-    }
-    const SxPicBuf& pic() const { return m_pic; }
-
-private:
-    std::vector<uchar> m_bytes;
-    SxPicBuf m_pic;
-};
 
 // A host whose pool pads rows differently from the camera hands the node
 // pictures of another pitch; a careless subclass may ask for too many rows.
@@ -148,31 +108,6 @@ class CxForeignData : public IxChainData
 {
 };
 
-// Synchronous, so restarts need no threads.
-struct SxRunningChain
-{
-    CxChain chain;
-    CxDeinterlaceCnbl* node = new CxDeinterlaceCnbl;
-    int starts = 0;
-    int stops = 0;
-
-    explicit SxRunningChain(const SxPicBufInfo& input)
-    {
-        chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(input);
-        chain.appendNode(node);
-        QObject::connect(&chain, &CxChain::started, [this] { ++starts; });
-        QObject::connect(&chain, &CxChain::stoppedSignal, [this] { ++stops; });
-    }
-    // The chain stops itself when destroyed; nobody counts that any more.
-    ~SxRunningChain() { QObject::disconnect(&chain, nullptr, nullptr, nullptr); }
-    int negotiatedHeight() const
-    {
-        SxPicBufInfo out;
-        return chain.negotiatedFormat(0, out) ? int(out.height) : -1;
-    }
-};
-
 } // namespace
 
 class TestDeinterlace : public QObject
@@ -183,7 +118,6 @@ private slots:
     void standalone();
     void rows_data();
     void rows();
-    void tallerOutputStaysInside();
     void refusals_data();
     void refusals();
     void settings_data();
@@ -211,13 +145,17 @@ void TestDeinterlace::rows_data()
     QTest::addColumn<SxPicBufInfo>("in");
     QTest::addColumn<int>("transform");
     QTest::addColumn<quint32>("outPitch");
+    QTest::addColumn<quint32>("outHeight");  // 0: the transform's
 
     // Five 8-bit pixels in rows padded to 8 bytes; output rows as padded,
     // wider or narrower, but always wider than the pixels.
     for (quint32 h = 0; h <= 7; ++h)
         for (int t : {0, 1, 2, 3, 7, -1})
             for (quint32 pitch : {8u, 13u, 6u})
-                QTest::addRow("u8 h%u t%d pitch %u", h, t, pitch) << format(5, h, 1, IDT_UINT8, 3) << t << pitch;
+                QTest::addRow("u8 h%u t%d pitch %u", h, t, pitch) << format(5, h, 1, IDT_UINT8, 3) << t << pitch << 0u;
+    // Rows the input cannot fill are left alone, not read from beyond the input.
+    for (int t : {0, 2, 7})
+        QTest::addRow("taller output t%d", t) << format(4, 5, 1, IDT_UINT8) << t << 4u << 8u;
 
     // Rows move whole whatever a pixel is made of, into packed rows.
     const struct {
@@ -227,14 +165,12 @@ void TestDeinterlace::rows_data()
     } layouts[] = {{IDT_INT8, 1, 5, 1},  {IDT_UINT16, 3, 5, 2}, {IDT_HALF, 4, 5, 3}, {IDT_FLOAT, 3, 5, 1},
                    {IDT_UINT32, 1, 5, 2}, {IDT_DOUBLE, 4, 5, 3}, {IDT_UINT16, 1, 0, 0}};
     for (const auto& l : layouts) {
-        SxPicBufInfo f = format(3, 7, l.channels, l.type, l.padding);
+        SxPicBufInfo f = format(3, 7, l.channels, l.type, l.padding, l.channels == 1 ? CFA_BAYER_GBRG : CFA_NONE,
+                                DSF_NOT_RAW, l.channels > 1);
         f.bitsPerSample = 12;
         f.userFlags = 0x5a;
-        f.storageFormat = DSF_NOT_RAW;
-        f.colorFilterArray = l.channels == 1 ? CFA_BAYER_GBRG : CFA_NONE;
-        f.isColor = l.channels > 1;
         QTest::addRow("%s x%u pad %u t%d", qPrintable(dataTypeName(l.type)), l.channels, l.padding, l.transform)
-            << f << l.transform << quint32(f.packedLineBytes());
+            << f << l.transform << quint32(f.packedLineBytes()) << 0u;
     }
 }
 
@@ -245,12 +181,14 @@ void TestDeinterlace::rows()
     QFETCH(SxPicBufInfo, in);
     QFETCH(int, transform);
     QFETCH(quint32, outPitch);
+    QFETCH(quint32, outHeight);
 
-    CxTestInput input(in);
+    CxTestInput input = patterned(in);
     SxPicBufInfo wanted = in;
-    wanted.height = qMax(1u, in.height);
+    wanted.height = outHeight ? outHeight : qMax(1u, in.height);
     wanted.linePitch = outPitch;
     SxOneFrame frame(wanted, transform);
+    frame.node.outHeight = outHeight;
 
     QPointer<CxImageData> packet(input.packet());
     const SxPicBuf* out = frame.run(packet);
@@ -258,52 +196,31 @@ void TestDeinterlace::rows()
     QVERIFY(out);
 
     const QList<int> expected = expectedRows(transform, int(in.height));
-    wanted.height = quint32(expected.size());
+    wanted.height = outHeight ? outHeight : quint32(expected.size());
     QVERIFY2(out->sameFormat(wanted), qPrintable(out->describe()));
 
-    const quint64 packed = in.packedLineBytes();
     for (quint32 r = 0; r < out->height; ++r) {
-        const quint64 s = quint64(expected.at(int(r)));
+        const qint64 s = int(r) < expected.size() ? expected.at(int(r)) : -1;
         const bool lastOut = r + 1 == out->height;
         // Neither picture has padding after its last row; elsewhere the
         // shorter pitch is copied and the rest keeps what the pool held.
-        const quint64 copied = s + 1 == in.height || lastOut ? packed : qMin(in.linePitch, outPitch);
+        const quint64 copied = s < 0 ? 0
+            : quint64(s) + 1 == in.height || lastOut ? in.packedLineBytes() : qMin(in.linePitch, outPitch);
         const quint64 rowEnd = lastOut ? out->memCapacity - quint64(r) * outPitch : outPitch;
         for (quint64 i = 0; i < rowEnd; ++i) {
-            const uchar want = i < copied ? patternByte(s, i) : kUntouched;
+            const uchar want = i < copied ? patternByte(quint64(s), i) : kUntouched;
             if (out->rowPtr(r)[i] != want)
                 QFAIL(qPrintable(QStringLiteral("row %1 byte %2: %3, expected %4")
                                      .arg(r).arg(i).arg(out->rowPtr(r)[i]).arg(want)));
         }
     }
 
-    QCOMPARE(out->frameNumber, 4711);
-    QCOMPARE(out->exposureTimeUs, 1234.5f);
-    QCOMPARE(out->timestampMs, 987654u);
+    QCOMPARE(out->frameNumber, 77);
+    QCOMPARE(out->exposureTimeUs, 12.5f);
+    QCOMPARE(out->timestampMs, 4242u);
     QCOMPARE(out->attachments.value(QStringLiteral("gain")).toInt(), 3);
     QCOMPARE(frame.meta()->cameraName(), QStringLiteral("bench camera"));
     QCOMPARE(frame.meta()->channelNames(), QStringList({"a", "b"}));
-}
-
-// Rows the input cannot fill are left alone, not read from beyond the input.
-void TestDeinterlace::tallerOutputStaysInside()
-{
-    const SxPicBufInfo inFormat = format(4, 5, 1, IDT_UINT8, 0);
-    CxTestInput input(inFormat);
-    SxPicBufInfo poolFormat = inFormat;
-    poolFormat.height = 8;
-    for (int transform : {0, 2, 7}) {
-        SxOneFrame frame(poolFormat, transform);
-        frame.node.outHeight = 8;
-        const SxPicBuf* out = frame.run(input.packet());
-        QVERIFY(out);
-        QCOMPARE(out->height, 8u);
-        const QList<int> rows = expectedRows(transform, 5);
-        for (quint32 r = 0; r < out->height; ++r)
-            for (quint32 i = 0; i < 4; ++i)
-                QCOMPARE(out->rowPtr(r)[i],
-                         int(r) < rows.size() ? patternByte(quint64(rows[int(r)]), i) : kUntouched);
-    }
 }
 
 void TestDeinterlace::refusals_data()
@@ -318,8 +235,8 @@ void TestDeinterlace::refusals()
 {
     QFETCH(QString, packetCase);
 
-    const SxPicBufInfo f = format(4, 6, 1, IDT_UINT8, 0);
-    CxTestInput input(f);
+    const SxPicBufInfo f = format(4, 6, 1, IDT_UINT8);
+    CxTestInput input = patterned(f);
     SxOneFrame frame(f, 2);
     const qint64 outstanding = CxPicBufAPI::OutstandingPoolPictures();
 
@@ -416,7 +333,7 @@ void TestDeinterlace::quickButtonRestartsChain()
     QFETCH(int, outHeight);
 
     const SxPicBufInfo f = format(6, quint32(height), 1, IDT_UINT8, 2);
-    SxRunningChain run(f);
+    SxNodeRun<CxDeinterlaceCnbl> run(f);
     run.node->setTransform(Transform(current), true);  // a stopped chain stays stopped
     QVERIFY(run.chain.stopped());
     QCOMPARE(run.starts + run.stops, 0);
@@ -445,12 +362,12 @@ void TestDeinterlace::quickButtonRestartsChain()
     QCOMPARE(run.stops, 1);
     QCOMPARE(run.starts, 1);
     QVERIFY(!run.chain.stopped());
-    QCOMPARE(run.negotiatedHeight(), outHeight);
+    SxPicBufInfo negotiated;
+    QVERIFY(run.chain.negotiatedFormat(0, negotiated));
+    QCOMPARE(int(negotiated.height), outHeight);
 
     // The restarted chain's pool fits the new height.
-    CxTestInput input(f);
-    QScopedPointer<IxChainData> result(run.chain.push(input.packet()));
-    auto* out = qobject_cast<CxImageData*>(result.data());
+    QScopedPointer<CxImageData> out(run.process(CxTestInput(f)));
     QVERIFY2(out, qPrintable(run.chain.lastError()));
     QCOMPARE(int(out->picBuf()->height), outHeight);
 }
@@ -466,7 +383,7 @@ void TestDeinterlace::widgetRadios()
 {
     QFETCH(int, initial);
 
-    SxRunningChain run(format(6, 5, 1, IDT_UINT8, 0));
+    SxNodeRun<CxDeinterlaceCnbl> run(format(6, 5, 1, IDT_UINT8));
     run.node->setTransform(Transform(initial), false);
     QVERIFY(run.node->hasConfigurationWidget());
     QScopedPointer<QWidget> widget(run.node->configurationWidget());

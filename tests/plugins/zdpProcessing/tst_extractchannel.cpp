@@ -1,9 +1,6 @@
 #include "ExtractChannelCnbl.h"
 #include "ExtractChannelWidget.h"
-
-#include <CxChain.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
+#include "NodeTestKit.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QScopedPointer>
@@ -11,36 +8,27 @@
 #include <QtWidgets/QListWidget>
 #include <QtXml/QDomDocument>
 
-#include <cstring>
-#include <functional>
 #include <limits>
-#include <vector>
 
 Q_DECLARE_METATYPE(SxPicBufInfo)
 Q_DECLARE_METATYPE(CxImageMetadata)
 
+using namespace nodetest;
+using Run = SxNodeRun<CxExtractChannelCnbl>;
+
 namespace {
 
-SxPicBufInfo format(quint32 width, quint32 height, quint32 channels, ExImageDataType type,
-                    quint32 padding = 0, ExColorFilterArray cfa = CFA_NONE,
-                    ExDataStorageFormat storage = DSF_PACKED, bool isColor = false)
+CxHsiCameraParams::CxFilterZone zone(const QRect& rect, int pw, int ph, int cell, QChar prefix,
+                                     std::initializer_list<double> nm)
 {
-    SxPicBufInfo f;
-    f.width = width;
-    f.height = height;
-    f.channels = channels;
-    f.dataType = type;
-    f.bitsPerSample = bytesPerSampleOf(type) * 8;
-    f.linePitch = quint32(f.packedLineBytes()) + padding;
-    f.colorFilterArray = cfa;
-    f.storageFormat = storage;
-    f.isColor = isColor;
-    return f;
-}
-
-const uchar* sampleAt(const SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
-{
-    return p.data + y * p.linePitch + (x * p.channels + c) * p.bytesPerSample();
+    CxHsiCameraParams::CxFilterZone z;
+    z.rect = rect;
+    z.patternWidth = pw;
+    z.patternHeight = ph;
+    z.cellWidth = z.cellHeight = cell;
+    for (double w : nm)
+        z.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("%1%2").arg(prefix).arg(z.bands.size()), w));
+    return z;
 }
 
 // Two-zone camera over a 24 x 16 sensor. Zone 0: columns 0..11, a 4 x 2
@@ -49,22 +37,9 @@ const uchar* sampleAt(const SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
 // order so that the listing has something to sort.
 CxHsiCameraParams twoZoneCamera()
 {
-    CxHsiCameraParams::CxFilterZone z0;
-    z0.rect = QRect(QPoint(0, 0), QPoint(11, 15));
-    z0.patternWidth = 4;
-    z0.patternHeight = 2;
-    const double nm0[] = {600, 500, 700, 450, 650, 550, 750, 480};
-    for (int b = 0; b < 8; ++b)
-        z0.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("A%1").arg(b), nm0[b]));
-    CxHsiCameraParams::CxFilterZone z1;
-    z1.rect = QRect(QPoint(12, 0), QPoint(23, 15));
-    z1.patternWidth = z1.patternHeight = 2;
-    z1.cellWidth = z1.cellHeight = 2;
-    const double nm1[] = {900, 800, 850, 820};
-    for (int b = 0; b < 4; ++b)
-        z1.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("B%1").arg(b), nm1[b]));
     CxHsiCameraParams hsi;
-    hsi.setFilterZones({z0, z1});
+    hsi.setFilterZones({zone(QRect(0, 0, 12, 16), 4, 2, 1, 'A', {600, 500, 700, 450, 650, 550, 750, 480}),
+                        zone(QRect(12, 0, 12, 16), 2, 2, 2, 'B', {900, 800, 850, 820})});
     return hsi;
 }
 
@@ -79,72 +54,39 @@ CxImageMetadata metaWith(ExColorFilterArray cfa, const QStringList& names = {},
     return m;
 }
 
-// A picture over exactly the bytes its format needs, so that a read past its
-// last row is caught by AddressSanitizer. Each sample encodes its position.
-class CxTestInput
+// Every sample encodes its position, in all its bytes whatever the type.
+CxTestInput positionCoded(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
 {
-public:
-    CxTestInput(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
-        : m_bytes(size_t(qMax<quint64>(f.requiredBytes(), 1)), 0xAB), m_meta(meta)
-    {
-        const bool wrapped = CxPicBufAPI::WrapPicBuf(m_pic, f, m_bytes.data(), m_bytes.size());
-        Q_ASSERT(wrapped);
-        Q_UNUSED(wrapped);
-        for (quint32 y = 0; y < f.height; ++y)
-            for (quint32 x = 0; x < f.width; ++x)
-                for (quint32 c = 0; c < f.channels; ++c)
-                    store(const_cast<uchar*>(sampleAt(m_pic, x, y, c)), y * 1009u + x * 17u + c * 5u + 1u);
-        m_pic.frameNumber = 77;
-        m_pic.exposureTimeUs = 12.5f;
-        m_pic.timestampMs = 4242u;
-        m_pic.attachments.insert(QStringLiteral("gain"), 3);
-    }
-
-    CxImageData* packet() const
-    {
-        auto* p = new CxImageData;
-        p->setPicBuf(m_pic);
-        p->setMetadata(&m_meta);
-        return p;
-    }
-    const SxPicBuf& pic() const { return m_pic; }
-    const CxImageMetadata& meta() const { return m_meta; }
-
-private:
-    void store(uchar* at, quint32 v) const
-    {
-        switch (m_pic.dataType) {
-        case IDT_FLOAT: {
-            const float f = float(v) * 0.5f - 100.f;
-            std::memcpy(at, &f, 4);
-            break;
-        }
-        default:
-            // Little-endian: the low bytes of v, as many as the sample has.
-            for (unsigned i = 0; i < m_pic.bytesPerSample(); ++i)
-                at[i] = uchar(i < 4 ? v >> (8 * i) : 0);
-        }
-    }
-
-    std::vector<uchar> m_bytes;
-    SxPicBuf m_pic;
-    CxImageMetadata m_meta;
-};
+    CxTestInput input(f, {}, meta);
+    SxPicBuf& p = input.pic();
+    for (quint32 y = 0; y < f.height; ++y)
+        for (quint32 x = 0; x < f.width; ++x)
+            for (quint32 c = 0; c < f.channels; ++c) {
+                const quint32 v = y * 1009u + x * 17u + c * 5u + 1u;
+                uchar* at = sampleAt(p, x, y, c);
+                const float fv = float(v) * 0.5f - 100.f;
+                if (f.dataType == IDT_FLOAT)
+                    std::memcpy(at, &fv, 4);
+                else
+                    for (unsigned i = 0; i < p.bytesPerSample(); ++i)
+                        at[i] = uchar(i < 4 ? v >> (8 * i) : 0);
+            }
+    p.attachments.insert(QStringLiteral("gain"), 3);
+    return input;
+}
 
 // Compares every output sample with the input sample that ref names; a null
 // answer means the sample must be 0. Returns the first mismatch.
 using Reference = std::function<const uchar*(quint32 x, quint32 y)>;
 QString firstMismatch(const SxPicBuf& out, const Reference& ref)
 {
-    const unsigned s = out.bytesPerSample();
     static const uchar zeros[8] = {};
-    for (quint32 y = 0; y < out.height; ++y) {
+    for (quint32 y = 0; y < out.height; ++y)
         for (quint32 x = 0; x < out.width; ++x) {
             const uchar* want = ref(x, y);
-            if (std::memcmp(sampleAt(out, x, y), want ? want : zeros, s) != 0)
+            if (std::memcmp(sampleAt(out, x, y), want ? want : zeros, out.bytesPerSample()) != 0)
                 return QStringLiteral("sample (%1, %2)").arg(x).arg(y);
         }
-    }
     return QString();
 }
 
@@ -155,48 +97,13 @@ void checkFloatRange(const SxPicBuf& out)
     float lo = std::numeric_limits<float>::max(), hi = -lo;
     for (quint32 y = 0; y < out.height; ++y)
         for (quint32 x = 0; x < out.width; ++x) {
-            float v;
-            std::memcpy(&v, sampleAt(out, x, y), 4);
+            const float v = float(sampleValue(out, x, y));
             lo = qMin(lo, v);
             hi = qMax(hi, v);
         }
     QCOMPARE(out.floatMin, lo);
     QCOMPARE(out.floatMax, hi);
 }
-
-// A synchronous chain around one node, counting restarts.
-struct SxRun
-{
-    CxChain chain;
-    CxExtractChannelCnbl* node = new CxExtractChannelCnbl;
-    int starts = 0;
-    int stops = 0;
-
-    SxRun(const SxPicBufInfo& f, const CxImageMetadata& meta, unsigned int channel = 0)
-    {
-        chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(f, meta);
-        node->setChannel(channel);
-        chain.appendNode(node);
-        QObject::connect(&chain, &CxChain::started, [this] { ++starts; });
-        QObject::connect(&chain, &CxChain::stoppedSignal, [this] { ++stops; });
-    }
-    ~SxRun() { QObject::disconnect(&chain, nullptr, nullptr, nullptr); }
-
-    bool startCounted()
-    {
-        const bool ok = chain.start();
-        starts = stops = 0;
-        return ok;
-    }
-    // The output packet for one frame, or null.
-    CxImageData* process(const CxTestInput& input)
-    {
-        if (chain.stopped() && !chain.start())
-            return nullptr;
-        return qobject_cast<CxImageData*>(chain.push(input.packet()));
-    }
-};
 
 class CxForeignData : public IxChainData
 {
@@ -373,9 +280,11 @@ void TestExtractChannel::pixels()
 
     const bool hsi = in.colorFilterArray == CFA_HSI_MOSAIC;
     const bool cells = !hsi && in.storageFormat != DSF_NOT_RAW && isTwoByTwoMosaic(in.colorFilterArray);
-    const CxTestInput input(in, hsi ? metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera())
-                                    : metaWith(cells ? in.colorFilterArray : CFA_NONE, {"a", "b"}));
-    SxRun run(in, input.meta(), channel);
+    const CxImageMetadata meta = hsi ? metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera())
+                                     : metaWith(cells ? in.colorFilterArray : CFA_NONE, {"a", "b"});
+    const CxTestInput input = positionCoded(in, meta);
+    Run run(in, meta);
+    run.node->setChannel(channel);
     QScopedPointer<CxImageData> out(run.process(input));
     QVERIFY2(out, qPrintable(run.chain.lastError()));
     const SxPicBuf& pic = *out->picBuf();
@@ -433,7 +342,7 @@ void TestExtractChannel::hsiKernelRefusals()
     QFETCH(QString, fault);
 
     CxImageMetadata meta = metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera());
-    const CxTestInput input(format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC));
+    const CxTestInput input = positionCoded(format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC));
     const SxPicBuf& in = input.pic();
     SxPicBuf out;
     QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(out, format(3, 8, 1, IDT_UINT16), false, 0));
@@ -476,7 +385,7 @@ void TestExtractChannel::packetsWithoutOutput()
     QFETCH(bool, passedOn);
 
     const SxPicBufInfo f = format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    const CxTestInput input(f);
+    const CxTestInput input = positionCoded(f);
     CxExtractChannelCnbl node;
     SxPicBufInfo outInfo;
     node.queryOutputImageInfo(f, outInfo, nullptr, nullptr);
@@ -655,8 +564,8 @@ void TestExtractChannel::channelList()
 void TestExtractChannel::restarts()
 {
     const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    const CxTestInput input(f);
-    SxRun run(f, input.meta(), 0);
+    const CxTestInput input = positionCoded(f);
+    Run run(f);
     run.node->setChannel(2, QStringLiteral("Green 2"), true);
     QCOMPARE(run.node->channel(), 2u);
     QCOMPARE(run.node->channelName(), QStringLiteral("Green 2"));
@@ -707,7 +616,8 @@ void TestExtractChannel::widget()
     QFETCH(int, currentRow);
     QFETCH(int, pickRow);
 
-    SxRun run(in, meta, channel);
+    Run run(in, meta);
+    run.node->setChannel(channel);
     QVERIFY(run.startCounted());
     QScopedPointer<QWidget> widget(run.node->configurationWidget());
     QVERIFY(qobject_cast<CxExtractChannelWidget*>(widget.data()));

@@ -27,11 +27,6 @@ double frameValue(ExImageDataType t, quint32 x, quint32 y, quint32 c, int f)
     return base;
 }
 
-bool isUnsignedInt(ExImageDataType t)
-{
-    return t == IDT_UINT8 || t == IDT_UINT16 || t == IDT_UINT32;
-}
-
 // The statistic of one sample over the frames, worked out the plain way.
 double expectedStatistic(Mode mode, ExImageDataType t, const std::vector<double>& v, int scale)
 {
@@ -117,8 +112,6 @@ private slots:
     void stDevExactBeyondDoubleRange();
     void lineAveraging_data();
     void lineAveraging();
-    void minTouchesWithAllModes_data();
-    void minTouchesWithAllModes();
     void infiniteCountingAndReset();
     void modeSwitchAcrossRestart_data();
     void modeSwitchAcrossRestart();
@@ -169,7 +162,9 @@ void TestImageAveraging::series()
         if (k < frames - 1)
             QVERIFY(!out);
     }
-    const bool produced = !(mode == CxImageAveragingCnbl::ModeStDev && !isUnsignedInt(type) && type != IDT_FLOAT);
+    // No standard deviation of signed integers.
+    const bool produced = mode != CxImageAveragingCnbl::ModeStDev
+        || !(type == IDT_INT8 || type == IDT_INT16 || type == IDT_INT32);
     auto* image = qobject_cast<CxImageData*>(out.data());
     QCOMPARE(image != nullptr, produced);
     if (!produced)
@@ -195,28 +190,37 @@ void TestImageAveraging::series()
 
 void TestImageAveraging::workedNumbers_data()
 {
+    QTest::addColumn<ExImageDataType>("type");
     QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("allModes");
     QTest::addColumn<int>("scale");
     QTest::addColumn<int>("frames");
-    QTest::addColumn<QList<double>>("values");
+    QTest::addColumn<QList<double>>("values");  // the last repeats to fill the frames
     QTest::addColumn<double>("expected");
     // mean 127, variance 32767, sqrt 181.0166, 18101 kept to its low 8 bits
-    QTest::newRow("stdev 0 and 255 at 100x") << 1 << 100 << 2 << QList<double>{0, 255} << 181.0;
-    QTest::newRow("stdev of equal frames") << 1 << 100 << 3 << QList<double>{9, 9, 9} << 0.0;
+    QTest::newRow("stdev 0 and 255 at 100x") << IDT_UINT8 << 1 << false << 100 << 2 << QList<double>{0, 255} << 181.0;
+    QTest::newRow("stdev of equal frames") << IDT_UINT8 << 1 << false << 100 << 3 << QList<double>{9} << 0.0;
     // 70000 mod 65536
-    QTest::newRow("min touches wrap") << 4 << 1 << 70000 << QList<double>{17} << 4464.0;
+    QTest::newRow("min touches wrap") << IDT_UINT8 << 4 << false << 1 << 70000 << QList<double>{17} << 4464.0;
+    QTest::newRow("touches alone: a new minimum restarts at 1")
+        << IDT_INT16 << 4 << false << 1 << 4 << QList<double>{-5, -5, -7} << 2.0;
+    QTest::newRow("touches with all modes: Min lowers first, so it counts on")
+        << IDT_INT16 << 4 << true << 1 << 4 << QList<double>{-5, -5, -7} << 4.0;
 }
 
 void TestImageAveraging::workedNumbers()
 {
+    QFETCH(ExImageDataType, type);
     QFETCH(int, mode);
+    QFETCH(bool, allModes);
     QFETCH(int, scale);
     QFETCH(int, frames);
     QFETCH(QList<double>, values);
     QFETCH(double, expected);
-    const SxPicBufInfo f = format(1, 1, 1, IDT_UINT8);
+    const SxPicBufInfo f = format(1, 1, 1, type);
     SxNodeRun<CxImageAveragingCnbl> run(f);
     run.node->setMode(Mode(mode));
+    run.node->setCalcAllModesTogether(allModes);
     run.node->setCountToAverage(frames);
     run.node->setStDevValuesScaling(scale);
     QVERIFY(run.chain.start());
@@ -290,17 +294,14 @@ void TestImageAveraging::subtractSeries()
 void TestImageAveraging::greyImageLevelsReversed()
 {
     const CxHistoData h = histogramWithLevels({10, 20, 30});
-    CxTestInput rgb(format(2, 2, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
-    CxTestInput rgba(format(2, 2, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true));
-    QVERIFY(SetAsSubtractingGreyImage(rgb.pic(), h));
-    QVERIFY(SetAsSubtractingGreyImage(rgba.pic(), h));
-    const double rgbaWant[] = {30, 20, 10, 65535};
-    for (quint32 c = 0; c < 4; ++c) {
-        if (c < 3)
-            QCOMPARE(sampleValue(rgb.pic(), 1, 1, c), rgbaWant[c]);
-        QCOMPARE(sampleValue(rgba.pic(), 1, 1, c), rgbaWant[c]);
+    const double want[] = {30, 20, 10, 65535};
+    for (quint32 n : {3u, 4u}) {
+        CxTestInput pic(format(2, 2, n, n == 3 ? IDT_UINT8 : IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true));
+        QVERIFY(SetAsSubtractingGreyImage(pic.pic(), h));
+        for (quint32 c = 0; c < n; ++c)
+            QCOMPARE(sampleValue(pic.pic(), 1, 1, c), want[c]);
+        QVERIFY(!SetAsSubtractingGreyImage(pic.pic(), CxHistoData()));
     }
-    QVERIFY(!SetAsSubtractingGreyImage(rgb.pic(), CxHistoData()));
 }
 
 void TestImageAveraging::fusedSumsMatchHost_data()
@@ -434,30 +435,6 @@ void TestImageAveraging::lineAveraging()
                 else if (type != IDT_DOUBLE)
                     QCOMPARE(sampleValue(pic.pic(), x, y, c), want);
             }
-}
-
-void TestImageAveraging::minTouchesWithAllModes_data()
-{
-    QTest::addColumn<bool>("allModes");
-    QTest::addColumn<double>("expected");
-    QTest::newRow("alone: a new minimum restarts at 1") << false << 2.0;
-    QTest::newRow("all modes: Min lowers first, so it counts on") << true << 4.0;
-}
-
-void TestImageAveraging::minTouchesWithAllModes()
-{
-    QFETCH(bool, allModes);
-    QFETCH(double, expected);
-    const SxPicBufInfo f = format(1, 1, 1, IDT_INT16);
-    SxNodeRun<CxImageAveragingCnbl> run(f);
-    run.node->setMode(CxImageAveragingCnbl::ModeMinTouches);
-    run.node->setCalcAllModesTogether(allModes);
-    run.node->setCountToAverage(4);
-    QVERIFY(run.chain.start());
-    CxTestInput in(f);
-    auto out = pushValues(run, in, {-5, -5, -7, -7});
-    QVERIFY(out);
-    QCOMPARE(sampleValue(*out->picBuf(), 0, 0), expected);
 }
 
 void TestImageAveraging::infiniteCountingAndReset()

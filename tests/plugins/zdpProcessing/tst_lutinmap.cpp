@@ -38,7 +38,14 @@ double windowed(double v, double lo, double hi, double gamma)
     return std::pow(t, 1.0 / gamma);
 }
 
+struct SxAutoCase { int binCount, binShift, tolerance; QList<Bins> channels; qlonglong srcMin, srcMax; };
+// Samples are lo plus a position code modulo span.
+struct SxMapCase { SxPicBufInfo in; bool rgb; int pseudo; qlonglong srcMin, srcMax; double gamma; int lo, span; };
+
 } // namespace
+
+Q_DECLARE_METATYPE(SxAutoCase)
+Q_DECLARE_METATYPE(SxMapCase)
 
 class TestLutInmap : public QObject
 {
@@ -59,43 +66,31 @@ private slots:
 
 void TestLutInmap::autoWindow_data()
 {
-    QTest::addColumn<int>("binCount");
-    QTest::addColumn<int>("binShift");
-    QTest::addColumn<int>("tolerance");
-    QTest::addColumn<QList<Bins>>("channels");
-    QTest::addColumn<qlonglong>("srcMin");
-    QTest::addColumn<qlonglong>("srcMax");
+    QTest::addColumn<SxAutoCase>("c");
 
     // 1,000,000 pixels at 2 per mille: threshold 2000, which a running sum
     // must exceed, not merely reach.
     QTest::newRow("12 bit, 2 per mille of a million")
-        << 4096 << 0 << 2 << QList<Bins>{{10, 2000, 50, 100, 2000, 995895, 3000, 5, 3500, 2000}}
-        << 50LL << 3000LL;
-    QTest::newRow("tolerance 0, shifted bins") << 65536 << 16 << 0 << QList<Bins>{{3, 1, 9, 1}} << (3LL << 16) << (9LL << 16);
+        << SxAutoCase{4096, 0, 2, {{10, 2000, 50, 100, 2000, 995895, 3000, 5, 3500, 2000}}, 50, 3000};
+    QTest::newRow("tolerance 0, shifted bins") << SxAutoCase{65536, 16, 0, {{3, 1, 9, 1}}, 3LL << 16, 9LL << 16};
     // Threshold 10 from the first channel's 1000 samples, not from the others.
     QTest::newRow("channels share the first channel's threshold")
-        << 256 << 0 << 10
-        << QList<Bins>{{20, 11, 100, 978, 120, 11}, {5, 10, 8, 1, 60, 99978, 90, 11}, {30, 11, 150, 11}}
-        << 8LL << 150LL;
-    QTest::newRow("tolerance swallowing everything") << 256 << 0 << 1000 << QList<Bins>{{40, 7, 90, 3}} << 0LL << 0LL;
-    QTest::newRow("no channels") << 0 << 0 << 2 << QList<Bins>{} << -7LL << -7LL;
+        << SxAutoCase{256, 0, 10, {{20, 11, 100, 978, 120, 11}, {5, 10, 8, 1, 60, 99978, 90, 11}, {30, 11, 150, 11}}, 8, 150};
+    QTest::newRow("tolerance swallowing everything") << SxAutoCase{256, 0, 1000, {{40, 7, 90, 3}}, 0, 0};
+    QTest::newRow("no channels") << SxAutoCase{0, 0, 2, {}, -7, -7};
 }
 
 void TestLutInmap::autoWindow()
 {
-    QFETCH(int, binCount);
-    QFETCH(int, binShift);
-    QFETCH(int, tolerance);
-    QFETCH(QList<Bins>, channels);
-    QFETCH(qlonglong, srcMin);
-    QFETCH(qlonglong, srcMax);
+    QFETCH(SxAutoCase, c);
+    const auto& [binCount, binShift, tolerance, channels, srcMin, srcMax] = c;
 
     CxHistoData histo;
     if (!channels.isEmpty())
         histo.reset(int(channels.size()), binCount, binShift, CxHistoData::HDF_All);
-    for (int c = 0; c < channels.size(); ++c)
-        for (int i = 0; i + 1 < channels[c].size(); i += 2)
-            histo.binsForWrite(c)[channels[c][i]] = channels[c][i + 1];
+    for (int k = 0; k < channels.size(); ++k)
+        for (int i = 0; i + 1 < channels[k].size(); i += 2)
+            histo.binsForWrite(k)[channels[k][i]] = channels[k][i + 1];
 
     CxLutInmapCnbl node;
     node.setAutoTolerance(tolerance);
@@ -134,42 +129,29 @@ void TestLutInmap::autoWindowFromFrames()
 
 void TestLutInmap::mapping_data()
 {
-    QTest::addColumn<SxPicBufInfo>("in");
-    QTest::addColumn<bool>("rgb");
-    QTest::addColumn<int>("pseudo");
-    QTest::addColumn<qlonglong>("srcMin");
-    QTest::addColumn<qlonglong>("srcMax");
-    QTest::addColumn<double>("gamma");
-    QTest::addColumn<int>("lo");    // samples: lo + a position code modulo span
-    QTest::addColumn<int>("span");
+    QTest::addColumn<SxMapCase>("c");
 
     const SxPicBufInfo colour = format(5, 3, 3, IDT_UINT8, 1, CFA_NONE, DSF_PACKED, true);
-    QTest::newRow("u8 mono, odd width, padded") << format(7, 5, 1, IDT_UINT8, 3) << false << 0 << 20LL << 200LL << 1.0 << 0 << 256;
-    QTest::newRow("12 bit in u16, saturating") << withBits(format(9, 4, 1, IDT_UINT16, 2), 12) << false << 0 << 100LL << 3000LL << 2.2 << 0 << 5000;
-    QTest::newRow("u8 colour") << colour << false << 0 << 10LL << 240LL << 0.5 << 0 << 256;
-    QTest::newRow("s16 negative window") << format(6, 4, 1, IDT_INT16) << false << 0 << -200LL << 500LL << 1.0 << -300 << 1000;
-    QTest::newRow("0 bits means the whole type") << withBits(format(5, 2, 1, IDT_UINT8), 0) << false << 0 << 0LL << 255LL << 1.0 << 0 << 256;
-    QTest::newRow("u16 mono to RGB, hot") << format(7, 3, 1, IDT_UINT16, 2) << true << 2 << 1000LL << 60000LL << 1.0 << 0 << 65536;
-    QTest::newRow("bayer to RGB, grey") << format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) << true << -1 << 0LL << 255LL << 1.5 << 0 << 256;
-    QTest::newRow("float copied unmapped") << format(4, 3, 1, IDT_FLOAT) << false << 0 << 0LL << 1LL << 1.0 << -5 << 100;
-    QTest::newRow("64 bit to RGB passed on") << format(4, 3, 1, IDT_UINT64) << true << 0 << 0LL << 255LL << 1.0 << 0 << 100;
+    QTest::newRow("u8 mono, odd width, padded") << SxMapCase{format(7, 5, 1, IDT_UINT8, 3), false, 0, 20, 200, 1.0, 0, 256};
+    QTest::newRow("12 bit in u16, saturating") << SxMapCase{withBits(format(9, 4, 1, IDT_UINT16, 2), 12), false, 0, 100, 3000, 2.2, 0, 5000};
+    QTest::newRow("u8 colour") << SxMapCase{colour, false, 0, 10, 240, 0.5, 0, 256};
+    QTest::newRow("s16 negative window") << SxMapCase{format(6, 4, 1, IDT_INT16), false, 0, -200, 500, 1.0, -300, 1000};
+    QTest::newRow("0 bits means the whole type") << SxMapCase{withBits(format(5, 2, 1, IDT_UINT8), 0), false, 0, 0, 255, 1.0, 0, 256};
+    QTest::newRow("u16 mono to RGB, hot") << SxMapCase{format(7, 3, 1, IDT_UINT16, 2), true, 2, 1000, 60000, 1.0, 0, 65536};
+    QTest::newRow("bayer to RGB, grey") << SxMapCase{format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB), true, -1, 0, 255, 1.5, 0, 256};
+    QTest::newRow("float copied unmapped") << SxMapCase{format(4, 3, 1, IDT_FLOAT), false, 0, 0, 1, 1.0, -5, 100};
+    QTest::newRow("64 bit to RGB passed on") << SxMapCase{format(4, 3, 1, IDT_UINT64), true, 0, 0, 255, 1.0, 0, 100};
 }
 
 void TestLutInmap::mapping()
 {
-    QFETCH(SxPicBufInfo, in);
-    QFETCH(bool, rgb);
-    QFETCH(int, pseudo);
-    QFETCH(qlonglong, srcMin);
-    QFETCH(qlonglong, srcMax);
-    QFETCH(double, gamma);
-    QFETCH(int, lo);
-    QFETCH(int, span);
+    QFETCH(SxMapCase, c);
+    const auto& [in, rgb, pseudo, srcMin, srcMax, gamma, lo, span] = c;
 
     CxImageMetadata meta;
     meta.setColorFilterArray(in.colorFilterArray);
     meta.setChannelNames({QStringLiteral("a")});
-    CxTestInput input(in, [&](quint32 x, quint32 y, quint32 c) { return lo + int(x * 37 + y * 101 + c * 53) % span; }, meta);
+    CxTestInput input(in, [&c](quint32 x, quint32 y, quint32 k) { return c.lo + int(x * 37 + y * 101 + k * 53) % c.span; }, meta);
     SxNodeRun<CxLutInmapCnbl> run(in, meta);
     run.node->setAutoMinMax(false);
     run.node->setMapToRgb(rgb);
@@ -204,17 +186,17 @@ void TestLutInmap::mapping()
     const double full = double((quint64(1) << bits) - 1);
     for (quint32 y = 0; y < in.height; ++y)
         for (quint32 x = 0; x < in.width; ++x)
-            for (quint32 c = 0; c < in.channels; ++c) {
-                const double v = sampleValue(input.pic(), x, y, c);
+            for (quint32 k = 0; k < in.channels; ++k) {
+                const double v = sampleValue(input.pic(), x, y, k);
                 const double t = windowed(v, double(srcMin), double(srcMax), gamma);
                 if (rgb) {
                     quint32 bgra;
                     std::memcpy(&bgra, sampleAt(o, x, y), 4);  // little-endian: 0xAARRGGBB
                     QCOMPARE(bgra, CxLut::pseudoColorEntry(pseudo, int(std::lround(255 * t))));
                 } else if (in.dataType == IDT_FLOAT) {
-                    QCOMPARE(sampleValue(o, x, y, c), v);
+                    QCOMPARE(sampleValue(o, x, y, k), v);
                 } else {
-                    QCOMPARE(sampleValue(o, x, y, c), std::round(full * t));
+                    QCOMPARE(sampleValue(o, x, y, k), std::round(full * t));
                 }
             }
 }
@@ -244,15 +226,13 @@ void TestLutInmap::settings()
     QFETCH(QString, text);
     QFETCH(QString, expected);
 
-    const QStringList keys = {"MapToRGB", "PseudoColor", "AutoMinMax", "AutoTolerance", "SrcMin", "SrcMax", "Gamma"};
-    auto values = [&keys](const CxLutInmapCnbl& n) {
-        const QStringList v = {QString::number(n.mapToRgb()), QString::number(n.pseudoColor()),
-                               QString::number(n.autoMinMax()), QString::number(n.autoTolerance()),
-                               QString::number(n.srcMin()), QString::number(n.srcMax()), QString::number(n.gamma())};
-        QMap<QString, QString> m;
-        for (int i = 0; i < keys.size(); ++i)
-            m.insert(keys[i], v[i]);
-        return m;
+    auto values = [](const CxLutInmapCnbl& n) {
+        return QMap<QString, QString>{{"MapToRGB", QString::number(n.mapToRgb())},
+                                      {"PseudoColor", QString::number(n.pseudoColor())},
+                                      {"AutoMinMax", QString::number(n.autoMinMax())},
+                                      {"AutoTolerance", QString::number(n.autoTolerance())},
+                                      {"SrcMin", QString::number(n.srcMin())}, {"SrcMax", QString::number(n.srcMax())},
+                                      {"Gamma", QString::number(n.gamma())}};
     };
     CxLutInmapCnbl node;
     QMap<QString, QString> want = values(node);
