@@ -95,9 +95,16 @@ private:
 
 struct CxChain::Private
 {
+    // Per node, across restarts; read from any thread while frames flow.
+    struct NodeCounters
+    {
+        std::atomic<qint64> frames{0}, outputs{0}, passedOn{0}, withoutOutput{0}, busyNs{0};
+    };
+
     struct Stage
     {
         CxChainable* node = nullptr;
+        NodeCounters* counters = nullptr;
         CxImageProvider* provider = nullptr;
         void* pool = nullptr;
         SxPicBufInfo in, out;
@@ -109,6 +116,7 @@ struct CxChain::Private
 
     CxChain* q = nullptr;
     QList<CxChainable*> nodes;
+    std::vector<std::unique_ptr<NodeCounters>> counters;  // parallel to nodes
     CxImageSource* source = nullptr;
     bool hasInputFormat = false;
     SxPicBufInfo inputFormat;
@@ -169,6 +177,7 @@ IxChainData* CxChain::Private::processOne(Stage& s, IxChainData* packet)
     }
     QPointer<IxChainData> guard(packet);
     IxChainData* out = nullptr;
+    const auto began = std::chrono::steady_clock::now();
     try {
         out = s.node->processData(packet);
     } catch (const std::exception& e) {
@@ -178,6 +187,17 @@ IxChainData* CxChain::Private::processOne(Stage& s, IxChainData* packet)
         qCCritical(lcChain) << s.node->title() << "threw while processing a frame";
         out = nullptr;
     }
+    NodeCounters& c = *s.counters;
+    c.busyNs += std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - began).count();
+    ++c.frames;
+    // A freed input's address may come back for the new packet, so only a
+    // live input counts as passed on.
+    if (!out)
+        ++c.withoutOutput;
+    else if (guard && guard.data() == out)
+        ++c.passedOn;
+    else
+        ++c.outputs;
     // A node that made nothing, or made something new without freeing its
     // input, leaves the input to us.
     if (guard && guard.data() != out)
@@ -371,6 +391,7 @@ void CxChain::appendNode(CxChainable* node)
     }
     node->setChain(this);
     d->nodes.append(node);
+    d->counters.push_back(std::make_unique<Private::NodeCounters>());
 }
 
 QList<CxChainable*> CxChain::nodes() const { return d->nodes; }
@@ -385,6 +406,7 @@ void CxChain::clearNodes()
     qDeleteAll(d->nodes);
     d->nodes.clear();
     d->stages.clear();
+    d->counters.clear();
     d->negotiated = false;
 }
 
@@ -454,6 +476,7 @@ bool CxChain::start()
     for (int i = 0; i < d->nodes.size(); ++i) {
         Private::Stage& s = stages[size_t(i)];
         s.node = d->nodes[i];
+        s.counters = d->counters[size_t(i)].get();
         s.provider = qobject_cast<CxImageProvider*>(s.node);
         s.node->clearErrorMessage();
         if (prev && !s.node->acceptsDataFrom(prev)) {
@@ -679,10 +702,26 @@ CxChain::SxStats CxChain::stats() const
     return s;
 }
 
+CxChain::SxNodeStats CxChain::nodeStats(int index) const
+{
+    SxNodeStats s;
+    if (index < 0 || size_t(index) >= d->counters.size())
+        return s;
+    const Private::NodeCounters& c = *d->counters[size_t(index)];
+    s.frames = c.frames.load();
+    s.outputs = c.outputs.load();
+    s.passedOn = c.passedOn.load();
+    s.withoutOutput = c.withoutOutput.load();
+    s.busyNs = c.busyNs.load();
+    return s;
+}
+
 void CxChain::resetStats()
 {
     d->grabbed = d->droppedAtSource = d->pushed = d->delivered = 0;
     d->swallowed = d->discardedOnStop = d->throttled = 0;
+    for (const auto& c : d->counters)
+        c->frames = c->outputs = c->passedOn = c->withoutOutput = c->busyNs = 0;
 }
 
 bool CxChain::negotiatedFormat(int index, SxPicBufInfo& info, CxImageMetadata* meta) const

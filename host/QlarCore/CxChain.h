@@ -60,6 +60,20 @@ public:
         qint64 throttled = 0;        // packets skipped by a node's maxFps
     };
 
+    // What one node did with the packets it was given. A node that returns
+    // its input itself passes it on (Filter Images does nothing else; other
+    // nodes do it with a frame they cannot handle); one that returns null
+    // gives no output for that packet (collecting nodes do so until a series
+    // is complete, others drop what they cannot handle).
+    struct SxNodeStats
+    {
+        qint64 frames = 0;         // packets handed to processData
+        qint64 outputs = 0;        // new packets it returned
+        qint64 passedOn = 0;       // packets it returned unchanged
+        qint64 withoutOutput = 0;  // packets that gave nothing
+        qint64 busyNs = 0;         // time spent in processData
+    };
+
     explicit CxChain(QObject* parent = nullptr);
     ~CxChain() override;
 
@@ -100,6 +114,9 @@ public:
     bool waitForFinished(int timeoutMs = -1);
 
     SxStats stats() const;
+    // index in nodes(); zeros for an index out of range. Kept across
+    // restarts; resetStats() clears them with the rest.
+    SxNodeStats nodeStats(int index) const;
     void resetStats();
 
     // The negotiated format after a node (index in nodes()), or the source

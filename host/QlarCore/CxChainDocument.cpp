@@ -1,6 +1,7 @@
 #include "CxChainDocument.h"
 #include "CxChainable.h"
 #include "CxRTTI.h"
+#include "SxCameraDescription.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QSaveFile>
@@ -10,7 +11,7 @@ const char* const CxChainDocument::RootElement = "QlarChain";
 const char* const CxChainDocument::NodeElement = "Chainable";
 const char* const CxChainDocument::UniqueIdAttribute = "uniqueId";
 
-QDomDocument CxChainDocument::save(const QList<CxChainable*>& nodes)
+QDomDocument CxChainDocument::save(const QList<CxChainable*>& nodes, const SxCameraDescription* input)
 {
     QDomDocument doc;
     doc.appendChild(doc.createProcessingInstruction(QStringLiteral("xml"),
@@ -18,6 +19,8 @@ QDomDocument CxChainDocument::save(const QList<CxChainable*>& nodes)
     QDomElement root = doc.createElement(QString::fromLatin1(RootElement));
     root.setAttribute(QStringLiteral("version"), 1);
     doc.appendChild(root);
+    if (input && !input->isEmpty())
+        input->saveToElement(doc, root);
     for (CxChainable* node : nodes) {
         if (!node)
             continue;
@@ -30,12 +33,13 @@ QDomDocument CxChainDocument::save(const QList<CxChainable*>& nodes)
     return doc;
 }
 
-QString CxChainDocument::saveToString(const QList<CxChainable*>& nodes)
+QString CxChainDocument::saveToString(const QList<CxChainable*>& nodes, const SxCameraDescription* input)
 {
-    return save(nodes).toString(2);
+    return save(nodes, input).toString(2);
 }
 
-bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString& path, QString* error)
+bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString& path, QString* error,
+                                 const SxCameraDescription* input)
 {
     QSaveFile f(path);
     if (!f.open(QIODevice::WriteOnly)) {
@@ -43,7 +47,7 @@ bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString
             *error = QStringLiteral("%1: %2").arg(path, f.errorString());
         return false;
     }
-    f.write(saveToString(nodes).toUtf8());
+    f.write(saveToString(nodes, input).toUtf8());
     if (!f.commit()) {
         if (error)
             *error = QStringLiteral("%1: %2").arg(path, f.errorString());
@@ -52,12 +56,16 @@ bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString
     return true;
 }
 
-QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* error)
+QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* error, SxCameraDescription* input)
 {
     QList<CxChainable*> nodes;
+    SxCameraDescription described;
+    bool seenInput = false;
     auto fail = [&](const QString& msg) {
         qDeleteAll(nodes);
         nodes.clear();
+        if (input)
+            *input = SxCameraDescription();
         if (error)
             *error = msg;
         return nodes;
@@ -67,6 +75,16 @@ QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* erro
         return fail(QStringLiteral("not a chain document (root element is <%1>, expected <%2>)")
                         .arg(root.tagName(), QLatin1String(RootElement)));
     for (QDomElement e = root.firstChildElement(); !e.isNull(); e = e.nextSiblingElement()) {
+        if (e.tagName() == QLatin1String(SxCameraDescription::RootElement)) {
+            QString why;
+            if (seenInput || !nodes.isEmpty())
+                return fail(QStringLiteral("line %1: the input description must come once, before the nodes")
+                                .arg(e.lineNumber()));
+            if (!described.loadFromElement(e, &why))
+                return fail(why);
+            seenInput = true;
+            continue;
+        }
         if (e.tagName() != QLatin1String(NodeElement))
             return fail(QStringLiteral("line %1: unexpected element <%2>").arg(e.lineNumber()).arg(e.tagName()));
         const QString uid = e.attribute(QString::fromLatin1(UniqueIdAttribute));
@@ -82,10 +100,12 @@ QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* erro
     }
     if (error)
         error->clear();
+    if (input)
+        *input = described;
     return nodes;
 }
 
-QList<CxChainable*> CxChainDocument::loadFromString(const QString& xml, QString* error)
+QList<CxChainable*> CxChainDocument::loadFromString(const QString& xml, QString* error, SxCameraDescription* input)
 {
     QDomDocument doc;
     QString msg;
@@ -95,10 +115,10 @@ QList<CxChainable*> CxChainDocument::loadFromString(const QString& xml, QString*
             *error = QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(msg);
         return {};
     }
-    return load(doc, error);
+    return load(doc, error, input);
 }
 
-QList<CxChainable*> CxChainDocument::loadFromFile(const QString& path, QString* error)
+QList<CxChainable*> CxChainDocument::loadFromFile(const QString& path, QString* error, SxCameraDescription* input)
 {
     QFile f(path);
     if (!f.open(QIODevice::ReadOnly)) {
@@ -115,7 +135,7 @@ QList<CxChainable*> CxChainDocument::loadFromFile(const QString& path, QString* 
         return {};
     }
     QString why;
-    QList<CxChainable*> nodes = load(doc, &why);
+    QList<CxChainable*> nodes = load(doc, &why, input);
     if (!why.isEmpty() && error)
         *error = QStringLiteral("%1: %2").arg(path, why);
     else if (error)

@@ -52,7 +52,7 @@
 //   Integer samples are shifted right by their significant bits beyond eight
 //   (12-bit data by 4) and clamped, negative values black; floats map
 //   [floatMin, floatMax] of the picture onto 0..255 (0..1 when no range is
-//   recorded). Three or four isColor channels are R, G, B(, A); a raw Bayer
+//   recorded). Three or four isColor channels are B, G, R(, A); a raw Bayer
 //   mosaic (RGGB, GRBG, GBRG, BGGR, and the R G / B R pattern) is demosaiced
 //   bilinearly at full size; everything else shows channel 0 as grey (CMYG and
 //   hyperspectral mosaics included). 64-bit integer and half types are refused.

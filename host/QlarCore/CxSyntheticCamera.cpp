@@ -186,9 +186,10 @@ void renderT(const CxSyntheticCamera::SxConfig& cfg, qint64 n, SxPicBuf& pic)
                 break;
             case CxSyntheticCamera::LayoutRgb:
             case CxSyntheticCamera::LayoutRgba:
-                row[x * ch + 0] = toSample(c.r, x, y, 0);
+                // Blue first, as every colour picture of the host.
+                row[x * ch + 0] = toSample(c.b, x, y, 2);
                 row[x * ch + 1] = toSample(c.g, x, y, 1);
-                row[x * ch + 2] = toSample(c.b, x, y, 2);
+                row[x * ch + 2] = toSample(c.r, x, y, 0);
                 if (ch == 4)
                     row[x * ch + 3] = T(full);
                 break;
@@ -261,10 +262,6 @@ bool CxSyntheticCamera::sourceFormat(SxPicBufInfo& info, CxImageMetadata* meta)
         *meta = CxImageMetadata();
         meta->setCameraName(title());
         meta->updateFromPicBufInfo(&info);
-        if (info.channels == 3)
-            meta->setChannelNames({QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B")});
-        else if (info.channels == 4)
-            meta->setChannelNames({QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B"), QStringLiteral("A")});
         if (isDescribedMosaic(m_config.layout))
             meta->setHsiCameraParams(mosaicDescription(m_config));
     }

@@ -16,8 +16,9 @@
 // Layouts, all packed, 8- or 16-bit unsigned with bitsPerSample significant
 // bits (samples never exceed (1 << bitsPerSample) - 1):
 //  * LayoutMono: one channel, the scene's luminance.
-//  * LayoutRgb, LayoutRgba: red, green, blue (and alpha at full scale), in
-//    that order, colour flag set, channel names "R", "G", "B" ("A").
+//  * LayoutRgb, LayoutRgba: blue, green, red (and alpha at full scale), in
+//    that order as every colour picture of the host (SxPicBufInfo.h), colour
+//    flag set, no channel names.
 //  * LayoutBayer: one channel, a 2x2 mosaic with filter array 1 to 6 (any
 //    other value becomes 1). Cyan, magenta and yellow cells hold the mean of
 //    the two primaries they pass.

@@ -666,10 +666,11 @@ void convertToRgb_T(const SxPicBuf& in, SxPicBuf& out, ExRgbSource source, const
             }
             break;
         case RgbFromColour:
+            // Colour pictures are blue first already: the order carries over.
             for (size_t x = 0; x < w; ++x) {
-                o[4 * x + 0] = level(i[x * channels + 2]);
+                o[4 * x + 0] = level(i[x * channels + 0]);
                 o[4 * x + 1] = level(i[x * channels + 1]);
-                o[4 * x + 2] = level(i[x * channels + 0]);
+                o[4 * x + 2] = level(i[x * channels + 2]);
                 o[4 * x + 3] = 255;
             }
             break;

@@ -1,5 +1,11 @@
 #include "SxPicBufInfo.h"
 
+#include <QtCore/QSysInfo>
+
+// Colour pictures share their memory order with Qt's 32-bit pictures only on
+// little-endian machines.
+static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "colour pictures are laid out for little-endian machines");
+
 quint64 SxPicBufInfo::requiredBytes() const
 {
     if (width == 0 || height == 0)

@@ -8,6 +8,18 @@
 
 // Format of a picture. Field order and widths are part of the host contract:
 // nodes build this record on the stack and copy it field by field.
+//
+// Channel order of colour pictures. Every colour picture of the host (isColor
+// set, 3 or 4 interleaved channels) is stored blue first: B, G, R, then
+// alpha, for every sample type. That is the memory order of Qt's RGB32 and
+// ARGB32 pictures on the little-endian machines we build for, in which nodes
+// paint their plots and displays draw, so a display picture needs no
+// swizzle. A picture whose isColor is clear has numbered channels in its own
+// order. Writers and displays tell the two apart by isColor alone: nodes
+// empty the channel names of the pictures they make, so names never decide
+// it. Red-first data exists only outside the host, in files (TIFF RGB, PNG,
+// PPM) and in QImage's RGB888, RGBA8888 and RGBA64 formats; readers and
+// writers turn it round at the file boundary and nowhere else.
 struct QLARCORE_EXPORT SxPicBufInfo
 {
     quint32 width = 0;
@@ -33,6 +45,12 @@ struct QLARCORE_EXPORT SxPicBufInfo
     quint64 requiredBytes() const;
     // Full scale of a sample: (1 << bitsPerSample) - 1, saturated at 32 bits.
     quint64 fullScale() const;
+
+    // A colour picture in the sense above: stored B, G, R(, A).
+    bool isBlueFirstColour() const
+    {
+        return isColor && (channels == 3 || channels == 4) && storageFormat != DSF_PLANAR;
+    }
 
     bool isValidFormat() const;        // non-empty geometry, a known type, pitch >= packed row
     bool sameFormat(const SxPicBufInfo& o) const;  // every field equal

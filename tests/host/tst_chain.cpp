@@ -142,11 +142,14 @@ private slots:
         QTest::addColumn<int>("frame");
         QTest::addColumn<bool>("output");
         QTest::addColumn<bool>("inputIsOutput");
-        QTest::newRow("pass through") << int(CxTstBehaviourNode::PassThrough) << 0 << true << true;
-        QTest::newRow("dropped, not freed by the node") << int(CxTstBehaviourNode::DropOdd) << 1 << false << false;
-        QTest::newRow("kept") << int(CxTstBehaviourNode::DropOdd) << 2 << true << true;
-        QTest::newRow("new packet, input left to the host") << int(CxTstBehaviourNode::NewKeepInput) << 0 << true << false;
-        QTest::newRow("node throws") << int(CxTstBehaviourNode::Throw) << 0 << false << false;
+        QTest::addColumn<QString>("counted");  // which of the node's counters the packet went to
+        QTest::newRow("pass through") << int(CxTstBehaviourNode::PassThrough) << 0 << true << true << "passedOn";
+        QTest::newRow("dropped, not freed by the node")
+            << int(CxTstBehaviourNode::DropOdd) << 1 << false << false << "withoutOutput";
+        QTest::newRow("kept") << int(CxTstBehaviourNode::DropOdd) << 2 << true << true << "passedOn";
+        QTest::newRow("new packet, input left to the host")
+            << int(CxTstBehaviourNode::NewKeepInput) << 0 << true << false << "outputs";
+        QTest::newRow("node throws") << int(CxTstBehaviourNode::Throw) << 0 << false << false << "withoutOutput";
     }
     void synchronousOwnership()
     {
@@ -154,6 +157,7 @@ private slots:
         QFETCH(int, frame);
         QFETCH(bool, output);
         QFETCH(bool, inputIsOutput);
+        QFETCH(QString, counted);
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(tstFormat(6, 3));
@@ -175,6 +179,11 @@ private slots:
         }
         delete out;
         chain.stop();
+        const CxChain::SxNodeStats n = chain.nodeStats(0);
+        const QMap<QString, qint64> got{{"outputs", n.outputs}, {"passedOn", n.passedOn}, {"withoutOutput", n.withoutOutput}};
+        QCOMPARE(n.frames, 1);
+        QCOMPARE(got.value(counted), 1);
+        QCOMPARE(n.outputs + n.passedOn + n.withoutOutput, 1);
     }
 
     void pushNeedsARunningSynchronousChain()

@@ -243,7 +243,7 @@ void TstPicBufOps::samplewise_data()
         return v <= 0 ? Num(0) : qMin(Num(255), std::floor(std::ldexp(v, 8 - int(qMax(8u, in.p.bitsPerSample)))));
     };
     const Ref grey = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 0); };
-    const Ref colour = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 2 - c); };
+    const Ref colour = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, c); };
     const SxPicBufInfo rgba = fmt(1, 1, IDT_UINT8, 4, true);
     SxPicBufInfo cmyg = fmt(1, 1, IDT_UINT8);
     cmyg.colorFilterArray = CFA_CMYG;

@@ -2,6 +2,7 @@
 
 #include <CxChainDocument.h>
 #include <CxRTTI.h>
+#include <SxCameraDescription.h>
 
 #include <QtTest/QtTest>
 
@@ -58,13 +59,22 @@ private slots:
         a->addend = 5;
         a->setMaxFps(12.5);
         auto* b = new CxTstBehaviourNode;
-        const QString xml = CxChainDocument::saveToString({a, b});
+        SxCameraDescription input;
+        input.hasColorFilterArray = true;
+        input.colorFilterArray = CFA_HSI_MOSAIC;
+        input.hsi = CxHsiCameraParams::standardRgbNir();
+        input.bitsPerSample = 12;
+        const QString xml = CxChainDocument::saveToString({a, b}, &input);
         delete a;
         delete b;
         QVERIFY(xml.contains("uniqueId=\"test.Qlar.CxTstAddNode\""));
         QString error;
-        QList<CxChainable*> nodes = CxChainDocument::loadFromString(xml, &error);
+        SxCameraDescription loaded;
+        QList<CxChainable*> nodes = CxChainDocument::loadFromString(xml, &error, &loaded);
         QVERIFY2(error.isEmpty(), qPrintable(error));
+        QCOMPARE(loaded.colorFilterArray, CFA_HSI_MOSAIC);
+        QCOMPARE(loaded.bitsPerSample, 12u);
+        QVERIFY(loaded.hsi == input.hsi);
         QCOMPARE(nodes.size(), 2);
         auto* a2 = qobject_cast<CxTstAddNode*>(nodes[0]);
         QVERIFY(a2);
@@ -86,6 +96,11 @@ private slots:
         QTest::newRow("case differs") << "<QlarChain><Chainable uniqueId=\"test.qlar.CxTstAddNode\"/></QlarChain>"
                                       << "unknown node";
         QTest::newRow("no id") << "<QlarChain><Chainable addend=\"3\"/></QlarChain>" << "without a uniqueId";
+        QTest::newRow("input after the nodes") << "<QlarChain><Chainable uniqueId=\"test.Qlar.CxTstAddNode\"/>\n"
+                                                  "<QlarCamera bitsPerSample=\"8\"/></QlarChain>"
+                                               << "line 2: the input description must come once, before the nodes";
+        QTest::newRow("bad input") << "<QlarChain><QlarCamera colorFilterArray=\"9\"/></QlarChain>"
+                                   << "colorFilterArray must be 0 to 7";
         QTest::newRow("settings rejected")
             << "<QlarChain><Chainable uniqueId=\"test.Qlar.CxTstBehaviourNode\" reject=\"1\"/></QlarChain>"
             << "did not accept its settings";

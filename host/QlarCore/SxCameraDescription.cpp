@@ -1,6 +1,4 @@
-#include "CameraDescription.h"
-
-#include "PictureFile.h"
+#include "SxCameraDescription.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
@@ -19,32 +17,33 @@ QString tr(const char* text)
 
 } // namespace
 
-bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
+void SxCameraDescription::overlay(const SxCameraDescription& over)
+{
+    if (over.hasColorFilterArray) {
+        hasColorFilterArray = true;
+        colorFilterArray = over.colorFilterArray;
+        hsi = over.hsi;
+    }
+    if (over.bitsPerSample)
+        bitsPerSample = over.bitsPerSample;
+}
+
+bool SxCameraDescription::loadFromElement(const QDomElement& root, QString* error)
 {
     *this = SxCameraDescription();
     const auto fail = [&](const QString& what) {
         *this = SxCameraDescription();
-        *error = PictureFile::fileError(path, what);
+        *error = what;
         return false;
     };
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(tr("cannot open the camera description (%1)").arg(file.errorString()));
-    QDomDocument doc;
-    QString message;
-    int line = 0, column = 0;
-    if (!doc.setContent(&file, &message, &line, &column))
-        return fail(tr("line %1: %2").arg(line).arg(message));
-    const QDomElement root = doc.documentElement();
     const bool bare = root.tagName() == QLatin1String(CxHsiCameraParams::ElementName);
     if (!bare && root.tagName() != QLatin1String(RootElement))
-        return fail(tr("line %1: the root element is %2, expected %3")
+        return fail(tr("line %1: the element is %2, expected %3")
                         .arg(root.lineNumber()).arg(root.tagName(), QLatin1String(RootElement)));
 
     const auto number = [&](const char* name, quint32 low, quint32 high, quint32& value) {
-        const QString text = root.attribute(QString::fromLatin1(name));
         bool ok = false;
-        value = text.toUInt(&ok);
+        value = root.attribute(QString::fromLatin1(name)).toUInt(&ok);
         return ok && value >= low && value <= high;
     };
     if (root.hasAttribute(QString::fromLatin1(CfaAttribute))) {
@@ -54,8 +53,7 @@ bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
         hasColorFilterArray = true;
         colorFilterArray = ExColorFilterArray(cfa);
     }
-    if (root.hasAttribute(QString::fromLatin1(BitsAttribute))
-        && !number(BitsAttribute, 1, 32, bitsPerSample))
+    if (root.hasAttribute(QString::fromLatin1(BitsAttribute)) && !number(BitsAttribute, 1, 32, bitsPerSample))
         return fail(tr("line %1: %2 must be 1 to 32").arg(root.lineNumber()).arg(QLatin1String(BitsAttribute)));
 
     QString hsiError;
@@ -67,5 +65,40 @@ bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
     }
     if (hasColorFilterArray && colorFilterArray == CFA_HSI_MOSAIC && !hsi.isValid())
         return fail(tr("filter array 7 needs a valid %1 element").arg(QLatin1String(CxHsiCameraParams::ElementName)));
+    return true;
+}
+
+void SxCameraDescription::saveToElement(QDomDocument& doc, QDomElement& parent) const
+{
+    QDomElement e = doc.createElement(QString::fromLatin1(RootElement));
+    if (hasColorFilterArray)
+        e.setAttribute(QString::fromLatin1(CfaAttribute), quint32(colorFilterArray));
+    if (bitsPerSample)
+        e.setAttribute(QString::fromLatin1(BitsAttribute), bitsPerSample);
+    if (hasColorFilterArray && colorFilterArray == CFA_HSI_MOSAIC && !hsi.isEmpty())
+        hsi.saveToXml(doc, e);
+    parent.appendChild(e);
+}
+
+bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
+{
+    *this = SxCameraDescription();
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = tr("%1: cannot open the camera description (%2)").arg(path, file.errorString());
+        return false;
+    }
+    QDomDocument doc;
+    QString message;
+    int line = 0, column = 0;
+    if (!doc.setContent(&file, &message, &line, &column)) {
+        *error = tr("%1: line %2: %3").arg(path).arg(line).arg(message);
+        return false;
+    }
+    QString why;
+    if (!loadFromElement(doc.documentElement(), &why)) {
+        *error = QStringLiteral("%1: %2").arg(path, why);
+        return false;
+    }
     return true;
 }
