@@ -1,5 +1,6 @@
 #include "DeinterlaceCnbl.h"
 #include "DeinterlaceWidget.h"
+#include "NodeKit.h"
 
 #include <CxImageData.h>
 #include <CxPicBufAPI.h>
@@ -132,7 +133,7 @@ QString CxDeinterlaceCnbl::help(QString& anchor)
 
 void CxDeinterlaceCnbl::setTransform(ExTransformType transform, bool restart)
 {
-    changeSetting(restart, [this, transform] { m_transform = transform; });
+    nodekit::setWithRestart(this, restart, [this, transform] { m_transform = transform; });
 }
 
 bool CxDeinterlaceCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

@@ -1,5 +1,6 @@
 #include "ExtractChannelCnbl.h"
 #include "ExtractChannelWidget.h"
+#include "NodeKit.h"
 
 #include <CxHsiCameraParams.h>
 #include <CxImageData.h>
@@ -42,14 +43,6 @@ inline void copySample(uchar* dst, const uchar* src)
     std::memcpy(dst, src, sizeof(T));
 }
 
-// Rows no shorter than their samples, and all of them inside the memory the
-// picture says it has.
-bool rowsFit(const SxPicBuf& pic)
-{
-    return pic.effectiveLinePitch() >= pic.packedLineBytes()
-        && (pic.memCapacity == 0 || pic.requiredBytes() <= pic.memCapacity);
-}
-
 // Cell (cx, cy) of each 2x2 cell. The output is filled over its whole size;
 // cells the input does not have complete (only an output taller or wider
 // than the input's halves, as a subclass may ask for) are written as 0.
@@ -82,7 +75,7 @@ bool extractBayerCell(SxPicBuf& out, const SxPicBuf& in, unsigned int k)
         return false;
     if (out.width == 0 || out.height == 0)
         return true;
-    if (!out.data || !rowsFit(in) || !rowsFit(out))
+    if (!out.data || !nodekit::rowsFit(in) || !nodekit::rowsFit(out))
         return false;
     const quint64 cx = (k == 1 || k == 3) ? 1 : 0;
     const quint64 cy = k >= 2 ? 1 : 0;
@@ -186,7 +179,7 @@ bool extr_extractHsiChannel_T(SxPicBuf& out, const SxPicBuf& in, const CxImageMe
         return false;
     if (out.width == 0 || out.height == 0)
         return true;
-    if (!out.data || !rowsFit(in) || !rowsFit(out))
+    if (!out.data || !nodekit::rowsFit(in) || !nodekit::rowsFit(out))
         return false;
 
     qint64 x0 = (idx.band % px) * cellW;
@@ -320,7 +313,7 @@ void CxExtractChannelCnbl::setChannel(unsigned int channel)
 
 void CxExtractChannelCnbl::setChannel(unsigned int channel, const QString& name, bool restart)
 {
-    changeSetting(restart, [this, channel, name] {
+    nodekit::setWithRestart(this, restart, [this, channel, name] {
         m_channel = channel;
         m_channelName = name;
     });
@@ -442,21 +435,8 @@ bool CxExtractChannelCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
                 inMeta && k <= unsigned(std::numeric_limits<int>::max())
                     ? inMeta->hsiCameraParams().filterZoneWithTotalBandIdx(int(k), nullptr)
                     : nullptr;
-            if (zone) {
-                const QRect& rect = zone->rect;
-                qint64 w = qint64(rect.right()) - rect.left() + 1;
-                qint64 h = qint64(rect.bottom()) - rect.top() + 1;
-                if (rect.right() < rect.left() || rect.bottom() < rect.top()) {
-                    w = in.width;
-                    h = in.height;
-                }
-                if (zone->patternWidth > 0)
-                    w /= zone->patternWidth;
-                if (zone->patternHeight > 0)
-                    h /= zone->patternHeight;
-                out.width = quint32(qBound<qint64>(0, w, std::numeric_limits<quint32>::max()));
-                out.height = quint32(qBound<qint64>(0, h, std::numeric_limits<quint32>::max()));
-            }
+            if (zone)
+                nodekit::bandSize(*zone, in.width, in.height, out.width, out.height);
             out.colorFilterArray = CFA_NONE;
             if (outMeta) {
                 outMeta->setColorFilterArray(CFA_NONE);

@@ -1,6 +1,7 @@
 #include "FFT1DCnbl.h"
 #include "FFT1DWidget.h"
 #include "FFT2DCnbl.h"
+#include "NodeKit.h"
 
 #include <CxFFT.h>
 #include <CxHsiCameraParams.h>
@@ -351,21 +352,10 @@ bool CxFFT1DCnbl::picInfoForExtract(SxPicBufInfo& info) const
     info.isColor = true;
     info.channels = 1;
     if (m_channel >= 0 && info.colorFilterArray == CFA_HSI_MOSAIC) {
-        const CxHsiCameraParams::CxFilterZone* zone = m_inMeta.hsiCameraParams().filterZone(0);
-        if (zone) {
-            const QRect& r = zone->rect;
-            const bool ordered = r.left() <= r.right() && r.top() <= r.bottom();
-            qint64 w = ordered ? qint64(r.right()) - r.left() + 1 : info.width;
-            qint64 h = ordered ? qint64(r.bottom()) - r.top() + 1 : info.height;
-            // A pattern without size would divide by zero; such a zone is
-            // taken as one band over its whole area.
-            if (zone->patternWidth > 0)
-                w /= zone->patternWidth;
-            if (zone->patternHeight > 0)
-                h /= zone->patternHeight;
-            info.width = quint32(qBound<qint64>(0, w, std::numeric_limits<quint32>::max()));
-            info.height = quint32(qBound<qint64>(0, h, std::numeric_limits<quint32>::max()));
-        }
+        // The first zone sizes the buffer whichever band is chosen.
+        CxHsiCameraParams::CxFilterZone zone;
+        if (nodekit::firstFilterZone(m_inMeta.hsiCameraParams(), zone))
+            nodekit::bandSize(zone, info.width, info.height, info.width, info.height);
     } else if (m_channel >= 0 && info.colorFilterArray != CFA_NONE) {
         info.width >>= 1;
         info.height >>= 1;

@@ -1,8 +1,7 @@
 #include "FFT1DWidget.h"
 #include "FFT1DCnbl.h"
 #include "FFT2DWidget.h"
-
-#include <CxChain.h>
+#include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>
@@ -78,14 +77,7 @@ QListWidgetItem* CxFFT1DWidget::createChannelItem(QListWidget* list, const QStri
 
 void CxFFT1DWidget::apply(const std::function<void()>& set)
 {
-    CxChain* chain = m_node->chain();
-    if (chain && !chain->stopped()) {
-        chain->stop();
-        set();
-        chain->start();
-    } else {
-        set();
-    }
+    nodekit::setWithRestart(m_node, true, set);
 }
 
 void CxFFT1DWidget::updateYScaling()

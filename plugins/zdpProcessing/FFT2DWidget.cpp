@@ -1,7 +1,7 @@
 #include "FFT2DWidget.h"
 #include "FFT2DCnbl.h"
+#include "NodeKit.h"
 
-#include <CxChain.h>
 #include <CxHsiCameraParams.h>
 
 #include <QtWidgets/QListWidget>
@@ -66,12 +66,5 @@ void CxFFT2DWidget::on_lstChannelClicked(int row)
     if (!item)
         return;
     const int index = item->data(Qt::UserRole).toInt();
-    CxChain* chain = m_node->chain();
-    if (chain && !chain->stopped()) {
-        chain->stop();
-        m_node->setChannel(index);
-        chain->start();
-    } else {
-        m_node->setChannel(index);
-    }
+    nodekit::setWithRestart(m_node, true, [this, index] { m_node->setChannel(index); });
 }

@@ -1,5 +1,6 @@
 #include "FilterImagesCnbl.h"
 #include "FilterImagesWidget.h"
+#include "NodeKit.h"
 
 #include <CxImageData.h>
 #include <SxPicBuf.h>
@@ -101,7 +102,7 @@ void CxFilterImagesCnbl::setFilterModulo(int modulo, int remainder, bool restart
 {
     // The lock is held for the store only: a restart waits for processData,
     // which takes the same lock.
-    changeSetting(restart, [this, modulo, remainder] {
+    nodekit::setWithRestart(this, restart, [this, modulo, remainder] {
         {
             QMutexLocker lock(nodeMutex());
             if (modulo > 0)

@@ -108,7 +108,6 @@ CxImageAveragingCnbl::CxImageAveragingCnbl()
 CxImageAveragingCnbl::~CxImageAveragingCnbl()
 {
     freePictures();
-    m_histogram.clear();
 }
 
 void CxImageAveragingCnbl::freePictures()

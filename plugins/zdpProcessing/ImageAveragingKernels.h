@@ -7,6 +7,8 @@
 // the samples of a row, never the padding after it. They run on the calling
 // thread: the node works on the chain's thread and leaves the other cores to
 // the rest of the chain.
+#include "NodeKit.h"
+
 #include <CxHistoData.h>
 #include <SxPicBuf.h>
 
@@ -280,7 +282,7 @@ bool SubtractWithOffset_T(const SxPicBuf& lastAverage, SxPicBuf& out, const CxHi
     const std::vector<int> rec = avgk::levelRecords(out, histo);
     if (rec.empty())
         return false;
-    const A top = A(out.fullScale());
+    const A top = A(nodekit::fullScale(out));
     std::vector<A> off(out.channels, A(0));
     for (quint32 c = 0; c < out.channels; ++c)
         if (rec[c] >= 0)
@@ -345,7 +347,7 @@ bool SetAsSubtractingGreyImage_T(SxPicBuf& out, const CxHistoData& histo)
     std::vector<T> pattern(ch);
     for (quint32 c = 0; c < ch; ++c) {
         if (rec[c] < 0)
-            pattern[c] = T(out.fullScale());
+            pattern[c] = T(nodekit::fullScale(out));
         else if constexpr (std::is_floating_point_v<T>)
             pattern[c] = T(std::trunc(histo.level(rec[c]) + 0.5));
         else

@@ -1,7 +1,7 @@
 #include "ImageAveragingWidget.h"
 #include "ImageAveragingCnbl.h"
+#include "NodeKit.h"
 
-#include <CxChain.h>
 #include <CxSegmentedControl.h>
 
 #include <QtWidgets/QCheckBox>
@@ -30,20 +30,6 @@ const SxModeRadio kModeRadios[] = {
     {"rbModeMax", CxImageAveragingCnbl::ModeMax},
     {"rbModeMinTouches", CxImageAveragingCnbl::ModeMinTouches},
 };
-
-// Runs change with the node's chain stopped, restarting it only when it was
-// running.
-template <class Fn>
-void withChainStopped(CxImageAveragingCnbl* node, Fn&& change)
-{
-    CxChain* chain = node->chain();
-    const bool restart = chain && !chain->stopped();
-    if (restart)
-        chain->stop();
-    change();
-    if (restart)
-        chain->start();
-}
 
 } // namespace
 
@@ -174,7 +160,7 @@ void CxAveratingConfigurationWgt::onRbModeClicked(bool checked)
     for (const SxModeRadio& r : kModeRadios)
         if (radio->objectName() == QLatin1String(r.objectName))
             mode = r.mode;
-    withChainStopped(m_node, [&] { m_node->setMode(mode); });
+    nodekit::setWithRestart(m_node, true, [&] { m_node->setMode(mode); });
 }
 
 void CxAveratingConfigurationWgt::onSegmScalingChanged()
@@ -186,7 +172,7 @@ void CxAveratingConfigurationWgt::onSegmScalingChanged()
 
 void CxAveratingConfigurationWgt::onChkAllTogetherClicked(bool checked)
 {
-    withChainStopped(m_node, [&] { m_node->setCalcAllModesTogether(checked); });
+    nodekit::setWithRestart(m_node, true, [&] { m_node->setCalcAllModesTogether(checked); });
 }
 
 void CxAveratingConfigurationWgt::onChkInfiniteClicked(bool checked)

@@ -1,5 +1,6 @@
 #include "LutInmapCnbl.h"
 #include "LutInmapWidget.h"
+#include "NodeKit.h"
 
 #include <CxHistoData.h>
 #include <CxImageData.h>
@@ -192,9 +193,15 @@ bool CxLutInmapCnbl::maximizeContrastForHisto(const CxHistoData* histo)
     const int binCount = histo->binCount();
     const int channels = histo->channels();
 
+    // Every channel ignores the same share of the first channel's samples.
     quint64 threshold = 0;
-    if (m_autoTolerance >= 1)
-        threshold = quint64(double(histo->binTotal(0)) * m_autoTolerance / 1000.0);
+    if (m_autoTolerance >= 1) {
+        quint64 total = 0;
+        if (const quint64* first = histo->bins(0))
+            for (int b = 0; b < binCount; ++b)
+                total += first[b];
+        threshold = quint64(double(total) * m_autoTolerance / 1000.0);
+    }
 
     int low = 0, high = 0;
     for (int c = 0; c < channels; ++c) {
@@ -300,7 +307,7 @@ IxChainData* CxLutInmapCnbl::processData(IxChainData* data)
         CxPicBufAPI::FreePicBuf(outPic, false);
         if (errorMessage().isEmpty())
             setErrorMessage(tr("LUT Mapping cannot convert images of this format (%1).")
-                                .arg(inPic->describe()));
+                                .arg(nodekit::describe(*inPic)));
         return data;
     }
 

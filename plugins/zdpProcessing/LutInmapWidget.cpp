@@ -1,7 +1,7 @@
 #include "LutInmapWidget.h"
 #include "LutInmapCnbl.h"
+#include "NodeKit.h"
 
-#include <CxChain.h>
 #include <CxLut.h>
 #include <CxPicBufAPI.h>
 
@@ -17,6 +17,7 @@
 #include <QtWidgets/QSpinBox>
 #include <QtWidgets/QVBoxLayout>
 
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -145,11 +146,11 @@ void CxLutInmapCnblWidget::enableControls()
 
 void CxLutInmapCnblWidget::sendToChainable()
 {
-    CxChain* chain = m_node->chain();
-    const bool running = chain && !chain->stopped();
-    if (running)
-        chain->stop();
+    nodekit::setWithRestart(m_node, true, [this] { storeSettings(); });
+}
 
+void CxLutInmapCnblWidget::storeSettings()
+{
     m_node->setAutoMinMax(m_chkAuto->isChecked());
     m_node->setAutoTolerance(int(m_spinTolerance->value()));
     m_node->setSrcMin(m_spinMin->value());
@@ -165,17 +166,26 @@ void CxLutInmapCnblWidget::sendToChainable()
         m_spinMin->setValue(clampToInt(m_node->srcMin()));
     }
     m_node->invalidateLuts();
-
-    if (running)
-        chain->start();
 }
 
 void CxLutInmapCnblWidget::fillPseudocolorCombo()
 {
-    SxPicBuf ramp;
+    // The tables paint into a picture of their own, which is then copied
+    // into the icon: its bytes B, G, R, A are those of an RGB32 image.
+    SxPicBufInfo colour;
+    colour.width = IconWidth;
+    colour.height = IconHeight;
+    colour.channels = 4;
+    colour.bitsPerSample = 8;
+    colour.dataType = IDT_UINT8;
+    colour.isColor = true;
+    SxPicBuf ramp, painted;
     if (!CxPicBufAPI::AllocPicBufFromHeap(ramp, IconWidth, IconHeight, 1, IDT_UINT8, 0, 0, 0, DSF_PACKED,
-                                          CFA_NONE, false, false, 0))
+                                          CFA_NONE, false, false, 0)
+        || !CxPicBufAPI::AllocPicBufFromHeap(painted, colour, false, 0)) {
+        CxPicBufAPI::FreePicBuf(ramp, true);
         return;
+    }
     for (int y = 0; y < IconHeight; ++y) {
         uchar* row = ramp.rowPtr(quint32(y));
         for (int x = 0; x < IconWidth; ++x)
@@ -188,19 +198,12 @@ void CxLutInmapCnblWidget::fillPseudocolorCombo()
         CxLut lut(8, 1, false, IDT_UINT8);
         if (lut.allocRgb(32)) {
             lut.setPseudoColor(index);
-            SxPicBufInfo f;
-            f.width = IconWidth;
-            f.height = IconHeight;
-            f.channels = 4;
-            f.bitsPerSample = 8;
-            f.dataType = IDT_UINT8;
-            f.isColor = true;
-            f.linePitch = quint32(image.bytesPerLine());
-            SxPicBuf target;
-            if (CxPicBufAPI::WrapPicBuf(target, f, image.bits(), quint64(image.sizeInBytes())))
-                lut.apply(&target, &ramp, nullptr);
+            if (lut.apply(&painted, &ramp, nullptr))
+                for (int y = 0; y < IconHeight; ++y)
+                    std::memcpy(image.scanLine(y), painted.rowPtr(quint32(y)), size_t(IconWidth) * 4);
         }
         m_cmbPseudo->addItem(QIcon(QPixmap::fromImage(image)), QString());
     }
     CxPicBufAPI::FreePicBuf(ramp, true);
+    CxPicBufAPI::FreePicBuf(painted, true);
 }

@@ -31,6 +31,8 @@ private slots:
     void sendToChainable();
 
 private:
+    // The controls' values into the node; the caller restarts the chain.
+    void storeSettings();
     void fillPseudocolorCombo();
 
     CxLutInmapCnbl* m_node;

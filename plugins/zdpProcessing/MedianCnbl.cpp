@@ -1,6 +1,7 @@
 #include "MedianCnbl.h"
 #include "ExtractChannelCnbl.h"
 #include "MedianWidget.h"
+#include "NodeKit.h"
 
 #include <CxHsiCameraParams.h>
 #include <CxImageData.h>
@@ -286,7 +287,6 @@ template bool med_filterBayerInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, SxPic
 template bool med_filterBayerInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, SxPicBuf*, SxPicBuf*, int, void*,
                                                  quint64);
 
-
 namespace {
 
 template <class T>
@@ -418,9 +418,10 @@ CxMedianCnbl::SxPlaneLayout CxMedianCnbl::planeLayout(const SxPicBufInfo& info, 
         l.periodX = l.periodY = 2;
     } else if (isRaw(info) && info.colorFilterArray == CFA_HSI_MOSAIC && meta
                && meta->hsiCameraParams().isSimpleMosaicFilter()) {
-        const CxHsiCameraParams::CxFilterZone* zone = meta->hsiCameraParams().filterZone(0);
-        l.periodX = zone->patternWidth;
-        l.periodY = zone->patternHeight;
+        CxHsiCameraParams::CxFilterZone zone;
+        nodekit::firstFilterZone(meta->hsiCameraParams(), zone);  // a simple mosaic has one
+        l.periodX = zone.patternWidth;
+        l.periodY = zone.patternHeight;
         l.hsi = true;
     }
     return l;
@@ -456,7 +457,7 @@ void CxMedianCnbl::setupStart()
         m_outPlanes[size_t(i)].setPicFormat(f);
         if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
             || !CxPicBufAPI::AllocPicBufFromHeap(m_outPlanes[size_t(i)], f, false, 0)) {
-            qCritical() << title() << "could not allocate its working planes for" << in.describe();
+            qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
             freePlanes();
             return;
         }

@@ -1,7 +1,6 @@
 #include "MedianWidget.h"
 #include "MedianCnbl.h"
-
-#include <CxChain.h>
+#include "NodeKit.h"
 
 #include <QtWidgets/QFormLayout>
 #include <QtWidgets/QHBoxLayout>
@@ -51,15 +50,7 @@ void CxMedianWidget::updateSizeLabel(int value)
 void CxMedianWidget::onSpinRadiusValueChanged(int value)
 {
     const int radius = (value - 1) / 2;
-    if (radius != m_node->kernelRadius()) {
-        CxChain* chain = m_node->chain();
-        if (chain && !chain->stopped()) {
-            chain->stop();
-            m_node->setKernelRadius(radius);
-            chain->start();
-        } else {
-            m_node->setKernelRadius(radius);
-        }
-    }
+    if (radius != m_node->kernelRadius())
+        nodekit::setWithRestart(m_node, true, [this, radius] { m_node->setKernelRadius(radius); });
     updateSizeLabel(value);
 }

@@ -1,5 +1,6 @@
 #include "MosaicStatFilterChnbl.h"
 #include "MosaicStatFilterWidget.h"
+#include "NodeKit.h"
 
 #include <CxHsiCameraParams.h>
 #include <CxImageData.h>
@@ -49,11 +50,12 @@ SxCells cellsOf(const SxPicBufInfo& in, const CxImageMetadata* meta)
         cells.periodX = cells.periodY = 1;
         return cells;
     }
-    const CxHsiCameraParams::CxFilterZone* zone = meta->hsiCameraParams().filterZone(0);
-    cells.periodX = zone->patternWidth;
-    cells.periodY = zone->patternHeight;
-    if (!zone->coversWholeSensor())
-        cells.rect = zone->rect.intersected(whole);
+    CxHsiCameraParams::CxFilterZone zone;
+    nodekit::firstFilterZone(meta->hsiCameraParams(), zone);  // a valid camera has one
+    cells.periodX = zone.patternWidth;
+    cells.periodY = zone.patternHeight;
+    if (!zone.coversWholeSensor())
+        cells.rect = zone.rect.intersected(whole);
     return cells;
 }
 

@@ -1,7 +1,6 @@
 #include "MosaicStatFilterWidget.h"
 #include "MosaicStatFilterChnbl.h"
-
-#include <CxChain.h>
+#include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>
@@ -63,12 +62,5 @@ void CxMosaicStatFilterWidget::updateInterpolationChk()
 
 void CxMosaicStatFilterWidget::applyToNode(const std::function<void()>& store)
 {
-    CxChain* chain = m_node->chain();
-    if (!chain || chain->stopped()) {
-        store();
-        return;
-    }
-    chain->stop();
-    store();
-    chain->start();
+    nodekit::setWithRestart(m_node, true, store);
 }

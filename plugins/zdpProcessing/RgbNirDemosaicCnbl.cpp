@@ -1,4 +1,5 @@
 #include "RgbNirDemosaicCnbl.h"
+#include "NodeKit.h"
 #include "RgbNirDemosaicWidget.h"
 
 #include <CxHsiCameraParams.h>
@@ -43,8 +44,7 @@ constexpr bool isSampleOf(ExImageDataType t)
 
 bool rowsFit(const SxPicBuf& pic)
 {
-    return pic.data && pic.effectiveLinePitch() >= pic.packedLineBytes()
-        && (pic.memCapacity == 0 || pic.requiredBytes() <= pic.memCapacity);
+    return pic.data && nodekit::rowsFit(pic);
 }
 
 bool alignedFor(const SxPicBuf& pic, size_t size)
@@ -480,17 +480,20 @@ QString CxRgbNirDemosaicCnbl::help(QString& anchor)
 
 void CxRgbNirDemosaicCnbl::setChannel(ExChannel channel, bool restart)
 {
-    changeSetting(restart, [this, channel] { m_channel = channel; });
+    nodekit::setWithRestart(this, restart, [this, channel] { m_channel = channel; });
 }
 
 int CxRgbNirDemosaicCnbl::pixelIndexInMosaic(const CxImageMetadata* meta, const QString& name)
 {
     if (!meta)
         return -1;
-    const CxHsiCameraParams::CxFilterZone* zone = meta->hsiCameraParams().filterZone(0);
-    if (!zone)
+    CxHsiCameraParams::CxFilterZone zone;
+    if (!nodekit::firstFilterZone(meta->hsiCameraParams(), zone))
         return -1;
-    return zone->bandIndexByName(name);
+    for (int i = 0; i < zone.bands.size(); ++i)
+        if (zone.bands.at(i).name() == name)
+            return i;
+    return -1;
 }
 
 bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

@@ -1,4 +1,5 @@
 #include "RotateImageCnbl.h"
+#include "NodeKit.h"
 #include "RotateImageWidget.h"
 
 #include <CxImageData.h>
@@ -378,7 +379,7 @@ bool CxRotateImageCnbl::loadSettings(const QDomElement& element)
 
 void CxRotateImageCnbl::setRotation(bool clockwise, bool restart)
 {
-    changeSetting(restart, [this, clockwise] { m_clockwise = clockwise; });
+    nodekit::setWithRestart(this, restart, [this, clockwise] { m_clockwise = clockwise; });
 }
 
 ExColorFilterArray CxRotateImageCnbl::rotatedColorFilterArray(ExColorFilterArray cfa, bool clockwise)

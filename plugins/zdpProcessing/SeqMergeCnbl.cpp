@@ -1,4 +1,5 @@
 #include "SeqMergeCnbl.h"
+#include "NodeKit.h"
 #include "SeqMergeWidget.h"
 
 #include <CxImageData.h>
@@ -117,7 +118,7 @@ bool CxSeqMergeCnbl::loadSettings(const QDomElement& element)
 
 void CxSeqMergeCnbl::setCount(ExMode mode, int count, bool restart)
 {
-    changeSetting(restart, [this, mode, count] {
+    nodekit::setWithRestart(this, restart, [this, mode, count] {
         m_mode = mode;
         if (count > 0)
             m_count = count;
@@ -127,7 +128,7 @@ void CxSeqMergeCnbl::setCount(ExMode mode, int count, bool restart)
 
 void CxSeqMergeCnbl::setPassCompleteOnly(bool passCompleteOnly, bool restart)
 {
-    changeSetting(restart, [this, passCompleteOnly] { m_passCompleteOnly = passCompleteOnly; });
+    nodekit::setWithRestart(this, restart, [this, passCompleteOnly] { m_passCompleteOnly = passCompleteOnly; });
 }
 
 bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
@@ -164,7 +165,7 @@ void CxSeqMergeCnbl::setupStart()
     if (!usableCount() || !currentInputImageInfo(in, nullptr) || !queryOutputImageInfo(in, out, nullptr, nullptr))
         return;
     if (!CxPicBufAPI::AllocPicBufFromHeap(m_working, out, false, 0)) {
-        qCritical() << title() << "could not allocate its working picture of" << out.describe();
+        qCritical() << title() << "could not allocate its working picture of" << nodekit::describe(out);
         return;
     }
     CxPicBufAPI::FillChannelsValue(m_working, 1);
@@ -177,13 +178,20 @@ void CxSeqMergeCnbl::setupStart()
         cols = 1;
         rows = m_count;
     }
-    if (cols && in.width && in.height && quint64(in.width) * cols == out.width
-        && quint64(in.height) * rows == out.height) {
-        m_tileWidth = in.width;
-        m_tileHeight = in.height;
-        m_tileCols = cols;
-        m_tileRows = rows;
-    }
+    if (!cols || !in.width || !in.height || quint64(in.width) * cols != out.width
+        || quint64(in.height) * rows != out.height)
+        return;
+    SxPicBufInfo place = out;
+    place.width = in.width;
+    place.height = in.height;
+    place.linePitch = 0;
+    if (!CxPicBufAPI::AllocPicBufFromHeap(m_blankPlace, place, false, 0))
+        return;  // the picture is then painted whole after each output
+    CxPicBufAPI::FillChannelsValue(m_blankPlace, 1);
+    m_tileWidth = in.width;
+    m_tileHeight = in.height;
+    m_tileCols = cols;
+    m_tileRows = rows;
 }
 
 void CxSeqMergeCnbl::setupStop()
@@ -195,6 +203,7 @@ void CxSeqMergeCnbl::setupStop()
 void CxSeqMergeCnbl::freeWorkingPic()
 {
     CxPicBufAPI::FreePicBuf(m_working, true);
+    CxPicBufAPI::FreePicBuf(m_blankPlace, true);
     m_lastIndex = -1;
     m_receivedMask = 0;
     m_tileWidth = m_tileHeight = 0;
@@ -204,18 +213,12 @@ void CxSeqMergeCnbl::freeWorkingPic()
 
 void CxSeqMergeCnbl::paintStalePlaces()
 {
-    const quint64 pitch = m_working.effectiveLinePitch(), bpp = m_working.bytesPerPixel();
-    SxPicBufInfo tile = m_working;
-    tile.width = m_tileWidth;
-    tile.height = m_tileHeight;
     for (int j = 0; m_staleMask; ++j) {
         if (!(m_staleMask & (quint64(1) << j)))
             continue;
         m_staleMask &= ~(quint64(1) << j);
-        const quint64 offset = quint64(j / m_tileCols) * m_tileHeight * pitch + quint64(j % m_tileCols) * m_tileWidth * bpp;
-        SxPicBuf view;
-        if (CxPicBufAPI::WrapPicBuf(view, tile, m_working.data + offset, m_working.memCapacity - offset))
-            CxPicBufAPI::FillChannelsValue(view, 1);
+        CxPicBufAPI::CopyRect(m_working, quint32(j % m_tileCols) * m_tileWidth, quint32(j / m_tileCols) * m_tileHeight,
+                              m_blankPlace, 0, 0, m_tileWidth, m_tileHeight);
     }
 }
 

@@ -30,8 +30,9 @@ class CxImageData;
 //
 // Cost: a frame costs one copy of its rectangle; an output costs one copy of
 // the picture. Instead of painting the whole picture with 1 after each
-// output, the node paints only the places that were not refilled when the
-// next picture leaves, which gives the same pixels.
+// output, the node keeps one place painted with 1 and, when the next picture
+// leaves, copies it over the places that were not refilled, which gives the
+// same pixels.
 class CxSeqMergeCnbl : public CxImageProvider
 {
     Q_OBJECT
@@ -108,4 +109,6 @@ private:
     int m_tileCols = 0;
     int m_tileRows = 0;
     quint64 m_staleMask = 0;
+    // One place painted with 1, copied over the stale places.
+    SxPicBuf m_blankPlace;
 };
