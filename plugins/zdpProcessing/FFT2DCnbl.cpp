@@ -1,6 +1,7 @@
 #include "FFT2DCnbl.h"
-#include "FFT2DWidget.h"
 #include "ExtractChannelCnbl.h"
+#include "FFT2DWidget.h"
+#include "NodeKit.h"
 
 #include <CxFFT.h>
 #include <CxFFTImageData.h>
@@ -65,6 +66,43 @@ QString cellColourName(quint32 cfa, int cell)
     QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Blue"),    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Cyan"),
     QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Magenta"), QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Yellow"),
 };
+
+// The top-left part of work that the cut-out of channel fills: a 2x2 cell,
+// or a band as far as its own filter zone reaches (the size Extract Channel
+// gives it), never more than work holds. Planes fill work whole.
+SxPicBuf cutOutArea(const SxPicBuf& in, const CxImageMetadata* meta, int channel, const SxPicBuf& work)
+{
+    SxPicBuf cut = work;
+    if (in.channels != 1 || channel < 0)
+        return cut;
+    quint32 w = work.width, h = work.height;
+    if (in.colorFilterArray == CFA_HSI_MOSAIC) {
+        const CxHsiCameraParams::CxFilterZone* zone =
+            meta ? meta->hsiCameraParams().filterZoneWithTotalBandIdx(channel, nullptr) : nullptr;
+        if (zone)
+            nodekit::bandSize(*zone, in.width, in.height, w, h);
+    } else if (channel < 4) {
+        const quint32 rowOffset = channel > 1 ? 1 : 0, colOffset = channel & 1;
+        w = in.width > colOffset ? (in.width - colOffset + 1) / 2 : 0;
+        h = in.height > rowOffset ? (in.height - rowOffset + 1) / 2 : 0;
+    }
+    cut.width = qMin(w, work.width);
+    cut.height = qMin(h, work.height);
+    return cut;
+}
+
+// Zeroes every sample of work outside its top-left width x height, so that
+// a cut-out smaller than the last one leaves nothing of it behind.
+void clearAround(SxPicBuf& work, quint32 width, quint32 height)
+{
+    if (width >= work.width && height >= work.height)
+        return;
+    const quint64 sample = work.bytesPerPixel(), rowBytes = work.packedLineBytes();
+    for (quint32 y = 0; y < work.height; ++y) {
+        const quint64 keep = y < height ? width * sample : 0;
+        std::memset(work.rowPtr(y) + keep, 0, size_t(rowBytes - keep));
+    }
+}
 
 } // namespace
 
@@ -318,7 +356,12 @@ IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
         return nullptr;
 
     const int ch = channel();
-    const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, m_extract);
+    SxPicBuf cut = cutOutArea(*inPic, input->metadata(), ch, m_extract);
+    const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, cut);
+    if (source == &cut) {
+        clearAround(m_extract, cut.width, cut.height);
+        source = &m_extract;
+    }
     if (!source) {
         if (errorMessage().isEmpty())
             setErrorMessage(tr("The input image has no channel %1.").arg(ch));

@@ -17,8 +17,17 @@ class CxHsiCameraParams;
 //    3 bottom-right).
 // Bands and cells are smaller than the input, yet the spectrum keeps the
 // input's size so that the output format does not depend on the channel: the
-// cut-out sits in the top-left corner of a zero picture of the input's size.
-// An odd last row or column without a complete cell is left out.
+// cut-out sits in the top-left corner of a picture of the input's size whose
+// every other sample is 0.
+//  * A band holds exactly the samples Extract Channel gives for it: it stops
+//    at the band's own filter zone (the zone's rectangle, or the whole picture
+//    when the rectangle is inverted, divided by the pattern period), cut to
+//    the input's size should the zone reach past the picture.
+//  * A cell takes every second sample of every second row from its corner as
+//    far as the picture reaches, so an odd last row belongs to cells 0 and 1
+//    and an odd last column to cells 0 and 2: of a W x H picture those take
+//    (W + 1) / 2 columns or (H + 1) / 2 rows, the others W / 2 and H / 2.
+//    (Extract Channel leaves such a row or column out.)
 //
 // The parts are announced as 32-bit float pictures (the sample type they
 // hold), not as integers, so that every consumer reads them as what they are.
