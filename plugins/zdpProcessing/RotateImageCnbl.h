@@ -11,9 +11,10 @@ struct SxPicBuf;
 //
 // A 2x2 Bayer phase (filter arrays 1..4) is renamed after the turn so that a
 // demosaic further down sees the colours where they now are; the table holds
-// for even sizes, which is what sensors deliver. Other mosaics keep their
-// value, and so does a picture marked as not raw (its filter array is only a
-// note of where it came from).
+// for even sizes, which is what sensors deliver. The storage format is not
+// looked at: a picture marked as not raw (storage format 3) turns its pixels
+// like any other and has its Bayer value renamed too, so the note of where it
+// came from stays true of the turned picture. Other mosaic values are kept.
 //
 // Sample types with a kernel: signed and unsigned 8-, 16- and 32-bit integers
 // and 32-bit float, except that a signed 32-bit picture has no
