@@ -368,7 +368,8 @@ void CxExtractChannelCnbl::listOfAvailableChannels(QList<QString>& names, QList<
     }
     if (n > 1) {
         if (info.isColor && (n == 3 || n == 4)) {
-            const QString planes[] = {tr("Red"), tr("Green"), tr("Blue"), tr("Alpha")};
+            // Colour pictures are stored blue first.
+            const QString planes[] = {tr("Blue"), tr("Green"), tr("Red"), tr("Alpha")};
             for (quint32 i = 0; i < n; ++i)
                 add(planes[i], int(i));
         } else {

@@ -54,8 +54,9 @@ struct SxPicBuf;
 //  * metadata channel names, when there are exactly as many as the input has
 //    channels per pixel: those names, indices 0..n-1 (this applies to
 //    one-channel pictures too);
-//  * several channels per pixel, colour flag set, 3 or 4 channels: "Red",
-//    "Green", "Blue" and, for the fourth, "Alpha";
+//  * several channels per pixel, colour flag set, 3 or 4 channels: the planes
+//    in the order a colour picture stores them, "Blue", "Green", "Red" and,
+//    for the fourth, "Alpha";
 //  * several channels otherwise: "Channel 0", "Channel 1", ...;
 //  * 2x2 mosaic: the four cells in index order, named by their colour; two
 //    cells of one colour are told apart as "Green 1"/"Green 2" (filter arrays
