@@ -5,13 +5,16 @@
 
 #include <QtCore/QFileInfo>
 
+#include <limits>
+
 CxFileSource::CxFileSource(const QStringList& files, const SxReadOptions& options, bool numbersFromNames,
-                           qint64 frameLimit)
+                           qint64 frameLimit, SxInputRequest::ExLiveness liveness)
     : CxImageSource(FlagProducesPictures),
       m_files(files),
       m_options(options),
       m_numbersFromNames(numbersFromNames),
-      m_limit(frameLimit)
+      m_limit(frameLimit),
+      m_liveness(liveness)
 {
 }
 
@@ -20,30 +23,61 @@ CxFileSource::~CxFileSource()
     CxPicBufAPI::FreePicBuf(m_pending, true);
 }
 
-qint64 CxFileSource::frameCount() const
+bool CxFileSource::scan(QString* error)
 {
-    const qint64 files = m_files.size();
-    return m_limit > 0 ? qMin(m_limit, files) : files;
+    m_scanned.clear();
+    m_total = 0;
+    // Files past the limit are never read, so they need no scan; two frames
+    // are enough to tell a recording from a single picture.
+    const qint64 enough = m_limit > 0 ? qMax<qint64>(m_limit, 2) : std::numeric_limits<qint64>::max();
+    for (const QString& path : std::as_const(m_files)) {
+        if (m_total >= enough)
+            break;
+        SxFile file;
+        if ((m_numbersFromNames && !CxImageFileReader::frameNumberFromName(path, file.firstNumber, error))
+            || !CxImageFileReader::scan(path, m_options, file.frames, error)) {
+            m_scanned.clear();
+            m_failed = true;
+            return false;
+        }
+        m_total += file.frames.count;
+        m_scanned.push_back(std::move(file));
+    }
+    m_live = m_liveness == SxInputRequest::LivenessLive || (m_liveness == SxInputRequest::LivenessAuto && m_total > 1);
+    return true;
 }
 
-QString CxFileSource::pendingFile() const
+qint64 CxFileSource::frameCount() const
 {
-    return m_hasPending ? m_files.at(m_next - 1) : QString();
+    return m_limit > 0 ? qMin(m_limit, m_total) : m_total;
 }
 
 bool CxFileSource::prepareNext(QString* error)
 {
     if (m_hasPending || m_failed || m_next >= frameCount())
         return !m_failed;
-    const QString& path = m_files.at(m_next);
-    qint32 number = qint32(m_next);
-    if ((m_numbersFromNames && !CxImageFileReader::frameNumberFromName(path, number, error))
-        || !CxImageFileReader::read(path, m_options, m_pending, m_pendingMeta, error)) {
+    while (m_file < m_scanned.size() && m_inFile >= m_scanned[m_file].frames.count) {
+        ++m_file;
+        m_inFile = 0;
+    }
+    if (m_file >= m_scanned.size())
+        return true;
+    const SxFile& file = m_scanned[m_file];
+    const QString name = CxImageFileReader::frameName(file.frames, m_inFile);
+    const qint64 number = m_numbersFromNames ? qint64(file.firstNumber) + m_inFile : m_next;
+    if (number > std::numeric_limits<qint32>::max()) {
+        *error = tr("%1: the frame number %2 does not fit 32 bits").arg(name).arg(number);
         m_failed = true;
         return false;
     }
-    m_pendingNumber = number;
+    if (!CxImageFileReader::readFrame(file.frames, m_inFile, m_options, m_pending, m_pendingMeta, error)) {
+        m_failed = true;
+        return false;
+    }
+    m_pendingNumber = qint32(number);
+    m_pendingName = name;
     m_hasPending = true;
+    ++m_inFile;
     ++m_next;
     return true;
 }
@@ -76,7 +110,7 @@ IxChainData* CxFileSource::grabFrame()
     auto* packet = new CxImageData;
     packet->setPicBuf(pic);
     packet->setMetadata(&m_pendingMeta);
-    packet->setLiveData(false);
+    packet->setLiveData(m_live);
     return packet;
 }
 
@@ -89,5 +123,5 @@ QString CxFileSource::title() const
 {
     if (m_files.size() == 1)
         return QFileInfo(m_files.first()).fileName();
-    return tr("%n picture files", nullptr, int(frameCount()));
+    return tr("%n picture files", nullptr, int(m_files.size()));
 }

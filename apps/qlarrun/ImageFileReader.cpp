@@ -11,6 +11,7 @@
 #include <QtCore/QSet>
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -94,13 +95,19 @@ bool CxImageFileReader::frameNumberFromName(const QString& path, qint32& number,
     qsizetype begin = end;
     while (begin > 0 && base.at(begin - 1).isDigit())
         --begin;
-    bool ok = false;
-    number = begin < end ? base.mid(begin, end - begin).toInt(&ok) : 0;
-    if (!ok) {
-        *error = PictureFile::fileError(path, begin < end ? tr("the frame number in the name is too large")
-                                                          : tr("the name holds no frame number"));
+    if (begin == end) {
+        *error = PictureFile::fileError(path, tr("the name holds no frame number"));
         return false;
     }
+    const bool negative = begin > 0 && base.at(begin - 1) == QLatin1Char('-')
+                          && (begin == 1 || !base.at(begin - 2).isLetterOrNumber());
+    bool ok = false;
+    const qint64 value = base.mid(negative ? begin - 1 : begin, end - begin + (negative ? 1 : 0)).toLongLong(&ok);
+    if (!ok || value < std::numeric_limits<qint32>::min() || value > std::numeric_limits<qint32>::max()) {
+        *error = PictureFile::fileError(path, tr("the frame number in the name does not fit 32 bits"));
+        return false;
+    }
+    number = qint32(value);
     return true;
 }
 
@@ -157,39 +164,81 @@ bool CxImageFileReader::listInputs(const QStringList& inputs, bool raw, QStringL
     return true;
 }
 
-bool CxImageFileReader::read(const QString& path, const SxReadOptions& options, SxPicBuf& pic,
-                             CxImageMetadata& meta, QString* error)
+bool CxImageFileReader::scan(const QString& path, const SxReadOptions& options, SxFrames& frames, QString* error)
 {
+    frames = SxFrames();
+    frames.path = path;
     if (!QFileInfo(path).isReadable()) {
         *error = PictureFile::fileError(path, tr("cannot open the file"));
         return false;
     }
+    frames.format = options.raw ? FormatRaw : detect(path);
+    bool ok = true;
+    switch (frames.format) {
+    case FormatRaw: ok = RawIo::frameCount(path, options.rawFormat, frames.count, error); break;
+    case FormatTiff:
+        ok = TiffIo::scan(path, frames.pages, error);
+        frames.count = frames.pages.count();
+        break;
+    case FormatPng: frames.count = 1; break;
+    case FormatPnm:
+        ok = PnmIo::scan(path, frames.images, error);
+        frames.count = qint64(frames.images.size());
+        break;
+    case FormatUnknown:
+        *error = PictureFile::fileError(path, QFileInfo(path).size() == 0
+                                                  ? tr("the file is empty")
+                                                  : tr("not a TIFF, PNG, PGM or PPM file (raw frames need --raw)"));
+        return false;
+    }
+    return ok;
+}
+
+QString CxImageFileReader::frameName(const SxFrames& frames, qint64 index)
+{
+    const PictureFile::ExFrameUnit unit = frames.format == FormatTiff  ? PictureFile::UnitPage
+                                          : frames.format == FormatPnm ? PictureFile::UnitImage
+                                                                       : PictureFile::UnitFrame;
+    return PictureFile::frameName(frames.path, unit, index, frames.count);
+}
+
+bool CxImageFileReader::readFrame(const SxFrames& frames, qint64 index, const SxReadOptions& options, SxPicBuf& pic,
+                                  CxImageMetadata& meta, QString* error)
+{
+    const QString name = frameName(frames, index);
+    if (index < 0 || index >= frames.count) {
+        *error = PictureFile::fileError(name, tr("the file holds no such frame"));
+        return false;
+    }
     bool ok = false;
-    if (options.raw) {
+    switch (frames.format) {
+    case FormatRaw: {
         RawIo::SxRawFormat format = options.rawFormat;
         format.colorFilterArray = CFA_NONE;
         format.bitsPerSample = 0;
-        ok = RawIo::read(path, format, pic, meta, error);
-    } else {
-        switch (detect(path)) {
-        case FormatTiff: ok = TiffIo::read(path, pic, meta, error); break;
-        case FormatPng: ok = PngIo::read(path, pic, meta, error); break;
-        case FormatPnm: ok = PnmIo::read(path, pic, meta, error); break;
-        case FormatUnknown:
-            *error = PictureFile::fileError(path, QFileInfo(path).size() == 0
-                                                      ? tr("the file is empty")
-                                                      : tr("not a TIFF, PNG, PGM or PPM file (raw frames need --raw)"));
-            return false;
-        }
+        ok = RawIo::read(frames.path, format, index, name, pic, meta, error);
+        break;
     }
-    return ok && describeSensor(path, options, pic, meta, error);
+    case FormatTiff: ok = TiffIo::readPage(frames.path, frames.pages, index, name, pic, meta, error); break;
+    case FormatPng: ok = PngIo::read(frames.path, pic, meta, error); break;
+    case FormatPnm: ok = PnmIo::read(frames.path, frames.images.at(size_t(index)), name, pic, meta, error); break;
+    case FormatUnknown: break;
+    }
+    return ok && describeSensor(name, options, pic, meta, error);
 }
 
-bool CxImageFileReader::describeSensor(const QString& path, const SxReadOptions& options, SxPicBuf& pic,
+bool CxImageFileReader::read(const QString& path, const SxReadOptions& options, SxPicBuf& pic,
+                             CxImageMetadata& meta, QString* error)
+{
+    SxFrames frames;
+    return scan(path, options, frames, error) && readFrame(frames, 0, options, pic, meta, error);
+}
+
+bool CxImageFileReader::describeSensor(const QString& name, const SxReadOptions& options, SxPicBuf& pic,
                                        CxImageMetadata& meta, QString* error)
 {
     const auto fail = [&](const QString& what) {
-        *error = PictureFile::fileError(path, what);
+        *error = PictureFile::fileError(name, what);
         return false;
     };
     const quint32 typeBits = pic.bytesPerSample() * 8;
@@ -210,16 +259,18 @@ bool CxImageFileReader::describeSensor(const QString& path, const SxReadOptions&
         return true;
     };
 
-    const QString cameraOrigin = tr("the camera description");
-    if (options.hasCamera) {
-        if (options.camera.hasColorFilterArray) {
-            if (!setMosaic(options.camera.colorFilterArray, cameraOrigin))
+    const auto describe = [&](const SxCameraDescription& description, const QString& origin) {
+        if (description.hasColorFilterArray) {
+            if (!setMosaic(description.colorFilterArray, origin))
                 return false;
-            meta.setHsiCameraParams(options.camera.hsi);
+            meta.setHsiCameraParams(description.hsi);
         }
-        if (!setBits(options.camera.bitsPerSample, cameraOrigin))
-            return false;
-    }
+        return setBits(description.bitsPerSample, origin);
+    };
+    if (options.hasChainInput && !describe(options.chainInput, tr("the chain document")))
+        return false;
+    if (options.hasCamera && !describe(options.camera, tr("the camera description")))
+        return false;
     const QString lineOrigin = tr("the command line");
     if (options.colorFilterArray >= 0 && !setMosaic(ExColorFilterArray(options.colorFilterArray), lineOrigin))
         return false;

@@ -1,6 +1,7 @@
 #pragma once
 #include "CameraDescription.h"
 #include "RawIo.h"
+#include "TiffIo.h"
 
 #include <CxImageMetadata.h>
 #include <SxPicBuf.h>
@@ -9,15 +10,23 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <vector>
+
 // How picture files are found, recognised and read.
 //
 // Formats are recognised by their first bytes, not by their names: TIFF,
 // PNG, and binary PGM/PPM. Raw frames have no signature, so with raw frames
-// every input is read as one.
+// every input is read as raw frames.
+//
+// A file holds one frame or several: every full-resolution page of a TIFF,
+// every image of a PNM file, every frame of a raw recording (see TiffIo.h,
+// PnmIo.h, RawIo.h); a PNG holds one. Colour pictures come out blue first
+// (B, G, R, A) whatever order the file keeps, and their channels unnamed.
 //
 // What a file says about its sensor can be completed or corrected, in this
-// order, each later one winning: the file itself (our TIFFs record filter
-// array, significant bits and the hyperspectral description), a camera
+// order, each later one winning where it says something: the file itself
+// (our TIFFs record filter array, significant bits and the hyperspectral
+// description), the input description of the chain document, a camera
 // description file, and the command line (filter array, significant bits).
 // A filter array is only for one-channel pictures; 7 needs a valid
 // hyperspectral description; significant bits may not exceed the sample
@@ -26,17 +35,29 @@ struct SxReadOptions
 {
     bool raw = false;
     RawIo::SxRawFormat rawFormat;
+    bool hasChainInput = false;
+    SxCameraDescription chainInput;  // from the chain document
     bool hasCamera = false;
-    SxCameraDescription camera;
-    int colorFilterArray = -1;  // -1: as the file and camera say
-    quint32 bitsPerSample = 0;  // 0: as the file and camera say
+    SxCameraDescription camera;      // from --camera-file
+    int colorFilterArray = -1;  // -1: as the file and descriptions say
+    quint32 bitsPerSample = 0;  // 0: as the file and descriptions say
 };
 
 class CxImageFileReader
 {
     Q_DECLARE_TR_FUNCTIONS(CxImageFileReader)
 public:
-    enum ExFormat { FormatUnknown, FormatTiff, FormatPng, FormatPnm };
+    enum ExFormat { FormatUnknown, FormatTiff, FormatPng, FormatPnm, FormatRaw };
+
+    // The frames of one file, as scan() finds them without reading samples.
+    struct SxFrames
+    {
+        QString path;
+        ExFormat format = FormatUnknown;
+        qint64 count = 0;
+        TiffIo::SxPages pages;             // TIFF
+        std::vector<quint64> images;       // PNM: where each image's header starts
+    };
 
     // Lower-case suffixes a folder is searched for (raw frames excepted).
     static QStringList pictureSuffixes();
@@ -53,15 +74,27 @@ public:
     // Name order as people count: runs of digits compare by their value, so
     // frame_9 comes before frame_10; otherwise character by character.
     static bool nameLess(const QString& a, const QString& b);
-    // The last run of digits in the file name without its suffix.
+    // The last run of digits in the file name without its suffix, negative
+    // when a '-' stands right before it at the start of the name or after a
+    // character that is neither letter nor digit ("frame_-3", "-3", "x -3"
+    // are -3); after a letter or digit the '-' only separates ("shot-0001" is
+    // 1). Numbers beyond 32 bits are refused.
     static bool frameNumberFromName(const QString& path, qint32& number, QString* error);
 
+    // Messages name the file and, where it matters, the page or image.
+    static bool scan(const QString& path, const SxReadOptions& options, SxFrames& frames, QString* error);
+    // "stack.tif (page 3 of 20)" for a frame of a file of several, the bare
+    // path for a file of one; index counts from 0.
+    static QString frameName(const SxFrames& frames, qint64 index);
     // pic becomes a heap picture (memory it holds is reused when large
-    // enough); meta is replaced. Every message names the file.
+    // enough); meta is replaced. Every message names the frame.
+    static bool readFrame(const SxFrames& frames, qint64 index, const SxReadOptions& options, SxPicBuf& pic,
+                          CxImageMetadata& meta, QString* error);
+    // The first frame of the file.
     static bool read(const QString& path, const SxReadOptions& options, SxPicBuf& pic, CxImageMetadata& meta,
                      QString* error);
 
 private:
-    static bool describeSensor(const QString& path, const SxReadOptions& options, SxPicBuf& pic,
+    static bool describeSensor(const QString& name, const SxReadOptions& options, SxPicBuf& pic,
                                CxImageMetadata& meta, QString* error);
 };

@@ -4,6 +4,8 @@
 #include "FileSource.h"
 #include "ImageFileReader.h"
 
+#include <memory>
+
 namespace {
 
 struct SxCameraKind
@@ -102,7 +104,8 @@ bool CxInputFactory::cameraConfig(const SxInputRequest& request, const SxCameraD
     return true;
 }
 
-CxImageSource* CxInputFactory::create(const SxInputRequest& request, QString* error, ExExitCode* status)
+CxImageSource* CxInputFactory::create(const SxInputRequest& request, const SxCameraDescription* chainInput,
+                                      QString* error, ExExitCode* status)
 {
     SxCameraDescription description;
     if (!request.cameraFile.isEmpty() && !description.loadFromFile(request.cameraFile, error)) {
@@ -127,9 +130,18 @@ CxImageSource* CxInputFactory::create(const SxInputRequest& request, QString* er
     SxReadOptions options;
     options.raw = request.raw;
     options.rawFormat = request.rawFormat;
+    options.hasChainInput = chainInput != nullptr;
+    if (chainInput)
+        options.chainInput = *chainInput;
     options.hasCamera = camera != nullptr;
     options.camera = description;
     options.colorFilterArray = request.cfa;
     options.bitsPerSample = request.bitsPerSample;
-    return new CxFileSource(files, options, request.frameNumbersFromNames, request.frames);
+    auto source = std::make_unique<CxFileSource>(files, options, request.frameNumbersFromNames, request.frames,
+                                                 request.liveness);
+    if (!source->scan(error)) {
+        *status = ExitInput;
+        return nullptr;
+    }
+    return source.release();
 }

@@ -26,6 +26,10 @@ struct SxInputRequest
     bool raw = false;
     RawIo::SxRawFormat rawFormat;  // size and type; mosaic and bits come from below
     bool frameNumbersFromNames = false;
+    // Auto: the frames of a sequence (more than one frame in all) are live,
+    // a single picture is static.
+    enum ExLiveness { LivenessAuto, LivenessLive, LivenessStatic };
+    ExLiveness liveness = LivenessAuto;
 
     // Both.
     qint64 frames = 0;         // 0: the camera's default count, or every file
@@ -52,5 +56,10 @@ public:
                              CxSyntheticCamera::SxConfig& config, QString* error);
     // The caller owns the source; null with a message and the exit status
     // (usage for option conflicts, input for files that are missing or wrong).
-    static CxImageSource* create(const SxInputRequest& request, QString* error, ExExitCode* status);
+    // chainInput (may be null) is the input description of the chain
+    // document; it describes picture files ahead of the camera description
+    // file and the command line, and the built-in camera ignores it. Files
+    // are scanned for their frames here.
+    static CxImageSource* create(const SxInputRequest& request, const SxCameraDescription* chainInput,
+                                 QString* error, ExExitCode* status);
 };

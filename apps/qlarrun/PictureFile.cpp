@@ -4,6 +4,8 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <cstring>
+
 namespace PictureFile {
 
 QString fileError(const QString& path, const QString& what)
@@ -47,13 +49,49 @@ bool isFileSampleType(ExImageDataType type)
     }
 }
 
-QStringList colourChannelNames(quint32 channels)
+QString frameName(const QString& path, ExFrameUnit unit, qint64 index, qint64 count)
 {
-    if (channels == 3)
-        return {QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B")};
-    if (channels == 4)
-        return {QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B"), QStringLiteral("A")};
-    return {};
+    if (count == 1)
+        return path;
+    const char* const words[] = {QT_TRANSLATE_NOOP("PictureFile", "page"), QT_TRANSLATE_NOOP("PictureFile", "image"),
+                                 QT_TRANSLATE_NOOP("PictureFile", "frame")};
+    const QString word = QCoreApplication::translate("PictureFile", words[unit]);
+    if (count <= 0)
+        return QCoreApplication::translate("PictureFile", "%1 (%2 %3)").arg(path, word).arg(index + 1);
+    return QCoreApplication::translate("PictureFile", "%1 (%2 %3 of %4)").arg(path, word).arg(index + 1).arg(count);
+}
+
+bool isBlueFirst(const SxPicBufInfo& format)
+{
+    return format.isColor && (format.channels == 3 || format.channels == 4) && format.storageFormat != DSF_PLANAR;
+}
+
+namespace {
+
+template <class T>
+void swapRedBlueT(uchar* row, quint64 pixels, quint32 channels)
+{
+    const size_t step = size_t(channels) * sizeof(T);
+    for (quint64 x = 0; x < pixels; ++x, row += step) {
+        T red, blue;
+        std::memcpy(&red, row, sizeof(T));
+        std::memcpy(&blue, row + 2 * sizeof(T), sizeof(T));
+        std::memcpy(row, &blue, sizeof(T));
+        std::memcpy(row + 2 * sizeof(T), &red, sizeof(T));
+    }
+}
+
+} // namespace
+
+void swapRedBlue(uchar* row, quint64 pixels, quint32 channels, quint32 sampleBytes)
+{
+    switch (sampleBytes) {
+    case 1: swapRedBlueT<quint8>(row, pixels, channels); break;
+    case 2: swapRedBlueT<quint16>(row, pixels, channels); break;
+    case 4: swapRedBlueT<quint32>(row, pixels, channels); break;
+    case 8: swapRedBlueT<quint64>(row, pixels, channels); break;
+    default: break;
+    }
 }
 
 } // namespace PictureFile

@@ -26,8 +26,18 @@ bool preparePicture(SxPicBuf& pic, const SxPicBufInfo& format, QString* error);
 // signedness and 32-bit float, the types the files carry both ways.
 bool isFileSampleType(ExImageDataType type);
 
-// "R", "G", "B" (and "A"), as the camera names its colour channels; empty
-// for other channel counts.
-QStringList colourChannelNames(quint32 channels);
+// How a frame of a file of several is named in messages: "stack.tif (page 3
+// of 20)", counting from 1; count 0 when the total is not known yet. A file
+// of one frame is named by its bare path.
+enum ExFrameUnit { UnitPage, UnitImage, UnitFrame };
+QString frameName(const QString& path, ExFrameUnit unit, qint64 index, qint64 count);
+
+// Colour pictures are stored blue first (B, G, R, A: the memory order of
+// Qt's RGB32 and ARGB32 pictures), files red first. The format alone says
+// whether a picture is one: nodes clear channel names freely.
+bool isBlueFirst(const SxPicBufInfo& format);
+// Exchanges the first and third sample of each pixel: red-first rows become
+// blue-first and back. Any alignment.
+void swapRedBlue(uchar* row, quint64 pixels, quint32 channels, quint32 sampleBytes);
 
 } // namespace PictureFile

@@ -18,15 +18,6 @@ QString tr(const char* text)
     return QCoreApplication::translate("PngIo", text);
 }
 
-bool blueFirst(const CxImageMetadata* meta, quint32 channels)
-{
-    if (!meta || channels < 3)
-        return false;
-    const QStringList names = meta->channelNames();
-    return names.size() >= 3 && names.at(0) == QLatin1String("B") && names.at(1) == QLatin1String("G")
-        && names.at(2) == QLatin1String("R");
-}
-
 template <class T>
 void copyRows(const SxPicBuf& pic, QImage& image, quint32 imageChannels, bool swapRedBlue, T fill)
 {
@@ -34,18 +25,18 @@ void copyRows(const SxPicBuf& pic, QImage& image, quint32 imageChannels, bool sw
     for (quint32 y = 0; y < pic.height; ++y) {
         const T* src = pic.row<T>(y);
         T* dst = reinterpret_cast<T*>(image.scanLine(int(y)));
-        if (imageChannels == ch && !swapRedBlue) {
+        if (imageChannels == ch) {
             std::memcpy(dst, src, size_t(pic.packedLineBytes()));
-            continue;
+        } else {
+            for (quint32 x = 0; x < pic.width; ++x) {
+                for (quint32 c = 0; c < ch; ++c)
+                    dst[x * imageChannels + c] = src[x * ch + c];
+                for (quint32 c = ch; c < imageChannels; ++c)
+                    dst[x * imageChannels + c] = fill;
+            }
         }
-        for (quint32 x = 0; x < pic.width; ++x) {
-            for (quint32 c = 0; c < ch; ++c)
-                dst[x * imageChannels + c] = src[x * ch + c];
-            if (swapRedBlue)
-                std::swap(dst[x * imageChannels], dst[x * imageChannels + 2]);
-            for (quint32 c = ch; c < imageChannels; ++c)
-                dst[x * imageChannels + c] = fill;
-        }
+        if (swapRedBlue)
+            PictureFile::swapRedBlue(reinterpret_cast<uchar*>(dst), pic.width, imageChannels, sizeof(T));
     }
 }
 
@@ -117,7 +108,7 @@ bool checkChunks(const QByteArray& bytes, QString* why)
 
 namespace PngIo {
 
-QImage toImage(const SxPicBuf& pic, const CxImageMetadata* meta, QString* reason)
+QImage toImage(const SxPicBuf& pic, const CxImageMetadata*, QString* reason)
 {
     const bool u8 = pic.dataType == IDT_UINT8, u16 = pic.dataType == IDT_UINT16;
     QImage::Format format = QImage::Format_Invalid;
@@ -146,7 +137,7 @@ QImage toImage(const SxPicBuf& pic, const CxImageMetadata* meta, QString* reason
         *reason = tr("no memory for a picture of format %1").arg(pic.describe());
         return QImage();
     }
-    const bool swap = blueFirst(meta, pic.channels);
+    const bool swap = PictureFile::isBlueFirst(pic);
     if (u8)
         copyRows<quint8>(pic, image, imageChannels, swap, 0xff);
     else
@@ -243,14 +234,15 @@ bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* er
         uchar* dst = pic.rowPtr(y);
         if (imageChannels == format.channels) {
             std::memcpy(dst, src, size_t(pic.packedLineBytes()));
-            continue;
+        } else {
+            for (quint32 x = 0; x < format.width; ++x)
+                std::memcpy(dst + x * 3 * sampleBytes, src + x * 4 * sampleBytes, 3 * sampleBytes);
         }
-        for (quint32 x = 0; x < format.width; ++x)
-            std::memcpy(dst + x * 3 * sampleBytes, src + x * 4 * sampleBytes, 3 * sampleBytes);
+        if (format.isColor)
+            PictureFile::swapRedBlue(dst, format.width, format.channels, sampleBytes);
     }
     meta = CxImageMetadata();
     meta.updateFromPicBufInfo(&pic);
-    meta.setChannelNames(PictureFile::colourChannelNames(format.channels));
     return true;
 }
 

@@ -8,18 +8,20 @@
 // PNG pictures through QImage, 8 and 16 bits per sample, exact both ways.
 //
 // Written: unsigned 8- and 16-bit pictures of 1, 3 or 4 channels, as grey,
-// RGB or RGBA. A picture whose description names its channels "B", "G", "R"
-// (blue first) is turned round so that the file shows true colours; TIFF
-// keeps the buffer's own order. Significant bits are not recorded: a 12-bit
-// picture is written with its values as they are and looks dark.
+// RGB or RGBA. Colour pictures, stored blue first, are written red first as
+// PNG has them; three or four channels that are not colour are written in
+// their own order. Significant bits are not recorded: a 12-bit picture is
+// written with its values as they are and looks dark.
 //
 // Read: grey and RGB(A) of 8 or 16 bits become one, three or four channels
-// of unsigned 8- or 16-bit samples (grey with alpha becomes RGBA); palette and
-// low-bit pictures are expanded to 8 bits (grey when every entry is grey).
+// of unsigned 8- or 16-bit samples, colour pictures blue first (grey with
+// alpha becomes RGBA); palette and low-bit pictures are expanded to 8 bits
+// (grey when every entry is grey).
 namespace PngIo {
 
-// A deep copy of the pixels in the matching QImage format, or a null image
-// and the reason the picture has no PNG form.
+// A deep copy of the pixels in the matching QImage format (red first), or a
+// null image and the reason the picture has no PNG form. The format alone
+// decides the colour order; meta is not consulted.
 QImage toImage(const SxPicBuf& pic, const CxImageMetadata* meta, QString* reason);
 bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, QString* error);
 bool writeImage(const QString& path, const QImage& image, QString* error);

@@ -4,6 +4,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 
 namespace {
 
@@ -53,24 +54,38 @@ QString typeNames()
     return names.join(QLatin1String(", "));
 }
 
-bool read(const QString& path, const SxRawFormat& format, SxPicBuf& pic, CxImageMetadata& meta, QString* error)
+bool frameCount(const QString& path, const SxRawFormat& format, qint64& count, QString* error)
+{
+    const SxPicBufInfo info = format.info();
+    const qint64 size = QFileInfo(path).size();
+    const qint64 need = qint64(info.requiredBytes());
+    count = need > 0 ? size / need : 0;
+    if (count < 1 || size % need != 0) {
+        *error = PictureFile::fileError(path, tr("the file has %1 bytes, a %2 raw frame needs %3 (or a whole multiple "
+                                                 "of it for a recording)")
+                                                  .arg(size).arg(info.describe()).arg(need));
+        return false;
+    }
+    return true;
+}
+
+bool read(const QString& path, const SxRawFormat& format, qint64 frame, const QString& name, SxPicBuf& pic,
+          CxImageMetadata& meta, QString* error)
 {
     const auto fail = [&](const QString& what) {
-        *error = PictureFile::fileError(path, what);
+        *error = PictureFile::fileError(name, what);
         return false;
     };
     const SxPicBufInfo info = format.info();
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(tr("cannot open the file (%1)").arg(file.errorString()));
-    const quint64 need = info.requiredBytes();
-    if (quint64(file.size()) != need)
-        return fail(tr("the file has %1 bytes, a %2 raw frame needs %3").arg(file.size()).arg(info.describe()).arg(need));
     QString why;
     if (!PictureFile::preparePicture(pic, info, &why))
         return fail(why);
-    if (file.read(reinterpret_cast<char*>(pic.data), qint64(need)) != qint64(need))
-        return fail(tr("cannot read the file (%1)").arg(file.errorString()));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(tr("cannot open the file (%1)").arg(file.errorString()));
+    const qint64 need = qint64(info.requiredBytes());
+    if (!file.seek(frame * need) || file.read(reinterpret_cast<char*>(pic.data), need) != need)
+        return fail(tr("the file ends before the frame does"));
     meta = CxImageMetadata();
     meta.updateFromPicBufInfo(&pic);
     return true;

@@ -4,10 +4,12 @@
 
 #include <QtCore/QString>
 
-// Raw frame files: nothing but the samples of one one-channel frame, rows
-// packed one after another, in this machine's byte order (little-endian on
-// the machines we build for). What the file cannot say comes from the command
-// line, and the file size must be exactly what that format needs.
+// Raw frame files: nothing but the samples of one-channel frames, rows packed
+// one after another, in this machine's byte order (little-endian on the
+// machines we build for). What the file cannot say comes from the command
+// line. A file whose size is a whole multiple (1 or more) of the frame's
+// bytes is a recording of that many frames back to back; any other size is
+// refused.
 namespace RawIo {
 
 struct SxRawFormat
@@ -26,8 +28,13 @@ struct SxRawFormat
 ExImageDataType typeFromName(const QString& name);
 QString typeNames();
 
-// pic becomes a heap picture (memory it already holds is reused when large
-// enough); meta is replaced. Messages name the file.
-bool read(const QString& path, const SxRawFormat& format, SxPicBuf& pic, CxImageMetadata& meta, QString* error);
+// The frames the file holds, from its size; a message naming the file when
+// the size does not fit.
+bool frameCount(const QString& path, const SxRawFormat& format, qint64& count, QString* error);
+// Frame counts from 0; name is how messages call it. pic becomes a heap
+// picture (memory it already holds is reused when large enough); meta is
+// replaced.
+bool read(const QString& path, const SxRawFormat& format, qint64 frame, const QString& name, SxPicBuf& pic,
+          CxImageMetadata& meta, QString* error);
 
 } // namespace RawIo

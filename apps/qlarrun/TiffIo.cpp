@@ -4,6 +4,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtXml/QDomDocument>
 
 #include <tiffio.h>
@@ -146,15 +147,21 @@ bool applyPictureDescription(const QByteArray& text, SxPicBufInfo& format, CxIma
 }
 
 // Copies a decoded block (strip or tile) of blockRows rows of blockRowBytes
-// into the picture at (x0 pixels, y0), clipped to the picture.
+// into the picture at (x0 pixels, y0), clipped to the picture, turning colour
+// pixels blue first while the rows are in cache.
 void copyBlock(SxPicBuf& pic, const uchar* block, quint64 blockRowBytes, quint32 x0, quint32 y0, quint32 blockWidth,
                quint32 blockRows)
 {
     const quint64 pixelBytes = pic.bytesPerPixel();
     const quint32 columns = qMin(blockWidth, pic.width - x0);
     const quint32 rows = qMin(blockRows, pic.height - y0);
-    for (quint32 r = 0; r < rows; ++r)
-        std::memcpy(pic.rowPtr(y0 + r) + x0 * pixelBytes, block + r * blockRowBytes, size_t(columns * pixelBytes));
+    const bool swap = PictureFile::isBlueFirst(pic);
+    for (quint32 r = 0; r < rows; ++r) {
+        uchar* dst = pic.rowPtr(y0 + r) + x0 * pixelBytes;
+        std::memcpy(dst, block + r * blockRowBytes, size_t(columns * pixelBytes));
+        if (swap)
+            PictureFile::swapRedBlue(dst, columns, pic.channels, pic.bytesPerSample());
+    }
 }
 
 bool readStrips(TIFF* tif, SxPicBuf& pic)
@@ -198,6 +205,138 @@ bool readTiles(TIFF* tif, SxPicBuf& pic)
     return true;
 }
 
+// The format of the current directory, with what our own ImageDescription
+// adds; false with the reason when this program does not read such pages.
+bool pageFormat(TIFF* t, SxPicBufInfo& format, CxImageMetadata& meta, QString* why)
+{
+    const auto fail = [&](const QString& what) {
+        *why = what;
+        return false;
+    };
+    uint32_t width = 0, height = 0;
+    uint16_t channels = 1, bits = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG, photometric = 0;
+    if (!TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &width) || !TIFFGetField(t, TIFFTAG_IMAGELENGTH, &height))
+        return fail(tr("the TIFF has no picture size"));
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &channels);
+    TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
+    TIFFGetFieldDefaulted(t, TIFFTAG_PLANARCONFIG, &planar);
+    if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric))
+        photometric = channels >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+
+    const ExImageDataType type = typeOf(sampleFormat, bits);
+    if (type == IDT_UNKNOWN)
+        return fail(tr("TIFF samples of %1 are not supported (8, 16 or 32-bit integers, 32-bit float)")
+                        .arg(describeTiffSamples(sampleFormat, bits)));
+    if (photometric != PHOTOMETRIC_MINISBLACK && photometric != PHOTOMETRIC_RGB)
+        return fail(tr("TIFF photometric interpretation %1 is not supported (min-is-black or RGB)").arg(photometric));
+    if (photometric == PHOTOMETRIC_RGB && channels < 3)
+        return fail(tr("an RGB TIFF with %1 samples per pixel").arg(channels));
+    if (channels > 1 && planar != PLANARCONFIG_CONTIG)
+        return fail(tr("TIFF with separate colour planes is not supported (only interleaved samples)"));
+    if (channels == 0)
+        return fail(tr("the TIFF has no samples per pixel"));
+
+    format = SxPicBufInfo();
+    format.width = width;
+    format.height = height;
+    format.channels = channels;
+    format.dataType = type;
+    format.bitsPerSample = bits;
+    // Beyond red, green, blue and alpha the samples have no colour order to
+    // keep, so they stay numbered channels in the file's order.
+    format.isColor = photometric == PHOTOMETRIC_RGB && channels <= 4;
+    meta = CxImageMetadata();
+    char* description = nullptr;
+    if (TIFFGetField(t, TIFFTAG_IMAGEDESCRIPTION, &description) && description
+        && !applyPictureDescription(QByteArray(description), format, meta, why))
+        return false;
+    return true;
+}
+
+const char ImageJMark[] = "ImageJ=";
+
+// images=N of an ImageJ description; 0 when the description is not
+// ImageJ's or says nothing of images, -1 when the number is not one.
+qint64 imageJImages(TIFF* t)
+{
+    char* description = nullptr;
+    if (!TIFFGetField(t, TIFFTAG_IMAGEDESCRIPTION, &description) || !description
+        || std::strncmp(description, ImageJMark, sizeof ImageJMark - 1) != 0)
+        return 0;
+    for (const QByteArray& line : QByteArray(description).split('\n')) {
+        if (line.startsWith("images=")) {
+            bool ok = false;
+            const qint64 n = line.mid(7).trimmed().toLongLong(&ok);
+            return ok && n > 0 ? n : -1;
+        }
+    }
+    return 0;
+}
+
+// A stack ImageJ wrote with one directory: the first page's format must be
+// read as it is stored, and the file must hold every frame.
+bool checkImageJStack(TIFF* t, const QString& path, qint64 images, QString* why)
+{
+    SxPicBufInfo format;
+    CxImageMetadata meta;
+    if (!pageFormat(t, format, meta, why))
+        return false;
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
+    uint64_t* offsets = nullptr;
+    if (compression != COMPRESSION_NONE || TIFFIsTiled(t) || !TIFFGetField(t, TIFFTAG_STRIPOFFSETS, &offsets)
+        || !offsets) {
+        *why = tr("ImageJ stack of %1 images with a compressed or tiled first page: its frames cannot be found")
+                   .arg(images);
+        return false;
+    }
+    if (format.width == 0 || format.height == 0 || format.width > PictureFile::MaxSide
+        || format.height > PictureFile::MaxSide) {
+        *why = tr("a picture of %1 is beyond what this program reads").arg(format.describe());
+        return false;
+    }
+    const quint64 frameBytes = format.packedLineBytes() * format.height;
+    const quint64 size = quint64(QFileInfo(path).size());
+    const quint64 start = offsets[0];
+    if (start > size || quint64(images) > (size - start) / frameBytes) {
+        *why = tr("ImageJ stack of %1 images of %2 bytes from offset %3, but the file ends after %4 bytes")
+                   .arg(images).arg(frameBytes).arg(start).arg(size);
+        return false;
+    }
+    return true;
+}
+
+// Frame page of an ImageJ stack from its place behind the first strip, in
+// the file's byte order.
+bool readImageJFrame(TIFF* t, const QString& path, qint64 page, SxPicBuf& pic)
+{
+    uint64_t* offsets = nullptr;
+    if (!TIFFGetField(t, TIFFTAG_STRIPOFFSETS, &offsets) || !offsets)
+        return false;
+    const quint64 frameBytes = pic.packedLineBytes() * pic.height;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(qint64(offsets[0] + quint64(page) * frameBytes))
+        || file.read(reinterpret_cast<char*>(pic.data), qint64(frameBytes)) != qint64(frameBytes))
+        return false;
+    const tmsize_t samples = tmsize_t(frameBytes / pic.bytesPerSample());
+    if (TIFFIsByteSwapped(t) && pic.bytesPerSample() == 2)
+        TIFFSwabArrayOfShort(reinterpret_cast<uint16_t*>(pic.data), samples);
+    else if (TIFFIsByteSwapped(t) && pic.bytesPerSample() == 4)
+        TIFFSwabArrayOfLong(reinterpret_cast<uint32_t*>(pic.data), samples);
+    if (PictureFile::isBlueFirst(pic)) {
+        for (quint32 y = 0; y < pic.height; ++y)
+            PictureFile::swapRedBlue(pic.rowPtr(y), pic.width, pic.channels, pic.bytesPerSample());
+    }
+    return true;
+}
+
+QString corrupt(const QString& libError)
+{
+    return libError.isEmpty() ? tr("the TIFF is truncated or corrupt")
+                              : tr("the TIFF is truncated or corrupt (%1)").arg(libError);
+}
+
 } // namespace
 
 namespace TiffIo {
@@ -225,7 +364,7 @@ bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta
         *error = PictureFile::fileError(path, tr("cannot create the file"));
         return false;
     }
-    const bool rgb = pic.isColor && (pic.channels == 3 || pic.channels == 4);
+    const bool rgb = PictureFile::isBlueFirst(pic);
     const uint16_t bits = uint16_t(pic.bytesPerSample() * 8);
     const QByteArray description = pictureDescription(pic, meta);
     bool ok = TIFFSetField(tif.get(), TIFFTAG_IMAGEWIDTH, uint32_t(pic.width))
@@ -246,10 +385,13 @@ bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta
             kinds[0] = EXTRASAMPLE_UNASSALPHA;
         ok = TIFFSetField(tif.get(), TIFFTAG_EXTRASAMPLES, uint16_t(extra), kinds.data());
     }
-    // libtiff may work on the row it is given, so hand it a copy.
+    // libtiff may work on the row it is given, so hand it a copy, which is
+    // also where colour turns red first as the file wants it.
     std::vector<uchar> row(size_t(pic.packedLineBytes()));
     for (quint32 y = 0; ok && y < pic.height; ++y) {
         std::memcpy(row.data(), pic.rowPtr(y), row.size());
+        if (rgb)
+            PictureFile::swapRedBlue(row.data(), pic.width, pic.channels, pic.bytesPerSample());
         ok = TIFFWriteScanline(tif.get(), row.data(), y, 0) >= 0;
     }
     ok = ok && TIFFFlush(tif.get());
@@ -263,67 +405,89 @@ bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta
     return true;
 }
 
-bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* error)
+bool scan(const QString& path, SxPages& pages, QString* error)
+{
+    pages = SxPages();
+    QString libError;
+    TiffPtr tif = openTiff(path, "r", &libError);
+    if (!tif) {
+        *error = PictureFile::fileError(path, libError.isEmpty() ? tr("cannot read the file as TIFF") : corrupt(libError));
+        return false;
+    }
+    TIFF* t = tif.get();
+    const qint64 images = imageJImages(t);
+    while (true) {
+        uint32_t subfileType = 0;
+        uint16_t oldSubfileType = 0;
+        TIFFGetField(t, TIFFTAG_SUBFILETYPE, &subfileType);
+        TIFFGetField(t, TIFFTAG_OSUBFILETYPE, &oldSubfileType);
+        if (!(subfileType & FILETYPE_REDUCEDIMAGE) && oldSubfileType != OFILETYPE_REDUCEDIMAGE)
+            pages.directories.push_back(TIFFCurrentDirOffset(t));
+        libError.clear();
+        if (!TIFFReadDirectory(t)) {
+            if (libError.isEmpty())
+                break;
+            // Numbered as the frames are, thumbnails not counted.
+            const qint64 page = qint64(pages.directories.size());
+            *error = PictureFile::fileError(PictureFile::frameName(path, PictureFile::UnitPage, page, 0),
+                                            corrupt(libError));
+            return false;
+        }
+    }
+    if (pages.directories.empty()) {
+        *error = PictureFile::fileError(path, tr("the TIFF holds only reduced-resolution pages"));
+        return false;
+    }
+    if (images < 0) {
+        *error = PictureFile::fileError(path, tr("the ImageJ description gives no number of images"));
+        return false;
+    }
+    if (images > 1 && pages.directories.size() == 1) {
+        QString why;
+        if (!TIFFSetSubDirectory(t, pages.directories.front()) || !checkImageJStack(t, path, images, &why)) {
+            *error = PictureFile::fileError(path, why.isEmpty() ? corrupt(libError) : why);
+            return false;
+        }
+        pages.imageJImages = images;
+    }
+    return true;
+}
+
+bool readPage(const QString& path, const SxPages& pages, qint64 page, const QString& name, SxPicBuf& pic,
+              CxImageMetadata& meta, QString* error)
 {
     const auto fail = [&](const QString& what) {
-        *error = PictureFile::fileError(path, what);
+        *error = PictureFile::fileError(name, what);
         return false;
     };
+    if (page < 0 || page >= pages.count())
+        return fail(tr("the TIFF has no page %1").arg(page + 1));
     QString libError;
     TiffPtr tif = openTiff(path, "r", &libError);
     if (!tif)
-        return fail(libError.isEmpty() ? tr("cannot read the file as TIFF")
-                                       : tr("the TIFF is truncated or corrupt (%1)").arg(libError));
+        return fail(libError.isEmpty() ? tr("cannot read the file as TIFF") : corrupt(libError));
     TIFF* t = tif.get();
-
-    uint32_t width = 0, height = 0;
-    uint16_t channels = 1, bits = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG, photometric = 0;
-    if (!TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &width) || !TIFFGetField(t, TIFFTAG_IMAGELENGTH, &height))
-        return fail(tr("the TIFF has no picture size"));
-    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &channels);
-    TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
-    TIFFGetFieldDefaulted(t, TIFFTAG_PLANARCONFIG, &planar);
-    if (!TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric))
-        photometric = channels >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
-
-    const ExImageDataType type = typeOf(sampleFormat, bits);
-    if (type == IDT_UNKNOWN)
-        return fail(tr("TIFF samples of %1 are not supported (8, 16 or 32-bit integers, 32-bit float)")
-                        .arg(describeTiffSamples(sampleFormat, bits)));
-    if (photometric != PHOTOMETRIC_MINISBLACK && photometric != PHOTOMETRIC_RGB)
-        return fail(tr("TIFF photometric interpretation %1 is not supported (min-is-black or RGB)").arg(photometric));
-    if (photometric == PHOTOMETRIC_RGB && channels < 3)
-        return fail(tr("an RGB TIFF with %1 samples per pixel").arg(channels));
-    if (channels > 1 && planar != PLANARCONFIG_CONTIG)
-        return fail(tr("TIFF with separate colour planes is not supported (only interleaved samples)"));
-    if (channels == 0)
-        return fail(tr("the TIFF has no samples per pixel"));
+    const quint64 directory = pages.directories.at(pages.imageJImages > 0 ? 0 : size_t(page));
+    if (TIFFCurrentDirOffset(t) != directory && !TIFFSetSubDirectory(t, directory))
+        return fail(corrupt(libError));
 
     SxPicBufInfo format;
-    format.width = width;
-    format.height = height;
-    format.channels = channels;
-    format.dataType = type;
-    format.bitsPerSample = bits;
-    format.isColor = photometric == PHOTOMETRIC_RGB;
-    meta = CxImageMetadata();
-    char* description = nullptr;
-    if (TIFFGetField(t, TIFFTAG_IMAGEDESCRIPTION, &description) && description) {
-        QString why;
-        if (!applyPictureDescription(QByteArray(description), format, meta, &why))
-            return fail(why);
-    }
     QString why;
-    if (!PictureFile::preparePicture(pic, format, &why))
+    if (!pageFormat(t, format, meta, &why) || !PictureFile::preparePicture(pic, format, &why))
         return fail(why);
-    if (!(TIFFIsTiled(t) ? readTiles(t, pic) : readStrips(t, pic)))
-        return fail(libError.isEmpty() ? tr("the TIFF is truncated or corrupt")
-                                       : tr("the TIFF is truncated or corrupt (%1)").arg(libError));
+    const bool ok = pages.imageJImages > 0 ? readImageJFrame(t, path, page, pic)
+                    : TIFFIsTiled(t)       ? readTiles(t, pic)
+                                           : readStrips(t, pic);
+    if (!ok)
+        return fail(corrupt(libError));
     meta.updateFromPicBufInfo(&pic);
-    if (format.isColor)
-        meta.setChannelNames(PictureFile::colourChannelNames(channels));
     return true;
+}
+
+bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* error)
+{
+    SxPages pages;
+    return scan(path, pages, error) && readPage(path, pages, 0, path, pic, meta, error);
 }
 
 } // namespace TiffIo
