@@ -3,6 +3,7 @@
 #include <CxChainDocument.h>
 #include <CxChainable.h>
 #include <CxRTTI.h>
+#include <SxCameraDescription.h>
 
 #include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>
@@ -111,9 +112,10 @@ ExExitCode CxChainBuilder::applySettings(CxChainable* node, const SxNodeRequest&
 }
 
 ExExitCode CxChainBuilder::build(const QString& chainFile, const QList<SxNodeRequest>& requests,
-                                 QList<CxChainable*>& nodes, QString* error)
+                                 QList<CxChainable*>& nodes, SxCameraDescription& input, QString* error)
 {
     QList<CxChainable*> made;
+    input = SxCameraDescription();
     if (!chainFile.isEmpty()) {
         const QFileInfo info(chainFile);
         if (!info.exists()) {
@@ -125,7 +127,7 @@ ExExitCode CxChainBuilder::build(const QString& chainFile, const QList<SxNodeReq
             return ExitInput;
         }
         QString docError;
-        made = CxChainDocument::loadFromFile(chainFile, &docError);
+        made = CxChainDocument::loadFromFile(chainFile, &docError, &input);
         if (!docError.isEmpty()) {
             qDeleteAll(made);
             *error = namingFile(chainFile, docError);

@@ -8,6 +8,7 @@
 #include <QtCore/QStringList>
 
 class CxChainable;
+struct SxCameraDescription;
 
 // The message as it is when it already names the file, else prefixed with it.
 QString namingFile(const QString& path, const QString& message);
@@ -28,9 +29,10 @@ public:
     static bool parseNodeRequest(const QString& text, SxNodeRequest& request, QString* error);
 
     // The document's nodes first, then one node per request. On failure no node
-    // is left over and error names the file or node at fault.
+    // is left over and error names the file or node at fault. input receives
+    // the document's description of its input (empty without one).
     static ExExitCode build(const QString& chainFile, const QList<SxNodeRequest>& requests,
-                            QList<CxChainable*>& nodes, QString* error);
+                            QList<CxChainable*>& nodes, SxCameraDescription& input, QString* error);
 
     // Null with a message when no registered node has that CustomName (or,
     // failing that, that UniqueID).

@@ -26,10 +26,13 @@ struct SxDefaultChain
 const SxDefaultChain DefaultChains[] = {
     {"green", QT_TRANSLATE_NOOP("CxCommandLine", "Extract Channel keeps the first green cell of every 2x2 cell"),
      {"Extract Channel:channelIdx=1"}},
+    // The camera's bars slide sideways, so the horizontal profile (the mean
+    // of each column) holds their period: 32 pixels, 16 green cells.
     {"spectrum",
      QT_TRANSLATE_NOOP("CxCommandLine",
-                       "FFT 1D plots the amplitude spectrum of the green cells' vertical profile (the mean of each row)"),
-     {"Extract Channel:channelIdx=1", "Fast Fourier Transform 1D"}},
+                       "FFT 1D plots the amplitude spectrum of the green cells' horizontal profile (the mean of each "
+                       "column) without its mean, which peaks at the bars' period"),
+     {"Extract Channel:channelIdx=1", "Fast Fourier Transform 1D:transtype=0:includeDC=0"}},
     {"noise",
      QT_TRANSLATE_NOOP("CxCommandLine",
                        "Image Averaging takes the standard deviation of every 4 frames; LUT Mapping stretches it "
@@ -83,7 +86,9 @@ QString CxCommandLine::exitStatusHelp()
               "     malformed, an unknown node name (in a document, --node or --describe)\n"
               "  3  plug-ins or chain: the plug-in folder cannot be loaded, or a node refuses\n"
               "     the format it is given\n"
-              "  4  output: the output folder, a picture or the saved chain cannot be written\n");
+              "  4  output: the output folder, a picture or the saved chain cannot be written\n"
+              "  5  --strict only: a node passed frames on unprocessed or dropped them, or an\n"
+              "     output was empty or had no file form\n");
 }
 
 bool CxCommandLine::parseSize(const QString& text, quint32& width, quint32& height)
@@ -181,11 +186,21 @@ ExExitCode CxCommandLine::parse(const QStringList& arguments, SxRunOptions& opti
     const QCommandLineOption summaryOption(QStringLiteral("summary"),
                                            tr("Prints one line per output: frame, size, type, channels, min, max, "
                                               "mean (also with --quiet)."));
+    const QCommandLineOption liveOption(QStringLiteral("live"),
+                                        tr("Treats the frames of picture files as live frames (default for a "
+                                           "sequence of frames)."));
+    const QCommandLineOption staticOption(QStringLiteral("static"),
+                                          tr("Treats the frames of picture files as static pictures (default for a "
+                                             "single picture)."));
+    const QCommandLineOption strictOption(QStringLiteral("strict"),
+                                          tr("Fails (status 5) when a node passed frames on unprocessed or dropped "
+                                             "them, or an output was empty or not writable."));
     const QCommandLineOption quietOption(QStringLiteral("quiet"), tr("Prints errors only; no progress bar."));
     parser.addOptions({helpOption, versionOption, listOption, describeOption, pluginsOption, chainOption,
                        nodeOption, saveChainOption, cameraOption, sizeOption, seedOption, framesOption, cfaOption,
-                       bitsOption, rawOption, rawTypeOption, cameraFileOption, numbersOption, outOption, pngOption,
-                       compressOption, summaryOption, quietOption});
+                       bitsOption, rawOption, rawTypeOption, cameraFileOption, numbersOption, liveOption,
+                       staticOption, outOption, pngOption, compressOption, summaryOption, strictOption,
+                       quietOption});
 
     if (!parser.parse(arguments)) {
         *text = parser.errorText();
@@ -219,6 +234,7 @@ ExExitCode CxCommandLine::parse(const QStringList& arguments, SxRunOptions& opti
                                                     : SxRunOptions::ActionRun;
     options.describeNode = parser.value(describeOption);
     options.quiet = parser.isSet(quietOption);
+    options.strict = parser.isSet(strictOption);
     options.pluginDir = parser.value(pluginsOption);
     options.chainFile = parser.value(chainOption);
     options.saveChainFile = parser.value(saveChainOption);
@@ -240,10 +256,17 @@ ExExitCode CxCommandLine::parse(const QStringList& arguments, SxRunOptions& opti
         if (files && parser.isSet(*cameraOnly))
             return usage(tr("--%1 is for the built-in camera, not for picture files").arg(cameraOnly->names().first()));
     }
-    for (const QCommandLineOption* filesOnly : {&rawOption, &rawTypeOption, &numbersOption}) {
+    for (const QCommandLineOption* filesOnly : {&rawOption, &rawTypeOption, &numbersOption, &liveOption,
+                                                &staticOption}) {
         if (!files && parser.isSet(*filesOnly))
             return usage(tr("--%1 needs picture files to read").arg(filesOnly->names().first()));
     }
+    if (parser.isSet(liveOption) && parser.isSet(staticOption))
+        return usage(tr("--live and --static exclude each other"));
+    if (parser.isSet(liveOption))
+        input.liveness = SxInputRequest::LivenessLive;
+    else if (parser.isSet(staticOption))
+        input.liveness = SxInputRequest::LivenessStatic;
     if (parser.isSet(cameraOption))
         input.camera = parser.value(cameraOption);
     if (parser.isSet(sizeOption) && !parseSize(parser.value(sizeOption), input.width, input.height))

@@ -24,6 +24,7 @@ struct SxRunOptions
     SxInputRequest input;
     CxOutputWriter::SxOptions output;
     bool quiet = false;
+    bool strict = false;       // frames a node passed on unprocessed or dropped, and empty outputs, fail the run
 };
 
 class CxCommandLine

@@ -62,10 +62,4 @@ public:
     // are scanned for their frames here.
     static CxImageSource* create(const SxInputRequest& request, const SxCameraDescription* chainInput,
                                  QString* error, ExExitCode* status);
-    // Without a chain document's input description; goes once every caller
-    // passes one.
-    static CxImageSource* create(const SxInputRequest& request, QString* error, ExExitCode* status)
-    {
-        return create(request, nullptr, error, status);
-    }
 };

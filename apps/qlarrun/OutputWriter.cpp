@@ -76,7 +76,7 @@ CxOutputWriter::ExResult CxOutputWriter::writePicture(const SxPicBuf& pic, const
     if (!TiffIo::write(m_dir.filePath(base + QStringLiteral(".tif")), pic, meta, m_options.deflate, message))
         return Failed;
     if (png) {
-        const QImage image = PngIo::toImage(pic, meta, &reason);
+        const QImage image = PngIo::toImage(pic, &reason);
         if (image.isNull())
             note(tr("%1; written as TIFF only").arg(reason), message);
         else if (!PngIo::writeImage(m_dir.filePath(base + QStringLiteral(".png")), image, message))
@@ -98,6 +98,16 @@ CxOutputWriter::ExResult CxOutputWriter::handle(const IxChainData* packet, QStri
     const CxFFTImageData* spectrum = qobject_cast<const CxFFTImageData*>(packet);
     const SxPicBuf& pic = *image->picBuf();
     const QString base = baseName(pic.frameNumber);
+    const SxPicBuf& shape = spectrum ? *spectrum->picBufRe() : pic;
+    if (shape.width == 0 || shape.height == 0) {
+        // Told once; the end of the run gives the count.
+        if (++m_empty == 1)
+            *message = tr("frame %1: the output is empty (%2); empty outputs are counted, not written")
+                           .arg(pic.frameNumber).arg(shape.describe());
+        if (m_options.summary)
+            summary->append(tr("frame %1: %2, empty").arg(pic.frameNumber).arg(shape.describe()));
+        return Empty;
+    }
 
     if (m_options.summary) {
         const auto add = [&](const SxPicBuf& p, const QString& label) {

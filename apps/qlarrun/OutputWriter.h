@@ -24,7 +24,9 @@ class IxChainData;
 //    largest magnitude of the frame is 255, with the spectrum as the packet
 //    holds it (zero frequency in the centre).
 // Pictures that have no file form, and packets of other classes, are
-// skipped with one message per kind.
+// skipped with one message per kind. An empty picture (no rows or no
+// columns, as Deinterlace makes of a one-row frame) is a legal output with
+// nothing to write: it is counted, told once, and the run goes on.
 //
 // A summary line per written picture: "frame N: 320x240 u8 x1 min 3 max 251
 // mean 97.420" ("frame N re:", "frame N im:" for spectra); min, max and mean
@@ -33,7 +35,7 @@ class CxOutputWriter
 {
     Q_DECLARE_TR_FUNCTIONS(CxOutputWriter)
 public:
-    enum ExResult { Written, Skipped, Failed };
+    enum ExResult { Written, Skipped, Empty, Failed };
 
     struct SxOptions
     {
@@ -60,6 +62,7 @@ public:
 
     int written() const { return m_written; }
     int skipped() const { return m_skipped; }
+    int empty() const { return m_empty; }
 
 private:
     ExResult writePicture(const SxPicBuf& pic, const CxImageMetadata* meta, const QString& base, bool png,
@@ -71,4 +74,5 @@ private:
     QSet<QString> m_reported;
     int m_written = 0;
     int m_skipped = 0;
+    int m_empty = 0;
 };

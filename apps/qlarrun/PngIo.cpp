@@ -108,7 +108,7 @@ bool checkChunks(const QByteArray& bytes, QString* why)
 
 namespace PngIo {
 
-QImage toImage(const SxPicBuf& pic, const CxImageMetadata*, QString* reason)
+QImage toImage(const SxPicBuf& pic, QString* reason)
 {
     const bool u8 = pic.dataType == IDT_UINT8, u16 = pic.dataType == IDT_UINT16;
     QImage::Format format = QImage::Format_Invalid;
@@ -152,17 +152,6 @@ bool writeImage(const QString& path, const QImage& image, QString* error)
         return false;
     }
     return true;
-}
-
-bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, QString* error)
-{
-    QString reason;
-    const QImage image = toImage(pic, meta, &reason);
-    if (image.isNull()) {
-        *error = PictureFile::fileError(path, reason);
-        return false;
-    }
-    return writeImage(path, image, error);
 }
 
 bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* error)

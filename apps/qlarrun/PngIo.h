@@ -21,9 +21,8 @@ namespace PngIo {
 
 // A deep copy of the pixels in the matching QImage format (red first), or a
 // null image and the reason the picture has no PNG form. The format alone
-// decides the colour order; meta is not consulted.
-QImage toImage(const SxPicBuf& pic, const CxImageMetadata* meta, QString* reason);
-bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, QString* error);
+// decides the colour order.
+QImage toImage(const SxPicBuf& pic, QString* reason);
 bool writeImage(const QString& path, const QImage& image, QString* error);
 // pic becomes a heap picture (memory it already holds is reused when large
 // enough); meta is replaced. Messages name the file.

@@ -14,6 +14,7 @@
 #include <CxPicBufAPI.h>
 #include <CxPluginManager.h>
 #include <CxRTTI.h>
+#include <SxCameraDescription.h>
 
 #include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>
@@ -207,11 +208,80 @@ ExExitCode CxRunner::handleOutput(IxChainData* packet, CxOutputWriter& writer)
     return ExitOk;
 }
 
+namespace {
+
+// What a run knew about its input, for a saved chain to replay it.
+SxCameraDescription describeInput(const SxPicBufInfo& format, const CxImageMetadata& meta)
+{
+    SxCameraDescription described;
+    described.hasColorFilterArray = true;
+    described.colorFilterArray = format.colorFilterArray;
+    described.bitsPerSample = format.bitsPerSample;
+    if (format.colorFilterArray == CFA_HSI_MOSAIC)
+        described.hsi = meta.hsiCameraParams();
+    return described;
+}
+
+} // namespace
+
+void CxRunner::beginSegment(const CxChain& chain)
+{
+    m_segmentStart.clear();
+    for (int i = 0; i < chain.nodes().size(); ++i)
+        m_segmentStart.append(chain.nodeStats(i));
+}
+
+void CxRunner::endSegment(const CxChain& chain)
+{
+    const QList<CxChainable*> nodes = chain.nodes();
+    while (m_accounts.size() < nodes.size())
+        m_accounts.append(SxNodeAccount());
+    for (int i = 0; i < nodes.size() && i < m_segmentStart.size(); ++i) {
+        const CxChain::SxNodeStats now = chain.nodeStats(i);
+        const CxChain::SxNodeStats& then = m_segmentStart.at(i);
+        const qint64 frames = now.frames - then.frames;
+        const qint64 passedOn = now.passedOn - then.passedOn;
+        SxNodeAccount& account = m_accounts[i];
+        account.frames += frames;
+        // Passing packets on is the whole work of a node without pictures.
+        if (nodes.at(i)->buffersCountInMemoryPool() > 0)
+            account.unprocessed += passedOn;
+        if (frames > 0 && now.outputs == then.outputs && passedOn == 0) {
+            account.dropped += frames;
+            SxPicBufInfo in;
+            if (chain.negotiatedFormat(i - 1, in))
+                account.droppedFormats.append(in.describe());
+        }
+        if (!nodes.at(i)->errorMessage().isEmpty())
+            account.message = nodes.at(i)->errorMessage();
+    }
+    m_segmentStart.clear();
+}
+
+bool CxRunner::reportAccounts(const QList<CxChainable*>& nodes)
+{
+    bool any = false;
+    for (int i = 0; i < nodes.size() && i < m_accounts.size(); ++i) {
+        const SxNodeAccount& a = m_accounts.at(i);
+        const QString node = tr("node %1 \"%2\"").arg(i + 1).arg(nodes.at(i)->title());
+        if (a.unprocessed > 0)
+            warn(tr("%1: passed %2 of %3 frames on unprocessed%4")
+                     .arg(node).arg(a.unprocessed).arg(a.frames)
+                     .arg(a.message.isEmpty() ? QString() : tr(" (%1)").arg(a.message)));
+        if (a.dropped > 0)
+            warn(tr("%1: gave no output for %2 of %3 frames (input %4)")
+                     .arg(node).arg(a.dropped).arg(a.frames).arg(a.droppedFormats.join(QLatin1String(", "))));
+        any = any || a.unprocessed > 0 || a.dropped > 0;
+    }
+    return any;
+}
+
 ExExitCode CxRunner::run(const SxRunOptions& options)
 {
     QString error;
     QList<CxChainable*> nodes;
-    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, nodes, &error);
+    SxCameraDescription documentInput;
+    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, nodes, documentInput, &error);
     if (built != ExitOk)
         return fail(built, error);
 
@@ -220,13 +290,8 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
     for (CxChainable* node : nodes)
         chain->appendNode(node);
 
-    if (!options.saveChainFile.isEmpty()
-        && !CxChainDocument::saveToFile(nodes, options.saveChainFile, &error)) {
-        return fail(ExitOutput, namingFile(options.saveChainFile, error));
-    }
-
     ExExitCode status = ExitOk;
-    CxImageSource* source = CxInputFactory::create(options.input, &error, &status);
+    CxImageSource* source = CxInputFactory::create(options.input, &documentInput, &error, &status);
     if (!source)
         return fail(status, error);
     chain->setSource(source);
@@ -234,15 +299,26 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
     if (files && !files->prepareNext(&error))
         return fail(ExitInput, error);
 
+    SxPicBufInfo format;
+    CxImageMetadata formatMeta;
+    if (!options.saveChainFile.isEmpty()) {
+        // The first frame's description: what the rest of the run was given.
+        const SxCameraDescription described = source->sourceFormat(format, &formatMeta)
+                                                  ? describeInput(format, formatMeta)
+                                                  : SxCameraDescription();
+        if (!CxChainDocument::saveToFile(nodes, options.saveChainFile, &error, &described))
+            return fail(ExitOutput, namingFile(options.saveChainFile, error));
+    }
+
     CxOutputWriter writer;
     if (!writer.open(options.output, &error))
         return fail(ExitOutput, error);
 
+    m_accounts.clear();
     if (!chain->start())
         return fail(ExitChain, tr("the chain refuses its input: %1").arg(chain->lastError()));
+    beginSegment(*chain);
 
-    SxPicBufInfo format;
-    CxImageMetadata formatMeta;
     chain->negotiatedFormat(-1, format, &formatMeta);
     QStringList stages{tr("%1 (%2)").arg(source->title(), format.describe())};
     for (const CxChainable* node : nodes)
@@ -269,6 +345,7 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
             CxImageMetadata nextMeta;
             if (files->sourceFormat(next, &nextMeta) && !sameInput(format, formatMeta, next, nextMeta)) {
                 info(tr("%1: the format changes to %2; the chain starts again").arg(files->pendingFile(), next.describe()));
+                endSegment(*chain);
                 chain->stop();
                 ++restarts;
                 if (!chain->start()) {
@@ -276,6 +353,7 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
                                                  .arg(files->pendingFile(), chain->lastError()));
                     break;
                 }
+                beginSegment(*chain);
                 format = next;
                 formatMeta = nextMeta;
             }
@@ -291,11 +369,14 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
             status = fail(ExitInput, tr("the source delivered no frame"));
         progress.update(chain->stats().grabbed);
     }
+    if (!m_segmentStart.isEmpty())
+        endSegment(*chain);
     chain->stop();
     reportNodeErrors(nodes);
     progress.clear();
     m_progress = nullptr;
     const qint64 framesIn = chain->stats().grabbed;
+    const bool unaccounted = reportAccounts(nodes);
     chain.reset();
 
     // Every packet has been deleted by now; a picture still out means a node
@@ -311,10 +392,14 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
         account = tr("%1 frames in, %2 outputs written to %3").arg(framesIn).arg(writer.written()).arg(writer.folder());
     else
         account = tr("%1 frames in, %2 outputs (none written: no --out folder)").arg(framesIn).arg(outputs);
+    if (writer.empty() > 0)
+        account += tr(", %1 empty (nothing to write)").arg(writer.empty());
     if (writer.skipped() > 0)
         account += tr(", %1 skipped").arg(writer.skipped());
     if (restarts > 0)
         account += tr(", %1 restarts on a format change").arg(restarts);
     info(account);
+    if (options.strict && (unaccounted || writer.empty() > 0 || writer.skipped() > 0))
+        return fail(ExitStrict, tr("--strict: not every frame became a written output of every node's work"));
     return ExitOk;
 }

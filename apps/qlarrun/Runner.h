@@ -7,6 +7,8 @@
 #include <QtCore/QList>
 #include <QtCore/QString>
 
+#include <CxChain.h>
+
 class QTextStream;
 class CxChainable;
 class CxOutputWriter;
@@ -25,6 +27,18 @@ class IxChainData;
 // stdout gets the account of the run and the summary lines; stderr gets
 // errors, warnings, node messages (each message of a node once) and, on a
 // terminal, the progress bar.
+//
+// Every frame is accounted for. The chain counts, per node, the packets it
+// made something new of, passed on unchanged and gave nothing for. At the
+// end of the run a node is reported when it
+//  * passed frames on unprocessed: returned its input itself although its
+//    work is making pictures (a node that asks for no pool pictures, as
+//    Filter Images, passes packets on by design), or
+//  * dropped frames: gave no output at all for the frames of one input
+//    format (a stretch of the run between restarts). Collecting nodes
+//    (averaging, merging, filtering) that give some outputs are not counted.
+// Empty outputs are counted too. With --strict any of these, or an output
+// without a file form, makes the exit status 5.
 class CxRunner
 {
     Q_DECLARE_TR_FUNCTIONS(CxRunner)
@@ -48,6 +62,22 @@ private:
     ExExitCode handleOutput(IxChainData* packet, CxOutputWriter& writer);
     void reportNodeErrors(const QList<CxChainable*>& nodes);
 
+    // What a node did over the run, beyond its ordinary work.
+    struct SxNodeAccount
+    {
+        qint64 frames = 0;
+        qint64 unprocessed = 0;  // passed on unchanged by a node that makes pictures
+        qint64 dropped = 0;      // frames of formats it gave no output for at all
+        QString message;         // its message, when it had one
+        QStringList droppedFormats;
+    };
+    // A segment is the stretch of a run between a start and a stop of the
+    // chain: one input format.
+    void beginSegment(const CxChain& chain);
+    void endSegment(const CxChain& chain);
+    // One warning per node that passed on or dropped frames; true when any did.
+    bool reportAccounts(const QList<CxChainable*>& nodes);
+
     void info(const QString& text);
     void warn(const QString& text);
     ExExitCode fail(ExExitCode code, const QString& text);
@@ -57,4 +87,6 @@ private:
     bool m_quiet = false;
     CxProgressBar* m_progress = nullptr;  // the current run's, while it runs
     QHash<const CxChainable*, QString> m_shownErrors;
+    QList<CxChain::SxNodeStats> m_segmentStart;
+    QList<SxNodeAccount> m_accounts;
 };

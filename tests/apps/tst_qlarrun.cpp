@@ -23,8 +23,11 @@
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
 
+#include <tiffio.h>
+
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace {
 
@@ -162,6 +165,37 @@ QString frameFile(const QString& folder, int n, const char* suffix)
     return QDir(folder).filePath(QString("frame_%1.%2").arg(n, 6, 10, QChar('0')).arg(suffix));
 }
 
+// A pixel of a written TIFF as another program sees it: decoded by libtiff's
+// own RGBA reader, none of ours.
+QRgb tiffPixel(const QString& path, int x, int y)
+{
+    TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), "r");
+    if (!tif)
+        return 0;
+    uint32_t w = 0, h = 0;
+    TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &w);
+    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
+    std::vector<uint32_t> raster(size_t(w) * h);
+    QRgb pixel = 0;
+    if (TIFFReadRGBAImageOriented(tif, w, h, raster.data(), ORIENTATION_TOPLEFT, 0) && x < int(w) && y < int(h)) {
+        const uint32_t p = raster[size_t(y) * w + size_t(x)];
+        pixel = qRgb(int(TIFFGetR(p)), int(TIFFGetG(p)), int(TIFFGetB(p)));
+    }
+    TIFFClose(tif);
+    return pixel;
+}
+
+// A one-channel raw frame file of 8-bit samples, value(x, y) each.
+template <class Fn>
+bool writeRaw8(const QString& path, int w, int h, Fn value)
+{
+    QByteArray bytes;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            bytes.append(char(value(x, y)));
+    return writeFile(path, bytes);
+}
+
 } // namespace
 
 Q_DECLARE_METATYPE(SxChainCase)
@@ -253,7 +287,13 @@ private slots:
     void cameraChains();
     void cameraLayouts_data();
     void cameraLayouts();
-    void savedChainRunsTheSame();
+    void savedChainReplaysOnPlainFiles();
+    void colourFiles_data();
+    void colourFiles();
+    void frameAccounting_data();
+    void frameAccounting();
+    void recordingsAreLive_data();
+    void recordingsAreLive();
     void progressOnTerminal();
     void nodeProblems_data();
     void nodeProblems();
@@ -337,11 +377,18 @@ void TestQlarrun::defaultRun()
     QCOMPARE(QDir(spectrum).entryList(QDir::Files).size(), 16);
     const QImage plot(frameFile(spectrum, 7, "png"));
     QCOMPARE(plot.size(), QSize(2048, 1536));
-    int graph = 0;
+    int graph = 0, peakX = -1;
     for (int y = 0; y < plot.height(); y += 2)
-        for (int x = 0; x < plot.width(); x += 2)
-            graph += qRed(plot.pixel(x, y)) > 240 && qGreen(plot.pixel(x, y)) > 240 && qBlue(plot.pixel(x, y)) < 200;
+        for (int x = 0; x < plot.width(); x += 2) {
+            const bool yellow = qRed(plot.pixel(x, y)) > 240 && qGreen(plot.pixel(x, y)) > 240 && qBlue(plot.pixel(x, y)) < 200;
+            graph += yellow;
+            if (yellow && peakX < 0)
+                peakX = x;
+        }
     QVERIFY2(graph > 50, qPrintable(QString::number(graph)));
+    // The highest point is the bars' period, 16 green cells (0.0625 periods
+    // per pixel), an eighth of the way along the frequency axis.
+    QVERIFY2(peakX > 2048 * 0.19 && peakX < 2048 * 0.28, qPrintable(QString::number(peakX)));
 
     // Standard deviation of every 4 frames, LUT-mapped to colour: frames 3 and 7.
     const QString noise = dir.filePath("out/default/noise");
@@ -478,30 +525,200 @@ void TestQlarrun::cameraLayouts()
     QVERIFY2(top <= (1u << c.bits) - 1 && top > (1u << c.bits) / 4, qPrintable(QString::number(top)));
 }
 
-void TestQlarrun::savedChainRunsTheSame()
+// Plain raw files say nothing of their sensor; the saved chain remembers
+// the filter array and significant bits the first run was told.
+void TestQlarrun::savedChainReplaysOnPlainFiles()
 {
     QTemporaryDir dir;
     const QString doc = dir.filePath("chain.xml"), first = dir.filePath("1"), second = dir.filePath("2");
-    const QStringList camera{"--camera", "bayer16", "--size", "33x21", "--frames", "2"};
-    QCOMPARE(runQlarrun(camera + QStringList{"--node", "Deinterlace:transform=3", "--node", "Extract Channel:channelIdx=2",
-                                             "--save-chain", doc, "--out", first}).status, 0);
+    for (int n = 0; n < 2; ++n) {
+        QByteArray bytes;
+        for (int i = 0; i < 10 * 6; ++i)
+            bytes.append(char((i * 37 + n) & 0xff)).append(char(i % 16));
+        QVERIFY(writeFile(dir.filePath(QString("raw_%1.bin").arg(n)), bytes));
+    }
+    const QStringList raw{dir.filePath("raw_*.bin"), "--raw", "10x6", "--raw-type", "u16"};
+    QCOMPARE(runQlarrun(raw + QStringList{"--cfa", "1", "--bits", "12", "--node", "Deinterlace:transform=3", "--node",
+                                          "Extract Channel:channelIdx=2", "--save-chain", doc, "--out", first}).status,
+             0);
     const QString xml = QString::fromUtf8(fileBytes(doc));
-    QVERIFY2(xml.contains(DeinterlaceId) && xml.contains("transform=\"3\"") && xml.contains(ExtractId)
-                 && xml.contains("channelIdx=\"2\""),
+    const QString input = xml.split('\n').filter("<QlarCamera").value(0);
+    QVERIFY2(input.contains("colorFilterArray=\"1\"") && input.contains("bitsPerSample=\"12\"") && xml.contains(DeinterlaceId)
+                 && xml.contains("transform=\"3\"") && xml.contains("channelIdx=\"2\""),
              qPrintable(xml));
 
     // Quiet but for the summary lines asked for.
-    const SxRun run = runQlarrun(camera + QStringList{"--chain", doc, "--out", second, "--quiet", "--summary"});
+    const SxRun run = runQlarrun(raw + QStringList{"--chain", doc, "--out", second, "--quiet", "--summary"});
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
     const QStringList lines = run.out.split('\n', Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 2);
-    QVERIFY2(lines.at(1).startsWith("frame 1: 16x10 u16 x1 min "), qPrintable(run.out));
+    QVERIFY2(lines.at(1).startsWith("frame 1: 5x3 u16 x1 min "), qPrintable(run.out));
     for (int n = 0; n < 2; ++n) {
         const QByteArray a = fileBytes(frameFile(first, n, "tif"));
         QVERIFY(!a.isEmpty());
         QCOMPARE(fileBytes(frameFile(second, n, "tif")), a);
     }
+}
+
+// Colour outputs and colour inputs passed through, read back by programs
+// other than ours, with known colours at known places.
+void TestQlarrun::colourFiles_data()
+{
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QList<QPoint>>("at");
+    QTest::addColumn<QList<QRgb>>("want");  // exact, or for the ramp the dominant component's colour
+
+    QTest::newRow("jet ramp: dark blue to dark red")
+        << "ramp.png" << QStringList{"--node", "LUT Mapping:AutoMinMax=0:SrcMin=0:SrcMax=255:PseudoColor=1:MapToRGB=1"}
+        << QList<QPoint>{{0, 0}, {255, 0}} << QList<QRgb>{qRgb(0, 0, 1), qRgb(1, 0, 0)};
+    // Cells NIR, B / R, G; a third of the frame lights only the R cells, the
+    // next only G, the last only B.
+    QTest::newRow("RGB-NIR of pure cells")
+        << "cells.raw" << QStringList{"--raw", "24x4", "--cfa", "1", "--node", "RGB-NIR Processing"}
+        << QList<QPoint>{{3, 1}, {4, 2}, {11, 1}, {12, 2}, {19, 1}, {20, 2}}
+        << QList<QRgb>{qRgb(255, 0, 0), qRgb(255, 0, 0), qRgb(0, 255, 0), qRgb(0, 255, 0), qRgb(0, 0, 255),
+                       qRgb(0, 0, 255)};
+    QTest::newRow("RGB file passed through")
+        << "rgb.png" << QStringList{"--node", "Deinterlace:transform=2"} << QList<QPoint>{{0, 0}, {1, 0}, {2, 1}}
+        << QList<QRgb>{qRgb(250, 10, 0), qRgb(0, 240, 20), qRgb(5, 0, 230)};
+}
+
+void TestQlarrun::colourFiles()
+{
+    QFETCH(QString, input);
+    QFETCH(QStringList, args);
+    QFETCH(QList<QPoint>, at);
+    QFETCH(QList<QRgb>, want);
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(input);
+    if (input == "ramp.png") {
+        QImage ramp(256, 1, QImage::Format_Grayscale8);
+        for (int x = 0; x < 256; ++x)
+            ramp.scanLine(0)[x] = uchar(x);
+        QVERIFY(ramp.save(path));
+    } else if (input == "rgb.png") {
+        QImage rgb(3, 2, QImage::Format_RGB888);
+        for (int y = 0; y < 2; ++y)
+            for (int x = 0; x < 3; ++x)
+                rgb.setPixel(x, y, want.at(x));
+        QVERIFY(rgb.save(path));
+    } else {
+        QVERIFY(writeRaw8(path, 24, 4, [](int x, int y) {
+            const int cell = (y % 2) * 2 + x % 2, lit = x / 8 == 0 ? 2 : x / 8 == 1 ? 3 : 1;
+            return cell == lit ? 255 : 0;
+        }));
+    }
+    const SxRun run = runQlarrun(QStringList{path, "--out", dir.filePath("out"), "--png"} + args);
+    QCOMPARE(run.status, 0);
+    const QString tif = frameFile(dir.filePath("out"), 0, "tif");
+    const QImage png(frameFile(dir.filePath("out"), 0, "png"));
+    QVERIFY(!png.isNull());
+    for (int i = 0; i < at.size(); ++i) {
+        const QPoint p = at.at(i);
+        for (const QRgb got : {tiffPixel(tif, p.x(), p.y()), png.pixel(p)}) {
+            const QString seen = QString("(%1, %2): %3 %4 %5").arg(p.x()).arg(p.y()).arg(qRed(got)).arg(qGreen(got))
+                                     .arg(qBlue(got));
+            if (input != "ramp.png") {
+                QVERIFY2((got & 0xffffff) == (want.at(i) & 0xffffff), qPrintable(seen));
+                continue;
+            }
+            const int r = qRed(got), b = qBlue(got);
+            QVERIFY2(qRed(want.at(i)) ? r > 96 && b < 32 : b > 96 && r < 32, qPrintable(seen));
+        }
+    }
+}
+
+// What nodes did not do is told at the end and, with --strict, fails the run.
+void TestQlarrun::frameAccounting_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QString>("told");  // on stderr, once
+    QTest::addColumn<QString>("account");
+    QTest::addColumn<int>("strictStatus");
+
+    QTest::newRow("empty outputs are counted")
+        << QStringList{"--camera", "mono8", "--size", "8x1", "--frames", "3", "--node", "Deinterlace:transform=1"}
+        << "frame 0: the output is empty (8x0 u8 x1)" << "3 frames in, 0 outputs written to" << 5;
+    QTest::newRow("median passes float frames on")
+        << QStringList{"@/f*.raw", "--raw", "4x4", "--raw-type", "f32", "--node", "Median Filter"}
+        << "node 1 \"Median (3x3)\": passed 2 of 2 frames on unprocessed (" << "2 frames in, 2 outputs written" << 5;
+    QTest::newRow("rotate drops signed 32-bit counter-clockwise")
+        << QStringList{"@/f*.raw", "--raw", "4x4", "--raw-type", "s32", "--node", "Rotate:rotClockwise=0"}
+        << "node 1 \"Rotate\": gave no output for 2 of 2 frames (input 4x4 s32 x1)" << "2 frames in, 0 outputs" << 5;
+    QTest::newRow("collecting is no loss")
+        << QStringList{"--camera", "mono8", "--size", "8x4", "--frames", "4", "--node", "Image Averaging:averageCount=2"}
+        << QString() << "4 frames in, 2 outputs written" << 0;
+}
+
+void TestQlarrun::frameAccounting()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QString, told);
+    QFETCH(QString, account);
+    QFETCH(int, strictStatus);
+
+    QTemporaryDir dir;
+    for (const char* name : {"f0.raw", "f1.raw"})
+        QVERIFY(writeFile(dir.filePath(name), QByteArray(4 * 4 * 4, '\x01')));
+    args.replaceInStrings("@", dir.path());
+    args << "--out" << dir.filePath("out");
+    SxRun run = runQlarrun(args);
+    QCOMPARE(run.status, 0);
+    QVERIFY2(told.isEmpty() ? run.err.isEmpty() : run.err.count(told) == 1, qPrintable(run.err));
+    QVERIFY2(run.out.contains(account), qPrintable(run.out));
+    run = runQlarrun(args << "--strict");
+    QCOMPARE(run.status, strictStatus);
+}
+
+// A sequence of frames is a recording: Image Averaging takes its frames as
+// live and emits only finished series; a single picture is static.
+void TestQlarrun::recordingsAreLive_data()
+{
+    QTest::addColumn<int>("files");
+    QTest::addColumn<int>("pages");  // per file, a TIFF with that many pages
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<int>("outputs");
+
+    QTest::newRow("six files") << 6 << 1 << QStringList() << 2;
+    QTest::newRow("six files, static") << 6 << 1 << QStringList{"--static"} << 6;
+    QTest::newRow("one picture") << 1 << 1 << QStringList() << 1;
+    QTest::newRow("one picture, live") << 1 << 1 << QStringList{"--live"} << 0;
+    QTest::newRow("a stack of six pages") << 1 << 6 << QStringList() << 2;
+}
+
+void TestQlarrun::recordingsAreLive()
+{
+    QFETCH(int, files);
+    QFETCH(int, pages);
+    QFETCH(QStringList, args);
+    QFETCH(int, outputs);
+
+    QTemporaryDir dir;
+    for (int f = 0; f < files; ++f) {
+        TIFF* tif = TIFFOpen(QFile::encodeName(dir.filePath(QString("shot_%1.tif").arg(f))).constData(), "w");
+        QVERIFY(tif);
+        for (int p = 0; p < pages; ++p) {
+            TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, 4);
+            TIFFSetField(tif, TIFFTAG_IMAGELENGTH, 2);
+            TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+            TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
+            TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+            for (uint32_t y = 0; y < 2; ++y) {
+                uint8_t row[4] = {uint8_t(f * 10 + p), 1, 2, uint8_t(y)};
+                QVERIFY(TIFFWriteScanline(tif, row, y, 0) == 1);
+            }
+            QVERIFY(TIFFWriteDirectory(tif));
+        }
+        TIFFClose(tif);
+    }
+    const SxRun run = runQlarrun(QStringList{dir.path(), "--node", "Image Averaging:averageCount=3", "--out",
+                                             dir.filePath("out")} + args);
+    QCOMPARE(run.status, 0);
+    QVERIFY2(run.out.contains(QString("%1 frames in, %2 outputs written").arg(files * pages).arg(outputs)),
+             qPrintable(run.out));
 }
 
 void TestQlarrun::progressOnTerminal()
