@@ -61,11 +61,6 @@ QString frameName(const QString& path, ExFrameUnit unit, qint64 index, qint64 co
     return QCoreApplication::translate("PictureFile", "%1 (%2 %3 of %4)").arg(path, word).arg(index + 1).arg(count);
 }
 
-bool isBlueFirst(const SxPicBufInfo& format)
-{
-    return format.isColor && (format.channels == 3 || format.channels == 4) && format.storageFormat != DSF_PLANAR;
-}
-
 namespace {
 
 template <class T>

@@ -32,12 +32,9 @@ bool isFileSampleType(ExImageDataType type);
 enum ExFrameUnit { UnitPage, UnitImage, UnitFrame };
 QString frameName(const QString& path, ExFrameUnit unit, qint64 index, qint64 count);
 
-// Colour pictures are stored blue first (B, G, R, A: the memory order of
-// Qt's RGB32 and ARGB32 pictures), files red first. The format alone says
-// whether a picture is one: nodes clear channel names freely.
-bool isBlueFirst(const SxPicBufInfo& format);
-// Exchanges the first and third sample of each pixel: red-first rows become
-// blue-first and back. Any alignment.
+// Exchanges the first and third sample of each pixel: the red-first rows of
+// files become the host's blue-first rows (SxPicBufInfo::isBlueFirstColour)
+// and back. Any alignment.
 void swapRedBlue(uchar* row, quint64 pixels, quint32 channels, quint32 sampleBytes);
 
 } // namespace PictureFile

@@ -137,7 +137,7 @@ QImage toImage(const SxPicBuf& pic, QString* reason)
         *reason = tr("no memory for a picture of format %1").arg(pic.describe());
         return QImage();
     }
-    const bool swap = PictureFile::isBlueFirst(pic);
+    const bool swap = pic.isBlueFirstColour();
     if (u8)
         copyRows<quint8>(pic, image, imageChannels, swap, 0xff);
     else

@@ -155,7 +155,7 @@ void copyBlock(SxPicBuf& pic, const uchar* block, quint64 blockRowBytes, quint32
     const quint64 pixelBytes = pic.bytesPerPixel();
     const quint32 columns = qMin(blockWidth, pic.width - x0);
     const quint32 rows = qMin(blockRows, pic.height - y0);
-    const bool swap = PictureFile::isBlueFirst(pic);
+    const bool swap = pic.isBlueFirstColour();
     for (quint32 r = 0; r < rows; ++r) {
         uchar* dst = pic.rowPtr(y0 + r) + x0 * pixelBytes;
         std::memcpy(dst, block + r * blockRowBytes, size_t(columns * pixelBytes));
@@ -324,7 +324,7 @@ bool readImageJFrame(TIFF* t, const QString& path, qint64 page, SxPicBuf& pic)
         TIFFSwabArrayOfShort(reinterpret_cast<uint16_t*>(pic.data), samples);
     else if (TIFFIsByteSwapped(t) && pic.bytesPerSample() == 4)
         TIFFSwabArrayOfLong(reinterpret_cast<uint32_t*>(pic.data), samples);
-    if (PictureFile::isBlueFirst(pic)) {
+    if (pic.isBlueFirstColour()) {
         for (quint32 y = 0; y < pic.height; ++y)
             PictureFile::swapRedBlue(pic.rowPtr(y), pic.width, pic.channels, pic.bytesPerSample());
     }
@@ -364,7 +364,7 @@ bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta
         *error = PictureFile::fileError(path, tr("cannot create the file"));
         return false;
     }
-    const bool rgb = PictureFile::isBlueFirst(pic);
+    const bool rgb = pic.isBlueFirstColour();
     const uint16_t bits = uint16_t(pic.bytesPerSample() * 8);
     const QByteArray description = pictureDescription(pic, meta);
     bool ok = TIFFSetField(tif.get(), TIFFTAG_IMAGEWIDTH, uint32_t(pic.width))
