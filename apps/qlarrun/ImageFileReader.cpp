@@ -51,6 +51,19 @@ CxImageFileReader::ExFormat CxImageFileReader::detect(const QString& path)
     return FormatUnknown;
 }
 
+namespace {
+
+// The '-' before the digits at begin is their sign: it starts the name or
+// follows something that is neither letter nor digit (frame_-3, -3), whereas
+// after a letter or digit it only separates (shot-0001).
+bool isSigned(const QString& name, qsizetype begin)
+{
+    return begin > 0 && name.at(begin - 1) == QLatin1Char('-')
+        && (begin < 2 || !name.at(begin - 2).isLetterOrNumber());
+}
+
+} // namespace
+
 bool CxImageFileReader::nameLess(const QString& a, const QString& b)
 {
     qsizetype i = 0, j = 0;
@@ -67,11 +80,13 @@ bool CxImageFileReader::nameLess(const QString& a, const QString& b)
                 ++si;
             while (sj + 1 < ej && b.at(sj) == QLatin1Char('0'))
                 ++sj;
+            // Signed numbers (frame_-3) count down: the larger magnitude first.
+            const bool negative = isSigned(a, i) && isSigned(b, j);
             if (ei - si != ej - sj)
-                return ei - si < ej - sj;
+                return (ei - si < ej - sj) != negative;
             const int c = QStringView(a).mid(si, ei - si).compare(QStringView(b).mid(sj, ej - sj));
             if (c != 0)
-                return c < 0;
+                return (c < 0) != negative;
             i = ei;
             j = ej;
             continue;
@@ -99,8 +114,7 @@ bool CxImageFileReader::frameNumberFromName(const QString& path, qint32& number,
         *error = PictureFile::fileError(path, tr("the name holds no frame number"));
         return false;
     }
-    const bool negative = begin > 0 && base.at(begin - 1) == QLatin1Char('-')
-                          && (begin == 1 || !base.at(begin - 2).isLetterOrNumber());
+    const bool negative = isSigned(base, begin);
     bool ok = false;
     const qint64 value = base.mid(negative ? begin - 1 : begin, end - begin + (negative ? 1 : 0)).toLongLong(&ok);
     if (!ok || value < std::numeric_limits<qint32>::min() || value > std::numeric_limits<qint32>::max()) {

@@ -72,7 +72,9 @@ public:
     // is taken as its view (as this program writes them) and left out.
     static bool listInputs(const QStringList& inputs, bool raw, QStringList& files, QString* error);
     // Name order as people count: runs of digits compare by their value, so
-    // frame_9 comes before frame_10; otherwise character by character.
+    // frame_9 comes before frame_10, and signed ones (the minus rule of
+    // frameNumberFromName) count down, so frame_-2 comes before frame_-1;
+    // otherwise character by character.
     static bool nameLess(const QString& a, const QString& b);
     // The last run of digits in the file name without its suffix, negative
     // when a '-' stands right before it at the start of the name or after a

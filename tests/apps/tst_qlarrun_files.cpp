@@ -234,6 +234,7 @@ private slots:
     void filesOfSeveralFrames();
     void frameNumbersFromNames_data();
     void frameNumbersFromNames();
+    void namesSortAsNumbersCount();
     void rawFrames_data();
     void rawFrames();
     void inputLists_data();
@@ -570,6 +571,16 @@ void TestQlarrunFiles::frameNumbersFromNames()
     QCOMPARE(ok, number == qint32(number));
     if (ok)
         QCOMPARE(got, number);
+}
+
+// Names sort as their numbers count, signed ones too.
+void TestQlarrunFiles::namesSortAsNumbersCount()
+{
+    const QStringList sorted{"f_-10", "f_-9", "f_-1", "f_0", "f_2", "f_10", "shot-1", "shot-2"};
+    QStringList names{sorted.at(5), sorted.at(1), sorted.at(7), sorted.at(3), sorted.at(0), sorted.at(6),
+                      sorted.at(2), sorted.at(4)};
+    std::sort(names.begin(), names.end(), CxImageFileReader::nameLess);
+    QCOMPARE(names, sorted);
 }
 
 void TestQlarrunFiles::rawFrames_data()
