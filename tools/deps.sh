@@ -10,6 +10,10 @@ PACKAGES=(
     libfftw3-dev libtiff-dev
     libbenchmark-dev libopencv-dev
     python3
+    # GenICam cameras for the viewer; its aravis-0.8.pc names libusb but the
+    # -dev package does not depend on it. The tools bring the GigE Vision
+    # camera simulator, Xvfb the real window the viewer's tests open.
+    libaravis-dev libusb-1.0-0-dev aravis-tools xvfb xauth
 )
 
 missing=()

@@ -75,6 +75,11 @@ public:
         m_notEmpty.notify_all();
         m_notFull.notify_all();
     }
+    size_t size()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_items.size();
+    }
     std::deque<Item> drain()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -124,6 +129,7 @@ struct CxChain::Private
     ExRunMode mode = RunLive;
     int queueDepth = 2;
     std::function<void(IxChainData*)> handler;
+    Observer observer;
 
     QMutex control;  // serialises start and stop
     std::atomic<bool> running{false};
@@ -161,6 +167,12 @@ struct CxChain::Private
     void markFinished();
     IxChainData* runSynchronously(IxChainData* packet);
     void releasePools();
+    void relink();
+    void observe(int stage, const IxChainData* packet)
+    {
+        if (observer)
+            observer(stage, packet);
+    }
 };
 
 thread_local CxChain::Private* CxChain::Private::currentChain = nullptr;
@@ -212,10 +224,12 @@ IxChainData* CxChain::Private::processOne(Stage& s, IxChainData* packet)
 IxChainData* CxChain::Private::runSynchronously(IxChainData* packet)
 {
     IxChainData* p = packet;
-    for (Stage& s : stages) {
-        p = processOne(s, p);
+    observe(-1, p);
+    for (size_t i = 0; i < stages.size(); ++i) {
+        p = processOne(stages[i], p);
         if (!p)
             return nullptr;
+        observe(int(i), p);
     }
     ++delivered;
     return p;
@@ -272,9 +286,13 @@ void CxChain::Private::workerLoop(size_t index)
             forward(index + 1, item);
             continue;
         }
+        if (index == 0)
+            observe(-1, item.packet);
         IxChainData* out = processOne(s, item.packet);
-        if (out)
+        if (out) {
+            observe(int(index), out);
             forward(index + 1, Item{out, false});
+        }
     }
     currentChain = nullptr;
 }
@@ -309,6 +327,7 @@ void CxChain::Private::sourceLoop()
         }
         ++grabbed;
         if (stages.empty()) {
+            observe(-1, frame);
             deliver(frame);
             continue;
         }
@@ -339,6 +358,25 @@ void CxChain::Private::releasePools()
     }
     CxPicBufAPI::ReleaseMemoryPool(sourcePool);
     sourcePool = nullptr;
+}
+
+// Source and nodes linked one after another, as the chain runs them.
+void CxChain::Private::relink()
+{
+    if (source)
+        source->clearSuccesors();
+    for (CxChainable* n : nodes) {
+        n->clearSuccesors();
+        n->clearPrecedessors();
+    }
+    CxChainable* prev = source;
+    for (CxChainable* n : nodes) {
+        if (prev) {
+            prev->addSuccessor(n);
+            n->addPrecedessor(prev);
+        }
+        prev = n;
+    }
 }
 
 CxChain::CxChain(QObject* parent) : QObject(parent), d(new Private)
@@ -410,6 +448,60 @@ void CxChain::clearNodes()
     d->negotiated = false;
 }
 
+void CxChain::insertNode(int index, CxChainable* node)
+{
+    if (!node)
+        return;
+    if (!stopped()) {
+        qCWarning(lcChain) << "insertNode ignored while the chain runs";
+        return;
+    }
+    index = qBound(0, index, int(d->nodes.size()));
+    node->setChain(this);
+    d->nodes.insert(index, node);
+    d->counters.insert(d->counters.begin() + index, std::make_unique<Private::NodeCounters>());
+    d->stages.clear();
+    d->negotiated = false;
+    d->relink();
+}
+
+CxChainable* CxChain::takeNode(int index)
+{
+    if (!stopped()) {
+        qCWarning(lcChain) << "takeNode ignored while the chain runs";
+        return nullptr;
+    }
+    if (index < 0 || index >= d->nodes.size())
+        return nullptr;
+    CxChainable* node = d->nodes.takeAt(index);
+    d->counters.erase(d->counters.begin() + index);
+    d->stages.clear();
+    d->negotiated = false;
+    d->relink();
+    node->clearSuccesors();
+    node->clearPrecedessors();
+    node->setChain(nullptr);
+    return node;
+}
+
+void CxChain::moveNode(int from, int to)
+{
+    if (!stopped()) {
+        qCWarning(lcChain) << "moveNode ignored while the chain runs";
+        return;
+    }
+    const int n = int(d->nodes.size());
+    if (from < 0 || from >= n || to < 0 || to >= n || from == to)
+        return;
+    d->nodes.move(from, to);
+    auto counter = std::move(d->counters[size_t(from)]);
+    d->counters.erase(d->counters.begin() + from);
+    d->counters.insert(d->counters.begin() + to, std::move(counter));
+    d->stages.clear();
+    d->negotiated = false;
+    d->relink();
+}
+
 void CxChain::setInputFormat(const SxPicBufInfo& info, const CxImageMetadata& meta)
 {
     d->inputFormat = info;
@@ -437,6 +529,26 @@ void CxChain::setOutputHandler(std::function<void(IxChainData*)> handler)
 {
     if (stopped())
         d->handler = std::move(handler);
+}
+
+void CxChain::setObserver(Observer observer)
+{
+    if (stopped())
+        d->observer = std::move(observer);
+}
+
+QList<int> CxChain::queueFill() const
+{
+    QList<int> fill;
+    // A start or stop in progress holds the lock for as long as threads take
+    // to join; a reader (the GUI) does not wait for that.
+    if (!d->running.load() || !d->control.tryLock())
+        return fill;
+    for (Private::Stage& s : d->stages)
+        if (s.queue)
+            fill.append(int(s.queue->size()));
+    d->control.unlock();
+    return fill;
 }
 
 bool CxChain::start()
@@ -667,6 +779,7 @@ bool CxChain::post(IxChainData* packet)
     }
     ++d->pushed;
     if (d->stages.empty()) {
+        d->observe(-1, packet);
         d->deliver(packet);
         return true;
     }

@@ -84,6 +84,12 @@ public:
     QList<CxChainable*> nodes() const;
     // Removes and deletes every node (not the source).
     void clearNodes();
+    // Editing a built chain (only while stopped; ignored otherwise). A node
+    // keeps its statistics when it moves. takeNode hands the node back to
+    // the caller, unlinked and no longer run by this chain.
+    void insertNode(int index, CxChainable* node);
+    CxChainable* takeNode(int index);
+    void moveNode(int from, int to);
     // Input format for chains without a source (pushed packets).
     void setInputFormat(const SxPicBufInfo& info, const CxImageMetadata& meta = CxImageMetadata());
 
@@ -94,6 +100,13 @@ public:
     // Called with every output of a live run, on a chain thread; the handler
     // owns the packet. Set it while stopped.
     void setOutputHandler(std::function<void(IxChainData*)> handler);
+    // Sees every packet between stages without owning it, on the thread that
+    // holds it: stage -1 for each frame the first node is given (frames a
+    // live source dropped never show), stage i for each packet node i hands
+    // on. It may copy the packet, never keep or change it, and it delays the
+    // chain by what it costs. Set it while stopped.
+    using Observer = std::function<void(int stage, const IxChainData* packet)>;
+    void setObserver(Observer observer);
 
     bool start();
     void stop();
@@ -114,6 +127,9 @@ public:
     bool waitForFinished(int timeoutMs = -1);
 
     SxStats stats() const;
+    // Packets waiting in each node's input queue of a live run (empty when
+    // stopped or synchronous), read without stopping anything.
+    QList<int> queueFill() const;
     // index in nodes(); zeros for an index out of range. Kept across
     // restarts; resetStats() clears them with the rest.
     SxNodeStats nodeStats(int index) const;
