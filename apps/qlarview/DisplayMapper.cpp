@@ -1,0 +1,361 @@
+#include "DisplayMapper.h"
+
+#include "PictureSamples.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <type_traits>
+
+using namespace picturesamples;
+
+namespace {
+
+// Pixels the automatic stretch looks at per frame.
+constexpr qint64 AutoStretchPoints = 40000;
+
+// Which source column (row) each target column (row) shows; -1 outside the
+// picture. The sampling is monotonic, so the columns inside form one run
+// [first, last).
+struct SxAxis
+{
+    std::vector<qint32> index;
+    int first = 0;
+    int last = 0;
+};
+
+SxAxis sampleAxis(double start, double length, int count, quint32 size)
+{
+    SxAxis a;
+    a.index.assign(size_t(count), -1);
+    a.first = count;
+    const double step = length / count;
+    for (int i = 0; i < count; ++i) {
+        const double p = start + (i + 0.5) * step;
+        if (p >= 0.0 && p < double(size)) {
+            a.index[size_t(i)] = qint32(p);
+            a.first = std::min(a.first, i);
+            a.last = i + 1;
+        }
+    }
+    if (a.first >= a.last)
+        a.first = a.last = 0;
+    return a;
+}
+
+inline QRgb grey(int g) { return 0xff000000u | (quint32(g) * 0x010101u); }
+
+// (v - low) * scale rounded and clipped to a grey level; NaN is black.
+inline int level(double v, double low, double scale)
+{
+    const double t = (v - low) * scale + 0.5;
+    return t >= 255.0 ? 255 : t > 0.0 ? int(t) : 0;
+}
+
+// Fills the target row by row. Consecutive target rows that show the same
+// source row (zoomed in) are copied instead of computed again.
+template <class MakeRow>
+void fillImage(QImage& img, const SxAxis& cols, const SxAxis& rows, QRgb bg, MakeRow&& makeRow)
+{
+    const int w = img.width(), h = img.height();
+    uchar* bits = img.bits();
+    const qsizetype bpl = img.bytesPerLine();
+    for (int j = 0; j < h; ++j) {
+        QRgb* line = reinterpret_cast<QRgb*>(bits + j * bpl);
+        const qint32 y = rows.index[size_t(j)];
+        if (y < 0 || cols.first >= cols.last) {
+            std::fill(line, line + w, bg);
+            continue;
+        }
+        if (j > 0 && y == rows.index[size_t(j - 1)]) {
+            std::memcpy(line, bits + (j - 1) * bpl, size_t(w) * sizeof(QRgb));
+            continue;
+        }
+        std::fill(line, line + cols.first, bg);
+        auto pixel = makeRow(qint64(y));
+        const qint32* xs = cols.index.data();
+        for (int i = cols.first; i < cols.last; ++i)
+            line[i] = pixel(qint64(xs[i]));
+        std::fill(line + cols.last, line + w, bg);
+    }
+}
+
+// Raw bits of a sample as a table index.
+template <class T>
+inline unsigned rawIndex(const uchar* p)
+{
+    if constexpr (sizeof(T) == 1)
+        return *p;
+    else
+        return load<quint16>(p);
+}
+
+template <class T>
+constexpr bool hasLut = sizeof(T) <= 2 && std::is_integral_v<T>;
+
+// The percentile ranks of n ordered samples.
+void percentileRanks(qint64 n, double lowPercent, double highPercent, qint64& lowRank, qint64& highRank)
+{
+    lowRank = qBound<qint64>(0, qint64(std::floor(lowPercent / 100.0 * double(n - 1))), n - 1);
+    highRank = qBound<qint64>(0, qint64(std::ceil(highPercent / 100.0 * double(n - 1))), n - 1);
+}
+
+// Percentiles (or, with fullRange, the extremes) of the subsampled planes.
+template <class T>
+bool sampleRange(const SxLayout& l, const QList<SxPlane>& planes, bool extremes, double lowPercent,
+                 double highPercent, CxDisplayMapper::SxRange& range)
+{
+    if constexpr (hasLut<T>) {
+        // Counting beats sorting for 8- and 16-bit samples.
+        using U = std::make_unsigned_t<T>;
+        std::vector<quint32> counts(size_t(1) << (8 * sizeof(T)), 0);
+        qint64 n = 0;
+        for (const SxPlane& p : planes)
+            forGridPoints(l.width, l.height, AutoStretchPoints, [&](qint64 x, qint64 y) {
+                ++counts[rawIndex<T>(p.at(x, y))];
+                ++n;
+            });
+        if (n == 0)
+            return false;
+        qint64 lowRank = 0, highRank = n - 1;
+        if (!extremes)
+            percentileRanks(n, lowPercent, highPercent, lowRank, highRank);
+        // Walk the counts in value order: signed values start at the raw
+        // pattern of the type's minimum.
+        const size_t size = counts.size();
+        const size_t offset = std::is_signed_v<T> ? size / 2 : 0;
+        qint64 seen = 0;
+        bool lowFound = false;
+        for (size_t k = 0; k < size; ++k) {
+            const size_t raw = (k + offset) % size;
+            if (!counts[raw])
+                continue;
+            const double v = double(T(U(raw)));
+            seen += counts[raw];
+            if (!lowFound && seen > lowRank) {
+                range.low = v;
+                lowFound = true;
+            }
+            if (seen > highRank) {
+                range.high = v;
+                return true;
+            }
+        }
+        return false;
+    } else {
+        std::vector<double> values;
+        values.reserve(size_t(AutoStretchPoints) * size_t(planes.size()) + 64);
+        for (const SxPlane& p : planes)
+            forGridPoints(l.width, l.height, AutoStretchPoints, [&](qint64 x, qint64 y) {
+                const double v = double(load<T>(p.at(x, y)));
+                if (std::isfinite(v))
+                    values.push_back(v);
+            });
+        if (values.empty())
+            return false;
+        if (extremes) {
+            const auto mm = std::minmax_element(values.begin(), values.end());
+            range.low = *mm.first;
+            range.high = *mm.second;
+            return true;
+        }
+        qint64 lowRank = 0, highRank = 0;
+        percentileRanks(qint64(values.size()), lowPercent, highPercent, lowRank, highRank);
+        std::nth_element(values.begin(), values.begin() + lowRank, values.end());
+        range.low = values[size_t(lowRank)];
+        std::nth_element(values.begin() + lowRank, values.begin() + highRank, values.end());
+        range.high = values[size_t(highRank)];
+        return true;
+    }
+}
+
+// The largest |re + i im| of a spectrum, exactly: the peak is one pixel that a
+// subsample would miss.
+double largestMagnitude(const SxLayout& l)
+{
+    const SxPlane& re = l.planes.at(0);
+    const SxPlane& im = l.planes.at(1);
+    double largest = 0.0;
+    for (qint64 y = 0; y < qint64(l.height); ++y) {
+        const uchar* r = re.row(y);
+        const uchar* i = im.row(y);
+        for (qint64 x = 0; x < qint64(l.width); ++x) {
+            const double a = load<float>(r + x * re.step), b = load<float>(i + x * im.step);
+            const double m = a * a + b * b;
+            if (m > largest && m <= std::numeric_limits<double>::max())
+                largest = m;
+        }
+    }
+    return std::sqrt(largest);
+}
+
+} // namespace
+
+bool CxDisplayMapper::SxFrameKey::operator==(const SxFrameKey& o) const
+{
+    return frame == o.frame && data == o.data && frameNumber == o.frameNumber && timestampMs == o.timestampMs
+        && width == o.width && height == o.height && mode == o.mode && channel == o.channel
+        && autoLow == o.autoLow && autoHigh == o.autoHigh;
+}
+
+CxDisplayMapper::CxDisplayMapper() = default;
+
+void CxDisplayMapper::setAutoPercentiles(double lowPercent, double highPercent)
+{
+    lowPercent = qBound(0.0, lowPercent, 100.0);
+    highPercent = qBound(0.0, highPercent, 100.0);
+    if (lowPercent < highPercent) {
+        m_autoLow = lowPercent;
+        m_autoHigh = highPercent;
+    }
+}
+
+CxDisplayMapper::SxFrameKey CxDisplayMapper::keyOf(const SxViewFrame& frame) const
+{
+    SxFrameKey k;
+    k.frame = &frame;
+    k.data = frame.pic.data;
+    k.frameNumber = frame.pic.frameNumber;
+    k.timestampMs = frame.pic.timestampMs;
+    k.width = frame.pic.width;
+    k.height = frame.pic.height;
+    k.mode = int(m_mode);
+    k.channel = m_channel;
+    k.autoLow = m_autoLow;
+    k.autoHigh = m_autoHigh;
+    return k;
+}
+
+CxDisplayMapper::SxRange CxDisplayMapper::displayRange(const SxViewFrame& frame)
+{
+    const SxLayout l = layoutOf(frame);
+    if (!l.valid)
+        return SxRange();
+    const SxFrameKey key = keyOf(frame);
+    if (key == m_rangeKey)
+        return m_range;
+
+    SxRange r;
+    if (l.spectrum) {
+        r.low = 0.0;
+        r.high = std::log1p(largestMagnitude(l));
+    } else {
+        QList<SxPlane> shown = l.planes.mid(0, l.colour ? 3 : 0);
+        if (!l.colour)
+            shown.append(l.planes.at(std::min(m_channel, l.channels() - 1)));
+        const bool isFloat = isFloatType(l.type);
+        const bool isSigned = isSignedType(l.type);
+        const int bits = m_mode == FullRange ? typeBits(l.type) : l.bits;
+        bool found = true;
+        if (m_mode == Auto || (m_mode == FullRange && isFloat)) {
+            dispatchType(l.type, [&](auto t) {
+                found = sampleRange<decltype(t)>(l, shown, m_mode == FullRange, m_autoLow, m_autoHigh, r);
+            });
+        } else if (isFloat) {
+            r.low = 0.0;
+            r.high = bits < 32 ? std::ldexp(1.0, bits) - 1.0 : 1.0;
+        } else if (isSigned) {
+            r.low = -std::ldexp(1.0, bits - 1);
+            r.high = std::ldexp(1.0, bits - 1) - 1.0;
+        } else {
+            r.low = 0.0;
+            r.high = std::ldexp(1.0, bits) - 1.0;
+        }
+        if (!found)
+            r = SxRange{0.0, 1.0};
+    }
+    if (!(r.high > r.low))
+        r.high = r.low + 1.0;
+    m_rangeKey = key;
+    m_range = r;
+    return r;
+}
+
+void CxDisplayMapper::buildLut(int bytesPerSample, bool isSigned, const SxRange& range)
+{
+    if (m_lutBytes == bytesPerSample && m_lutSigned == isSigned && m_lutRange.low == range.low
+        && m_lutRange.high == range.high)
+        return;
+    const size_t size = size_t(1) << (8 * bytesPerSample);
+    m_lut.resize(size);
+    const double scale = 255.0 / (range.high - range.low);
+    for (size_t raw = 0; raw < size; ++raw) {
+        double v = double(raw);
+        if (isSigned && raw >= size / 2)
+            v -= double(size);
+        m_lut[raw] = uchar(level(v, range.low, scale));
+    }
+    m_lutBytes = bytesPerSample;
+    m_lutSigned = isSigned;
+    m_lutRange = range;
+}
+
+QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRect, const QSize& target)
+{
+    if (target.isEmpty())
+        return QImage();
+    QImage img(target, QImage::Format_RGB32);
+    if (img.isNull())
+        return img;
+    const SxLayout l = layoutOf(frame);
+    const bool usable = l.valid && std::isfinite(sourceRect.x()) && std::isfinite(sourceRect.y())
+        && std::isfinite(sourceRect.width()) && std::isfinite(sourceRect.height()) && sourceRect.width() > 0
+        && sourceRect.height() > 0;
+    if (!usable) {
+        img.fill(m_background);
+        return img;
+    }
+    const SxAxis cols = sampleAxis(sourceRect.x(), sourceRect.width(), target.width(), l.width);
+    const SxAxis rows = sampleAxis(sourceRect.y(), sourceRect.height(), target.height(), l.height);
+    const SxRange range = displayRange(frame);
+    const double low = range.low, scale = 255.0 / (range.high - range.low);
+    const QRgb bg = m_background;
+
+    if (l.spectrum) {
+        const SxPlane re = l.planes.at(0), im = l.planes.at(1);
+        fillImage(img, cols, rows, bg, [&](qint64 y) {
+            const uchar* r = re.row(y);
+            const uchar* i = im.row(y);
+            return [=](qint64 x) {
+                const double a = load<float>(r + x * re.step), b = load<float>(i + x * im.step);
+                return grey(level(std::log1p(std::sqrt(a * a + b * b)), 0.0, scale));
+            };
+        });
+        return img;
+    }
+
+    dispatchType(l.type, [&](auto t) {
+        using T = decltype(t);
+        if constexpr (hasLut<T>)
+            buildLut(int(sizeof(T)), std::is_signed_v<T>, range);
+        const uchar* lut = m_lut.data();
+        if (l.colour) {
+            const SxPlane p = l.planes.at(0);
+            // Offsets of green and blue from red within a pixel.
+            const qint64 g = l.planes.at(1).base - p.base, b = l.planes.at(2).base - p.base;
+            fillImage(img, cols, rows, bg, [&](qint64 y) {
+                const uchar* row = p.row(y);
+                return [=](qint64 x) {
+                    const uchar* s = row + x * p.step;
+                    if constexpr (hasLut<T>)
+                        return qRgb(lut[rawIndex<T>(s)], lut[rawIndex<T>(s + g)], lut[rawIndex<T>(s + b)]);
+                    else
+                        return qRgb(level(double(load<T>(s)), low, scale), level(double(load<T>(s + g)), low, scale),
+                                    level(double(load<T>(s + b)), low, scale));
+                };
+            });
+        } else {
+            const SxPlane p = l.planes.at(std::min(m_channel, l.channels() - 1));
+            fillImage(img, cols, rows, bg, [&](qint64 y) {
+                const uchar* row = p.row(y);
+                return [=](qint64 x) {
+                    if constexpr (hasLut<T>)
+                        return grey(lut[rawIndex<T>(row + x * p.step)]);
+                    else
+                        return grey(level(double(load<T>(row + x * p.step)), low, scale));
+                };
+            });
+        }
+    });
+    return img;
+}

@@ -1,0 +1,448 @@
+// The viewer's picture part: what the display mapper makes of every sample
+// type and stretch, which source pixel each screen pixel shows, measurements
+// against plain references, mosaic cell names, and the view and panel while
+// frames change. Frames sit in buffers of exactly the size their format
+// needs, so the sanitizer build catches any read past the last row.
+#include <CxPicBufAPI.h>
+#include <CxSyntheticCamera.h>
+#include <DisplayMapper.h>
+#include <MeasurePanel.h>
+#include <PictureMeasure.h>
+#include <PictureView.h>
+
+#include <QtTest/QtTest>
+#include <QtWidgets/QApplication>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+namespace {
+
+using Mode = CxDisplayMapper::ExStretchMode;
+const double NaN = std::numeric_limits<double>::quiet_NaN();
+
+struct SxFormat
+{
+    ExImageDataType type = IDT_UINT8;
+    quint32 channels = 1, bits = 0;
+    bool colour = false;
+    ExColorFilterArray cfa = CFA_NONE;
+};
+
+void store(uchar* p, ExImageDataType t, double v)
+{
+    switch (t) {
+    case IDT_INT8: { const qint8 s = qint8(v); std::memcpy(p, &s, 1); break; }
+    case IDT_UINT8: { const quint8 s = quint8(v); std::memcpy(p, &s, 1); break; }
+    case IDT_INT16: { const qint16 s = qint16(v); std::memcpy(p, &s, 2); break; }
+    case IDT_UINT16: { const quint16 s = quint16(v); std::memcpy(p, &s, 2); break; }
+    case IDT_INT32: { const qint32 s = qint32(v); std::memcpy(p, &s, 4); break; }
+    case IDT_UINT32: { const quint32 s = quint32(v); std::memcpy(p, &s, 4); break; }
+    default: { const float s = float(v); std::memcpy(p, &s, 4); break; }
+    }
+}
+
+// A picture in memory of exactly requiredBytes() (rows padded by padding
+// bytes, none after the last), sample (x, y, c) in storage order from value.
+SxPicBuf wrapped(const SxFormat& f, quint32 w, quint32 h, quint32 padding, std::vector<uchar>& bytes,
+                 const std::function<double(quint32, quint32, quint32)>& value)
+{
+    SxPicBufInfo info;
+    info.width = w;
+    info.height = h;
+    info.channels = f.channels;
+    info.dataType = f.type;
+    info.bitsPerSample = f.bits ? f.bits : bytesPerSampleOf(f.type) * 8;
+    info.linePitch = quint32(info.packedLineBytes()) + padding;
+    info.isColor = f.colour;
+    info.colorFilterArray = f.cfa;
+    info.storageFormat = DSF_PACKED;
+    bytes.assign(size_t(info.requiredBytes()), 0xA5);
+    SxPicBuf pic;
+    CxPicBufAPI::WrapPicBuf(pic, info, bytes.data(), bytes.size());
+    for (quint32 y = 0; y < h; ++y)
+        for (quint32 x = 0; x < w; ++x)
+            for (quint32 c = 0; c < f.channels; ++c)
+                store(pic.rowPtr(y) + (quint64(x) * f.channels + c) * info.bytesPerSample(), f.type, value(x, y, c));
+    return pic;
+}
+
+// The frame owns its buffers through its deleter.
+ViewFramePtr makeFrame(const SxFormat& f, quint32 w, quint32 h,
+                       const std::function<double(quint32, quint32, quint32)>& value, quint32 padding = 3,
+                       const std::function<double(quint32, quint32, quint32)>& imaginary = nullptr)
+{
+    auto buffers = std::make_shared<std::pair<std::vector<uchar>, std::vector<uchar>>>();
+    auto* frame = new SxViewFrame;
+    frame->pic = wrapped(f, w, h, padding, buffers->first, value);
+    if (imaginary) {
+        frame->spectrum = true;
+        frame->im = wrapped(f, w, h, padding, buffers->second, imaginary);
+    }
+    return ViewFramePtr(frame, [buffers](const SxViewFrame* p) { delete p; });
+}
+
+// Samples listed pixel after pixel along one row.
+ViewFramePtr rowFrame(const SxFormat& f, const QList<double>& samples, const QList<double>& im = {})
+{
+    const auto at = [f](const QList<double>& s) {
+        return [f, s](quint32 x, quint32, quint32 c) { return s.value(int(x * f.channels + c)); };
+    };
+    return makeFrame(f, quint32(samples.size()) / f.channels, 1, at(samples), 3,
+                     im.isEmpty() ? nullptr : std::function<double(quint32, quint32, quint32)>(at(im)));
+}
+
+quint32 noise(quint32 x, quint32 y, quint32 c)
+{
+    quint32 h = x * 73856093u ^ y * 19349663u ^ c * 83492791u;
+    h ^= h >> 13;
+    return h * 0x5bd1e995u;
+}
+
+} // namespace
+
+class TestPictureView : public QObject
+{
+    Q_OBJECT
+private slots:
+    void shownColour_data();
+    void shownColour();
+    void sampling_data();
+    void sampling();
+    void cellName_data();
+    void cellName();
+    void rectStatistics_data();
+    void rectStatistics();
+    void histogramBins_data();
+    void histogramBins();
+    void viewFollowsFrames();
+    void panelOnlyWorksWhenShown();
+};
+
+void TestPictureView::shownColour_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<int>("bits");
+    QTest::addColumn<bool>("colour");
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<QList<double>>("samples");
+    QTest::addColumn<QList<double>>("imaginary");
+    QTest::addColumn<int>("probe");
+    QTest::addColumn<QRgb>("expected");
+
+    const QList<double> none;
+    QTest::newRow("bgr u8 stored blue first") << int(IDT_UINT8) << 3 << 8 << true << int(Mode::FullRange) << 0
+                                              << QList<double>{10, 20, 250} << none << 0 << qRgb(250, 20, 10);
+    QTest::newRow("bgra u16/12 significant bits") << int(IDT_UINT16) << 4 << 12 << true << int(Mode::SignificantBits)
+                                                  << 0 << QList<double>{0, 2048, 4095, 0} << none << 0
+                                                  << qRgb(255, 128, 0);
+    QTest::newRow("u8 full range") << int(IDT_UINT8) << 1 << 8 << false << int(Mode::FullRange) << 0
+                                   << QList<double>{200} << none << 0 << qRgb(200, 200, 200);
+    QTest::newRow("u16/12 full range") << int(IDT_UINT16) << 1 << 12 << false << int(Mode::FullRange) << 0
+                                       << QList<double>{4095} << none << 0 << qRgb(16, 16, 16);
+    QTest::newRow("u16/12 significant bits") << int(IDT_UINT16) << 1 << 12 << false << int(Mode::SignificantBits)
+                                             << 0 << QList<double>{0, 2048} << none << 1 << qRgb(128, 128, 128);
+    QTest::newRow("s16 full range: 0 mid grey") << int(IDT_INT16) << 1 << 16 << false << int(Mode::FullRange) << 0
+                                                << QList<double>{-32768, 0} << none << 1 << qRgb(128, 128, 128);
+    QTest::newRow("s16/12 significant bits") << int(IDT_INT16) << 1 << 12 << false << int(Mode::SignificantBits)
+                                             << 0 << QList<double>{-2048, 2047} << none << 1 << qRgb(255, 255, 255);
+    QTest::newRow("float full range: own extent") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::FullRange) << 0
+                                                  << QList<double>{-2, 0, 6, NaN} << none << 1 << qRgb(64, 64, 64);
+    QTest::newRow("float NaN black") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::FullRange) << 0
+                                     << QList<double>{-2, 0, 6, NaN} << none << 3 << qRgb(0, 0, 0);
+    QTest::newRow("float normalised") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::SignificantBits) << 0
+                                      << QList<double>{0.5} << none << 0 << qRgb(128, 128, 128);
+    QTest::newRow("float 12-bit levels") << int(IDT_FLOAT) << 1 << 12 << false << int(Mode::SignificantBits) << 0
+                                         << QList<double>{4095, 0.5} << none << 0 << qRgb(255, 255, 255);
+    QTest::newRow("second channel of three, not colour")
+        << int(IDT_UINT8) << 3 << 8 << false << int(Mode::FullRange) << 1 << QList<double>{10, 90, 250} << none << 0
+        << qRgb(90, 90, 90);
+    // Automatic: 0.5 % and 99.5 % of 400 samples leave out the two outliers.
+    for (const int type : {int(IDT_UINT8), int(IDT_UINT16), int(IDT_FLOAT)}) {
+        QList<double> s{0, 255, 115};
+        for (int i = 0; i < 397; ++i)
+            s.append(i % 2 ? 50 : 180);
+        QTest::addRow("auto type %d", type) << type << 1 << 0 << false << int(Mode::Auto) << 0 << s << none << 2
+                                            << qRgb(128, 128, 128);
+    }
+    // ln(1 + 5) against ln(1 + (e^2 - 1)) = 2.
+    QTest::newRow("spectrum log magnitude") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::SignificantBits) << 0
+                                            << QList<double>{3, 0, std::exp(2.0) - 1} << QList<double>{4, 0, 0} << 0
+                                            << qRgb(228, 228, 228);
+}
+
+void TestPictureView::shownColour()
+{
+    QFETCH(int, type);
+    QFETCH(int, channels);
+    QFETCH(int, bits);
+    QFETCH(bool, colour);
+    QFETCH(int, mode);
+    QFETCH(int, channel);
+    QFETCH(QList<double>, samples);
+    QFETCH(QList<double>, imaginary);
+    QFETCH(int, probe);
+    QFETCH(QRgb, expected);
+
+    const ViewFramePtr frame = rowFrame({ExImageDataType(type), quint32(channels), quint32(bits), colour}, samples,
+                                        imaginary);
+    CxDisplayMapper mapper;
+    mapper.setStretchMode(Mode(mode));
+    mapper.setChannel(channel);
+    const QSize size(int(frame->pic.width), 1);
+    const QImage image = mapper.render(*frame, QRectF(QPointF(0, 0), size), size);
+    QCOMPARE(QColor(image.pixel(probe, 0)), QColor(expected));
+}
+
+void TestPictureView::sampling_data()
+{
+    QTest::addColumn<QRectF>("source");
+    QTest::addColumn<QSize>("target");
+    QTest::addColumn<QList<QPoint>>("probes");
+    QTest::addColumn<QList<QPoint>>("shows");  // (-1, -1): background
+
+    // The picture is 37 x 21.
+    QTest::newRow("zoomed out") << QRectF(0, 0, 37, 21) << QSize(10, 6)
+                                << QList<QPoint>{{0, 0}, {9, 5}, {4, 2}} << QList<QPoint>{{1, 1}, {35, 19}, {16, 8}};
+    QTest::newRow("zoomed in to the last pixel")
+        << QRectF(30.5, 15.25, 6.5, 5.75) << QSize(26, 23) << QList<QPoint>{{0, 0}, {1, 2}, {2, 3}, {25, 22}}
+        << QList<QPoint>{{30, 15}, {30, 15}, {31, 16}, {36, 20}};
+    QTest::newRow("beyond the picture") << QRectF(-5, -5, 50, 30) << QSize(50, 30)
+                                        << QList<QPoint>{{4, 4}, {5, 5}, {41, 25}, {42, 26}}
+                                        << QList<QPoint>{{-1, -1}, {0, 0}, {36, 20}, {-1, -1}};
+}
+
+void TestPictureView::sampling()
+{
+    QFETCH(QRectF, source);
+    QFETCH(QSize, target);
+    QFETCH(QList<QPoint>, probes);
+    QFETCH(QList<QPoint>, shows);
+
+    // Blue tells the column, green the row.
+    const ViewFramePtr frame = makeFrame({IDT_UINT8, 3, 8, true}, 37, 21, [](quint32 x, quint32 y, quint32 c) {
+        return c == 0 ? x : c == 1 ? y : 200;
+    });
+    CxDisplayMapper mapper;
+    mapper.setBackground(Qt::black);
+    const QImage image = mapper.render(*frame, source, target);
+    QCOMPARE(image.size(), target);
+    for (int i = 0; i < probes.size(); ++i) {
+        const QRgb px = image.pixel(probes[i]);
+        const QPoint got = qRed(px) ? QPoint(qBlue(px), qGreen(px)) : QPoint(-1, -1);
+        QVERIFY2(got == shows[i], qPrintable(QString("target %1,%2 shows %3,%4")
+                                                .arg(probes[i].x()).arg(probes[i].y()).arg(got.x()).arg(got.y())));
+    }
+}
+
+void TestPictureView::cellName_data()
+{
+    QTest::addColumn<int>("cfa");
+    QTest::addColumn<bool>("notRaw");
+    QTest::addColumn<QPoint>("pos");
+    QTest::addColumn<QString>("name");
+
+    QTest::newRow("RGGB red") << int(CFA_BAYER_RGGB) << false << QPoint(2, 4) << "R";
+    QTest::newRow("RGGB green") << int(CFA_BAYER_RGGB) << false << QPoint(3, 4) << "G";
+    QTest::newRow("GRBG red") << int(CFA_BAYER_GRBG) << false << QPoint(3, 4) << "R";
+    QTest::newRow("GBRG red") << int(CFA_BAYER_GBRG) << false << QPoint(2, 5) << "R";
+    QTest::newRow("BGGR red") << int(CFA_BAYER_BGGR) << false << QPoint(3, 5) << "R";
+    QTest::newRow("BGGR blue") << int(CFA_BAYER_BGGR) << false << QPoint(2, 4) << "B";
+    QTest::newRow("CMYG magenta") << int(CFA_CMYG) << false << QPoint(1, 0) << "M";
+    QTest::newRow("CMYG yellow") << int(CFA_CMYG) << false << QPoint(0, 1) << "Y";
+    QTest::newRow("RGBR second red") << int(CFA_RGBR) << false << QPoint(1, 1) << "R";
+    QTest::newRow("not raw: no cells") << int(CFA_BAYER_RGGB) << true << QPoint(0, 0) << "";
+    // Visible zone x 0..31: 4x4, band i at 460 + 15 * (5i mod 16) nm; near
+    // infrared x 32..61: 3x3, band i at 650 + 40 * (4i mod 9) nm.
+    QTest::newRow("first zone") << int(CFA_HSI_MOSAIC) << false << QPoint(5, 6) << "655 nm";
+    QTest::newRow("second zone") << int(CFA_HSI_MOSAIC) << false << QPoint(40, 7) << "730 nm";
+    QTest::newRow("outside the zones") << int(CFA_HSI_MOSAIC) << false << QPoint(63, 0) << "outside the zones";
+}
+
+void TestPictureView::cellName()
+{
+    QFETCH(int, cfa);
+    QFETCH(bool, notRaw);
+    QFETCH(QPoint, pos);
+    QFETCH(QString, name);
+
+    SxFormat f;
+    f.cfa = ExColorFilterArray(cfa);
+    auto frame = std::const_pointer_cast<SxViewFrame>(makeFrame(f, 64, 48, noise));
+    frame->meta.setHsiCameraParams(CxSyntheticCamera::builtInHsiDescription(64, 48));
+    if (notRaw)
+        frame->pic.storageFormat = DSF_NOT_RAW;
+    QCOMPARE(PictureMeasure::cellName(*frame, pos), name);
+    QCOMPARE(PictureMeasure::hoverText(*frame, pos).endsWith(name.isEmpty() ? QString() : " (" + name + ")"), true);
+}
+
+void TestPictureView::rectStatistics_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("channels");
+    QTest::addColumn<bool>("colour");
+    QTest::addColumn<QRect>("rect");
+
+    QTest::newRow("u8 inside") << int(IDT_UINT8) << 1 << false << QRect(3, 2, 10, 7);
+    QTest::newRow("bgr u16 past the bottom right") << int(IDT_UINT16) << 3 << true << QRect(20, 10, 40, 40);
+    QTest::newRow("s16 past the top left") << int(IDT_INT16) << 1 << false << QRect(-4, -9, 9, 12);
+    QTest::newRow("s32 two channels") << int(IDT_INT32) << 2 << false << QRect(0, 0, 31, 17);
+    QTest::newRow("float with NaN") << int(IDT_FLOAT) << 1 << false << QRect(1, 1, 29, 15);
+    QTest::newRow("outside") << int(IDT_UINT8) << 1 << false << QRect(31, 0, 5, 5);
+    QTest::newRow("empty") << int(IDT_UINT8) << 1 << false << QRect(4, 4, 0, 3);
+}
+
+void TestPictureView::rectStatistics()
+{
+    QFETCH(int, type);
+    QFETCH(int, channels);
+    QFETCH(bool, colour);
+    QFETCH(QRect, rect);
+
+    const auto value = [type](quint32 x, quint32 y, quint32 c) -> double {
+        const quint32 n = noise(x, y, c);
+        switch (type) {
+        case IDT_UINT8: return n % 256;
+        case IDT_UINT16: return n % 65536;
+        case IDT_INT16: return double(n % 65536) - 32768;
+        case IDT_INT32: return double(qint32(n));
+        default: return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
+        }
+    };
+    const ViewFramePtr frame = makeFrame({ExImageDataType(type), quint32(channels), 0, colour}, 31, 17, value);
+    const QList<PictureMeasure::SxChannelStatistics> got = PictureMeasure::rectStatistics(*frame, rect);
+    const QRect r = rect & QRect(0, 0, 31, 17);
+    if (r.isEmpty()) {
+        QVERIFY(got.isEmpty());
+        return;
+    }
+    QCOMPARE(got.size(), channels);
+    for (int c = 0; c < channels; ++c) {
+        const quint32 stored = colour ? quint32(2 - c) : quint32(c);
+        std::vector<double> v;
+        for (int y = r.top(); y <= r.bottom(); ++y)
+            for (int x = r.left(); x <= r.right(); ++x)
+                if (!std::isnan(value(x, y, stored)))
+                    v.push_back(value(x, y, stored));
+        double mean = 0, var = 0;
+        for (double s : v)
+            mean += s / v.size();
+        for (double s : v)
+            var += (s - mean) * (s - mean) / v.size();
+        QCOMPARE(got[c].count, quint64(v.size()));
+        QCOMPARE(got[c].min, *std::min_element(v.begin(), v.end()));
+        QCOMPARE(got[c].max, *std::max_element(v.begin(), v.end()));
+        QVERIFY(std::abs(got[c].mean - mean) <= 1e-9 * std::max(1.0, std::abs(mean)));
+        QVERIFY(std::abs(got[c].stdDev - std::sqrt(var)) <= 1e-7 * std::max(1.0, std::sqrt(var)));
+    }
+}
+
+void TestPictureView::histogramBins_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("bits");
+    QTest::addColumn<bool>("colour");
+    QTest::addColumn<QList<double>>("samples");  // one pixel; the last stored sample is measured
+    QTest::addColumn<int>("bins");
+    QTest::addColumn<double>("low");
+    QTest::addColumn<double>("width");
+    QTest::addColumn<int>("bin");
+
+    QTest::newRow("u8") << int(IDT_UINT8) << 8 << false << QList<double>{200} << 256 << 0.0 << 1.0 << 200;
+    QTest::newRow("s8") << int(IDT_INT8) << 8 << false << QList<double>{-100} << 256 << -128.0 << 1.0 << 28;
+    QTest::newRow("u16/12") << int(IDT_UINT16) << 12 << false << QList<double>{4095} << 1024 << 0.0 << 4.0 << 1023;
+    QTest::newRow("u16/8") << int(IDT_UINT16) << 8 << false << QList<double>{300} << 256 << 0.0 << 1.0 << 255;
+    QTest::newRow("s16/12") << int(IDT_INT16) << 12 << false << QList<double>{-1} << 1024 << -2048.0 << 4.0 << 511;
+    QTest::newRow("bgr u8: first curve red") << int(IDT_UINT8) << 8 << true << QList<double>{1, 2, 3} << 256 << 0.0
+                                             << 1.0 << 3;
+}
+
+void TestPictureView::histogramBins()
+{
+    QFETCH(int, type);
+    QFETCH(int, bits);
+    QFETCH(bool, colour);
+    QFETCH(QList<double>, samples);
+    QFETCH(int, bins);
+    QFETCH(double, low);
+    QFETCH(double, width);
+    QFETCH(int, bin);
+
+    const ViewFramePtr frame = rowFrame({ExImageDataType(type), quint32(samples.size()), quint32(bits), colour},
+                                        samples);
+    const PictureMeasure::SxHistogram h = PictureMeasure::histogram(*frame);
+    QCOMPARE(h.binCount(), bins);
+    QCOMPARE(h.low, low);
+    QCOMPARE(h.binWidth, width);
+    QCOMPARE(h.counts.first().at(bin), 1.0);
+}
+
+void TestPictureView::viewFollowsFrames()
+{
+    CxPictureView view;
+    view.resize(300, 200);
+    view.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&view));
+    QSignalSpy rois(&view, &CxPictureView::roiChanged);
+    QSignalSpy hovers(&view, &CxPictureView::hoverInfo);
+
+    view.setFrame(makeFrame({IDT_UINT8, 3, 8, true}, 100, 50, [](quint32, quint32, quint32 c) { return c == 2 ? 250 : 10; }));
+    QCOMPARE(view.zoom(), 3.0);
+    QCOMPARE(QColor(view.grab().toImage().pixel(150, 100)), QColor(250, 10, 10));
+    view.setRoi(QRect(80, 40, 30, 20));
+    QCOMPARE(view.roi(), QRect(80, 40, 20, 10));
+
+    // The wheel keeps the picture point under the cursor.
+    const QPointF cursor(70, 120);
+    const QPointF under = view.widgetToPicture(cursor);
+    QWheelEvent wheel(cursor, view.mapToGlobal(cursor), QPoint(), QPoint(0, 240), Qt::NoButton, Qt::NoModifier,
+                      Qt::NoScrollPhase, false);
+    QApplication::sendEvent(&view, &wheel);
+    QCOMPARE(view.zoom(), 3.0 * 1.25 * 1.25);
+    QVERIFY((view.widgetToPicture(cursor) - under).manhattanLength() < 1e-9);
+    QTest::mouseMove(&view, cursor.toPoint());
+    QTRY_VERIFY(!hovers.isEmpty());
+    QCOMPARE(hovers.last().first().toString(), QString("%1, %2: R 250  G 10  B 10").arg(int(under.x())).arg(int(under.y())));
+
+    // A smaller frame of another type: the rectangle goes, zoom stays.
+    view.setFrame(makeFrame({IDT_UINT16, 1, 12}, 40, 30, noise));
+    QCOMPARE(view.roi(), QRect());
+    QCOMPARE(rois.size(), 2);
+    QCOMPARE(view.zoom(), 3.0 * 1.25 * 1.25);
+    QVERIFY(!view.grab().isNull());
+
+    // Back to fitting, which follows the next size.
+    QTest::keyClick(&view, Qt::Key_0);
+    QCOMPARE(view.zoom(), 20.0 / 3);
+    view.setFrame(makeFrame({IDT_FLOAT, 1}, 600, 100, noise));
+    QCOMPARE(view.zoom(), 0.5);
+    QTest::keyClick(&view, Qt::Key_1);
+    QCOMPARE(view.zoom(), 1.0);
+    QVERIFY(!view.grab().isNull());
+}
+
+void TestPictureView::panelOnlyWorksWhenShown()
+{
+    CxMeasurePanel panel;
+    panel.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&panel));
+    panel.setFrame(makeFrame({IDT_UINT8, 4, 8, true}, 20, 10, noise));
+    panel.setRoi(QRect(5, 5, 100, 100));
+    QTRY_COMPARE(panel.shownHistogram().counts.size(), 3);
+    QTRY_COMPARE(panel.shownStatistics().size(), 4);
+    QCOMPARE(panel.shownStatistics().first().count, quint64(15 * 5));
+
+    panel.hide();
+    panel.setFrame(makeFrame({IDT_UINT16, 1, 12}, 20, 10, noise));
+    QTest::qWait(2 * CxMeasurePanel::RefreshMs);
+    QCOMPARE(panel.shownHistogram().counts.size(), 3);
+    panel.show();
+    QTRY_COMPARE(panel.shownHistogram().counts.size(), 1);
+}
+
+QTEST_MAIN(TestPictureView)
+#include "tst_pictureview.moc"
