@@ -208,22 +208,6 @@ ExExitCode CxRunner::handleOutput(IxChainData* packet, CxOutputWriter& writer)
     return ExitOk;
 }
 
-namespace {
-
-// What a run knew about its input, for a saved chain to replay it.
-SxCameraDescription describeInput(const SxPicBufInfo& format, const CxImageMetadata& meta)
-{
-    SxCameraDescription described;
-    described.hasColorFilterArray = true;
-    described.colorFilterArray = format.colorFilterArray;
-    described.bitsPerSample = format.bitsPerSample;
-    if (format.colorFilterArray == CFA_HSI_MOSAIC)
-        described.hsi = meta.hsiCameraParams();
-    return described;
-}
-
-} // namespace
-
 void CxRunner::beginSegment(const CxChain& chain)
 {
     m_segmentStart.clear();
@@ -304,7 +288,7 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
     if (!options.saveChainFile.isEmpty()) {
         // The first frame's description: what the rest of the run was given.
         const SxCameraDescription described = source->sourceFormat(format, &formatMeta)
-                                                  ? describeInput(format, formatMeta)
+                                                  ? SxCameraDescription::fromFormat(format, formatMeta)
                                                   : SxCameraDescription();
         if (!CxChainDocument::saveToFile(nodes, options.saveChainFile, &error, &described))
             return fail(ExitOutput, namingFile(options.saveChainFile, error));

@@ -102,3 +102,14 @@ bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
     }
     return true;
 }
+
+SxCameraDescription SxCameraDescription::fromFormat(const SxPicBufInfo& format, const CxImageMetadata& meta)
+{
+    SxCameraDescription described;
+    described.hasColorFilterArray = true;
+    described.colorFilterArray = format.colorFilterArray;
+    described.bitsPerSample = format.bitsPerSample;
+    if (format.colorFilterArray == CFA_HSI_MOSAIC)
+        described.hsi = meta.hsiCameraParams();
+    return described;
+}

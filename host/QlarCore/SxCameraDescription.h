@@ -1,7 +1,9 @@
 #pragma once
 #include "QlarCoreExport.h"
 #include "CxHsiCameraParams.h"
+#include "CxImageMetadata.h"
 #include "ExColorFilterArray.h"
+#include "SxPicBufInfo.h"
 
 #include <QtCore/QString>
 
@@ -33,6 +35,11 @@ struct QLARCORE_EXPORT SxCameraDescription
     ExColorFilterArray colorFilterArray = CFA_NONE;
     quint32 bitsPerSample = 0;  // 0: not described
     CxHsiCameraParams hsi;
+
+    // What a picture of this format and description says about its sensor:
+    // its filter array (0 included), significant bits and, for filter array
+    // 7, the hyperspectral layout. A chain saved with it replays on files.
+    static SxCameraDescription fromFormat(const SxPicBufInfo& format, const CxImageMetadata& meta);
 
     bool isEmpty() const { return !hasColorFilterArray && bitsPerSample == 0 && hsi.isEmpty(); }
     // The parts that over describes replace this description's.
