@@ -52,6 +52,15 @@ qint64 CxFileSource::frameCount() const
     return m_limit > 0 ? qMin(m_limit, m_total) : m_total;
 }
 
+void CxFileSource::rewind()
+{
+    m_next = 0;
+    m_file = 0;
+    m_inFile = 0;
+    m_hasPending = false;
+    m_failed = false;
+}
+
 bool CxFileSource::prepareNext(QString* error)
 {
     if (m_hasPending || m_failed || m_next >= frameCount())

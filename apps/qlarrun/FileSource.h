@@ -48,6 +48,10 @@ public:
     QString pendingFile() const { return m_hasPending ? m_pendingName : QString(); }
     // Frames this run will read at most.
     qint64 frameCount() const;
+    // Back to the first frame, to play the files again: the scan stands, a
+    // waiting frame is dropped and a frame that could not be read is tried
+    // again when its turn comes.
+    void rewind();
     bool isLive() const { return m_live; }
 
     bool sourceFormat(SxPicBufInfo& info, CxImageMetadata* meta) override;
