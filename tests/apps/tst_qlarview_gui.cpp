@@ -1,0 +1,163 @@
+// The viewer in a real window (run under Xvfb): the synthetic Bayer camera,
+// three nodes added from the chain panel's menu, each panel opened, a quick
+// button pressed, ten frames recorded and replayed by qlarrun to the same
+// samples. The screenshots it takes are the README's.
+#include "AppTestSupport.h"
+#include "ChainPanel.h"
+#include "MainWindow.h"
+#include "NodePanelHost.h"
+#include "Recorder.h"
+#include "ViewerSession.h"
+
+#include <CxChainable.h>
+#include <CxPicBufAPI.h>
+#include <CxPluginManager.h>
+#include <CxSyntheticCamera.h>
+#include <ImageFileReader.h>
+
+#include <QtCore/QTemporaryDir>
+#include <QtGui/QScreen>
+#include <QtTest/QtTest>
+#include <QtWidgets/QMenu>
+#include <QtWidgets/QToolButton>
+
+namespace {
+
+// Where the screenshots go: the README's folder when asked, else the test's.
+QString shotFolder()
+{
+    const QString dir = qEnvironmentVariable("QLAR_SCREENSHOT_DIR");
+    return dir.isEmpty() ? QDir::currentPath() : dir;
+}
+
+void screenshot(QWidget& window, const QString& name)
+{
+    QCoreApplication::processEvents();
+    const QPixmap shot = window.screen()->grabWindow(window.winId());
+    QVERIFY(!shot.isNull());
+    QVERIFY(shot.save(QDir(shotFolder()).filePath(name)));
+}
+
+bool samePictures(const QString& a, const QString& b, QString* why)
+{
+    SxHeapPicture pa, pb;
+    CxImageMetadata ma, mb;
+    QString error;
+    if (!CxImageFileReader::read(a, SxReadOptions(), pa.pic, ma, &error)
+        || !CxImageFileReader::read(b, SxReadOptions(), pb.pic, mb, &error)) {
+        *why = error;
+        return false;
+    }
+    if (pa.pic.width != pb.pic.width || pa.pic.height != pb.pic.height || pa.pic.dataType != pb.pic.dataType
+        || pa.pic.channels != pb.pic.channels) {
+        *why = QStringLiteral("%1 is %2, %3 is %4").arg(a, pa.pic.describe(), b, pb.pic.describe());
+        return false;
+    }
+    const size_t rowBytes = size_t(pa.pic.width) * pa.pic.bytesPerPixel();
+    for (quint32 y = 0; y < pa.pic.height; ++y) {
+        if (memcmp(pa.pic.rowPtr(y), pb.pic.rowPtr(y), rowBytes) != 0) {
+            *why = QStringLiteral("%1 and %2 differ in row %3").arg(a, b).arg(y);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+class TestQlarviewGui : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void liveSession();
+};
+
+void TestQlarviewGui::initTestCase()
+{
+    if (QGuiApplication::platformName() == QLatin1String("offscreen"))
+        QSKIP("needs a real display (run under xvfb-run)");
+    CxPluginManager::instance()->loadFolder(QString::fromUtf8(QLAR_PLUGIN_DIR));
+}
+
+void TestQlarviewGui::liveSession()
+{
+    CxViewerSession session;
+    CxSyntheticCamera::SxConfig config;
+    config.layout = CxSyntheticCamera::LayoutBayer;
+    config.fps = 30.0;
+    session.setSource(new CxSyntheticCamera(config));
+    CxMainWindow window(&session);
+    window.resize(1500, 950);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QVERIFY(session.start());
+
+    // Nodes come from the Add menu, as a user picks them.
+    auto* add = window.chainPanel()->findChild<QToolButton*>();
+    QVERIFY(add && add->menu());
+    for (const char* name : {"Extract Channel", "Fast Fourier Transform 1D", "Image Averaging"}) {
+        window.chainPanel()->setCurrentIndex(window.chainPanel()->count() - 1);
+        const QList<QAction*> actions = add->menu()->actions();
+        auto it = std::find_if(actions.begin(), actions.end(), [&](QAction* a) { return a->text() == name; });
+        QVERIFY2(it != actions.end(), name);
+        QVERIFY(!(*it)->toolTip().isEmpty());
+        (*it)->trigger();
+    }
+    QCOMPARE(session.nodes().size(), 3);
+
+    // Each panel opens beside the picture, showing that node's output.
+    const char* shots[] = {"qlarview-extract.png", "qlarview-fft1d.png", "qlarview-averaging.png"};
+    for (int i = 0; i < 3; ++i) {
+        window.chainPanel()->setCurrentIndex(i);
+        QTRY_VERIFY(window.nodePanel()->panel() && window.nodePanel()->panel()->isVisible());
+        QCOMPARE(window.nodePanel()->node(), session.nodes()[i]);
+        const qint64 shown = window.framesShown();
+        QTRY_VERIFY_WITH_TIMEOUT(window.framesShown() > shown + 30, 20000);
+        QCOMPARE(window.shownFrame()->stage, i);
+        screenshot(window, shots[i]);
+    }
+
+    // A quick button of Extract Channel picks another cell of the mosaic.
+    CxChainEntry* entry = window.chainPanel()->entry(0);
+    QVERIFY(entry && entry->quickButtons().size() == 4);
+    QToolButton* unchecked = nullptr;
+    for (QToolButton* b : entry->quickButtons())
+        if (!b->isChecked())
+            unchecked = b;
+    QVERIFY(unchecked);
+    const QString cell = unchecked->text();
+    unchecked->click();
+    const auto checkedCell = [&] {
+        for (QToolButton* b : window.chainPanel()->entry(0)->quickButtons())
+            if (b->isChecked())
+                return b->text();
+        return QString();
+    };
+    QTRY_COMPARE(checkedCell(), cell);
+    QTRY_VERIFY(session.isRunning());
+
+    // Ten frames of the last stage, replayed by qlarrun.
+    QTemporaryDir dir;
+    const QString folder = dir.filePath("recording");
+    window.showStage(2);
+    QString error;
+    QVERIFY2(window.record(folder, 10, &error), qPrintable(error));
+    QTRY_VERIFY_WITH_TIMEOUT(!session.recorder()->isRecording(), 60000);
+    QCOMPARE(session.recorder()->framesRecorded(), qint64(10));
+    screenshot(window, "qlarview-window.png");
+    session.stop();
+
+    const SxRun run = runQlarrun({"--chain", "chain.xml", "--numbers-from-names", "--out", "replay", "input", "--quiet"},
+                                 folder);
+    QVERIFY2(run.status == 0, qPrintable(run.err));
+    const QStringList recorded = QDir(folder).entryList({"frame_*.tif"}, QDir::Files, QDir::Name);
+    QCOMPARE(recorded.size(), 10);
+    for (const QString& name : recorded) {
+        QVERIFY2(samePictures(QDir(folder).filePath(name), QDir(folder).filePath("replay/" + name), &error),
+                 qPrintable(error));
+    }
+}
+
+QTEST_MAIN(TestQlarviewGui)
+#include "tst_qlarview_gui.moc"
