@@ -189,6 +189,15 @@ double largestMagnitude(const SxLayout& l)
     return std::sqrt(largest);
 }
 
+// Squared magnitudes fall into buckets by their exponent and top mantissa
+// bits; a bucket's lowest grey level plus a step or two up through the
+// thresholds replaces a logarithm and a root per pixel.
+constexpr int BucketShift = 17;
+inline unsigned spectrumBucket(float m2)
+{
+    return (load<quint32>(reinterpret_cast<const uchar*>(&m2)) >> BucketShift) & 0x3fffu;
+}
+
 } // namespace
 
 bool CxDisplayMapper::SxFrameKey::operator==(const SxFrameKey& o) const
@@ -290,6 +299,34 @@ void CxDisplayMapper::buildLut(int bytesPerSample, bool isSigned, const SxRange&
     m_lutRange = range;
 }
 
+void CxDisplayMapper::buildSpectrumTable(double scale)
+{
+    if (m_spectrumScale == scale && !m_spectrumStart.empty())
+        return;
+    // Grey level g starts where ln(1 + |z|) * scale + 0.5 reaches g.
+    m_spectrumSteps.assign(257, std::numeric_limits<float>::infinity());
+    m_spectrumSteps[0] = 0.f;
+    for (int g = 1; g < 256; ++g) {
+        const double m = std::expm1((g - 0.5) / scale);
+        m_spectrumSteps[size_t(g)] = float(m * m);
+    }
+    m_spectrumStart.assign(size_t(0x4000), 0);
+    for (quint32 bucket = 0; bucket < 0x4000u; ++bucket) {
+        const quint32 bits = bucket << BucketShift;
+        float low;
+        std::memcpy(&low, &bits, sizeof low);
+        if (std::isnan(low)) {
+            m_spectrumStart[bucket] = 0;  // NaN (and its neighbours in the top exponent) stay black
+            continue;
+        }
+        int g = 0;
+        while (g < 255 && low >= m_spectrumSteps[size_t(g + 1)])
+            ++g;
+        m_spectrumStart[bucket] = uchar(g);
+    }
+    m_spectrumScale = scale;
+}
+
 QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRect, const QSize& target)
 {
     if (target.isEmpty())
@@ -312,13 +349,20 @@ QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRec
     const QRgb bg = m_background;
 
     if (l.spectrum) {
+        buildSpectrumTable(scale);
+        const float* steps = m_spectrumSteps.data();
+        const uchar* start = m_spectrumStart.data();
         const SxPlane re = l.planes.at(0), im = l.planes.at(1);
         fillImage(img, cols, rows, bg, [&](qint64 y) {
             const uchar* r = re.row(y);
             const uchar* i = im.row(y);
             return [=](qint64 x) {
-                const double a = load<float>(r + x * re.step), b = load<float>(i + x * im.step);
-                return grey(level(std::log1p(std::sqrt(a * a + b * b)), 0.0, scale));
+                const float a = load<float>(r + x * re.step), b = load<float>(i + x * im.step);
+                const float m2 = a * a + b * b;
+                int g = start[spectrumBucket(m2)];
+                while (g < 255 && m2 >= steps[g + 1])
+                    ++g;
+                return grey(g);
             };
         });
         return img;

@@ -95,6 +95,7 @@ private:
     };
     SxFrameKey keyOf(const SxViewFrame& frame) const;
     void buildLut(int bytesPerSample, bool isSigned, const SxRange& range);
+    void buildSpectrumTable(double scale);
 
     ExStretchMode m_mode = FullRange;
     int m_channel = 0;
@@ -110,4 +111,10 @@ private:
     int m_lutBytes = 0;
     bool m_lutSigned = false;
     SxRange m_lutRange{0.0, -1.0};
+
+    // Spectra: the squared magnitude at which each grey level starts, and
+    // the first level of each bucket of squared magnitudes.
+    std::vector<float> m_spectrumSteps;
+    std::vector<uchar> m_spectrumStart;
+    double m_spectrumScale = 0.0;
 };

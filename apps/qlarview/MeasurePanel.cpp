@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 namespace {
 
@@ -21,6 +20,8 @@ QColor curveColour(bool colour, int channel)
                                     QColor(150, 60, 170)};
     return colour && channel < 3 ? rgb[channel] : others[channel % 4];
 }
+
+constexpr double LogFloor = 0.8;
 
 QString number(double v) { return QString::number(v, 'g', 6); }
 
@@ -124,9 +125,9 @@ void CxMeasurePanel::plotHistogram()
         QVector<double> y = h.counts.at(c);
         for (double& v : y) {
             top = std::max(top, v);
-            // Empty bins leave gaps instead of running off a log axis.
+            // Empty bins drop below the log axis' floor instead of off to minus infinity.
             if (log && v <= 0.0)
-                v = std::numeric_limits<double>::quiet_NaN();
+                v = LogFloor / 2;
         }
         QCPGraph* graph = m_plot->addGraph();
         graph->setName(h.channelNames.value(c));
@@ -136,7 +137,7 @@ void CxMeasurePanel::plotHistogram()
     }
     if (h.binCount() > 0)
         m_plot->xAxis->setRange(h.low, h.low + h.binCount() * h.binWidth);
-    m_plot->yAxis->setRange(log ? 0.8 : 0.0, top * (log ? 2.0 : 1.05));
+    m_plot->yAxis->setRange(log ? LogFloor : 0.0, top * (log ? 2.0 : 1.05));
     m_plot->replot(QCustomPlot::rpQueuedReplot);
 }
 
@@ -161,7 +162,7 @@ void CxMeasurePanel::fillTable(const QStringList& names)
             item->setTextAlignment(Qt::AlignRight | Qt::AlignVCenter);
             m_table->setItem(c, col, item);
         }
-        rows.append(names.value(c).isEmpty() ? QString::number(c + 1) : names.value(c));
+        rows.append(names.value(c).isEmpty() ? QStringLiteral("#%1").arg(c + 1) : names.value(c));
     }
     m_table->setVerticalHeaderLabels(rows);
 }

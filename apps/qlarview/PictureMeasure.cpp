@@ -219,7 +219,7 @@ QStringList channelNames(const SxViewFrame& frame)
         return named;
     QStringList names;
     for (int c = 0; c < l.channels(); ++c)
-        names.append(QString::number(c + 1));
+        names.append(QStringLiteral("#%1").arg(c + 1));
     return names;
 }
 

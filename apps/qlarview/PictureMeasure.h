@@ -14,7 +14,7 @@
 //
 // Channels are in display order: a blue-first colour picture answers R, G,
 // B(, A), everything else its storage order, named by the metadata's channel
-// names when they are one per channel, else "1", "2", ... (a one-channel
+// names when they are one per channel, else "#1", "#2", ... (a one-channel
 // picture has the single name ""). A spectrum is measured on
 // ln(1 + |re + i im|), one channel; its pixel values are the two parts.
 namespace PictureMeasure {
@@ -35,7 +35,8 @@ struct SxChannelStatistics
 // sample of the rectangle counts; NaN and infinities are left out.
 QList<SxChannelStatistics> rectStatistics(const SxViewFrame& frame, const QRect& rect);
 
-// A histogram per channel, bins shared by all channels: bin b covers
+// A histogram per channel (a colour picture's alpha is left out), bins
+// shared by all channels: bin b covers
 // [low + b * binWidth, low + (b + 1) * binWidth).
 //  - 8-bit samples: 256 bins, one per value.
 //  - 16-bit: the significant range (0 .. 2^bits - 1, signed

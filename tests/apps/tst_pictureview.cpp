@@ -157,7 +157,7 @@ void TestPictureView::shownColour_data()
     QTest::newRow("float normalised") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::SignificantBits) << 0
                                       << QList<double>{0.5} << none << 0 << qRgb(128, 128, 128);
     QTest::newRow("float 12-bit levels") << int(IDT_FLOAT) << 1 << 12 << false << int(Mode::SignificantBits) << 0
-                                         << QList<double>{4095, 0.5} << none << 0 << qRgb(255, 255, 255);
+                                         << QList<double>{0, 2048} << none << 1 << qRgb(128, 128, 128);
     QTest::newRow("second channel of three, not colour")
         << int(IDT_UINT8) << 3 << 8 << false << int(Mode::FullRange) << 1 << QList<double>{10, 90, 250} << none << 0
         << qRgb(90, 90, 90);
