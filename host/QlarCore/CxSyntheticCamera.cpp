@@ -9,6 +9,9 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <map>
+#include <mutex>
+#include <vector>
 
 namespace {
 
@@ -22,16 +25,39 @@ inline quint32 mix(quint32 h)
     return h;
 }
 
-// Roughly Gaussian noise with unit deviation: the sum of four uniforms.
-inline float noise(quint32 seed, qint64 n, quint32 x, quint32 y)
+// Roughly Gaussian noise with unit deviation (the sum of four uniforms),
+// drawn from a table per seed: every row of every frame reads the table from
+// a position hashed from seed, frame and row. A hash per pixel cost more
+// than the rest of a frame; read this way a 4096x3000 frame renders at a
+// camera's rate.
+constexpr quint32 NoiseTableBits = 16;
+constexpr quint32 NoiseTableMask = (1u << NoiseTableBits) - 1;
+
+const float* noiseTable(quint32 seed)
 {
-    quint32 h = mix(seed ^ mix(quint32(n) * 0x9e3779b9U ^ mix(x * 0x85ebca6bU ^ mix(y + 0x27d4eb2fU))));
-    float s = 0.f;
-    for (int i = 0; i < 4; ++i) {
-        s += float(h & 0xffff) / 65535.f;
-        h = mix(h + 0x632be5abU);
+    static std::mutex lock;
+    static std::map<quint32, std::vector<float>> tables;
+    std::lock_guard<std::mutex> guard(lock);
+    std::vector<float>& table = tables[seed];
+    if (table.empty()) {
+        table.resize(size_t(NoiseTableMask) + 1);
+        quint32 h = mix(seed ^ 0x5bd1e995U);
+        for (float& v : table) {
+            float sum = 0.f;
+            for (int i = 0; i < 4; ++i) {
+                h = mix(h + 0x632be5abU);
+                sum += float(h & 0xffff) / 65535.f;
+            }
+            v = (sum - 2.f) * 1.7320508f;  // variance of the sum is 4/12
+        }
     }
-    return (s - 2.f) * 1.7320508f;  // variance of the sum is 4/12
+    return table.data();
+}
+
+// Where row y of frame n starts reading the table.
+inline quint32 noiseOffset(quint32 seed, qint64 n, quint32 y)
+{
+    return mix(seed ^ mix(quint32(n) * 0x9e3779b9U ^ mix(y + 0x27d4eb2fU)));
 }
 
 struct Rgb
@@ -41,23 +67,36 @@ struct Rgb
 };
 
 // The scene, in [0, 1] per colour: ramps, bars sliding one pixel per frame
-// and a disc circling the centre.
-inline Rgb scene(quint32 x, quint32 y, quint32 w, quint32 h, qint64 n)
+// and a disc circling the centre. What depends only on the frame is worked
+// out once.
+struct SxScene
 {
-    const float fx = float(x) / float(std::max<quint32>(w, 1));
-    const float fy = float(y) / float(std::max<quint32>(h, 1));
-    const float bars = (((x + quint64(n)) >> 4) & 1) ? 0.3f : 0.f;
-    const float angle = float(n) * 0.1f;
-    const float cx = 0.5f * w + 0.25f * w * std::cos(angle);
-    const float cy = 0.5f * h + 0.25f * h * std::sin(angle);
-    const float radius = 0.125f * float(std::min(w, h));
-    const float dx = float(x) - cx, dy = float(y) - cy;
-    const float disc = (dx * dx + dy * dy <= radius * radius) ? 0.4f : 0.f;
-    // The disc glows in the near infrared and the bars barely show there, so
-    // that a NIR band looks different from every colour.
-    return Rgb{0.15f + 0.45f * fx + disc, 0.15f + 0.3f * fy + bars, 0.1f + 0.3f * (1.f - fx) + disc * 0.5f,
-               0.2f + 0.3f * fy + 1.25f * disc + 0.2f * bars};
-}
+    quint32 w, h;
+    qint64 n;
+    float cx, cy, radius2;
+
+    SxScene(quint32 width, quint32 height, qint64 frame) : w(std::max<quint32>(width, 1)), h(std::max<quint32>(height, 1)), n(frame)
+    {
+        const float angle = float(n) * 0.1f;
+        cx = 0.5f * width + 0.25f * width * std::cos(angle);
+        cy = 0.5f * height + 0.25f * height * std::sin(angle);
+        const float radius = 0.125f * float(std::min(width, height));
+        radius2 = radius * radius;
+    }
+
+    Rgb at(quint32 x, quint32 y) const
+    {
+        const float fx = float(x) / float(w);
+        const float fy = float(y) / float(h);
+        const float bars = (((x + quint64(n)) >> 4) & 1) ? 0.3f : 0.f;
+        const float dx = float(x) - cx, dy = float(y) - cy;
+        const float disc = (dx * dx + dy * dy <= radius2) ? 0.4f : 0.f;
+        // The disc glows in the near infrared and the bars barely show there,
+        // so that a NIR band looks different from every colour.
+        return Rgb{0.15f + 0.45f * fx + disc, 0.15f + 0.3f * fy + bars, 0.1f + 0.3f * (1.f - fx) + disc * 0.5f,
+                   0.2f + 0.3f * fy + 1.25f * disc + 0.2f * bars};
+    }
+};
 
 // What one mosaic cell sees: a weighted sum of the scene's components.
 struct SxBandWeights
@@ -168,36 +207,60 @@ void renderT(const CxSyntheticCamera::SxConfig& cfg, qint64 n, SxPicBuf& pic)
     QList<SxZoneModel> zones;
     if (isDescribedMosaic(cfg.layout))
         zones = zoneModels(CxSyntheticCamera::mosaicDescription(cfg), w, h);
-    auto toSample = [&](float v, quint32 x, quint32 y, quint32 c) {
-        float s = v * full + sigma * noise(cfg.seed + c, n, x, y);
-        s = std::min(std::max(s, 0.f), full);
-        return T(s + 0.5f);
-    };
+    const SxScene sceneOf(w, h, n);
+    // Noise per colour channel: channel c reads the table of seed + c.
+    const float* tables[3] = {noiseTable(cfg.seed), nullptr, nullptr};
+    if (cfg.layout == CxSyntheticCamera::LayoutRgb || cfg.layout == CxSyntheticCamera::LayoutRgba) {
+        tables[1] = noiseTable(cfg.seed + 1);
+        tables[2] = noiseTable(cfg.seed + 2);
+    }
+    std::vector<float> values(static_cast<size_t>(w));
     for (quint32 y = 0; y < h; ++y) {
         T* row = pic.row<T>(y);
-        for (quint32 x = 0; x < w; ++x) {
-            const Rgb c = scene(x, y, w, h, n);
-            switch (cfg.layout) {
-            case CxSyntheticCamera::LayoutMono:
-                row[x] = toSample(0.3f * c.r + 0.59f * c.g + 0.11f * c.b, x, y, 0);
-                break;
-            case CxSyntheticCamera::LayoutBayer:
-                row[x] = toSample(cellValue(cfg.colorFilterArray, x, y, c), x, y, 0);
-                break;
-            case CxSyntheticCamera::LayoutRgb:
-            case CxSyntheticCamera::LayoutRgba:
-                // Blue first, as every colour picture of the host.
-                row[x * ch + 0] = toSample(c.b, x, y, 2);
-                row[x * ch + 1] = toSample(c.g, x, y, 1);
-                row[x * ch + 2] = toSample(c.r, x, y, 0);
-                if (ch == 4)
-                    row[x * ch + 3] = T(full);
-                break;
-            case CxSyntheticCamera::LayoutRgbNir:
-            case CxSyntheticCamera::LayoutHsi:
-                row[x] = toSample(mosaicWeights(zones, x, y).of(c), x, y, 0);
-                break;
+        // Scene values of the row for one colour channel, then noise and
+        // rounding in a loop of their own, which the compiler vectorises.
+        const auto finish = [&](quint32 c, quint32 stride, quint32 first) {
+            const float* table = tables[c];
+            const quint32 offset = noiseOffset(cfg.seed + c, n, y);
+            for (quint32 x = 0; x < w; ++x) {
+                float v = values[x] * full + sigma * table[(offset + x) & NoiseTableMask];
+                v = std::min(std::max(v, 0.f), full);
+                row[size_t(x) * stride + first] = T(v + 0.5f);
             }
+        };
+        switch (cfg.layout) {
+        case CxSyntheticCamera::LayoutMono:
+            for (quint32 x = 0; x < w; ++x) {
+                const Rgb c = sceneOf.at(x, y);
+                values[x] = 0.3f * c.r + 0.59f * c.g + 0.11f * c.b;
+            }
+            finish(0, 1, 0);
+            break;
+        case CxSyntheticCamera::LayoutBayer:
+            for (quint32 x = 0; x < w; ++x)
+                values[x] = cellValue(cfg.colorFilterArray, x, y, sceneOf.at(x, y));
+            finish(0, 1, 0);
+            break;
+        case CxSyntheticCamera::LayoutRgb:
+        case CxSyntheticCamera::LayoutRgba:
+            // Blue first, as every colour picture of the host.
+            for (quint32 c = 0; c < 3; ++c) {
+                for (quint32 x = 0; x < w; ++x) {
+                    const Rgb s = sceneOf.at(x, y);
+                    values[x] = c == 0 ? s.r : c == 1 ? s.g : s.b;
+                }
+                finish(c, ch, 2 - c);
+            }
+            if (ch == 4)
+                for (quint32 x = 0; x < w; ++x)
+                    row[size_t(x) * 4 + 3] = T(full);
+            break;
+        case CxSyntheticCamera::LayoutRgbNir:
+        case CxSyntheticCamera::LayoutHsi:
+            for (quint32 x = 0; x < w; ++x)
+                values[x] = mosaicWeights(zones, x, y).of(sceneOf.at(x, y));
+            finish(0, 1, 0);
+            break;
         }
     }
 }
