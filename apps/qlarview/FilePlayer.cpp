@@ -52,6 +52,8 @@ void CxFilePlayer::play()
         m_playing = true;
         m_steps = 0;
     }
+    if (m_ended.load())
+        m_rewind = true;
     m_wake.notify_all();
 }
 
@@ -186,7 +188,8 @@ IxChainData* CxFilePlayer::grabFrame()
 
     SxPicBufInfo next;
     CxImageMetadata nextMeta;
-    if (m_hasRunFormat && m_files->sourceFormat(next, &nextMeta) && !sameInput(m_runFormat, m_runMeta, next, nextMeta)) {
+    if (m_hasRunFormat && m_files->sourceFormat(next, &nextMeta)
+        && !sameInput(m_runFormat, m_runMeta, next, nextMeta)) {
         tellPosition(true);
         if (!m_formatTold) {
             m_formatTold = true;

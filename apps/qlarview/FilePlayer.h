@@ -33,8 +33,8 @@ struct SxCameraDescription;
 // format (sourceFormat), and playing goes on with that frame. A frame that
 // cannot be read ends playing there: failed() names it and atEnd() turns
 // true. At the last frame the player starts again from the first when it
-// loops, and otherwise emits finished() and ends; rewind() and a new start
-// of the chain play the files again.
+// loops, and otherwise emits finished() and ends; play() or rewind() and a
+// new start of the chain play the files again.
 //
 // Signals are emitted on the chain's source thread (and on the thread that
 // starts the chain); receivers connect queued, or automatically from
@@ -53,6 +53,7 @@ public:
                                 ExExitCode* status = nullptr);
     ~CxFilePlayer() override;
 
+    // After the end: from the first frame again.
     void play();
     void pause();
     bool isPlaying() const;

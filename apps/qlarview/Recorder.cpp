@@ -96,9 +96,9 @@ bool writeFrameFiles(const SxViewFrame& frame, const QString& base, QStringList*
         done << path;
         return true;
     };
-    const bool ok = frame.spectrum
-                        ? write(base + QStringLiteral("_re.tif"), frame.pic) && write(base + QStringLiteral("_im.tif"), frame.im)
-                        : write(base + QStringLiteral(".tif"), frame.pic);
+    const bool ok = frame.spectrum ? write(base + QStringLiteral("_re.tif"), frame.pic)
+                                         && write(base + QStringLiteral("_im.tif"), frame.im)
+                                   : write(base + QStringLiteral(".tif"), frame.pic);
     if (!ok) {
         for (const QString& path : std::as_const(done))
             QFile::remove(path);
@@ -263,7 +263,8 @@ void CxRecorder::offer(int stage, const IxChainData* packet)
 
     const auto* image = qobject_cast<const CxImageData*>(packet);
     if (!image || !image->picBuf()) {
-        endTaking(tr("packets of class %1 cannot be recorded").arg(QString::fromLatin1(packet->metaObject()->className())));
+        endTaking(tr("packets of class %1 cannot be recorded")
+                      .arg(QString::fromLatin1(packet->metaObject()->className())));
         return;
     }
     // Files are named by frame number: a number that comes again (a player

@@ -92,8 +92,9 @@ public:
     static bool snapshot(const ViewFramePtr& frame, const QString& path, QString* error);
 
 signals:
-    // The recording is complete on disk: its frame limit was reached, a
-    // frame number came again, or stop() was called.
+    // Emitted on the writer thread, which stop() waits for: receivers
+    // connect queued. The recording is complete on disk: its frame limit
+    // was reached, a frame number came again, or stop() was called.
     void finished();
     void failed(const QString& message);
 
