@@ -103,6 +103,7 @@ CxSourcePanel::CxSourcePanel(CxViewerSession* session, QWidget* parent) : QWidge
     layout->addWidget(m_pages);
     layout->addStretch(1);
     connect(m_kind, &QComboBox::currentIndexChanged, m_pages, &QStackedWidget::setCurrentIndex);
+    onSourceChanged();
 }
 
 QWidget* CxSourcePanel::buildCameraPage()
