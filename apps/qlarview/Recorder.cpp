@@ -229,7 +229,8 @@ void CxRecorder::endTaking(const QString& failure)
 
 void CxRecorder::offer(int stage, const IxChainData* packet)
 {
-    if (!packet || stage < -1 || stage > m_stage || !m_taking.load())
+    // Between recordings the rest of the state may be changing.
+    if (!packet || !m_taking.load() || stage < -1 || stage > m_stage)
         return;
     const bool recorded = stage == m_stage;
     const bool input = stage == -1 && !recorded;
