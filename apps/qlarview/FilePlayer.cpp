@@ -107,7 +107,7 @@ void CxFilePlayer::rewindFiles()
 
 void CxFilePlayer::tellPosition(bool now)
 {
-    const qint64 position = m_position.load();
+    const qint64 position = this->position();
     if (position == m_toldPosition || (!now && m_positionClock.elapsed() < PositionIntervalMs))
         return;
     m_toldPosition = position;

@@ -67,9 +67,9 @@ public:
     // From the first frame again, at the next frame the chain asks for.
     void rewind();
 
-    // Frames handed on since the first frame (the index of the next one),
-    // and the frames of one pass through the files.
-    qint64 position() const { return m_position.load(); }
+    // The index of the frame handed on last in this pass through the files
+    // (-1 before the first), and the frames of one pass.
+    qint64 position() const { return m_position.load() - 1; }
     qint64 frameCount() const { return m_count; }
     bool isLive() const;
 
@@ -115,7 +115,7 @@ private:
     std::atomic<double> m_fps{0.0};
     std::atomic<bool> m_ended{false};
     std::atomic<bool> m_failed{false};
-    std::atomic<qint64> m_position{0};
+    std::atomic<qint64> m_position{0};  // frames handed on in this pass
 
     // The file source and what follows are used by one thread at a time:
     // the chain's source thread, or the thread that starts the chain.
@@ -125,5 +125,5 @@ private:
     bool m_hasRunFormat = false;
     bool m_formatTold = false;
     QElapsedTimer m_positionClock;
-    qint64 m_toldPosition = -1;
+    qint64 m_toldPosition = -2;  // nothing told yet
 };
