@@ -256,9 +256,11 @@ struct CxAravisCamera::Private
         if (!stream)
             return;
         if (!lost.load()) {
-            std::lock_guard<std::mutex> lock(deviceLock);
             GError* e = nullptr;
-            arv_camera_stop_acquisition(camera, &e);
+            {
+                std::lock_guard<std::mutex> lock(deviceLock);
+                arv_camera_stop_acquisition(camera, &e);
+            }
             if (e)
                 failure(e);
         }
@@ -274,13 +276,20 @@ struct CxAravisCamera::Private
     // Reads format and size back from the camera.
     bool refreshFormat(QString* error)
     {
-        std::lock_guard<std::mutex> lock(deviceLock);
         GError* e = nullptr;
-        const guint32 f = guint32(arv_camera_get_pixel_format(camera, &e));
-        const QString name = e ? QString() : text(arv_camera_get_pixel_format_as_string(camera, &e));
+        guint32 f = 0;
+        QString name;
         gint x = 0, y = 0, w = 0, h = 0;
-        if (!e)
-            arv_camera_get_region(camera, &x, &y, &w, &h, &e);
+        {
+            std::lock_guard<std::mutex> lock(deviceLock);
+            f = guint32(arv_camera_get_pixel_format(camera, &e));
+            if (!e)
+                name = text(arv_camera_get_pixel_format_as_string(camera, &e));
+            if (!e)
+                arv_camera_get_region(camera, &x, &y, &w, &h, &e);
+        }
+        // Outside the lock: the loss signal may reach a receiver that calls
+        // back into the camera.
         if (e) {
             const QString m = failure(e);
             if (error)
@@ -367,14 +376,16 @@ struct CxAravisCamera::Private
         double lo = 0.0, hi = 0.0;
         if (!range(lo, hi, [&](double* a, double* b, GError** e) { getBounds(camera, a, b, e); })) {
             if (error)
-                *error = lost.load() ? q->lostMessage()
-                                     : CxAravisCamera::tr("The camera has no %1 control").arg(CxAravisCamera::tr(what));
+                *error = lost.load() || !isOpen.load()
+                    ? (lost.load() ? q->lostMessage() : CxAravisCamera::tr("No camera is open"))
+                    : CxAravisCamera::tr("The camera has no %1 control").arg(CxAravisCamera::tr(what));
             return false;
         }
         if (!std::isfinite(v) || v < lo || v > hi) {
             if (error)
-                *error = CxAravisCamera::tr("%1 %2 %3 is outside the camera's range, %4 to %5 %3")
-                             .arg(CxAravisCamera::tr(what)).arg(v).arg(unit).arg(lo).arg(hi).simplified();
+                *error = CxAravisCamera::tr("The camera's %1 goes from %2 to %3 %5, not %4 %5")
+                             .arg(CxAravisCamera::tr(what)).arg(lo).arg(hi).arg(v).arg(unit).simplified()
+                             .replace(QLatin1String(" ,"), QLatin1String(","));
             return false;
         }
         if (!control(error, [&](GError** e) { set(camera, v, e); }))
@@ -598,7 +609,7 @@ double CxAravisCamera::exposure() const
 
 bool CxAravisCamera::setExposure(double us, QString* error)
 {
-    if (!d->setChecked(us, QT_TR_NOOP("Exposure time"), QStringLiteral("µs"), d->exposure, error,
+    if (!d->setChecked(us, QT_TR_NOOP("exposure time"), QStringLiteral("µs"), d->exposure, error,
                        &arv_camera_get_exposure_time_bounds, &arv_camera_set_exposure_time))
         return false;
     d->streamExposure = float(us);
@@ -622,7 +633,7 @@ double CxAravisCamera::gain() const
 
 bool CxAravisCamera::setGain(double value, QString* error)
 {
-    return d->setChecked(value, QT_TR_NOOP("Gain"), gainUnit(), d->gain, error, &arv_camera_get_gain_bounds,
+    return d->setChecked(value, QT_TR_NOOP("gain"), gainUnit(), d->gain, error, &arv_camera_get_gain_bounds,
                          &arv_camera_set_gain);
 }
 
@@ -655,7 +666,7 @@ bool CxAravisCamera::setFrameRate(double hz, QString* error)
             arv_camera_set_boolean(cam, "AcquisitionFrameRateEnable", TRUE, nullptr);
         arv_camera_set_frame_rate(cam, v, e);
     };
-    return d->setChecked(hz, QT_TR_NOOP("Frame rate"), QStringLiteral("Hz"), d->frameRate, error,
+    return d->setChecked(hz, QT_TR_NOOP("frame rate"), QStringLiteral("Hz"), d->frameRate, error,
                          &arv_camera_get_frame_rate_bounds, set);
 }
 

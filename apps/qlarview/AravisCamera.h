@@ -31,11 +31,17 @@
 // format are not offered; a camera left in one of them by another program
 // refuses to start until a supported format is set.
 //
+// Frames: live, numbered from 0 at each start by the camera's frame ids (so
+// frames the camera or the network lost leave gaps; 16-bit ids are
+// unwrapped), timestampMs from the host's arrival time since the start,
+// exposureTimeUs the exposure last set or read, the metadata's camera name
+// the title and its timestamp the arrival time.
+//
 // Controls: exposure time in microseconds, gain, frame rate in Hz. Gain is in
 // dB where the camera has the standard Gain feature, in the camera's raw
 // steps where it only has GainRaw (both fake cameras); gainUnit() tells which.
-// Setting the frame rate switches the camera's frame-rate control on where it
-// has one, and free-running acquisition (no frame trigger).
+// Setting the frame rate first switches the camera's frame-rate control on
+// where it has one (AcquisitionFrameRateEnable).
 //
 // Threads:
 //  * GUI thread: devices(), enableFakeInterface(), open(), close(),
@@ -74,6 +80,7 @@ public:
         QString protocol;  // "GigEVision", "USB3Vision", "Fake"
     };
 
+    // Counted since open(), from the source thread.
     struct SxCounters
     {
         qint64 delivered = 0;   // frames handed to the chain
@@ -85,8 +92,10 @@ public:
     CxAravisCamera();
     ~CxAravisCamera() override;
 
-    // Every device of every enabled interface, after a new discovery (GigE
-    // Vision waits about a second for answers). GUI thread.
+    // Every device of every enabled interface, after a new discovery: GigE
+    // Vision broadcasts on every network interface, loopback included, and
+    // waits about a second for answers, so a simulator bound to 127.0.0.1 is
+    // found like a real camera (id "<vendor>-<model>-<serial>"). GUI thread.
     static QList<SxDevice> devices();
     // Makes the library's in-process fake camera part of devices().
     static void enableFakeInterface();
