@@ -58,8 +58,8 @@
 //    title().
 //
 // A camera that goes away: the library's loss of control (GigE Vision
-// heartbeat failing, about 6 s after the camera stopped answering; a USB
-// camera unplugged), ten or more failed buffers in a row without a good one
+// heartbeat failing, within about 6 s of the camera's last answer, a delay
+// the library offers no setting for; a USB camera unplugged), ten or more failed buffers in a row without a good one
 // for 3 s, or a call that times out. From then on grabFrame returns null,
 // lost() is true and cameraLost is emitted once, from the thread that
 // noticed (a library thread, the source thread or the GUI thread): connect
