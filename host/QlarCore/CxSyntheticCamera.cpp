@@ -60,41 +60,56 @@ inline quint32 noiseOffset(quint32 seed, qint64 n, quint32 y)
     return mix(seed ^ mix(quint32(n) * 0x9e3779b9U ^ mix(y + 0x27d4eb2fU)));
 }
 
-struct Rgb
-{
-    float r, g, b;
-    float nir;  // near infrared, seen only by mosaic layouts
-};
-
-// The scene, in [0, 1] per colour: ramps, bars sliding one pixel per frame
-// and a disc circling the centre. What depends only on the frame is worked
-// out once.
+// The scene, in [0, 1] per component: ramps, bars sliding one pixel per
+// frame and a disc circling the centre. The disc glows in the near infrared
+// and the bars barely show there, so that a NIR band looks different from
+// every colour:
+//   red   = 0.15 + 0.45 fx + disc         green = 0.15 + 0.3 fy + bars
+//   blue  = 0.1 + 0.3 (1 - fx) + disc / 2  nir  = 0.2 + 0.3 fy + 1.25 disc + 0.2 bars
+// with fx, fy the position in [0, 1), bars 0.3 on every other run of 16
+// columns and disc 0.4 inside it. A sample sees a weighted sum of the four,
+// so a row is a few terms per column (worked out once per frame or row
+// class) plus two per row; the disc is a span per row.
 struct SxScene
 {
     quint32 w, h;
-    qint64 n;
     float cx, cy, radius2;
+    std::vector<float> red, blue, bars;  // the terms that depend on the column
 
-    SxScene(quint32 width, quint32 height, qint64 frame) : w(std::max<quint32>(width, 1)), h(std::max<quint32>(height, 1)), n(frame)
+    SxScene(quint32 width, quint32 height, qint64 n)
+        : w(width), h(height), red(w), blue(w), bars(w)
     {
         const float angle = float(n) * 0.1f;
         cx = 0.5f * width + 0.25f * width * std::cos(angle);
         cy = 0.5f * height + 0.25f * height * std::sin(angle);
         const float radius = 0.125f * float(std::min(width, height));
         radius2 = radius * radius;
+        for (quint32 x = 0; x < w; ++x) {
+            const float fx = float(x) / float(w);
+            red[x] = 0.15f + 0.45f * fx;
+            blue[x] = 0.1f + 0.3f * (1.f - fx);
+            bars[x] = (((x + quint64(n)) >> 4) & 1) ? 0.3f : 0.f;
+        }
     }
 
-    Rgb at(quint32 x, quint32 y) const
+    float green(quint32 y) const { return 0.15f + 0.3f * float(y) / float(h); }
+    float nir(quint32 y) const { return 0.2f + 0.3f * float(y) / float(h); }
+
+    // Columns [first, last) of row y inside the disc.
+    void discSpan(quint32 y, quint32& first, quint32& last) const
     {
-        const float fx = float(x) / float(w);
-        const float fy = float(y) / float(h);
-        const float bars = (((x + quint64(n)) >> 4) & 1) ? 0.3f : 0.f;
-        const float dx = float(x) - cx, dy = float(y) - cy;
-        const float disc = (dx * dx + dy * dy <= radius2) ? 0.4f : 0.f;
-        // The disc glows in the near infrared and the bars barely show there,
-        // so that a NIR band looks different from every colour.
-        return Rgb{0.15f + 0.45f * fx + disc, 0.15f + 0.3f * fy + bars, 0.1f + 0.3f * (1.f - fx) + disc * 0.5f,
-                   0.2f + 0.3f * fy + 1.25f * disc + 0.2f * bars};
+        first = last = 0;
+        const double dy = double(y) - cy;
+        const double rest = double(radius2) - dy * dy;
+        if (rest < 0.0)
+            return;
+        const double half = std::sqrt(rest);
+        const double a = std::max(0.0, std::ceil(cx - half));
+        const double b = std::min(double(w), std::floor(cx + half) + 1.0);
+        if (b > a) {
+            first = quint32(a);
+            last = quint32(b);
+        }
     }
 };
 
@@ -102,7 +117,6 @@ struct SxScene
 struct SxBandWeights
 {
     float r = 0.3f, g = 0.59f, b = 0.11f, nir = 0.f;  // default: unfiltered luminance
-    float of(const Rgb& c) const { return r * c.r + g * c.g + b * c.b + nir * c.nir; }
 };
 
 SxBandWeights bandWeights(const CxHsiCameraParams::CxBand& band)
@@ -180,7 +194,9 @@ bool isDescribedMosaic(CxSyntheticCamera::ExLayout layout)
     return layout == CxSyntheticCamera::LayoutRgbNir || layout == CxSyntheticCamera::LayoutHsi;
 }
 
-inline float cellValue(ExColorFilterArray cfa, quint32 x, quint32 y, const Rgb& c)
+// What the cell of a 2x2 mosaic at (x, y) passes. Cyan, magenta and yellow
+// cells hold the mean of the two primaries they pass.
+SxBandWeights cellWeights(ExColorFilterArray cfa, quint32 x, quint32 y)
 {
     const int cell = int(((y & 1) << 1) | (x & 1));
     // Cell colours row by row for each 2x2 pattern: 0 red, 1 green, 2 blue,
@@ -188,13 +204,100 @@ inline float cellValue(ExColorFilterArray cfa, quint32 x, quint32 y, const Rgb& 
     static const int table[7][4] = {{1, 1, 1, 1}, {0, 1, 1, 2}, {1, 0, 2, 1}, {1, 2, 0, 1},
                                     {2, 1, 1, 0}, {3, 4, 5, 1}, {0, 1, 2, 0}};
     const int k = (cfa >= CFA_BAYER_RGGB && cfa <= CFA_RGBR) ? table[cfa][cell] : 1;
-    switch (k) {
-    case 0: return c.r;
-    case 1: return c.g;
-    case 2: return c.b;
-    case 3: return 0.5f * (c.g + c.b);
-    case 4: return 0.5f * (c.r + c.b);
-    default: return 0.5f * (c.r + c.g);
+    static const SxBandWeights colours[6] = {{1.f, 0.f, 0.f, 0.f},   {0.f, 1.f, 0.f, 0.f},
+                                             {0.f, 0.f, 1.f, 0.f},   {0.f, .5f, .5f, 0.f},
+                                             {.5f, 0.f, .5f, 0.f},   {.5f, .5f, 0.f, 0.f}};
+    return colours[k];
+}
+
+// One row's column terms for the weights the row's samples see (see SxScene):
+// value = base + green(y) * kGreen + nir(y) * kNir, plus kDisc inside the disc.
+struct SxRowTerms
+{
+    std::vector<float> base, kGreen, kNir, kDisc;
+
+    template <class WeightsAt> void build(const SxScene& scene, WeightsAt&& weightsAt)
+    {
+        const quint32 w = scene.w;
+        base.resize(w);
+        kGreen.resize(w);
+        kNir.resize(w);
+        kDisc.resize(w);
+        for (quint32 x = 0; x < w; ++x) {
+            const SxBandWeights k = weightsAt(x);
+            base[x] = k.r * scene.red[x] + k.b * scene.blue[x] + (k.g + 0.2f * k.nir) * scene.bars[x];
+            kGreen[x] = k.g;
+            kNir[x] = k.nir;
+            kDisc[x] = 0.4f * (k.r + 0.5f * k.b + 1.25f * k.nir);
+        }
+    }
+
+    void row(const SxScene& scene, quint32 y, float* values) const
+    {
+        const float g = scene.green(y), nir = scene.nir(y);
+        const float* b = base.data();
+        const float* kg = kGreen.data();
+        const float* kn = kNir.data();
+        const quint32 w = scene.w;
+#pragma omp simd
+        for (quint32 x = 0; x < w; ++x)
+            values[x] = b[x] + g * kg[x] + nir * kn[x];
+        quint32 first, last;
+        scene.discSpan(y, first, last);
+        const float* kd = kDisc.data();
+#pragma omp simd
+        for (quint32 x = first; x < last; ++x)
+            values[x] += kd[x];
+    }
+};
+
+// Adds noise and rounds, `Channels` samples a pixel with channel c at
+// position Channels - 1 - c (blue first, as every colour picture of the
+// host) and alpha, if any, at full scale. Channel c reads its noise table
+// from offsets[c] on, wrapping, in runs that need no wrap inside them so that
+// they vectorise.
+template <quint32 Channels, class T>
+void quantizeRow(T* out, const float* const* values, quint32 w, const float* const* tables, const quint32* offsets,
+                 float full, float sigma)
+{
+    constexpr quint32 Colours = Channels == 1 ? 1 : 3;
+    const auto sample = [full, sigma](float v, float noise) {
+        return T(std::min(std::max(v * full + sigma * noise, 0.f), full) + 0.5f);
+    };
+    for (quint32 x = 0; x < w;) {
+        quint32 run = w - x;
+        const float* v[Colours];
+        const float* noise[Colours];
+        for (quint32 c = 0; c < Colours; ++c) {
+            const quint32 at = (offsets[c] + x) & NoiseTableMask;
+            run = std::min(run, NoiseTableMask + 1 - at);
+            v[c] = values[c] + x;
+            noise[c] = tables[c] + at;
+        }
+        T* __restrict o = out + size_t(x) * Channels;
+        if constexpr (Channels == 1) {
+            const float* __restrict v0 = v[0];
+            const float* __restrict n0 = noise[0];
+#pragma omp simd
+            for (quint32 i = 0; i < run; ++i)
+                o[i] = sample(v0[i], n0[i]);
+        } else {
+            const float* __restrict v0 = v[0];
+            const float* __restrict v1 = v[1];
+            const float* __restrict v2 = v[2];
+            const float* __restrict n0 = noise[0];
+            const float* __restrict n1 = noise[1];
+            const float* __restrict n2 = noise[2];
+#pragma omp simd
+            for (quint32 i = 0; i < run; ++i) {
+                o[size_t(i) * Channels + 2] = sample(v0[i], n0[i]);
+                o[size_t(i) * Channels + 1] = sample(v1[i], n1[i]);
+                o[size_t(i) * Channels] = sample(v2[i], n2[i]);
+                if constexpr (Channels == 4)
+                    o[size_t(i) * Channels + 3] = T(full);
+            }
+        }
+        x += run;
     }
 }
 
@@ -204,63 +307,86 @@ void renderT(const CxSyntheticCamera::SxConfig& cfg, qint64 n, SxPicBuf& pic)
     const float full = float((quint64(1) << std::min<quint32>(cfg.bitsPerSample, sizeof(T) * 8)) - 1);
     const float sigma = float(cfg.noiseSigma) * full / 255.f;
     const quint32 w = pic.width, h = pic.height, ch = pic.channels;
-    QList<SxZoneModel> zones;
-    if (isDescribedMosaic(cfg.layout))
-        zones = zoneModels(CxSyntheticCamera::mosaicDescription(cfg), w, h);
-    const SxScene sceneOf(w, h, n);
+    const SxScene scene(w, h, n);
     // Noise per colour channel: channel c reads the table of seed + c.
     const float* tables[3] = {noiseTable(cfg.seed), nullptr, nullptr};
-    if (cfg.layout == CxSyntheticCamera::LayoutRgb || cfg.layout == CxSyntheticCamera::LayoutRgba) {
+    const bool colour = cfg.layout == CxSyntheticCamera::LayoutRgb || cfg.layout == CxSyntheticCamera::LayoutRgba;
+    if (colour) {
         tables[1] = noiseTable(cfg.seed + 1);
         tables[2] = noiseTable(cfg.seed + 2);
     }
-    std::vector<float> values(static_cast<size_t>(w));
+    // Rows that see the same weights share their terms: one class for mono,
+    // one per row parity for a 2x2 mosaic, one per channel for colour; a
+    // described mosaic works its terms out row by row.
+    QList<SxZoneModel> zones;
+    std::vector<SxRowTerms> classes;
+    switch (cfg.layout) {
+    case CxSyntheticCamera::LayoutMono:
+        classes.resize(1);
+        classes[0].build(scene, [](quint32) { return SxBandWeights(); });
+        break;
+    case CxSyntheticCamera::LayoutBayer:
+        classes.resize(2);
+        for (quint32 parity = 0; parity < 2; ++parity)
+            classes[parity].build(scene, [&](quint32 x) { return cellWeights(cfg.colorFilterArray, x, parity); });
+        break;
+    case CxSyntheticCamera::LayoutRgb:
+    case CxSyntheticCamera::LayoutRgba:
+        classes.resize(3);
+        classes[0].build(scene, [](quint32) { return SxBandWeights{1.f, 0.f, 0.f, 0.f}; });
+        classes[1].build(scene, [](quint32) { return SxBandWeights{0.f, 1.f, 0.f, 0.f}; });
+        classes[2].build(scene, [](quint32) { return SxBandWeights{0.f, 0.f, 1.f, 0.f}; });
+        break;
+    case CxSyntheticCamera::LayoutRgbNir:
+    case CxSyntheticCamera::LayoutHsi:
+        zones = zoneModels(CxSyntheticCamera::mosaicDescription(cfg), w, h);
+        break;
+    }
+    // A described mosaic's row sees, per zone, either nothing of it or one
+    // row of its pattern; rows alike in that share their terms.
+    std::map<std::vector<qint64>, SxRowTerms> mosaicRows;
+    const auto mosaicRow = [&](quint32 y) -> const SxRowTerms& {
+        std::vector<qint64> key;
+        for (const SxZoneModel& z : zones)
+            key.push_back(qint64(y) < z.top || qint64(y) > z.bottom
+                              ? -1
+                              : ((qint64(y) - z.top) / z.cellHeight) % z.patternHeight);
+        auto found = mosaicRows.find(key);
+        if (found == mosaicRows.end()) {
+            found = mosaicRows.emplace(std::move(key), SxRowTerms()).first;
+            found->second.build(scene, [&](quint32 x) { return mosaicWeights(zones, x, y); });
+        }
+        return found->second;
+    };
+    std::vector<float> values(static_cast<size_t>(w) * (colour ? 3 : 1));
+    float* rows[3] = {values.data(), values.data() + (colour ? w : 0), values.data() + (colour ? 2 * w : 0)};
     for (quint32 y = 0; y < h; ++y) {
-        T* row = pic.row<T>(y);
-        // Scene values of the row for one colour channel, then noise and
-        // rounding in a loop of their own, which the compiler vectorises.
-        const auto finish = [&](quint32 c, quint32 stride, quint32 first) {
-            const float* table = tables[c];
-            const quint32 offset = noiseOffset(cfg.seed + c, n, y);
-            for (quint32 x = 0; x < w; ++x) {
-                float v = values[x] * full + sigma * table[(offset + x) & NoiseTableMask];
-                v = std::min(std::max(v, 0.f), full);
-                row[size_t(x) * stride + first] = T(v + 0.5f);
-            }
-        };
+        T* out = pic.row<T>(y);
+        quint32 offsets[3];
+        for (quint32 c = 0; c < 3; ++c)
+            offsets[c] = noiseOffset(cfg.seed + c, n, y);
         switch (cfg.layout) {
         case CxSyntheticCamera::LayoutMono:
-            for (quint32 x = 0; x < w; ++x) {
-                const Rgb c = sceneOf.at(x, y);
-                values[x] = 0.3f * c.r + 0.59f * c.g + 0.11f * c.b;
-            }
-            finish(0, 1, 0);
-            break;
         case CxSyntheticCamera::LayoutBayer:
-            for (quint32 x = 0; x < w; ++x)
-                values[x] = cellValue(cfg.colorFilterArray, x, y, sceneOf.at(x, y));
-            finish(0, 1, 0);
+            classes[cfg.layout == CxSyntheticCamera::LayoutBayer ? (y & 1) : 0].row(scene, y, rows[0]);
+            quantizeRow<1>(out, rows, w, tables, offsets, full, sigma);
             break;
         case CxSyntheticCamera::LayoutRgb:
         case CxSyntheticCamera::LayoutRgba:
-            // Blue first, as every colour picture of the host.
-            for (quint32 c = 0; c < 3; ++c) {
-                for (quint32 x = 0; x < w; ++x) {
-                    const Rgb s = sceneOf.at(x, y);
-                    values[x] = c == 0 ? s.r : c == 1 ? s.g : s.b;
-                }
-                finish(c, ch, 2 - c);
-            }
+            for (quint32 c = 0; c < 3; ++c)
+                classes[c].row(scene, y, rows[c]);
             if (ch == 4)
-                for (quint32 x = 0; x < w; ++x)
-                    row[size_t(x) * 4 + 3] = T(full);
+                quantizeRow<4>(out, rows, w, tables, offsets, full, sigma);
+            else
+                quantizeRow<3>(out, rows, w, tables, offsets, full, sigma);
             break;
         case CxSyntheticCamera::LayoutRgbNir:
-        case CxSyntheticCamera::LayoutHsi:
-            for (quint32 x = 0; x < w; ++x)
-                values[x] = mosaicWeights(zones, x, y).of(sceneOf.at(x, y));
-            finish(0, 1, 0);
+        case CxSyntheticCamera::LayoutHsi: {
+            const SxRowTerms& terms = mosaicRow(y);
+            terms.row(scene, y, rows[0]);
+            quantizeRow<1>(out, rows, w, tables, offsets, full, sigma);
             break;
+        }
         }
     }
 }
