@@ -10,23 +10,66 @@ SxViewFrame::~SxViewFrame()
     CxPicBufAPI::FreePicBuf(im, false);
 }
 
-std::shared_ptr<SxViewFrame> SxViewFrame::copyOf(const IxChainData* packet, int stage)
+std::shared_ptr<SxViewFrame> SxViewFrame::copyOf(const IxChainData* packet, int stage,
+                                                 const std::shared_ptr<CxViewFrameSpares>& spares)
 {
     const auto* image = qobject_cast<const CxImageData*>(packet);
     if (!image || !image->picBuf())
         return nullptr;
-    auto frame = std::make_shared<SxViewFrame>();
+    std::shared_ptr<SxViewFrame> frame;
+    if (spares)
+        frame.reset(spares->take(), [spares](SxViewFrame* f) { spares->giveBack(f); });
+    else
+        frame = std::make_shared<SxViewFrame>();
     frame->stage = stage;
     frame->live = packet->isLiveData();
-    if (image->metadata())
-        frame->meta = *image->metadata();
+    frame->meta = image->metadata() ? *image->metadata() : CxImageMetadata();
     if (!CxPicBufAPI::CopyPicBuf(frame->pic, *image->picBuf(), true))
         return nullptr;
     frame->pic.frameNumber = image->picBuf()->frameNumber;
-    if (const auto* fft = qobject_cast<const CxFFTImageData*>(packet)) {
-        frame->spectrum = true;
-        if (!CxPicBufAPI::CopyPicBuf(frame->im, *fft->picBufIm(), true))
-            return nullptr;
-    }
+    const auto* fft = qobject_cast<const CxFFTImageData*>(packet);
+    frame->spectrum = fft != nullptr;
+    if (!fft)
+        CxPicBufAPI::FreePicBuf(frame->im, false);
+    else if (!CxPicBufAPI::CopyPicBuf(frame->im, *fft->picBufIm(), true))
+        return nullptr;
     return frame;
+}
+
+CxViewFrameSpares::~CxViewFrameSpares() { clear(); }
+
+SxViewFrame* CxViewFrameSpares::take()
+{
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_idle.empty()) {
+            SxViewFrame* frame = m_idle.back();
+            m_idle.pop_back();
+            return frame;
+        }
+    }
+    return new SxViewFrame;
+}
+
+void CxViewFrameSpares::giveBack(SxViewFrame* frame)
+{
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_idle.size() < m_keep) {
+            m_idle.push_back(frame);
+            return;
+        }
+    }
+    delete frame;
+}
+
+void CxViewFrameSpares::clear()
+{
+    std::vector<SxViewFrame*> idle;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        idle.swap(m_idle);
+    }
+    for (SxViewFrame* frame : idle)
+        delete frame;
 }

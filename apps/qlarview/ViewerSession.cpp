@@ -182,6 +182,8 @@ void CxViewerSession::stop()
 {
     m_wantRunning = false;
     m_chain->stop();
+    // A stopped viewer keeps the frame on show, not the room for the next.
+    m_viewSpares->clear();
     emit runningChanged(false);
 }
 
@@ -238,7 +240,7 @@ void CxViewerSession::observe(int stage, const IxChainData* packet)
     }
     // Copied outside the lock: the GUI may take the previous frame meanwhile.
     const qint64 began = m_viewClock.nsecsElapsed();
-    std::shared_ptr<SxViewFrame> copy = SxViewFrame::copyOf(packet, stage);
+    std::shared_ptr<SxViewFrame> copy = SxViewFrame::copyOf(packet, stage, m_viewSpares);
     m_viewCopyNs += m_viewClock.nsecsElapsed() - began;
     if (!copy)
         return;

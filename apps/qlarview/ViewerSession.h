@@ -139,6 +139,7 @@ private:
     std::atomic<bool> m_viewPending{false};
     std::atomic<qint64> m_viewIntervalNs{1000000000 / 60};
     std::atomic<qint64> m_viewCopied{0}, m_viewSkipped{0}, m_viewCopyNs{0};
+    std::shared_ptr<CxViewFrameSpares> m_viewSpares = std::make_shared<CxViewFrameSpares>();
     QMutex m_viewLock;  // guards the two below
     ViewFramePtr m_viewFrame;
     QElapsedTimer m_viewClock;
