@@ -50,7 +50,8 @@ void runEventLoop(int ms)
 
 struct SxOutcome
 {
-    double sourceFps = 0, outputFps = 0, dropped = 0, shownFps = 0, viewerMsPerFrame = 0, viewerCore = 0;
+    double sourceFps = 0, outputFps = 0, dropped = 0, shownFps = 0, viewerMsPerFrame = 0, copyMsPerFrame = 0,
+           viewerCore = 0;
 };
 
 template <size_t N> SxOutcome runChain(const char* const (&names)[N], double fps, bool showing)
@@ -100,6 +101,7 @@ template <size_t N> SxOutcome runChain(const char* const (&names)[N], double fps
     o.shownFps = shown / seconds;
     const double viewerNs = double(cpu + session.viewCopyNs() - copyNsBefore);
     o.viewerMsPerFrame = shown > 0 ? viewerNs / 1e6 / shown : 0.0;
+    o.copyMsPerFrame = shown > 0 ? double(session.viewCopyNs() - copyNsBefore) / 1e6 / shown : 0.0;
     o.viewerCore = viewerNs / 1e9 / seconds;
     return o;
 }
@@ -118,6 +120,7 @@ template <size_t N> void liveChain(benchmark::State& state, const char* const (&
     state.counters["dropped"] = with.dropped;
     state.counters["shown_fps"] = with.shownFps;
     state.counters["viewer_ms_per_shown"] = with.viewerMsPerFrame;
+    state.counters["copy_ms_per_shown"] = with.copyMsPerFrame;
     state.counters["viewer_core_pct"] = 100.0 * with.viewerCore;
     state.counters["output_fps_unviewed"] = without.outputFps;
     state.counters["dropped_unviewed"] = without.dropped;
