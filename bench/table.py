@@ -5,7 +5,9 @@ Every row is one benchmark: operation, frame, median milliseconds per frame,
 GB/s of the frame's bytes, the ratio to "memcpy/<frame>" of the same program
 (the memory limit) and the ratio to the peer the row's label names (OpenCV or
 FFTW, measured in the same run). A label "target=..." states the speed the
-operation must reach; rows that miss it are marked MISSES.
+operation must reach; rows that miss it are marked MISSES. Benchmarks of a
+live chain (those with a "viewer_core_pct" counter) get a table of their
+own counters after the main one; their targets name counters.
 
     table.py results/*.json
 """
@@ -13,6 +15,13 @@ import json
 import os
 import re
 import sys
+
+
+# Numbers Google Benchmark writes for every run; anything else is a counter.
+RUN_FIELDS = {"family_index", "per_family_instance_index", "repetitions", "repetition_index", "threads",
+              "iterations", "real_time", "cpu_time", "bytes_per_second", "items_per_second"}
+LIVE_COUNTERS = ["source_fps", "output_fps", "dropped", "shown_fps", "viewer_ms_per_shown", "copy_ms_per_shown",
+                 "viewer_core_pct", "viewed_vs_unviewed"]
 
 
 def parse_label(label):
@@ -49,8 +58,9 @@ def load(path):
             rows.append((name, {"error": errors.get(name, "no result")}))
             continue
         scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[b.get("time_unit", "ns")]
+        counters = {k: v for k, v in b.items() if isinstance(v, (int, float)) and k not in RUN_FIELDS}
         rows.append((name, {"ms": b["real_time"] * scale, "bps": b.get("bytes_per_second"),
-                            "label": parse_label(b.get("label", ""))}))
+                            "label": parse_label(b.get("label", "")), "counters": counters}))
     return rows
 
 
@@ -86,14 +96,14 @@ def peer_row(name, label, by_name):
     return None, None
 
 
-def check(target, ms, x_mem, x_peer):
+def check(target, ms, x_mem, x_peer, counters=None):
     misses = []
     for t in target.split(","):
-        m = re.fullmatch(r"\s*(memcpy|peer|ms)\s*(<=|>=)\s*([0-9.]+)\s*", t)
+        m = re.fullmatch(r"\s*([a-z_]+)\s*(<=|>=)\s*([0-9.]+)\s*", t)
         if not m:
             continue
         what, cmp_, lim = m.group(1), m.group(2), float(m.group(3))
-        val = {"memcpy": x_mem, "peer": x_peer, "ms": ms}[what]
+        val = {"memcpy": x_mem, "peer": x_peer, "ms": ms}.get(what, (counters or {}).get(what))
         if val is None:
             continue
         ok = val <= lim if cmp_ == "<=" else val >= lim
@@ -110,12 +120,16 @@ def main(paths):
     print("| program | operation | frame | ms/frame | GB/s | × memcpy | × peer | peer | target |")
     print("|---|---|---|---:|---:|---:|---:|---|---|")
     missed = 0
+    live = []
     for path in paths:
         prog = os.path.splitext(os.path.basename(path))[0]
         rows = load(path)
         by_name = dict(rows)
         for name, r in rows:
             op, frame = split(name)
+            if "viewer_core_pct" in r.get("counters", {}):
+                live.append((prog, op, frame, r))
+                continue
             if "error" in r:
                 print(f"| {prog} | {op} | {frame} | – | | | | | {r['error']} |")
                 continue
@@ -138,6 +152,20 @@ def main(paths):
                 missed += bool(misses)
             print(f"| {prog} | {op} | {frame} | {fmt(ms)} | {fmt(gbs)} | {fmt(mem)} | {fmt(peer)} | "
                   f"{peer_name or ''} | {verdict} |")
+    if live:
+        print()
+        print("| program | chain | camera fps | " + " | ".join(LIVE_COUNTERS) + " | target |")
+        print("|---|---|---|" + "---:|" * len(LIVE_COUNTERS) + "---|")
+        for prog, op, frame, r in live:
+            c = r["counters"]
+            target = r["label"].get("target", "")
+            verdict = ""
+            if target:
+                misses = check(target, None, None, None, c)
+                verdict = f"{target}: " + ("**MISSES**" if misses else "ok")
+                missed += bool(misses)
+            cells = " | ".join(fmt(c.get(k), 1) for k in LIVE_COUNTERS)
+            print(f"| {prog} | {op} | {'full' if frame == '0' else frame} | {cells} | {verdict} |")
     print()
     print(f"Targets missed: {missed}")
 
