@@ -98,7 +98,10 @@ CxOutputWriter::ExResult CxOutputWriter::handle(const IxChainData* packet, QStri
     const CxFFTImageData* spectrum = qobject_cast<const CxFFTImageData*>(packet);
     const SxPicBuf& pic = *image->picBuf();
     const QString base = baseName(pic.frameNumber);
-    const SxPicBuf& shape = spectrum ? *spectrum->picBufRe() : pic;
+    // Spectrum parts are floats, whatever type the node announced.
+    const SxPicBuf re = spectrum ? CxFFTImageData::floatView(*spectrum->picBufRe()) : SxPicBuf();
+    const SxPicBuf im = spectrum ? CxFFTImageData::floatView(*spectrum->picBufIm()) : SxPicBuf();
+    const SxPicBuf& shape = spectrum ? re : pic;
     if (shape.width == 0 || shape.height == 0) {
         // Told once; the end of the run gives the count.
         if (++m_empty == 1)
@@ -117,8 +120,8 @@ CxOutputWriter::ExResult CxOutputWriter::handle(const IxChainData* packet, QStri
             summary->append(tr("frame %1%2: %3").arg(pic.frameNumber).arg(label, line));
         };
         if (spectrum) {
-            add(*spectrum->picBufRe(), QStringLiteral(" re"));
-            add(*spectrum->picBufIm(), QStringLiteral(" im"));
+            add(re, QStringLiteral(" re"));
+            add(im, QStringLiteral(" im"));
         } else {
             add(pic, QString());
         }
@@ -128,15 +131,13 @@ CxOutputWriter::ExResult CxOutputWriter::handle(const IxChainData* packet, QStri
 
     ExResult result = Written;
     if (spectrum) {
-        result = writePicture(*spectrum->picBufRe(), image->metadata(), base + QStringLiteral("_re"), false, message);
+        result = writePicture(re, image->metadata(), base + QStringLiteral("_re"), false, message);
         if (result == Written)
-            result = writePicture(*spectrum->picBufIm(), image->metadata(), base + QStringLiteral("_im"), false,
-                                  message);
+            result = writePicture(im, image->metadata(), base + QStringLiteral("_im"), false, message);
         if (result == Written) {
-            const QImage view = logMagnitude(*spectrum->picBufRe(), *spectrum->picBufIm());
+            const QImage view = logMagnitude(re, im);
             if (view.isNull())
-                note(tr("spectra of format %1 have no log-magnitude view").arg(spectrum->picBufRe()->describe()),
-                     message);
+                note(tr("spectra of format %1 have no log-magnitude view").arg(re.describe()), message);
             else if (!PngIo::writeImage(m_dir.filePath(base + QStringLiteral("_logmag.png")), view, message))
                 result = Failed;
         }

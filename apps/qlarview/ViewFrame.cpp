@@ -24,14 +24,17 @@ std::shared_ptr<SxViewFrame> SxViewFrame::copyOf(const IxChainData* packet, int 
     frame->stage = stage;
     frame->live = packet->isLiveData();
     frame->meta = image->metadata() ? *image->metadata() : CxImageMetadata();
-    if (!CxPicBufAPI::CopyPicBuf(frame->pic, *image->picBuf(), true))
-        return nullptr;
-    frame->pic.frameNumber = image->picBuf()->frameNumber;
+    // Spectrum parts are copied as the floats they hold, whatever type the
+    // node announced.
     const auto* fft = qobject_cast<const CxFFTImageData*>(packet);
     frame->spectrum = fft != nullptr;
+    if (!CxPicBufAPI::CopyPicBuf(frame->pic, fft ? CxFFTImageData::floatView(*fft->picBufRe()) : *image->picBuf(),
+                                 true))
+        return nullptr;
+    frame->pic.frameNumber = image->picBuf()->frameNumber;
     if (!fft)
         CxPicBufAPI::FreePicBuf(frame->im, false);
-    else if (!CxPicBufAPI::CopyPicBuf(frame->im, *fft->picBufIm(), true))
+    else if (!CxPicBufAPI::CopyPicBuf(frame->im, CxFFTImageData::floatView(*fft->picBufIm()), true))
         return nullptr;
     return frame;
 }

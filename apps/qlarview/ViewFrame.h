@@ -12,8 +12,8 @@ class IxChainData;
 // A picture the viewer holds for itself: a heap copy of what one stage of
 // the chain handed on, so that the chain's pool pictures go back at once and
 // the GUI never touches memory a chain thread may reuse. Spectrum packets
-// (CxFFTImageData) keep both parts; their samples are 32-bit floats whatever
-// the announced format says.
+// (CxFFTImageData) keep both parts, described as the 32-bit floats they
+// hold whatever the announced format says.
 struct SxViewFrame
 {
     SxPicBuf pic;          // the picture, or the real part of a spectrum

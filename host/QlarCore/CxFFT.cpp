@@ -469,6 +469,13 @@ bool CxFFT::Alloc2D(const SxPicBufInfo& info, void*& h1, void*& h2, void*& h3)
     return true;
 }
 
+// Spectrum pictures are floats; the FFT 2D node's pool pictures carry the
+// 32-bit integer type its output format announces, and hold floats all the same.
+static bool holdsFloats(const SxPicBuf& pic)
+{
+    return pic.dataType == IDT_FLOAT || pic.dataType == IDT_INT32 || pic.dataType == IDT_UINT32;
+}
+
 bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, void* h2, void* h3)
 {
     const auto* c = static_cast<const Plan2D*>(h1);
@@ -477,7 +484,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     const GatherFn gather = gatherFor(in.dataType);
     if (!gather || !usablePicture(in, c->w, c->h, in.bytesPerSample()))
         return false;
-    if (re.dataType != IDT_FLOAT || im.dataType != IDT_FLOAT || !usablePicture(re, c->w, c->h, 4)
+    if (!holdsFloats(re) || !holdsFloats(im) || !usablePicture(re, c->w, c->h, 4)
         || !usablePicture(im, c->w, c->h, 4) || overlap(re, im))
         return false;
 

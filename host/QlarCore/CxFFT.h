@@ -37,8 +37,10 @@
 //   8-, 16- or 32-bit integer samples (signed or not) or 32-bit float samples,
 //   any line pitch; samples are transformed as stored (no scaling to full
 //   scale), integers above 2^24 lose precision in the conversion to float.
-//   re and im are one-channel float pictures of the same size with any line
-//   pitch; they must not overlap each other. Only the pixels are written.
+//   re and im are one-channel pictures of the same size with 32-bit samples
+//   and any line pitch, written as floats whatever their type says (float,
+//   or the 32-bit integer type that FFT 2D announces for its pool); they must
+//   not overlap each other. Only the pixels are written.
 //   Any other type, size or channel count, null pixels, or rows not aligned to
 //   the sample size answer false and write nothing.
 //

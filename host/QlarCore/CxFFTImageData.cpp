@@ -56,3 +56,13 @@ void CxFFTImageData::setPicBufReIm(const SxPicBuf& re, const SxPicBuf& im, const
     m_source = hasSource ? newSource : SxPicBuf();
     m_hasSource = hasSource;
 }
+
+SxPicBuf CxFFTImageData::floatView(const SxPicBuf& part)
+{
+    SxPicBuf view = part;
+    view.dataType = IDT_FLOAT;
+    view.bitsPerSample = 32;
+    view.memBlock = nullptr;
+    view.memOrigin = part.data ? SxPicBuf::MemBorrowed : SxPicBuf::MemNone;
+    return view;
+}

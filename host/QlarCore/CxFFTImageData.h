@@ -2,13 +2,18 @@
 #include "CxImageData.h"
 
 // A spectrum packet: the real and imaginary parts of a 2D transform (two
-// one-channel float pictures of equal size) and, optionally, the picture that
-// was transformed.
+// one-channel pictures of equal size holding 32-bit floats) and, optionally,
+// the picture that was transformed.
+//
+// The parts hold floats whatever their format says. FFT 2D announces its
+// output as 32-bit integers (data type 5), because the viewer it was made for
+// sizes and labels its pool pictures by that format, and writes floats into
+// them; our consumers (writers, the viewer, statistics) read both parts
+// through floatView(), never by the type field.
 //
 // To every consumer that only knows CxImageData the packet is the real part:
-// picBuf() answers it, so the picture matches the float format the producing
-// node announced for its output. The imaginary part and the source are
-// reached through this class.
+// picBuf() answers it with the format the producing node announced. The
+// imaginary part and the source are reached through this class.
 //
 // Ownership follows setPicBuf: the packet takes over all the pictures it is
 // given and gives pool pictures back to their pool and heap pictures to the
@@ -33,6 +38,9 @@ public:
     const SxPicBuf* picBufRe() const { return picBuf(); }
     SxPicBuf* picBufIm() { return &m_im; }
     const SxPicBuf* picBufIm() const { return &m_im; }
+    // A part as what it holds: the same pixels described as 32-bit floats,
+    // owning nothing (freeing it frees nothing).
+    static SxPicBuf floatView(const SxPicBuf& part);
     // Null when the packet carries no source picture.
     SxPicBuf* sourcePicBuf() { return m_hasSource ? &m_source : nullptr; }
     const SxPicBuf* sourcePicBuf() const { return m_hasSource ? &m_source : nullptr; }

@@ -2,8 +2,8 @@
 // FilterMinOnMosaicPicBuf, FilterMaxOnMosaicPicBuf, FilterNormalizeOnMosaicPicBuf.
 //
 // A hyperpixel (cell) is periodX x periodY samples; cells tile the rectangle
-// from its top-left corner. The rectangle is clipped to the picture; partial
-// cells at its right and bottom edges are not hyperpixels.
+// from its top-left corner; partial cells at its right and bottom edges are
+// not hyperpixels.
 //
 // Output modes, chosen by the size of out (same sample type, one channel):
 // - out has the input's size: sliding cells. out(x, y) is the statistic of the
@@ -11,19 +11,26 @@
 //   inside the rectangle (its last periodX - 1 columns and periodY - 1 rows,
 //   and everything outside it) x and y are clamped to the nearest cell that
 //   does, so the picture's edges repeat the last full result.
+//   The rectangle is clipped to the picture first.
 // - out is (rect width / periodX) x (rect height / periodY): one sample per
-//   cell. Both sizes can coincide only when the two modes give the same result.
+//   cell of the rectangle as given, which may reach past the picture (a
+//   sensor zone larger than the frame). A cell that the picture does not hold
+//   whole gives 0; nothing outside the picture is read. When out also has
+//   the input's size (period 1, or a rectangle at least twice the picture's
+//   size) the sliding mode is taken.
 // - Normalize always writes an output of the input's size: every sample of a
 //   cell becomes (v - min) / (max - min) of its cell, scaled to
 //   [0, (1 << bitsPerSample) - 1] and rounded to nearest (float: to [0, 1]);
 //   a flat cell gives 0. Samples that belong to no full cell are copied.
+//   The rectangle is clipped to the picture first.
 //   bitsPerSample of 0 or beyond the type's value bits counts as all of them
 //   (so 7, 15 and 31 for signed types).
 // Sample types: signed and unsigned 8-, 16- and 32-bit integers and float.
 // Averages are summed in 64 bits (double for float) and rounded to nearest,
 // halves away from zero. Anything else answers false with out untouched:
 // another type or channel count, different types, a period below 1, a
-// rectangle that holds no full cell, an out size of neither mode, null pixels,
+// clipped rectangle that holds no full cell (the modes that clip), an out
+// size of neither mode, null pixels,
 // a pitch or data address that is not a multiple of the sample size, or an
 // output that overlaps the input. Nothing is allocated.
 #include "CxPicBufAPI.h"
@@ -66,6 +73,7 @@ struct Cells
     int left = 0, top = 0;      // clipped rectangle
     int width = 0, height = 0;
     int px = 1, py = 1;         // period
+    qint64 originX = 0, originY = 0;  // per cell: the rectangle's own corner, maybe outside
 };
 
 template <class T>
@@ -262,21 +270,42 @@ PairRowFn pickPairRow(ExImageDataType type, Stat st, bool slide)
 
 // ------------------------------------------------------------ the three modes
 
+// Cells i in [first, last) lie wholly inside [0, size) when they start at
+// origin + i * period.
+void wholeCells(qint64 origin, int period, quint32 size, qint64 count, qint64& first, qint64& last)
+{
+    first = origin >= 0 ? 0 : (-origin + period - 1) / period;
+    const qint64 room = qint64(size) - period - origin;  // the last start that fits, from the origin
+    last = room < 0 ? 0 : std::min(count, room / period + 1);
+    if (first > last)
+        first = last;
+}
+
 template <class T, Stat St>
 void perCell(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
 {
     const int nx = int(out.width), ny = int(out.height);
     const PairRowFn pair = c.px == 2 && c.py == 2 ? pickPairRow(in.dataType, St, false) : nullptr;
-    forRows(ny, qint64(nx) * ny * c.px * c.py, [&](int j0, int j1, int) {
-        for (int j = j0; j < j1; ++j) {
-            const int y = c.top + j * c.py;
+    qint64 i0, i1, j0, j1;
+    wholeCells(c.originX, c.px, in.width, nx, i0, i1);
+    wholeCells(c.originY, c.py, in.height, ny, j0, j1);
+    forRows(ny, qint64(nx) * ny * c.px * c.py, [&](int r0, int r1, int) {
+        for (int j = r0; j < r1; ++j) {
             T* o = rowAt<T>(out, j);
-            if (pair) {
-                pair(rowAt<T>(in, y) + c.left, rowAt<T>(in, y + 1) + c.left, o, nx);
+            if (j < j0 || j >= j1 || i0 >= i1) {
+                std::fill(o, o + nx, T(0));
                 continue;
             }
-            for (int i = 0; i < nx; ++i)
-                o[i] = blockStat<T, St>(in, c.left + i * c.px, y, c.px, c.py);
+            std::fill(o, o + i0, T(0));
+            std::fill(o + i1, o + nx, T(0));
+            const int y = int(c.originY + j * c.py);
+            const int x0 = int(c.originX + i0 * c.px);
+            if (pair) {
+                pair(rowAt<T>(in, y) + x0, rowAt<T>(in, y + 1) + x0, o + i0, int(i1 - i0));
+                continue;
+            }
+            for (qint64 i = i0; i < i1; ++i)
+                o[i] = blockStat<T, St>(in, int(c.originX + i * c.px), y, c.px, c.py);
         }
     });
 }
@@ -441,22 +470,29 @@ bool filterMosaic(Stat st, const SxPicBuf& in, const QRect& rect, int periodX, i
     if (!laidOut(in) || !laidOut(out) || overlaps(in, out))
         return false;
 
-    const QRect clipped = rect.intersected(QRect(0, 0, int(in.width), int(in.height)));
-    if (clipped.width() < periodX || clipped.height() < periodY)
-        return false;
     Cells c;
-    c.left = clipped.left();
-    c.top = clipped.top();
-    c.width = clipped.width();
-    c.height = clipped.height();
     c.px = periodX;
     c.py = periodY;
-
     const bool fullSize = out.width == in.width && out.height == in.height;
-    const bool cellSize = out.width == quint32(c.width / periodX) && out.height == quint32(c.height / periodY);
-    if (st == Stat::Normalize ? !fullSize : !(fullSize || cellSize))
-        return false;
-    const bool perCellMode = !fullSize;
+    const bool perCellMode = !fullSize && st != Stat::Normalize;
+    if (perCellMode) {
+        // QRect's own width() overflows for corners far apart.
+        const qint64 rectW = std::max<qint64>(0, qint64(rect.right()) - rect.left() + 1);
+        const qint64 rectH = std::max<qint64>(0, qint64(rect.bottom()) - rect.top() + 1);
+        if (out.width != quint64(rectW / periodX) || out.height != quint64(rectH / periodY) || out.width == 0
+            || out.height == 0 || out.width > quint32(INT_MAX) || out.height > quint32(INT_MAX))
+            return false;
+        c.originX = rect.left();
+        c.originY = rect.top();
+    } else {
+        const QRect clipped = rect.intersected(QRect(0, 0, int(in.width), int(in.height)));
+        if (!fullSize || clipped.width() < periodX || clipped.height() < periodY)
+            return false;
+        c.left = clipped.left();
+        c.top = clipped.top();
+        c.width = clipped.width();
+        c.height = clipped.height();
+    }
 
     switch (in.dataType) {
     case IDT_INT8: return runTyped<qint8>(st, perCellMode, in, c, out);

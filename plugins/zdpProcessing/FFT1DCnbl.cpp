@@ -384,9 +384,9 @@ bool CxFFT1DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out
     out.isColor = true;
     if (inMeta && outMeta) {
         *outMeta = *inMeta;
+        // The plot's colour order is the host's convention for colour
+        // pictures, told by isColor; the description stays the input's.
         outMeta->setColorFilterArray(CFA_NONE);
-        outMeta->setChannelNames({QStringLiteral("B"), QStringLiteral("G"), QStringLiteral("R"),
-                                  QStringLiteral("A")});
     }
     return true;
 }

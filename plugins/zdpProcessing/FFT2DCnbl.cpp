@@ -281,8 +281,10 @@ bool CxFFT2DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out
     out = in;
     out.linePitch = 0;
     out.channels = 1;
+    // 32-bit integers by type, floats by content: the host sizes and labels
+    // the pool by this format, and spectrum consumers read the parts as floats.
     out.bitsPerSample = 32;
-    out.dataType = IDT_FLOAT;
+    out.dataType = IDT_INT32;
     out.storageFormat = DSF_PACKED;
     out.colorFilterArray = CFA_NONE;
     out.isColor = false;

@@ -188,9 +188,10 @@ void CxLutInmapCnbl::createLuts(unsigned int bitsPerSample, unsigned int channel
 
 bool CxLutInmapCnbl::maximizeContrastForHisto(const CxHistoData* histo)
 {
-    if (!histo || histo->channels() <= 0 || histo->binCount() <= 0)
+    if (!histo || histo->channels() <= 0)
         return false;
-    const int binCount = histo->binCount();
+    // Channels without bins give the window [0, 0].
+    const int binCount = qMax(0, histo->binCount());
     const int channels = histo->channels();
 
     // Every channel ignores the same share of the first channel's samples.

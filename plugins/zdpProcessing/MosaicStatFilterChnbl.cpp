@@ -23,7 +23,7 @@ constexpr quint64 kRowAlignment = 256;
 
 struct SxCells
 {
-    QRect rect;       // inclusive corners, inside the picture (may be empty)
+    QRect rect;       // inclusive corners; a sensor zone may reach past the picture
     int periodX = 2;  // samples per hyperpixel across and down
     int periodY = 2;
 };
@@ -54,8 +54,11 @@ SxCells cellsOf(const SxPicBufInfo& in, const CxImageMetadata* meta)
     nodekit::firstFilterZone(meta->hsiCameraParams(), zone);  // a valid camera has one
     cells.periodX = zone.patternWidth;
     cells.periodY = zone.patternHeight;
+    // The zone as described, not clipped: the output has one sample per
+    // hyperpixel of the zone, and the host gives 0 where the picture does
+    // not hold a hyperpixel whole.
     if (!zone.coversWholeSensor())
-        cells.rect = zone.rect.intersected(whole);
+        cells.rect = zone.rect;
     return cells;
 }
 
@@ -81,8 +84,10 @@ bool outputFormat(CxMosaicStatFilterChnbl::ExMosaicFilter filter, bool interpola
         out.height = in.height;
     } else {
         const SxCells cells = cellsOf(in, inMeta);
-        out.width = quint32(qMax(0, cells.rect.width()) / cells.periodX);
-        out.height = quint32(qMax(0, cells.rect.height()) / cells.periodY);
+        const qint64 width = qint64(cells.rect.right()) - cells.rect.left() + 1;
+        const qint64 height = qint64(cells.rect.bottom()) - cells.rect.top() + 1;
+        out.width = quint32(qMax<qint64>(0, width) / cells.periodX);
+        out.height = quint32(qMax<qint64>(0, height) / cells.periodY);
     }
     const quint64 row = quint64(out.bytesPerSample()) * out.width;
     const quint64 pitch = (row + kRowAlignment - 1) / kRowAlignment * kRowAlignment;

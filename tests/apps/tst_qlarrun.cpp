@@ -235,6 +235,7 @@ public:
 };
 
 // re = x - 2y, im = 3 at (1, 0) and 0 elsewhere, so magnitudes are known.
+// Like FFT 2D the parts are announced as 32-bit integers and hold floats.
 class CxTstSpectrumNode : public CxImageProvider
 {
     Q_OBJECT
@@ -247,7 +248,7 @@ public:
                               CxImageMetadata* outMeta) override
     {
         out = in;
-        out.channels = 1, out.dataType = IDT_FLOAT, out.bitsPerSample = 32, out.linePitch = 0;
+        out.channels = 1, out.dataType = IDT_INT32, out.bitsPerSample = 32, out.linePitch = 0;
         out.colorFilterArray = CFA_NONE;
         if (outMeta && inMeta)
             *outMeta = *inMeta;
@@ -261,7 +262,7 @@ public:
         const SxPicBuf& in = *image->picBuf();
         SxPicBuf re, im;
         for (SxPicBuf* part : {&re, &im})
-            CxPicBufAPI::AllocPicBufFromHeap(*part, in.width, in.height, 1, IDT_FLOAT, 32, 0, 0, DSF_PACKED, CFA_NONE,
+            CxPicBufAPI::AllocPicBufFromHeap(*part, in.width, in.height, 1, IDT_INT32, 32, 0, 0, DSF_PACKED, CFA_NONE,
                                              false, true, 0);
         for (quint32 y = 0; y < in.height; ++y)
             for (quint32 x = 0; x < in.width; ++x)

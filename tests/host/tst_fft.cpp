@@ -195,7 +195,7 @@ private slots:
     {
         QTest::addColumn<QString>("fault");
         for (const char* f : { "wider input", "taller output", "two channels", "double samples", "unknown type",
-                               "null input pixels", "null re pixels", "integer im", "re overlaps im",
+                               "null input pixels", "null re pixels", "16-bit im", "re overlaps im",
                                "pitch below row", "pitch off sample size", "null h1", "foreign h2", "1D handles" })
             QTest::newRow(f) << QString::fromLatin1(f);
     }
@@ -205,7 +205,7 @@ private slots:
         const int w = 6, h = 5;
         Pic in(w + (fault == "wider input"), h, fault == "double samples" ? IDT_DOUBLE : IDT_UINT16, 2,
                fault == "two channels" ? 2 : 1);
-        Pic re(w, h + (fault == "taller output"), IDT_FLOAT), im(w, h, fault == "integer im" ? IDT_INT32 : IDT_FLOAT);
+        Pic re(w, h + (fault == "taller output"), IDT_FLOAT), im(w, h, fault == "16-bit im" ? IDT_UINT16 : IDT_FLOAT);
         void *k[3] = {}, *other[3] = {};
         QVERIFY(CxFFT::Alloc2D(im.p, k[0], k[1], k[2]));
         QVERIFY(CxFFT::Alloc1D(w, other[0], other[1], other[2]));

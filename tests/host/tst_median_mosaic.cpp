@@ -137,10 +137,13 @@ double naiveCell(const TightPic& in, Stat st, int x0, int y0, int px, int py)
     return std::is_floating_point_v<T> ? mean : (mean < 0 ? -std::floor(-mean + 0.5) : std::floor(mean + 0.5));
 }
 
+// One sample per cell tiles the rectangle as given, zero where the picture
+// does not hold the cell whole; the other modes clip the rectangle first.
 template <class T>
-void naiveMosaic(const TightPic& in, Stat st, QRect rect, int px, int py, TightPic& out)
+void naiveMosaic(const TightPic& in, Stat st, const QRect& given, int px, int py, TightPic& out)
 {
-    rect = rect.intersected(QRect(0, 0, int(in.p.width), int(in.p.height)));
+    const QRect picture(0, 0, int(in.p.width), int(in.p.height));
+    const QRect rect = given.intersected(picture);
     const int cellsX = rect.width() / px, cellsY = rect.height() / py;
     const bool fullSize = out.p.width == in.p.width && out.p.height == in.p.height;
     if (st == Normalize) {
@@ -164,9 +167,11 @@ void naiveMosaic(const TightPic& in, Stat st, QRect rect, int px, int py, TightP
                 out.at<T>(x, y) = T(naiveCell<T>(in, st, std::clamp(x, rect.left(), rect.left() + rect.width() - px),
                                                  std::clamp(y, rect.top(), rect.top() + rect.height() - py), px, py));
     } else {
-        for (int j = 0; j < cellsY; ++j)
-            for (int i = 0; i < cellsX; ++i)
-                out.at<T>(i, j) = T(naiveCell<T>(in, st, rect.left() + i * px, rect.top() + j * py, px, py));
+        for (int j = 0; j < given.height() / py; ++j)
+            for (int i = 0; i < given.width() / px; ++i) {
+                const QRect cell(given.left() + i * px, given.top() + j * py, px, py);
+                out.at<T>(i, j) = picture.contains(cell) ? T(naiveCell<T>(in, st, cell.left(), cell.top(), px, py)) : T(0);
+            }
     }
 }
 
@@ -321,7 +326,7 @@ private slots:
                             {"bayer wide", QRect(0, 0, 200, 6), 2, 2, 201},
                             {"3x3 in rect", QRect(3, 2, 29, 17), 3, 3, 37},
                             {"5x5 in rect", QRect(1, 1, 33, 21), 5, 5, 37},
-                            {"4x2 clipped rect", QRect(-3, 5, 90, 90), 4, 2, 37}};
+                            {"4x2 rect past the picture", QRect(-3, 5, 90, 90), 4, 2, 37}};
         for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
             for (const Geo& g : geos)
                 for (int st = Min; st <= Normalize; ++st)
@@ -349,8 +354,7 @@ private slots:
         const int h = 23;
         TightPic in(w, h, type, 8);
         fillAny(in, quint32(w + px * 10 + int(stat)));
-        const QRect clipped = rect.intersected(QRect(0, 0, w, h));
-        const int ow = sliding ? w : clipped.width() / px, oh = sliding ? h : clipped.height() / py;
+        const int ow = sliding ? w : rect.width() / px, oh = sliding ? h : rect.height() / py;
         TightPic out(ow, oh, type, 4), ref(ow, oh, type, 4);
         QVERIFY(runFilter(stat, in.p, rect, px, py, out.p));
         onType(type, [&](auto v) { naiveMosaic<decltype(v)>(in, c.stat, c.rect, c.px, c.py, ref); });

@@ -144,7 +144,9 @@ void TestFFT2D::supportAndTitle()
         auto* spectrum = qobject_cast<CxFFTImageData*>(out);
         QCOMPARE(spectrum != nullptr, transformed);
         if (transformed) {
-            QCOMPARE(spectrum->picBufRe()->dataType, IDT_FLOAT);
+            // Announced as 32-bit integers, holding floats.
+            QCOMPARE(spectrum->picBufRe()->dataType, IDT_INT32);
+            QCOMPARE(spectrum->picBufIm()->bitsPerSample, 32u);
             QCOMPARE(spectrum->picBufRe()->width, info.width);
             QCOMPARE(spectrum->picBufIm()->height, info.height);
             QCOMPARE(spectrum->picBufRe()->frameNumber, 77);

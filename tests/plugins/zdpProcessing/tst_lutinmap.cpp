@@ -78,6 +78,7 @@ void TestLutInmap::autoWindow_data()
         << SxAutoCase{256, 0, 10, {{20, 11, 100, 978, 120, 11}, {5, 10, 8, 1, 60, 99978, 90, 11}, {30, 11, 150, 11}}, 8, 150};
     QTest::newRow("tolerance swallowing everything") << SxAutoCase{256, 0, 1000, {{40, 7, 90, 3}}, 0, 0};
     QTest::newRow("no channels") << SxAutoCase{0, 0, 2, {}, -7, -7};
+    QTest::newRow("channels without bins") << SxAutoCase{0, 4, 2, {{}, {}}, 0, 0};
 }
 
 void TestLutInmap::autoWindow()

@@ -91,7 +91,7 @@ void TestMosaicFilter::geometry_data()
     QTest::addColumn<CxImageMetadata>("meta");
     QTest::addColumn<int>("filter");
     QTest::addColumn<bool>("interpolation");
-    QTest::addColumn<QRect>("cells");   // the clipped rectangle
+    QTest::addColumn<QRect>("cells");   // the zone; clipped to the picture when interpolating
     QTest::addColumn<QSize>("period");
     QTest::addColumn<QSize>("size");
     QTest::addColumn<uint>("pitch");
@@ -118,8 +118,12 @@ void TestMosaicFilter::geometry_data()
     row("hsi 5x5 interpolated", hsi, hsiMeta(QRect(), 5), Node::Maximum, true, whole, 5, QSize(103, 57), 256);
     row("hsi zone inside", hsi, hsiMeta(QRect(0, 0, 40, 20), 4), Node::Minimum, false, QRect(0, 0, 40, 20), 4,
         QSize(10, 5), 256);
-    row("hsi zone beyond the picture", hsi, hsiMeta(QRect(0, 0, 300, 300), 3), Node::Average, false, whole, 3,
-        QSize(34, 19), 256);
+    // A zone past the picture keeps its size; hyperpixels the picture does
+    // not hold whole are 0.
+    row("hsi zone beyond the picture", hsi, hsiMeta(QRect(0, 0, 300, 300), 3), Node::Average, false,
+        QRect(0, 0, 300, 300), 3, QSize(100, 100), 256);
+    row("hsi zone far past a 1x1 picture", format(1, 1, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(QRect(0, 0, 80, 60), 2),
+        Node::Maximum, false, QRect(0, 0, 80, 60), 2, QSize(40, 30), 256);
 }
 
 // Output format, description and every sample against a cell-by-cell
@@ -156,7 +160,8 @@ void TestMosaicFilter::geometry()
         for (quint32 x = 0; x < o.width; ++x) {
             const int ax = interpolation ? qBound(cells.left(), int(x), lastX) : cells.left() + int(x) * px;
             const int ay = interpolation ? qBound(cells.top(), int(y), lastY) : cells.top() + int(y) * py;
-            const double want = cellStat(input.pic(), ax, ay, px, py, Node::ExMosaicFilter(filter));
+            const bool held = QRect(0, 0, int(in.width), int(in.height)).contains(QRect(ax, ay, px, py));
+            const double want = held ? cellStat(input.pic(), ax, ay, px, py, Node::ExMosaicFilter(filter)) : 0.0;
             QVERIFY2(sampleValue(o, x, y) == want, qPrintable(QStringLiteral("(%1, %2)").arg(x).arg(y)));
         }
 
