@@ -12,6 +12,7 @@
 // libraries libQlarCore already loaded (this target does not link them).
 #include "BenchCommon.h"
 
+#include <CxAtomicFile.h>
 #include <CxFFT.h>
 
 #include <dlfcn.h>
@@ -84,9 +85,8 @@ void saveWisdom(const Fftw& f)
 {
     QByteArray text;
     f.exportWisdom([](char c, void* data) { static_cast<QByteArray*>(data)->append(c); }, &text);
-    QFile file(CxFFT::wisdomFilePath());
-    if (!text.isEmpty() && file.open(QIODevice::WriteOnly))
-        file.write(text);
+    if (!text.isEmpty())
+        CxAtomicFile::write(CxFFT::wisdomFilePath(), text, nullptr);
 }
 
 // The camera frame as floats, row after row.

@@ -17,6 +17,7 @@
 #include <FFT1DPlot.h>
 #include <FFT2DCnbl.h>
 
+#include <CxAtomicFile.h>
 #include <CxFFT.h>
 
 #include <fftw3.h>
@@ -96,9 +97,8 @@ void BM_FftwExecute(benchmark::State& state)
     {
         QByteArray text;
         fftwf_export_wisdom([](char c, void* data) { static_cast<QByteArray*>(data)->append(c); }, &text);
-        QFile file(CxFFT::wisdomFilePath());
-        if (!text.isEmpty() && file.open(QIODevice::WriteOnly))
-            file.write(text);
+        if (!text.isEmpty())
+            CxAtomicFile::write(CxFFT::wisdomFilePath(), text, nullptr);
     }
     bench::Pic frame(frameFormat(IDT_UINT16));
     bench::fillCamera(*frame);

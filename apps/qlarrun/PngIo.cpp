@@ -2,6 +2,8 @@
 
 #include "PictureFile.h"
 
+#include <CxAtomicFile.h>
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QBuffer>
 #include <QtCore/QFile>
@@ -147,8 +149,17 @@ QImage toImage(const SxPicBuf& pic, QString* reason)
 
 bool writeImage(const QString& path, const QImage& image, QString* error)
 {
-    if (!image.save(path, "PNG")) {
+    // Encoded in memory first: Qt's writer does not notice a short write.
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    if (!image.save(&buffer, "PNG")) {
         *error = PictureFile::fileError(path, tr("cannot write the picture"));
+        return false;
+    }
+    QString reason;
+    if (!CxAtomicFile::write(path, bytes, &reason)) {
+        *error = PictureFile::fileError(path, tr("cannot write the file (%1)").arg(reason));
         return false;
     }
     return true;

@@ -2,6 +2,8 @@
 
 #include "PictureFile.h"
 
+#include <CxAtomicFile.h>
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -9,6 +11,7 @@
 
 #include <tiffio.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -337,31 +340,12 @@ QString corrupt(const QString& libError)
                               : tr("the TIFF is truncated or corrupt (%1)").arg(libError);
 }
 
-} // namespace
-
-namespace TiffIo {
-
-bool canWrite(const SxPicBufInfo& format, QString* reason)
+bool writeFile(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, bool deflate, QString* why)
 {
-    if (!sampleFormatOf(format.dataType) || format.channels == 0 || format.storageFormat == DSF_PLANAR) {
-        *reason = tr("pictures of format %1 cannot be written as TIFF").arg(format.describe());
-        return false;
-    }
-    return true;
-}
-
-bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, bool deflate, QString* error)
-{
-    QString reason;
-    if (!canWrite(pic, &reason) || !pic.data || pic.width == 0 || pic.height == 0
-        || pic.effectiveLinePitch() < pic.packedLineBytes()) {
-        *error = PictureFile::fileError(path, reason.isEmpty() ? tr("the picture holds no pixels") : reason);
-        return false;
-    }
     QString libError;
     TiffPtr tif = openTiff(path, "w", &libError);
     if (!tif) {
-        *error = PictureFile::fileError(path, tr("cannot create the file"));
+        *why = libError;
         return false;
     }
     const bool rgb = pic.isBlueFirstColour();
@@ -396,10 +380,38 @@ bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta
     }
     ok = ok && TIFFFlush(tif.get());
     tif.reset();
-    if (!ok) {
-        QFile::remove(path);
-        *error = PictureFile::fileError(path, libError.isEmpty() ? tr("cannot write the picture")
-                                                                  : tr("cannot write the picture (%1)").arg(libError));
+    // The system's reason (errno) says more than libtiff's own words.
+    if (!ok && errno == 0)
+        *why = libError;
+    return ok;
+}
+
+} // namespace
+
+namespace TiffIo {
+
+bool canWrite(const SxPicBufInfo& format, QString* reason)
+{
+    if (!sampleFormatOf(format.dataType) || format.channels == 0 || format.storageFormat == DSF_PLANAR) {
+        *reason = tr("pictures of format %1 cannot be written as TIFF").arg(format.describe());
+        return false;
+    }
+    return true;
+}
+
+bool write(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, bool deflate, QString* error)
+{
+    QString reason;
+    if (!canWrite(pic, &reason) || !pic.data || pic.width == 0 || pic.height == 0
+        || pic.effectiveLinePitch() < pic.packedLineBytes()) {
+        *error = PictureFile::fileError(path, reason.isEmpty() ? tr("the picture holds no pixels") : reason);
+        return false;
+    }
+    // Written beside the target and renamed into place once complete.
+    if (!CxAtomicFile::writeVia(path, [&](const QString& temporary, QString* why) {
+            return writeFile(temporary, pic, meta, deflate, why);
+        }, &reason)) {
+        *error = PictureFile::fileError(path, tr("cannot write the picture (%1)").arg(reason));
         return false;
     }
     return true;

@@ -1,5 +1,6 @@
 #include "Recorder.h"
 
+#include <CxAtomicFile.h>
 #include <CxChain.h>
 #include <CxChainDocument.h>
 #include <CxChainable.h>
@@ -13,11 +14,8 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
-#include <QtCore/QSaveFile>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 
 namespace {
 
@@ -43,27 +41,12 @@ QString writeFailure(const QString& path, const QString& reason)
     return PictureFile::fileError(path, CxRecorder::tr("cannot write the file (%1)").arg(reason));
 }
 
-// A file shows under its name only once complete: it is written under a
-// hidden name beside it, which no folder listing of qlarrun picks up, and
-// renamed. libtiff leaves the system's reason in errno.
+// Every file shows under its name only once complete (TiffIo, PngIo and
+// CxAtomicFile write beside it and rename).
 bool writeTiff(const QString& path, const SxPicBuf& pic, const CxImageMetadata* meta, qint64* bytes, QString* error)
 {
-    const QFileInfo target(path);
-    const QString temp = target.dir().filePath(QStringLiteral(".%1.part").arg(target.fileName()));
-    QString tiffError;
-    errno = 0;
-    if (!TiffIo::write(temp, pic, meta, false, &tiffError)) {
-        const int reason = errno;
-        QFile::remove(temp);
-        *error = reason ? writeFailure(path, qt_error_string(reason)) : tiffError.replace(temp, path);
+    if (!TiffIo::write(path, pic, meta, false, error))
         return false;
-    }
-    if (std::rename(QFile::encodeName(temp).constData(), QFile::encodeName(path).constData()) != 0) {
-        const int reason = errno;
-        QFile::remove(temp);
-        *error = writeFailure(path, qt_error_string(reason));
-        return false;
-    }
     if (bytes)
         *bytes += QFileInfo(path).size();
     return true;
@@ -71,17 +54,13 @@ bool writeTiff(const QString& path, const SxPicBuf& pic, const CxImageMetadata* 
 
 bool writeFile(const QString& path, const QByteArray& content, const QImage* image, QString* error)
 {
-    QSaveFile file(path);
-    bool ok = file.open(QIODevice::WriteOnly);
-    if (ok)
-        ok = image ? image->save(&file, "PNG") : file.write(content) == content.size();
-    if (ok)
-        ok = file.commit();
-    else
-        file.cancelWriting();
-    if (!ok)
-        *error = writeFailure(path, file.errorString());
-    return ok;
+    if (image)
+        return PngIo::writeImage(path, *image, error);
+    QString reason;
+    if (CxAtomicFile::write(path, content, &reason))
+        return true;
+    *error = writeFailure(path, reason);
+    return false;
 }
 
 // The TIFFs of one frame under base (a path without suffix); a frame is

@@ -1,10 +1,10 @@
 #include "CxChainDocument.h"
+#include "CxAtomicFile.h"
 #include "CxChainable.h"
 #include "CxRTTI.h"
 #include "SxCameraDescription.h"
 
 #include <QtCore/QFile>
-#include <QtCore/QSaveFile>
 #include <QtXml/QDomDocument>
 
 const char* const CxChainDocument::RootElement = "QlarChain";
@@ -41,19 +41,12 @@ QString CxChainDocument::saveToString(const QList<CxChainable*>& nodes, const Sx
 bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString& path, QString* error,
                                  const SxCameraDescription* input)
 {
-    QSaveFile f(path);
-    if (!f.open(QIODevice::WriteOnly)) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
-        return false;
-    }
-    f.write(saveToString(nodes, input).toUtf8());
-    if (!f.commit()) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
-        return false;
-    }
-    return true;
+    QString reason;
+    if (CxAtomicFile::write(path, saveToString(nodes, input).toUtf8(), &reason))
+        return true;
+    if (error)
+        *error = QStringLiteral("%1: %2").arg(path, reason);
+    return false;
 }
 
 QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* error, SxCameraDescription* input)

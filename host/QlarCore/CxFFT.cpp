@@ -20,6 +20,7 @@
 // every written line saves about a fifth of the run time. The half spectrum
 // asks for huge pages, since the column pass touches a new page on every row.
 #include "CxFFT.h"
+#include "CxAtomicFile.h"
 
 #include <fftw3.h>
 #include <omp.h>
@@ -32,7 +33,6 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
-#include <QtCore/QSaveFile>
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
@@ -150,8 +150,7 @@ private:
         fftwf_export_wisdom(appendChar, &text);
         if (text.isEmpty() || text == g_wisdomSaved || !QDir().mkpath(QFileInfo(path).absolutePath()))
             return;
-        QSaveFile f(path);
-        if (f.open(QIODevice::WriteOnly) && f.write(text) == text.size() && f.commit())
+        if (CxAtomicFile::write(path, text, nullptr))
             g_wisdomSaved = text;
     }
 

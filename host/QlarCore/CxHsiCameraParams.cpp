@@ -1,7 +1,7 @@
 #include "CxHsiCameraParams.h"
+#include "CxAtomicFile.h"
 
 #include <QtCore/QFile>
-#include <QtCore/QSaveFile>
 #include <QtXml/QDomDocument>
 #include <QtXml/QDomElement>
 
@@ -335,19 +335,12 @@ bool CxHsiCameraParams::fromXmlString(const QString& xml, QString* error)
 
 bool CxHsiCameraParams::saveToFile(const QString& path, QString* error) const
 {
-    QSaveFile f(path);
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
-        return false;
-    }
-    f.write(toXmlString().toUtf8());
-    if (!f.commit()) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
-        return false;
-    }
-    return true;
+    QString reason;
+    if (CxAtomicFile::write(path, toXmlString().toUtf8(), &reason))
+        return true;
+    if (error)
+        *error = QStringLiteral("%1: %2").arg(path, reason);
+    return false;
 }
 
 bool CxHsiCameraParams::loadFromFile(const QString& path, QString* error)

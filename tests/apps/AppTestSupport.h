@@ -10,8 +10,11 @@
 #include <QtCore/QStringList>
 
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <limits>
+
+#include <sys/resource.h>
 
 struct SxRun
 {
@@ -21,10 +24,18 @@ struct SxRun
 };
 
 // QLAR_PLUGIN_DIR is removed unless given, so the compiled-in folder is used.
+// A fileSizeLimit above 0 caps every file the run writes (RLIMIT_FSIZE, with
+// SIGXFSZ ignored so that writes fail with EFBIG), as a full disk would.
 inline SxRun runQlarrun(const QStringList& args, const QString& workDir = QString(),
-                        const QString& pluginEnv = QString())
+                        const QString& pluginEnv = QString(), rlim_t fileSizeLimit = 0)
 {
     QProcess process;
+    if (fileSizeLimit > 0)
+        process.setChildProcessModifier([fileSizeLimit] {
+            ::signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{fileSizeLimit, fileSizeLimit};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+        });
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove("QLAR_PLUGIN_DIR");
     if (!pluginEnv.isEmpty())

@@ -13,6 +13,7 @@
 #include <TiffIo.h>
 
 #include <QtCore/QBuffer>
+#include <QtCore/QDirIterator>
 #include <QtCore/QTemporaryDir>
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
@@ -754,6 +755,16 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
     QTest::newRow("chain document under a file")
         << QStringList{"--node", "Deinterlace", "--save-chain", "@/afile/chain.xml"} << 4 << QStringList{"chain.xml"};
+    // Writes that fail part way, as on a full disk: "fsize:N" caps every file
+    // at N bytes. Nothing is left under the target's name.
+    QStringList longChain{"fsize:2000", "--frames", "1", "--save-chain", "@/long.xml"};
+    for (int i = 0; i < 30; ++i)
+        longChain << "--node" << "Deinterlace";
+    QTest::newRow("chain document past the file size limit") << longChain << 4 << QStringList{"long.xml", "File too large"};
+    QTest::newRow("TIFF past the file size limit") << QStringList{"fsize:1000", "--frames", "1"} << 4
+                                                   << QStringList{"frame_000000.tif", "File too large"};
+    QTest::newRow("PNG where a folder stands") << QStringList{"--frames", "1", "--png", "--out", "@/blocked"} << 4
+                                               << QStringList{"frame_000000.png", "Is a directory"};
 }
 
 void TestQlarrunFiles::failures()
@@ -798,15 +809,23 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
                       "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
     QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
+    QVERIFY(QDir(dir.path()).mkpath("blocked/frame_000000.png"));
 
+    const rlim_t fileSizeLimit = args.first().startsWith("fsize:") ? args.takeFirst().mid(6).toULongLong() : 0;
     args.replaceInStrings("@", dir.path());
     if (!args.contains("--out"))
         args << "--out" << dir.filePath("out");
-    const SxRun run = runQlarrun(args);
+    const SxRun run = runQlarrun(args, QString(), QString(), fileSizeLimit);
     QCOMPARE(run.status, status);
     QVERIFY2(run.errLines().size() == 1, qPrintable(run.err));
     for (const QString& culprit : culprits)
         QVERIFY2(run.err.contains(culprit), qPrintable(run.err));
+    if (status == 4) {
+        QVERIFY(!QFile::exists(dir.filePath("long.xml")) && !QFile::exists(dir.filePath("out/frame_000000.tif")));
+        QDirIterator files(dir.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (files.hasNext())
+            QVERIFY2(!files.next().section('/', -1).startsWith('.'), qPrintable(files.filePath()));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestQlarrunFiles)
