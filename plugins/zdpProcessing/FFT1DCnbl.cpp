@@ -352,10 +352,12 @@ bool CxFFT1DCnbl::picInfoForExtract(SxPicBufInfo& info) const
     info.isColor = true;
     info.channels = 1;
     if (m_channel >= 0 && info.colorFilterArray == CFA_HSI_MOSAIC) {
-        // The first zone sizes the buffer whichever band is chosen.
+        // The first zone sizes the buffer whichever band is chosen, as far
+        // as the zone lies inside the picture: a description may claim a
+        // sensor far larger than the frame.
         CxHsiCameraParams::CxFilterZone zone;
         if (nodekit::firstFilterZone(m_inMeta.hsiCameraParams(), zone))
-            nodekit::bandSize(zone, info.width, info.height, info.width, info.height);
+            nodekit::bandSize(zone, info.width, info.height, info.width, info.height, true);
     } else if (m_channel >= 0 && info.colorFilterArray != CFA_NONE) {
         info.width >>= 1;
         info.height >>= 1;
@@ -485,6 +487,9 @@ IxChainData* CxFFT1DCnbl::processData(IxChainData* data)
     const SxPicBuf* pic = fft_selectChannel(*inPic, input->metadata(), ch, m_extract);
     if (!pic)
         return complain(tr("The input image has no channel %1.").arg(ch));
+    // A filter zone that misses the picture leaves nothing to analyse.
+    if (pic->width == 0 || pic->height == 0)
+        return complain(tr("Channel %1 has no samples inside the input image.").arg(ch));
     const ExTransformType type = transformType();
     const quint64 n = type == rows ? pic->width : pic->height;
     if (m_n == 0 || n != quint64(m_n) || pic->width == 0 || pic->height == 0 || !alignedSamples(*pic)

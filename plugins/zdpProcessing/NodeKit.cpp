@@ -37,12 +37,19 @@ bool firstFilterZone(const CxHsiCameraParams& hsi, CxHsiCameraParams::CxFilterZo
 }
 
 void bandSize(const CxHsiCameraParams::CxFilterZone& zone, quint32 inWidth, quint32 inHeight,
-              quint32& width, quint32& height)
+              quint32& width, quint32& height, bool insidePicture)
 {
     const QRect& r = zone.rect;
     const bool ordered = r.left() <= r.right() && r.top() <= r.bottom();
-    qint64 w = ordered ? qint64(r.right()) - r.left() + 1 : inWidth;
-    qint64 h = ordered ? qint64(r.bottom()) - r.top() + 1 : inHeight;
+    qint64 left = r.left(), top = r.top(), right = r.right(), bottom = r.bottom();
+    if (insidePicture && ordered) {
+        left = qMax<qint64>(left, 0);
+        top = qMax<qint64>(top, 0);
+        right = qMin<qint64>(right, qint64(inWidth) - 1);
+        bottom = qMin<qint64>(bottom, qint64(inHeight) - 1);
+    }
+    qint64 w = ordered ? right - left + 1 : inWidth;
+    qint64 h = ordered ? bottom - top + 1 : inHeight;
     if (zone.patternWidth > 0)
         w /= zone.patternWidth;
     if (zone.patternHeight > 0)

@@ -67,7 +67,10 @@ bool firstFilterZone(const CxHsiCameraParams& hsi, CxHsiCameraParams::CxFilterZo
 // zone's rectangle, or the whole picture when the rectangle is inverted,
 // divided by the pattern period (a period that is not positive does not
 // divide). Extract Channel, FFT 1D and FFT 2D all cut bands this size.
+// With insidePicture the rectangle is first clipped to the picture, so that
+// a description reaching past the frame never sizes a work buffer beyond
+// the samples there are (0 x 0 when the zone misses the picture).
 void bandSize(const CxHsiCameraParams::CxFilterZone& zone, quint32 inWidth, quint32 inHeight,
-              quint32& width, quint32& height);
+              quint32& width, quint32& height, bool insidePicture = false);
 
 } // namespace nodekit

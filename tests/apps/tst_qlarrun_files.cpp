@@ -13,6 +13,7 @@
 #include <TiffIo.h>
 
 #include <QtCore/QBuffer>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QDirIterator>
 #include <QtCore/QTemporaryDir>
 #include <QtGui/QImage>
@@ -242,6 +243,8 @@ private slots:
     void inputLists();
     void failures_data();
     void failures();
+    void zoneOutsideThePicture_data();
+    void zoneOutsideThePicture();
 };
 
 void TestQlarrunFiles::tiffRoundTrip_data()
@@ -826,6 +829,49 @@ void TestQlarrunFiles::failures()
         while (files.hasNext())
             QVERIFY2(!files.next().section('/', -1).startsWith('.'), qPrintable(files.filePath()));
     }
+}
+
+// A camera description may claim a sensor far larger than the frame. Every
+// node either works on what lies inside the picture or refuses at once; none
+// sizes its buffers from the claim (that cost FFT 1D 13 GB and 40 s).
+void TestQlarrunFiles::zoneOutsideThePicture_data()
+{
+    QTest::addColumn<QString>("node");
+    QTest::addColumn<int>("left");
+    for (const char* node : {"Deinterlace", "Extract Channel", "Filter Images", "Image Averaging", "LUT Mapping",
+                             "Mosaic Filter", "Mosaic Filter:interpolation=0", "Median Filter",
+                             "Fast Fourier Transform 2D", "Fast Fourier Transform 1D", "Rotate", "RGB-NIR Processing",
+                             "Merge Sequence"}) {
+        QTest::addRow("%s, zone reaching far past", node) << QString::fromLatin1(node) << 0;
+        QTest::addRow("%s, zone beside the picture", node) << QString::fromLatin1(node) << 100;
+    }
+}
+
+void TestQlarrunFiles::zoneOutsideThePicture()
+{
+    QFETCH(QString, node);
+    QFETCH(int, left);
+    QTemporaryDir dir;
+    QByteArray samples(256, 0);
+    for (int i = 0; i < samples.size(); ++i)
+        samples[i] = char(i);
+    QString bands;
+    for (int b = 0; b < 4; ++b)
+        bands += QString("<Band name=\"b%1\" wavelength=\"%2\"/>").arg(b).arg(500 + 10 * b);
+    QVERIFY(writeFile(dir.filePath("f.raw"), samples));
+    QVERIFY(writeFile(dir.filePath("camera.xml"),
+                      QString("<QlarCamera bitsPerSample=\"8\" colorFilterArray=\"7\"><HsiCameraParams version=\"1\">"
+                              "<FilterZone left=\"%1\" top=\"0\" right=\"1073741823\" bottom=\"1073741823\" "
+                              "patternWidth=\"2\" patternHeight=\"2\">%2</FilterZone></HsiCameraParams></QlarCamera>")
+                          .arg(left)
+                          .arg(bands)
+                          .toUtf8()));
+    QElapsedTimer clock;
+    clock.start();
+    const SxRun run = runQlarrun({dir.filePath("f.raw"), "--raw", "16x16", "--camera-file", dir.filePath("camera.xml"),
+                                  "--node", node, "--out", dir.filePath("out"), "--quiet"});
+    QVERIFY2(run.status == 0 || run.status == 3, qPrintable(QString::number(run.status) + run.err));
+    QVERIFY2(clock.elapsed() < 20000, qPrintable(QString::number(clock.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(TestQlarrunFiles)
