@@ -108,6 +108,8 @@ private:
 
     // Grey levels indexed by the raw bits of an 8- or 16-bit sample.
     std::vector<uchar> m_lut;
+    bool m_lutIdentity = false;  // 8-bit levels shown as they are
+    bool lutIsIdentity() const { return m_lutIdentity; }
     int m_lutBytes = 0;
     bool m_lutSigned = false;
     SxRange m_lutRange{0.0, -1.0};

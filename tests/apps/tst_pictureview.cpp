@@ -137,6 +137,9 @@ void TestPictureView::shownColour_data()
     const QList<double> none;
     QTest::newRow("bgr u8 stored blue first") << int(IDT_UINT8) << 3 << 8 << true << int(Mode::FullRange) << 0
                                               << QList<double>{10, 20, 250} << none << 0 << qRgb(250, 20, 10);
+    QTest::newRow("bgra u8 full range, alpha not shown") << int(IDT_UINT8) << 4 << 8 << true << int(Mode::FullRange)
+                                                        << 0 << QList<double>{10, 20, 250, 7} << none << 0
+                                                        << qRgb(250, 20, 10);
     QTest::newRow("bgra u16/12 significant bits") << int(IDT_UINT16) << 4 << 12 << true << int(Mode::SignificantBits)
                                                   << 0 << QList<double>{0, 2048, 4095, 0} << none << 0
                                                   << qRgb(255, 128, 0);
