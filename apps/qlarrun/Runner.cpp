@@ -345,6 +345,11 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
         const qint64 grabbedBefore = chain->stats().grabbed;
         IxChainData* output = chain->step();
         reportNodeErrors(nodes);
+        if (chain->hasFailed()) {
+            delete output;
+            status = fail(ExitChain, chain->lastError());
+            break;
+        }
         if (output) {
             ++outputs;
             status = handleOutput(output, writer);

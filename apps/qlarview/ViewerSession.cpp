@@ -36,6 +36,8 @@ CxViewerSession::CxViewerSession(QObject* parent)
     // until the slot has returned.
     connect(m_chain, &CxChain::started, this, &CxViewerSession::formatsChanged, Qt::QueuedConnection);
     connect(m_chain, &CxChain::finished, this, &CxViewerSession::onChainFinished, Qt::QueuedConnection);
+    // A node that threw has stopped the chain's work; the viewer stays up.
+    connect(m_chain, &CxChain::failed, this, &CxViewerSession::onSourceFailed, Qt::QueuedConnection);
     connect(m_recorder.get(), &CxRecorder::finished, this, &CxViewerSession::onRecorderFinished, Qt::QueuedConnection);
     connect(m_recorder.get(), &CxRecorder::failed, this, &CxViewerSession::onRecorderFailed, Qt::QueuedConnection);
 }

@@ -159,6 +159,44 @@ struct CxChain::Private
         lastError = e;
     }
 
+    // Runs a node's call; false with the exception's text when the node let
+    // one out, which the contract forbids but a chain must survive.
+    template <class Fn> static bool caught(Fn&& fn, QString* what)
+    {
+        try {
+            fn();
+            return true;
+        } catch (const std::exception& e) {
+            *what = QString::fromLocal8Bit(e.what());
+        } catch (...) {
+            *what = tr("unknown error");
+        }
+        return false;
+    }
+    static QString failureText(CxChainable* node, const char* where, const QString& what)
+    {
+        return tr("\"%1\" failed in %2: %3").arg(node->title(), QLatin1String(where), what);
+    }
+
+    // A node let an exception out while frames flow: the chain stops taking
+    // frames, keeps the first report and tells its owner once (queued; the
+    // owner stops it from its own thread). The program goes on.
+    std::atomic<bool> faulted{false};
+    void fault(CxChainable* node, const char* where, const QString& what)
+    {
+        const QString text = failureText(node, where, what);
+        qCCritical(lcChain).noquote() << text;
+        if (faulted.exchange(true))
+            return;
+        setError(text);
+        {
+            std::lock_guard<std::mutex> lock(finishMutex);
+            stopRequested = true;
+        }
+        finishCv.notify_all();
+        QMetaObject::invokeMethod(q, "failed", Qt::QueuedConnection, Q_ARG(QString, text));
+    }
+
     IxChainData* processOne(Stage& s, IxChainData* packet);
     void deliver(IxChainData* out);
     void forward(size_t stageIndex, const Item& item);
@@ -168,6 +206,13 @@ struct CxChain::Private
     IxChainData* runSynchronously(IxChainData* packet);
     void releasePools();
     void relink();
+    void stopNode(CxChainable* node)
+    {
+        QString what;
+        if (!caught([&] { node->setupStop(); }, &what))
+            qCCritical(lcChain).noquote() << failureText(node, "setupStop", what);
+        node->onChainStopped(q);
+    }
     void observe(int stage, const IxChainData* packet)
     {
         if (observer)
@@ -190,14 +235,12 @@ IxChainData* CxChain::Private::processOne(Stage& s, IxChainData* packet)
     QPointer<IxChainData> guard(packet);
     IxChainData* out = nullptr;
     const auto began = std::chrono::steady_clock::now();
-    try {
-        out = s.node->processData(packet);
-    } catch (const std::exception& e) {
-        qCCritical(lcChain) << s.node->title() << "threw while processing a frame:" << e.what();
+    QString what;
+    if (faulted.load()) {
         out = nullptr;
-    } catch (...) {
-        qCCritical(lcChain) << s.node->title() << "threw while processing a frame";
+    } else if (!caught([&] { out = s.node->processData(packet); }, &what)) {
         out = nullptr;
+        fault(s.node, "processData", what);
     }
     NodeCounters& c = *s.counters;
     c.busyNs += std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - began).count();
@@ -227,8 +270,10 @@ IxChainData* CxChain::Private::runSynchronously(IxChainData* packet)
     observe(-1, p);
     for (size_t i = 0; i < stages.size(); ++i) {
         p = processOne(stages[i], p);
-        if (!p)
+        if (!p || faulted.load()) {
+            delete p;
             return nullptr;
+        }
         observe(int(i), p);
     }
     ++delivered;
@@ -598,7 +643,15 @@ bool CxChain::start()
         s.in = fmt;
         s.inMeta = meta;
         if (s.provider) {
-            if (!s.provider->queryOutputImageInfo(fmt, s.out, &meta, &s.outMeta)) {
+            bool accepted = false;
+            QString what;
+            if (!Private::caught([&] { accepted = s.provider->queryOutputImageInfo(fmt, s.out, &meta, &s.outMeta); },
+                                 &what)) {
+                d->setError(Private::failureText(s.node, "queryOutputImageInfo", what));
+                qCCritical(lcChain).noquote() << lastError();
+                return false;
+            }
+            if (!accepted) {
                 const QString why = s.node->errorMessage();
                 d->setError(tr("\"%1\" refused the input format %2%3")
                                 .arg(s.node->title(), fmt.describe(),
@@ -655,9 +708,26 @@ bool CxChain::start()
         d->source->setupStart();
         d->source->onChainStarted(this);
     }
-    for (Private::Stage& s : d->stages) {
+    for (size_t i = 0; i < d->stages.size(); ++i) {
+        Private::Stage& s = d->stages[i];
         s.node->setState(CxChainable::StateRunning);
-        s.node->setupStart();
+        QString what;
+        if (!Private::caught([&] { s.node->setupStart(); }, &what)) {
+            // Undone as far as it got: each node started, this one included,
+            // frees what its setupStart took.
+            d->setError(Private::failureText(s.node, "setupStart", what));
+            qCCritical(lcChain).noquote() << lastError();
+            for (size_t k = 0; k <= i; ++k)
+                d->stopNode(d->stages[k].node);
+            if (d->source)
+                d->stopNode(d->source);
+            d->releasePools();
+            for (Private::Stage& t : d->stages)
+                t.node->setState(CxChainable::StateIdle);
+            if (d->source)
+                d->source->setState(CxChainable::StateIdle);
+            return false;
+        }
         s.node->onChainStarted(this);
         s.lastOutput = {};
     }
@@ -666,6 +736,7 @@ bool CxChain::start()
         d->finished = false;
     }
     d->stopRequested = false;
+    d->faulted = false;
     d->running = true;
     if (d->mode == RunLive) {
         for (Private::Stage& s : d->stages)
@@ -720,14 +791,10 @@ void CxChain::stop()
         s.queue.reset();
     }
 
-    for (Private::Stage& s : d->stages) {
-        s.node->setupStop();
-        s.node->onChainStopped(this);
-    }
-    if (d->source) {
-        d->source->setupStop();
-        d->source->onChainStopped(this);
-    }
+    for (Private::Stage& s : d->stages)
+        d->stopNode(s.node);
+    if (d->source)
+        d->stopNode(d->source);
     d->releasePools();
     for (Private::Stage& s : d->stages)
         s.node->setState(CxChainable::StateIdle);
@@ -738,6 +805,8 @@ void CxChain::stop()
 }
 
 bool CxChain::stopped() const { return !d->running.load(); }
+
+bool CxChain::hasFailed() const { return d->faulted.load(); }
 
 QString CxChain::lastError() const
 {

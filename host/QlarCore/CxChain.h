@@ -111,6 +111,8 @@ public:
     bool start();
     void stop();
     bool stopped() const;
+    // A node let an exception out since the last start (see failed()).
+    bool hasFailed() const;
     QString lastError() const;
 
     // Synchronous run: carries one packet through the nodes and returns the
@@ -143,6 +145,10 @@ signals:
     void started();
     void stoppedSignal();
     void finished();  // a finite source's frames have all left the chain
+    // A node let an exception out while frames flowed: the chain takes no
+    // more frames and waits for its owner's stop(); lastError() says which
+    // node, where and what.
+    void failed(const QString& why);
 
 private:
     struct Private;

@@ -10,6 +10,7 @@
 #include <QtCore/QStringList>
 #include <QtXml/QDomElement>
 
+#include <new>
 #include <thread>
 
 struct TestLog
@@ -33,6 +34,19 @@ public:
     int addend = 1;
     int sleepUs = 0;
     SxPicBufInfo inAtStart;
+    QString throwIn;  // a contract call that throws std::bad_alloc, as a faulty node would
+
+    void throwFrom(const char* call) const
+    {
+        if (throwIn == QLatin1String(call))
+            throw std::bad_alloc();
+    }
+    bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out, const CxImageMetadata* inMeta,
+                              CxImageMetadata* outMeta) override
+    {
+        throwFrom("queryOutputImageInfo");
+        return CxImageProvider::queryOutputImageInfo(in, out, inMeta, outMeta);
+    }
 
     void setAddend(int v, bool restart) { changeSetting(restart, [&] { addend = v; }); }
     QString title() const override { return QStringLiteral("Add"); }
@@ -46,8 +60,13 @@ public:
     {
         TestLog::lines() << QStringLiteral("start %1").arg(objectName());
         currentInputImageInfo(inAtStart, nullptr);
+        throwFrom("setupStart");
     }
-    void setupStop() override { TestLog::lines() << QStringLiteral("stop %1").arg(objectName()); }
+    void setupStop() override
+    {
+        TestLog::lines() << QStringLiteral("stop %1").arg(objectName());
+        throwFrom("setupStop");
+    }
     bool saveSettings(QDomDocument& doc, QDomElement& e) const override
     {
         const bool ok = CxImageProvider::saveSettings(doc, e);
@@ -65,6 +84,7 @@ public:
     {
         if (!data || state() == StateStopping)
             return nullptr;
+        throwFrom("processData");
         auto* in = qobject_cast<CxImageData*>(data);
         if (!in || !in->picBuf()->data)
             return nullptr;

@@ -2,6 +2,8 @@
 
 #include <QtTest/QtTest>
 
+#include <atomic>
+
 #include <mutex>
 #include <vector>
 
@@ -75,6 +77,65 @@ private slots:
         chain.setInputFormat(tstFormat(8, 8, 1));
         QVERIFY2(chain.start(), qPrintable(chain.lastError()));
         QVERIFY(mono->errorMessage().isEmpty());
+        chain.stop();
+    }
+
+    // A node that throws breaks its contract; the chain survives it. At the
+    // start the start fails and every node started so far is stopped again;
+    // while frames flow the chain stops taking them and says so once; a
+    // throwing setupStop is only logged. The next start is clean.
+    void nodeExceptions_data()
+    {
+        QTest::addColumn<QString>("where");
+        QTest::addColumn<bool>("live");
+        for (const char* where : {"queryOutputImageInfo", "setupStart", "processData", "setupStop"})
+            for (bool live : {false, true})
+                QTest::addRow("%s, %s", where, live ? "live" : "synchronous") << QString::fromLatin1(where) << live;
+    }
+    void nodeExceptions()
+    {
+        QFETCH(QString, where);
+        QFETCH(bool, live);
+        CxChain chain;
+        chain.setRunMode(live ? CxChain::RunLive : CxChain::RunSynchronous);
+        chain.setInputFormat(tstFormat(8, 4));
+        std::atomic<int> delivered{0};
+        chain.setOutputHandler([&](IxChainData* d) { delete d; ++delivered; });
+        auto* a = new CxTstAddNode;
+        auto* b = new CxTstAddNode;
+        a->setObjectName("a");
+        b->setObjectName("b");
+        b->throwIn = where;
+        chain.appendNode(a);
+        chain.appendNode(b);
+        QSignalSpy failed(&chain, &CxChain::failed);
+        const bool atStart = where == "queryOutputImageInfo" || where == "setupStart";
+        QCOMPARE(chain.start(), !atStart);
+        if (atStart) {
+            QVERIFY2(chain.lastError().contains(where) && chain.lastError().contains("std::bad_alloc"),
+                     qPrintable(chain.lastError()));
+            QCOMPARE(TestLog::lines(), where == "setupStart" ? QStringList({"start a", "start b", "stop a", "stop b"})
+                                                             : QStringList());
+        } else {
+            for (int i = 0; i < 3; ++i) {
+                IxChainData* packet = tstPacket(tstFormat(8, 4), i, 7);
+                if (live)
+                    chain.post(packet);
+                else
+                    delete chain.push(packet);
+            }
+            QVERIFY(where != "processData" || failed.count() == 1 || failed.wait(5000));
+            QCOMPARE(chain.hasFailed(), where == "processData");
+            chain.stop();
+            QCOMPARE(failed.count(), int(where == "processData"));
+            if (where == "processData")
+                QVERIFY2(chain.lastError().contains("\"Add\" failed in processData: std::bad_alloc"),
+                         qPrintable(chain.lastError()));
+        }
+        QVERIFY(chain.stopped());
+        b->throwIn.clear();
+        QVERIFY(chain.start());
+        QVERIFY(!chain.hasFailed());
         chain.stop();
     }
 
@@ -168,7 +229,7 @@ private slots:
         CxImageData* in = tstPacket(tstFormat(6, 3), frame, 7);
         QPointer<CxImageData> guard(in);
         if (behaviour == CxTstBehaviourNode::Throw)
-            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("threw"));
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("failed in processData: broken node"));
         IxChainData* out = chain.push(in);
         QCOMPARE(out != nullptr, output);
         QCOMPARE(!guard.isNull(), inputIsOutput);
