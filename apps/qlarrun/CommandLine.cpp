@@ -84,9 +84,10 @@ QString CxCommandLine::exitStatusHelp()
               "     truncated or of a kind not read here, a raw frame whose size does not\n"
               "     match, a camera description or chain document that is missing or\n"
               "     malformed, an unknown node name (in a document, --node or --describe)\n"
-              "  3  plug-ins or chain: the plug-in folder cannot be loaded, or a node refuses\n"
-              "     the format it is given\n"
+              "  3  plug-ins or chain: the plug-in folder cannot be loaded, a node refuses\n"
+              "     the format it is given, or a node fails\n"
               "  4  output: the output folder, a picture or the saved chain cannot be written\n"
+              "     (nothing partial is left under its name)\n"
               "  5  --strict only: a node passed frames on unprocessed or dropped them, or an\n"
               "     output was empty or had no file form\n");
 }
