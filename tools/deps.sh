@@ -7,7 +7,7 @@ PACKAGES=(
     cmake ninja-build g++ pkg-config
     qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
     libqcustomplot-dev libqcustomplot2.1-qt6
-    libfftw3-dev libtiff-dev
+    libfftw3-dev libtiff-dev libpng-dev
     libbenchmark-dev libopencv-dev
     python3
     # GenICam cameras for the viewer; its aravis-0.8.pc names libusb but the

@@ -7,9 +7,14 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QBuffer>
 #include <QtCore/QFile>
-#include <QtGui/QImageReader>
+#include <QtCore/QSysInfo>
+
+#include <png.h>
 
 #include <array>
+#include <cstdio>
+#include <memory>
+#include <vector>
 
 #include <cstring>
 
@@ -65,9 +70,8 @@ quint32 bigEndian32(const uchar* p)
     return (quint32(p[0]) << 24) | (quint32(p[1]) << 16) | (quint32(p[2]) << 8) | p[3];
 }
 
-// Walks the chunks before the decoder sees the file: libpng reports a cut or
-// damaged file on stderr by itself and cannot be stopped from doing so, so
-// such files are turned away here, with a message of our own.
+// Walks the chunks before the decoder sees the file, so that a cut or
+// damaged file is named with where it breaks.
 bool checkChunks(const QByteArray& bytes, QString* why)
 {
     static const char signature[] = "\x89PNG\r\n\x1a\n";
@@ -104,6 +108,112 @@ bool checkChunks(const QByteArray& bytes, QString* why)
         if (std::memcmp(type, "IEND", 4) == 0)
             return true;
     }
+}
+
+// libpng decodes with our own handlers: its errors become the reason in our
+// one line (its default prints them on stderr), its warnings say nothing
+// that costs samples and stay silent.
+struct SxPngInput
+{
+    const uchar* data = nullptr;
+    size_t size = 0;
+    size_t pos = 0;
+    char message[200] = {};
+};
+
+void pngError(png_structp png, png_const_charp message)
+{
+    auto* in = static_cast<SxPngInput*>(png_get_error_ptr(png));
+    std::snprintf(in->message, sizeof in->message, "%s", message);
+    png_longjmp(png, 1);
+}
+
+void pngWarning(png_structp, png_const_charp) {}
+
+void pngRead(png_structp png, png_bytep out, size_t count)
+{
+    auto* in = static_cast<SxPngInput*>(png_get_io_ptr(png));
+    if (count > in->size - in->pos)
+        png_error(png, "the file ends inside the picture");
+    std::memcpy(out, in->data + in->pos, count);
+    in->pos += count;
+}
+
+// What libpng leaves: 1 (grey), 3 (RGB) or 4 (RGBA) channels of 8 or 16 bits,
+// red first, in host byte order.
+struct SxDecoded
+{
+    std::vector<uchar> pixels;
+    std::vector<png_bytep> rows;
+    quint32 width = 0, height = 0, channels = 0, bytesPerSample = 0;
+    size_t rowBytes = 0;
+    bool fromColour = false;  // RGB or palette in the file: grey pixels make it grey
+    SxPngInput input;
+};
+
+bool decodePng(const QByteArray& bytes, SxDecoded& out, QString* why)
+{
+    SxPngInput& in = out.input;
+    in.data = reinterpret_cast<const uchar*>(bytes.constData());
+    in.size = size_t(bytes.size());
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &in, pngError, pngWarning);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (!info) {
+        png_destroy_read_struct(&png, nullptr, nullptr);
+        *why = tr("no memory to decode the PNG");
+        return false;
+    }
+    // Nothing below changes a local object that the jump back needs: what the
+    // decoder fills lives in out, which the caller holds.
+    if (setjmp(png_jmpbuf(png))) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        *why = tr("not a readable PNG (%1)").arg(QString::fromLatin1(in.message));
+        return false;
+    }
+    png_set_read_fn(png, &in, pngRead);
+    png_read_info(png, info);
+    const int type = png_get_color_type(png, info);
+    const int depth = png_get_bit_depth(png, info);
+    out.fromColour = (type & PNG_COLOR_MASK_COLOR) != 0;
+    if (type == PNG_COLOR_TYPE_PALETTE)
+        png_set_palette_to_rgb(png);
+    if (type == PNG_COLOR_TYPE_GRAY && depth < 8)
+        png_set_expand_gray_1_2_4_to_8(png);
+    if (png_get_valid(png, info, PNG_INFO_tRNS))
+        png_set_tRNS_to_alpha(png);
+    // Grey with alpha has no picture form of its own here: it becomes RGBA.
+    if (!(type & PNG_COLOR_MASK_COLOR) && ((type & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, info, PNG_INFO_tRNS)))
+        png_set_gray_to_rgb(png);
+    if (depth == 16 && QSysInfo::ByteOrder == QSysInfo::LittleEndian)
+        png_set_swap(png);
+    png_set_interlace_handling(png);
+    png_read_update_info(png, info);
+    out.width = png_get_image_width(png, info);
+    out.height = png_get_image_height(png, info);
+    out.channels = png_get_channels(png, info);
+    out.bytesPerSample = png_get_bit_depth(png, info) / 8;
+    out.rowBytes = png_get_rowbytes(png, info);
+    if (quint64(out.rowBytes) * out.height > PictureFile::MaxBytes)
+        png_error(png, "the picture is larger than any this program reads");
+    out.pixels.resize(out.rowBytes * out.height);
+    out.rows.resize(out.height);
+    for (quint32 y = 0; y < out.height; ++y)
+        out.rows[y] = out.pixels.data() + y * out.rowBytes;
+    png_read_image(png, out.rows.data());
+    png_read_end(png, nullptr);
+    png_destroy_read_struct(&png, &info, nullptr);
+    return true;
+}
+
+bool allGrey8(const SxDecoded& d)
+{
+    for (quint32 y = 0; y < d.height; ++y) {
+        const uchar* p = d.rows[y];
+        for (quint32 x = 0; x < d.width; ++x, p += 3)
+            if (p[0] != p[1] || p[1] != p[2])
+                return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -180,66 +290,31 @@ bool read(const QString& path, SxPicBuf& pic, CxImageMetadata& meta, QString* er
     QString why;
     if (!checkChunks(bytes, &why))
         return fail(why);
-    QImage image;
-    {
-        // Qt passes libpng's warnings on as log messages; they are no reason
-        // to refuse a picture that decodes, and no business of the user's.
-        const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&,
-                                                                    const QString&) {});
-        QBuffer buffer(const_cast<QByteArray*>(&bytes));
-        buffer.open(QIODevice::ReadOnly);
-        QImageReader reader(&buffer, "png");
-        reader.setAutoTransform(false);
-        // A header that claims a huge picture must not make Qt allocate it.
-        reader.setAllocationLimit(int(PictureFile::MaxBytes >> 20));
-        image = reader.read();
-        qInstallMessageHandler(previous);
-        if (image.isNull())
-            return fail(tr("not a readable PNG (%1)").arg(reader.errorString()));
-    }
-
-    const bool alpha = image.hasAlphaChannel();
+    auto decoded = std::make_unique<SxDecoded>();
+    if (!decodePng(bytes, *decoded, &why))
+        return fail(why);
+    const SxDecoded& d = *decoded;
+    // An 8-bit colour file whose pixels are all grey is a grey picture.
+    const bool grey = d.channels == 1 || (d.channels == 3 && d.bytesPerSample == 1 && d.fromColour && allGrey8(d));
     SxPicBufInfo format;
-    format.width = quint32(image.width());
-    format.height = quint32(image.height());
-    switch (image.format()) {
-    case QImage::Format_Grayscale8: format.channels = 1; format.dataType = IDT_UINT8; break;
-    case QImage::Format_Grayscale16: format.channels = 1; format.dataType = IDT_UINT16; break;
-    case QImage::Format_RGBX64:
-    case QImage::Format_RGBA64:
-    case QImage::Format_RGBA64_Premultiplied:
-        format.channels = alpha ? 4 : 3;
-        format.dataType = IDT_UINT16;
-        image.convertTo(alpha ? QImage::Format_RGBA64 : QImage::Format_RGBX64);
-        break;
-    default:
-        if (!alpha && image.allGray()) {
-            format.channels = 1;
-            image.convertTo(QImage::Format_Grayscale8);
-        } else {
-            format.channels = alpha ? 4 : 3;
-            image.convertTo(alpha ? QImage::Format_RGBA8888 : QImage::Format_RGB888);
-        }
-        format.dataType = IDT_UINT8;
-        break;
-    }
+    format.width = d.width;
+    format.height = d.height;
+    format.channels = grey ? 1 : d.channels;
+    format.dataType = d.bytesPerSample == 2 ? IDT_UINT16 : IDT_UINT8;
     format.bitsPerSample = format.bytesPerSample() * 8;
     format.isColor = format.channels > 1;
     if (!PictureFile::preparePicture(pic, format, &why))
         return fail(why);
-    const quint32 imageChannels = image.format() == QImage::Format_RGBX64 ? 4 : format.channels;
-    const quint32 sampleBytes = format.bytesPerSample();
     for (quint32 y = 0; y < format.height; ++y) {
-        const uchar* src = image.constScanLine(int(y));
         uchar* dst = pic.rowPtr(y);
-        if (imageChannels == format.channels) {
-            std::memcpy(dst, src, size_t(pic.packedLineBytes()));
+        if (format.channels == d.channels) {
+            std::memcpy(dst, d.rows[y], size_t(pic.packedLineBytes()));
         } else {
             for (quint32 x = 0; x < format.width; ++x)
-                std::memcpy(dst + x * 3 * sampleBytes, src + x * 4 * sampleBytes, 3 * sampleBytes);
+                dst[x] = d.rows[y][3 * x];
         }
         if (format.isColor)
-            PictureFile::swapRedBlue(dst, format.width, format.channels, sampleBytes);
+            PictureFile::swapRedBlue(dst, format.width, format.channels, format.bytesPerSample());
     }
     meta = CxImageMetadata();
     meta.updateFromPicBufInfo(&pic);

@@ -707,6 +707,8 @@ void TestQlarrunFiles::failures_data()
                                                    << QStringList{"cut-directory.tif", "truncated"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
     QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2 << QStringList{"damaged.png", "checksum"};
+    QTest::newRow("PNG with an invalid header") << QStringList{"@/badheader.png"} << 2
+                                                << QStringList{"badheader.png", "Invalid IHDR data"};
     QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
     QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
     QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
@@ -795,6 +797,12 @@ void TestQlarrunFiles::failures()
     QByteArray damaged = png;
     damaged[damaged.indexOf("IDAT") + 8] = char(damaged.at(damaged.indexOf("IDAT") + 8) ^ 0x40);
     QVERIFY(writeFile(dir.filePath("damaged.png"), damaged));
+    // Width 0, with a valid checksum: libpng's own complaint, in our one line.
+    QVERIFY(writeFile(dir.filePath("badheader.png"),
+                      QByteArray("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\0\0\0\0\0\x05\x08\0\0\0\0\x4e\x2d\xb2\x7d"
+                                 "\0\0\0\x0bIDAT\x78\x9c\x63\x60\x80\x01\0\0\x0a\0\x01\x7f\x80\x74\x5e"
+                                 "\0\0\0\0IEND\xae\x42\x60\x82",
+                                 68)));
     QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
     QVERIFY(writeFile(dir.filePath("cut.pnm"), "P5 1 1 255\n\1P5 2 1 255\n\1"));
     QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout(""))
