@@ -208,6 +208,40 @@ bool readTiles(TIFF* tif, SxPicBuf& pic)
     return true;
 }
 
+// Every strip or tile of the current directory must lie in the file behind
+// its header: libtiff reads an offset of 0 as the header's own bytes, and a
+// block past the end as a short read it may fill in.
+bool blocksInFile(TIFF* t, quint64 fileSize, QString* why)
+{
+    const bool tiled = TIFFIsTiled(t);
+    uint64_t* offsets = nullptr;
+    uint64_t* counts = nullptr;
+    const uint32_t blocks = tiled ? TIFFNumberOfTiles(t) : TIFFNumberOfStrips(t);
+    if (!TIFFGetField(t, tiled ? TIFFTAG_TILEOFFSETS : TIFFTAG_STRIPOFFSETS, &offsets)
+        || !TIFFGetField(t, tiled ? TIFFTAG_TILEBYTECOUNTS : TIFFTAG_STRIPBYTECOUNTS, &counts) || !offsets || !counts) {
+        *why = tr("the TIFF does not say where its pixels are");
+        return false;
+    }
+    const quint64 header = TIFFIsBigTIFF(t) ? 16 : 8;
+    const QString kind = tiled ? tr("tile") : tr("strip");
+    for (uint32_t i = 0; i < blocks; ++i) {
+        if (offsets[i] < header) {
+            *why = tr("the TIFF is corrupt: %1 %2 starts at offset %3, inside the file's header").arg(kind).arg(i).arg(offsets[i]);
+            return false;
+        }
+        if (counts[i] > fileSize || offsets[i] > fileSize - counts[i]) {
+            *why = tr("the TIFF is truncated: %1 %2 of %3 bytes at offset %4 runs past the end of the file (%5 bytes)")
+                       .arg(kind)
+                       .arg(i)
+                       .arg(counts[i])
+                       .arg(offsets[i])
+                       .arg(fileSize);
+            return false;
+        }
+    }
+    return true;
+}
+
 // The format of the current directory, with what our own ImageDescription
 // adds; false with the reason when this program does not read such pages.
 bool pageFormat(TIFF* t, SxPicBufInfo& format, CxImageMetadata& meta, QString* why)
@@ -486,6 +520,8 @@ bool readPage(const QString& path, const SxPages& pages, qint64 page, const QStr
     SxPicBufInfo format;
     QString why;
     if (!pageFormat(t, format, meta, &why) || !PictureFile::preparePicture(pic, format, &why))
+        return fail(why);
+    if (pages.imageJImages == 0 && !blocksInFile(t, quint64(QFileInfo(path).size()), &why))
         return fail(why);
     const bool ok = pages.imageJImages > 0 ? readImageJFrame(t, path, page, pic)
                     : TIFFIsTiled(t)       ? readTiles(t, pic)

@@ -30,11 +30,12 @@ const quint32 W = 37, H = 21;  // odd, and not a whole number of 16x16 tiles
 
 // A little-endian TIFF of one 8-bit strip whose directory comes before the
 // samples, as some cameras write them; a cut file then keeps its directory.
-QByteArray handmadeTiff(quint32 w, quint32 h, const QByteArray& samples)
+// stripOffset states another place for the strip (-1: where the samples are).
+QByteArray handmadeTiff(quint32 w, quint32 h, const QByteArray& samples, qint64 stripOffset = -1)
 {
     QByteArray t("II*\0\x08\0\0\0\x09\0", 10);
     const quint32 entries[][3] = {{256, 4, w}, {257, 4, h}, {258, 3, 8}, {259, 3, 1}, {262, 3, 1},
-                                  {273, 4, 8 + 2 + 9 * 12 + 4}, {277, 3, 1}, {278, 4, h},
+                                  {273, 4, stripOffset >= 0 ? quint32(stripOffset) : 8 + 2 + 9 * 12 + 4}, {277, 3, 1}, {278, 4, h},
                                   {279, 4, quint32(samples.size())}};
     for (const auto& e : entries) {
         const quint32 fields[] = {e[0] | (e[1] << 16), 1, e[2]};  // tag and type, count, value
@@ -703,6 +704,8 @@ void TestQlarrunFiles::failures_data()
 
     QTest::newRow("TIFF cut inside its samples") << QStringList{"@/cut-samples.tif"} << 2
                                                  << QStringList{"cut-samples.tif", "truncated"};
+    QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
+                                              << QStringList{"strip-in-header.tif", "header"};
     QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
                                                    << QStringList{"cut-directory.tif", "truncated"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
@@ -788,6 +791,7 @@ void TestQlarrunFiles::failures()
     const QByteArray whole = fileBytes(dir.filePath("grey.tif"));
     QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
+    QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
     QImage image(32, 16, QImage::Format_Grayscale8);
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
