@@ -299,8 +299,12 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
         return fail(ExitOutput, error);
 
     m_accounts.clear();
-    if (!chain->start())
+    if (!chain->start()) {
+        // Named as at a later format change: the file whose frame was refused.
+        if (files)
+            return fail(ExitChain, tr("%1: the chain refuses this input: %2").arg(files->pendingFile(), chain->lastError()));
         return fail(ExitChain, tr("the chain refuses its input: %1").arg(chain->lastError()));
+    }
     beginSegment(*chain);
 
     chain->negotiatedFormat(-1, format, &formatMeta);

@@ -759,6 +759,8 @@ void TestQlarrunFiles::failures_data()
                                               << QStringList{"chain-broken.xml"};
     QTest::newRow("document names an unknown node") << QStringList{"--chain", "@/chain-unknown.xml"} << 2
                                                     << QStringList{"chain-unknown.xml"};
+    QTest::newRow("first frame refused") << QStringList{"@/float.tif", "--node", "Fast Fourier Transform 2D"} << 3
+                                         << QStringList{"float.tif", "FFT 2D"};
     QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
     QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
     QTest::newRow("chain document under a file")
@@ -788,6 +790,8 @@ void TestQlarrunFiles::failures()
     QString error;
     QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error));
     QVERIFY(TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error));
+    SxHeapPicture floats;
+    QVERIFY(makePicture(floats, IDT_FLOAT, 4, 3, 1) && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
     const QByteArray whole = fileBytes(dir.filePath("grey.tif"));
     QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
