@@ -7,6 +7,8 @@
 #include <QtCore/QFile>
 #include <QtXml/QDomDocument>
 
+#include <memory>
+
 const char* const CxChainDocument::RootElement = "QlarChain";
 const char* const CxChainDocument::NodeElement = "Chainable";
 const char* const CxChainDocument::UniqueIdAttribute = "uniqueId";
@@ -49,6 +51,50 @@ bool CxChainDocument::saveToFile(const QList<CxChainable*>& nodes, const QString
     return false;
 }
 
+namespace {
+
+// Which attribute a node's loadSettings would not take, found by trying
+// them on fresh nodes: each of the document's attributes alone over the
+// node's own defaults (a value it cannot read), then each default the
+// document lacks added to it (an attribute it needs). Empty when neither
+// explains it.
+QString refusedAttribute(const QString& uid, const QDomElement& given)
+{
+    const auto loads = [&](const QDomElement& e) {
+        std::unique_ptr<CxChainable> probe(CxRTTI::instance()->createChainableByUniqueId(uid));
+        return probe && probe->loadSettings(e);
+    };
+    QDomDocument scratch;
+    QDomElement defaults = scratch.createElement(given.tagName());
+    {
+        std::unique_ptr<CxChainable> fresh(CxRTTI::instance()->createChainableByUniqueId(uid));
+        if (!fresh)
+            return QString();
+        fresh->saveSettings(scratch, defaults);
+    }
+    const QDomNamedNodeMap attributes = given.attributes();
+    for (int i = 0; i < attributes.count(); ++i) {
+        const QDomAttr a = attributes.item(i).toAttr();
+        QDomElement trial = defaults.cloneNode().toElement();
+        trial.setAttribute(a.name(), a.value());
+        if (!loads(trial))
+            return QStringLiteral(": it cannot take %1=\"%2\"").arg(a.name(), a.value());
+    }
+    const QDomNamedNodeMap own = defaults.attributes();
+    for (int i = 0; i < own.count(); ++i) {
+        const QDomAttr a = own.item(i).toAttr();
+        if (given.hasAttribute(a.name()))
+            continue;
+        QDomElement trial = given.cloneNode().toElement();
+        trial.setAttribute(a.name(), a.value());
+        if (loads(trial))
+            return QStringLiteral(": it needs the attribute %1").arg(a.name());
+    }
+    return QString();
+}
+
+} // namespace
+
 QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* error, SxCameraDescription* input)
 {
     QList<CxChainable*> nodes;
@@ -89,7 +135,9 @@ QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* erro
             return fail(QStringLiteral("line %1: unknown node \"%2\"").arg(e.lineNumber()).arg(uid));
         nodes.append(node);
         if (!node->loadSettings(e))
-            return fail(QStringLiteral("line %1: node \"%2\" did not accept its settings").arg(e.lineNumber()).arg(uid));
+            return fail(QStringLiteral("line %1: node \"%2\" did not accept its settings%3")
+                            .arg(e.lineNumber())
+                            .arg(uid, refusedAttribute(uid, e)));
     }
     if (error)
         error->clear();

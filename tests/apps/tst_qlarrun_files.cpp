@@ -761,6 +761,8 @@ void TestQlarrunFiles::failures_data()
                                                     << QStringList{"chain-unknown.xml"};
     QTest::newRow("first frame refused") << QStringList{"@/float.tif", "--node", "Fast Fourier Transform 2D"} << 3
                                          << QStringList{"float.tif", "FFT 2D"};
+    QTest::newRow("document a node refuses") << QStringList{"--chain", "@/chain-median.xml"} << 2
+                                             << QStringList{"chain-median.xml", "line 1", "kernelSize"};
     QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
     QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
     QTest::newRow("chain document under a file")
@@ -828,6 +830,8 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
                       "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
     QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
+    QVERIFY(writeFile(dir.filePath("chain-median.xml"),
+                      "<QlarChain version=\"1\"><Chainable uniqueId=\"de.korvel.Vistrel.CxMedianCnbl\"/></QlarChain>"));
     QVERIFY(QDir(dir.path()).mkpath("blocked/frame_000000.png"));
 
     const rlim_t fileSizeLimit = args.first().startsWith("fsize:") ? args.takeFirst().mid(6).toULongLong() : 0;
