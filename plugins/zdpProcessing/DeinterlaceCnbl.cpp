@@ -138,7 +138,7 @@ void CxDeinterlaceCnbl::setTransform(ExTransformType transform, bool restart)
 
 bool CxDeinterlaceCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     const quint32 h = in.height;
     if (m_transform == TransformOddRows)
@@ -148,6 +148,9 @@ bool CxDeinterlaceCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInf
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 void CxDeinterlaceCnbl::deinterlaceRows(const SxPicBuf& in, SxPicBuf& out, ExTransformType transform)
@@ -178,7 +181,7 @@ void CxDeinterlaceCnbl::deinterlaceRows(const SxPicBuf& in, SxPicBuf& out, ExTra
 }
 
 IxChainData* CxDeinterlaceCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -210,4 +213,7 @@ IxChainData* CxDeinterlaceCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -414,7 +414,7 @@ void CxExtractChannelCnbl::listOfAvailableChannels(QList<QString>& names, QList<
 
 bool CxExtractChannelCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     out.channels = 1;
     out.isColor = false;
@@ -450,10 +450,13 @@ bool CxExtractChannelCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
     // A row too long for the field is left to the allocator, which refuses it.
     out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 IxChainData* CxExtractChannelCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -500,4 +503,7 @@ IxChainData* CxExtractChannelCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -371,7 +371,7 @@ bool CxFFT1DCnbl::picInfoForExtract(SxPicBufInfo& info) const
 
 bool CxFFT1DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                        const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     if (!CxFFT2DCnbl::isTransformableFormat(in))
         return false;
     out = in;
@@ -391,10 +391,13 @@ bool CxFFT1DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out
         outMeta->setColorFilterArray(CFA_NONE);
     }
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 void CxFFT1DCnbl::setupStart()
-{
+try {
     setupStop();
     SxPicBufInfo in, out;
     CxImageMetadata inMeta;
@@ -443,6 +446,8 @@ void CxFFT1DCnbl::setupStart()
 
     QMutexLocker lock(nodeMutex());
     m_plot->scaleTo(int(out.width), int(out.height));
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "setupStart", e);
 }
 
 void CxFFT1DCnbl::setupStop()
@@ -458,7 +463,7 @@ void CxFFT1DCnbl::setupStop()
 }
 
 IxChainData* CxFFT1DCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -532,4 +537,7 @@ IxChainData* CxFFT1DCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -275,7 +275,7 @@ bool CxFFT2DCnbl::isTransformableFormat(const SxPicBufInfo& info)
 
 bool CxFFT2DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                        const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     if (!isTransformableFormat(in))
         return false;
     out = in;
@@ -291,10 +291,13 @@ bool CxFFT2DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out
     if (outMeta && inMeta)
         *outMeta = *inMeta;
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 void CxFFT2DCnbl::setupStart()
-{
+try {
     setupStop();
     SxPicBufInfo in, out;
     CxImageMetadata inMeta;
@@ -326,6 +329,8 @@ void CxFFT2DCnbl::setupStart()
         // Cleared once: a cell or band fills only the top-left corner.
         CxPicBufAPI::AllocPicBufFromHeap(m_extract, work, true, 0);
     }
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "setupStart", e);
 }
 
 void CxFFT2DCnbl::setupStop()
@@ -337,7 +342,7 @@ void CxFFT2DCnbl::setupStop()
 }
 
 IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -393,4 +398,7 @@ IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -121,15 +121,18 @@ bool CxFilterImagesCnbl::passes(qint32 frameNumber, int modulo, int remainder)
 
 bool CxFilterImagesCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                               const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 IxChainData* CxFilterImagesCnbl::processData(IxChainData* data)
-{
+try {
     auto* input = qobject_cast<CxImageData*>(data);
     if (!input || !input->picBuf())
         return data;
@@ -137,4 +140,7 @@ IxChainData* CxFilterImagesCnbl::processData(IxChainData* data)
     values(modulo, remainder);
     // A dropped packet is freed by the host.
     return passes(input->picBuf()->frameNumber, modulo, remainder) ? data : nullptr;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

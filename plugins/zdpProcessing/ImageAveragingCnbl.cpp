@@ -1,4 +1,5 @@
 #include "ImageAveragingCnbl.h"
+#include "NodeKit.h"
 #include "ImageAveragingKernels.h"
 #include "ImageAveragingWidget.h"
 
@@ -314,7 +315,7 @@ int CxImageAveragingCnbl::frameCounter() const
 
 bool CxImageAveragingCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (m_mode == ModeMinTouches) {
         out.dataType = IDT_UINT16;
@@ -324,6 +325,9 @@ bool CxImageAveragingCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 CxImageAveragingCnbl::SxNeeds CxImageAveragingCnbl::needs() const
@@ -342,7 +346,7 @@ CxImageAveragingCnbl::SxNeeds CxImageAveragingCnbl::needs() const
 }
 
 void CxImageAveragingCnbl::setupStart()
-{
+try {
     QMutexLocker lock(nodeMutex());
     SxPicBufInfo in;
     if (!currentInputImageInfo(in, nullptr))
@@ -382,6 +386,8 @@ void CxImageAveragingCnbl::setupStart()
         m_frameCounter = 0;
     if (preparePicture(m_minTouches, need.minTouches, touchesFormat, 583, "MinTouches pic allocation failed."))
         m_frameCounter = 0;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "setupStart", e);
 }
 
 void CxImageAveragingCnbl::setupStop()
@@ -470,7 +476,7 @@ bool CxImageAveragingCnbl::computePassThrough(const SxPicBuf& frame, SxPicBuf& o
 }
 
 IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -562,4 +568,7 @@ IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -239,7 +239,7 @@ bool CxLutInmapCnbl::maximizeContrastForHisto(const CxHistoData* histo)
 
 bool CxLutInmapCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
@@ -259,10 +259,13 @@ bool CxLutInmapCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& 
         }
     }
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 IxChainData* CxLutInmapCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -321,4 +324,7 @@ IxChainData* CxLutInmapCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

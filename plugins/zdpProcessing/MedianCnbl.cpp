@@ -428,7 +428,7 @@ CxMedianCnbl::SxPlaneLayout CxMedianCnbl::planeLayout(const SxPicBufInfo& info, 
 }
 
 void CxMedianCnbl::setupStart()
-{
+try {
     CxImageProvider::setupStart();
     freePlanes();
 
@@ -462,6 +462,8 @@ void CxMedianCnbl::setupStart()
             return;
         }
     }
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "setupStart", e);
 }
 
 void CxMedianCnbl::setupStop()
@@ -492,11 +494,14 @@ bool CxMedianCnbl::planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) co
 
 bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                         const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius)
@@ -507,7 +512,7 @@ bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta,
 }
 
 IxChainData* CxMedianCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -561,4 +566,7 @@ IxChainData* CxMedianCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -240,12 +240,15 @@ QString CxMosaicStatFilterChnbl::help(QString& anchor)
 
 bool CxMosaicStatFilterChnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                    const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     return outputFormat(statFilter(), interpolation(), in, out, inMeta, outMeta);
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 IxChainData* CxMosaicStatFilterChnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -314,4 +317,7 @@ IxChainData* CxMosaicStatFilterChnbl::processData(IxChainData* data)
         clearErrorMessage();
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -1,5 +1,8 @@
 #include "NodeKit.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+
 #include <limits>
 
 namespace nodekit {
@@ -56,6 +59,13 @@ void bandSize(const CxHsiCameraParams::CxFilterZone& zone, quint32 inWidth, quin
         h /= zone.patternHeight;
     width = quint32(qBound<qint64>(0, w, std::numeric_limits<quint32>::max()));
     height = quint32(qBound<qint64>(0, h, std::numeric_limits<quint32>::max()));
+}
+
+void tellFailure(CxChainable* node, const char* where, const std::exception& e)
+{
+    const QString what = QString::fromLocal8Bit(e.what());
+    qCritical().noquote() << node->title() << where << "failed:" << what;
+    node->setErrorMessage(QCoreApplication::translate("nodekit", "The node failed (%1).").arg(what));
 }
 
 } // namespace nodekit

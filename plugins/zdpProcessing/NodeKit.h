@@ -14,6 +14,8 @@
 
 #include <QtCore/QString>
 
+#include <exception>
+
 namespace nodekit {
 
 // The setter with restart: with restart set and a running chain, the chain is
@@ -72,5 +74,13 @@ bool firstFilterZone(const CxHsiCameraParams& hsi, CxHsiCameraParams::CxFilterZo
 // the samples there are (0 x 0 when the zone misses the picture).
 void bandSize(const CxHsiCameraParams::CxFilterZone& zone, quint32 inWidth, quint32 inHeight,
               quint32& width, quint32& height, bool insidePicture = false);
+
+// Nothing is thrown across the node contract. Each node's
+// queryOutputImageInfo, setupStart and processData is a function-try-block
+// whose handler calls this: the failure (in practice an allocation that a
+// hostile size made impossible) goes to Qt's critical stream and into the
+// node's message; the call then answers false, leaves the node unstarted,
+// or gives no output.
+void tellFailure(CxChainable* node, const char* where, const std::exception& e);
 
 } // namespace nodekit

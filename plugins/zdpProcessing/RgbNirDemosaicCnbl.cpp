@@ -498,7 +498,7 @@ int CxRgbNirDemosaicCnbl::pixelIndexInMosaic(const CxImageMetadata* meta, const 
 
 bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
@@ -521,10 +521,13 @@ bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
         outMeta->setHsiCameraParams(CxHsiCameraParams());
     }
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 IxChainData* CxRgbNirDemosaicCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -587,4 +590,7 @@ IxChainData* CxRgbNirDemosaicCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

@@ -396,7 +396,7 @@ ExColorFilterArray CxRotateImageCnbl::rotatedColorFilterArray(ExColorFilterArray
 
 bool CxRotateImageCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     out.width = in.height;
     out.height = in.width;
@@ -407,6 +407,9 @@ bool CxRotateImageCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInf
         outMeta->updateFromPicBufInfo(&out);
     }
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 bool CxRotateImageCnbl::rotatePicture(const SxPicBuf& in, SxPicBuf& out, bool clockwise)
@@ -427,7 +430,7 @@ bool CxRotateImageCnbl::rotatePicture(const SxPicBuf& in, SxPicBuf& out, bool cl
 }
 
 IxChainData* CxRotateImageCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -464,4 +467,7 @@ IxChainData* CxRotateImageCnbl::processData(IxChainData* data)
     output->setMetadata(&outMeta);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }

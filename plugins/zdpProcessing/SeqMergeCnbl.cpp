@@ -133,7 +133,7 @@ void CxSeqMergeCnbl::setPassCompleteOnly(bool passCompleteOnly, bool restart)
 
 bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-{
+try {
     out = in;
     if (outMeta)
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
@@ -155,10 +155,13 @@ bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& 
             out.height = quint32(height);
     }
     return true;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "queryOutputImageInfo", e);
+    return false;
 }
 
 void CxSeqMergeCnbl::setupStart()
-{
+try {
     CxImageProvider::setupStart();
     freeWorkingPic();
     SxPicBufInfo in, out;
@@ -192,6 +195,8 @@ void CxSeqMergeCnbl::setupStart()
     m_tileHeight = in.height;
     m_tileCols = cols;
     m_tileRows = rows;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "setupStart", e);
 }
 
 void CxSeqMergeCnbl::setupStop()
@@ -288,7 +293,7 @@ CxImageData* CxSeqMergeCnbl::createOutputDataAndResetWorkingPic(CxImageData* inp
 }
 
 IxChainData* CxSeqMergeCnbl::processData(IxChainData* data)
-{
+try {
     if (!data)
         return nullptr;
     if (state() == StateStopping)
@@ -319,4 +324,7 @@ IxChainData* CxSeqMergeCnbl::processData(IxChainData* data)
         output = createOutputDataAndResetWorkingPic(input);
     delete data;
     return output;
+} catch (const std::exception& e) {
+    nodekit::tellFailure(this, "processData", e);
+    return nullptr;
 }
