@@ -43,8 +43,22 @@ int keepFirstError(TIFF*, void* user, const char* module, const char* fmt, va_li
     return 1;
 }
 
-int ignoreWarning(TIFF*, void*, const char*, const char*, va_list)
+// Warnings stay silent unless they mean part of the file was lost (a tag
+// whose data lies past the end, a count cut short): those count as errors,
+// so that a frame is never read with part of its meaning dropped.
+int keepDataLoss(TIFF* tif, void* user, const char* module, const char* fmt, va_list ap)
 {
+    char text[512];
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    const QString warning = QString::fromLocal8Bit(text);
+    if (warning.contains(QLatin1String("IO error")) || warning.contains(QLatin1String("tag ignored"))
+        || warning.contains(QLatin1String("Incorrect count"))) {
+        auto* first = static_cast<QString*>(user);
+        if (first->isEmpty())
+            *first = warning;
+    }
+    Q_UNUSED(tif);
+    Q_UNUSED(module);
     return 1;
 }
 
@@ -58,7 +72,7 @@ TiffPtr openTiff(const QString& path, const char* mode, QString* firstError)
 {
     TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
     TIFFOpenOptionsSetErrorHandlerExtR(opts, keepFirstError, firstError);
-    TIFFOpenOptionsSetWarningHandlerExtR(opts, ignoreWarning, nullptr);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, keepDataLoss, firstError);
     // A corrupt header must not make libtiff ask for absurd amounts.
     TIFFOpenOptionsSetMaxSingleMemAlloc(opts, tmsize_t(PictureFile::MaxBytes));
     TiffPtr tif(TIFFOpenExt(QFile::encodeName(path).constData(), mode, opts));
@@ -461,6 +475,10 @@ bool scan(const QString& path, SxPages& pages, QString* error)
         return false;
     }
     TIFF* t = tif.get();
+    if (!libError.isEmpty()) {
+        *error = PictureFile::fileError(path, corrupt(libError));
+        return false;
+    }
     const qint64 images = imageJImages(t);
     while (true) {
         uint32_t subfileType = 0;
@@ -470,9 +488,10 @@ bool scan(const QString& path, SxPages& pages, QString* error)
         if (!(subfileType & FILETYPE_REDUCEDIMAGE) && oldSubfileType != OFILETYPE_REDUCEDIMAGE)
             pages.directories.push_back(TIFFCurrentDirOffset(t));
         libError.clear();
-        if (!TIFFReadDirectory(t)) {
-            if (libError.isEmpty())
-                break;
+        const bool more = TIFFReadDirectory(t);
+        if (!more && libError.isEmpty())
+            break;
+        if (!libError.isEmpty()) {
             // Numbered as the frames are, thumbnails not counted.
             const qint64 page = qint64(pages.directories.size());
             *error = PictureFile::fileError(PictureFile::frameName(path, PictureFile::UnitPage, page, 0),
@@ -514,7 +533,7 @@ bool readPage(const QString& path, const SxPages& pages, qint64 page, const QStr
         return fail(libError.isEmpty() ? tr("cannot read the file as TIFF") : corrupt(libError));
     TIFF* t = tif.get();
     const quint64 directory = pages.directories.at(pages.imageJImages > 0 ? 0 : size_t(page));
-    if (TIFFCurrentDirOffset(t) != directory && !TIFFSetSubDirectory(t, directory))
+    if ((TIFFCurrentDirOffset(t) != directory && !TIFFSetSubDirectory(t, directory)) || !libError.isEmpty())
         return fail(corrupt(libError));
 
     SxPicBufInfo format;

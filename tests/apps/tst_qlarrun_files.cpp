@@ -704,6 +704,8 @@ void TestQlarrunFiles::failures_data()
 
     QTest::newRow("TIFF cut inside its samples") << QStringList{"@/cut-samples.tif"} << 2
                                                  << QStringList{"cut-samples.tif", "truncated"};
+    QTest::newRow("TIFF description past the end") << QStringList{"@/cut-description.tif"} << 2
+                                                   << QStringList{"cut-description.tif", "ImageDescription"};
     QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
                                               << QStringList{"strip-in-header.tif", "header"};
     QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
@@ -798,6 +800,15 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
     QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
+    // Our own TIFF, its ImageDescription (filter array, bits) claiming more
+    // bytes than the file holds.
+    QByteArray described = fileBytes(dir.filePath("grey.tif"));
+    const auto u16 = [&](int at) { return quint32(uchar(described[at])) | quint32(uchar(described[at + 1])) << 8; };
+    const quint32 ifd = u16(4) | u16(6) << 16;
+    for (quint32 i = 0, n = u16(int(ifd)); i < n; ++i)
+        if (u16(int(ifd + 2 + 12 * i)) == 270)
+            described[int(ifd + 2 + 12 * i + 6)] = char(0x7f);  // count + 8 MB
+    QVERIFY(writeFile(dir.filePath("cut-description.tif"), described));
     QImage image(32, 16, QImage::Format_Grayscale8);
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
