@@ -35,7 +35,12 @@ class QDomElement;
 // elements and attributes are ignored so that newer files still load; a
 // missing or non-numeric required attribute, a value out of range or a band
 // count that does not fill the pattern is an error that names its line, and
-// leaves the object empty.
+// leaves the object empty. A zone may reach past any real sensor (corners up
+// to the int range, left and top not negative): the description says
+// nothing of the frames it will meet, so the loader does not guess a largest
+// sensor. Whatever meets a frame sizes its work from the part of the zone
+// inside that frame, and output formats that the zone fixes (Extract
+// Channel, Mosaic Filter) are refused by the pool when too large.
 class QLARCORE_EXPORT CxHsiCameraParams
 {
 public:
