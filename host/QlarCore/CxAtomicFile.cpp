@@ -53,31 +53,28 @@ bool putInPlace(const QByteArray& temporary, const QString& path, QString* reaso
 
 bool CxAtomicFile::write(const QString& path, const QByteArray& bytes, QString* reason)
 {
-    if (reason)
-        reason->clear();
-    QByteArray temporary;
-    int error = 0;
-    const int fd = createBeside(path, temporary, error);
-    if (fd < 0)
-        return fail(QByteArray(), error, reason);
-    const char* at = bytes.constData();
-    qint64 left = bytes.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, at, size_t(left));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            error = n < 0 ? errno : EIO;
-            ::close(fd);
-            return fail(temporary, error, reason);
+    return writeVia(path, [&](const QString& temporary, QString*) {
+        const int fd = ::open(QFile::encodeName(temporary).constData(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+        if (fd < 0)
+            return false;
+        const char* at = bytes.constData();
+        qint64 left = bytes.size();
+        while (left > 0) {
+            const ssize_t n = ::write(fd, at, size_t(left));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                const int error = n < 0 ? errno : EIO;
+                ::close(fd);
+                errno = error;
+                return false;
+            }
+            at += n;
+            left -= n;
         }
-        at += n;
-        left -= n;
-    }
-    // Network file systems may report a full disk only here.
-    if (::close(fd) != 0)
-        return fail(temporary, errno, reason);
-    return putInPlace(temporary, path, reason);
+        // Network file systems may report a full disk only here.
+        return ::close(fd) == 0;
+    }, reason);
 }
 
 bool CxAtomicFile::writeVia(const QString& path, const PathWriter& writeTo, QString* reason)
