@@ -3,6 +3,7 @@
 #include "PictureFile.h"
 
 #include <CxAtomicFile.h>
+#include <CxXmlReader.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
@@ -130,8 +131,14 @@ bool applyPictureDescription(const QByteArray& text, SxPicBufInfo& format, CxIma
     if (!text.trimmed().startsWith('<'))
         return true;
     QDomDocument doc;
-    if (!doc.setContent(text))
-        return true;  // someone else's markup
+    QString why;
+    if (!CxXmlReader::parse(text, doc, &why)) {
+        // Someone else's markup is left alone; ours must read whole.
+        if (!text.contains(DescriptionElement))
+            return true;
+        *error = tr("its description cannot be read (%1)").arg(why);
+        return false;
+    }
     const QDomElement root = doc.documentElement();
     if (root.tagName() != QLatin1String(DescriptionElement))
         return true;

@@ -2,6 +2,7 @@
 #include "CxAtomicFile.h"
 #include "CxChainable.h"
 #include "CxRTTI.h"
+#include "CxXmlReader.h"
 #include "SxCameraDescription.h"
 
 #include <QtCore/QFile>
@@ -149,30 +150,18 @@ QList<CxChainable*> CxChainDocument::load(const QDomDocument& doc, QString* erro
 QList<CxChainable*> CxChainDocument::loadFromString(const QString& xml, QString* error, SxCameraDescription* input)
 {
     QDomDocument doc;
-    QString msg;
-    int line = 0, column = 0;
-    if (!doc.setContent(xml, &msg, &line, &column)) {
-        if (error)
-            *error = QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(msg);
+    if (!CxXmlReader::parse(xml.toUtf8(), doc, error))
         return {};
-    }
     return load(doc, error, input);
 }
 
 QList<CxChainable*> CxChainDocument::loadFromFile(const QString& path, QString* error, SxCameraDescription* input)
 {
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly)) {
-        if (error)
-            *error = QStringLiteral("%1: %2").arg(path, f.errorString());
-        return {};
-    }
     QDomDocument doc;
     QString msg;
-    int line = 0, column = 0;
-    if (!doc.setContent(&f, &msg, &line, &column)) {
+    if (!CxXmlReader::parseFile(path, doc, &msg)) {
         if (error)
-            *error = QStringLiteral("%1:%2:%3: %4").arg(path).arg(line).arg(column).arg(msg);
+            *error = QStringLiteral("%1: %2").arg(path, msg);
         return {};
     }
     QString why;

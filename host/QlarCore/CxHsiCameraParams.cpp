@@ -1,5 +1,6 @@
 #include "CxHsiCameraParams.h"
 #include "CxAtomicFile.h"
+#include "CxXmlReader.h"
 
 #include <QtCore/QFile>
 #include <QtXml/QDomDocument>
@@ -316,13 +317,8 @@ bool CxHsiCameraParams::fromXmlString(const QString& xml, QString* error)
 {
     clear();
     QDomDocument doc;
-    QString msg;
-    int line = 0, column = 0;
-    if (!doc.setContent(xml, &msg, &line, &column)) {
-        if (error)
-            *error = QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(msg);
+    if (!CxXmlReader::parse(xml.toUtf8(), doc, error))
         return false;
-    }
     const QDomElement root = doc.documentElement();
     if (root.tagName() != QLatin1String(ElementName)) {
         if (error)
@@ -353,7 +349,9 @@ bool CxHsiCameraParams::loadFromFile(const QString& path, QString* error)
         return false;
     }
     QString err;
-    if (!fromXmlString(QString::fromUtf8(f.readAll()), &err)) {
+    if (f.size() > CxXmlReader::maxBytes())
+        err = CxXmlReader::tooLarge(f.size());
+    if (!err.isEmpty() || !fromXmlString(QString::fromUtf8(f.readAll()), &err)) {
         if (error)
             *error = QStringLiteral("%1: %2").arg(path, err);
         return false;

@@ -1,4 +1,5 @@
 #include "SxCameraDescription.h"
+#include "CxXmlReader.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
@@ -83,16 +84,14 @@ void SxCameraDescription::saveToElement(QDomDocument& doc, QDomElement& parent) 
 bool SxCameraDescription::loadFromFile(const QString& path, QString* error)
 {
     *this = SxCameraDescription();
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = tr("%1: cannot open the camera description (%2)").arg(path, file.errorString());
+    if (!QFile::exists(path)) {
+        *error = tr("%1: cannot open the camera description (%2)").arg(path, tr("No such file or directory"));
         return false;
     }
     QDomDocument doc;
     QString message;
-    int line = 0, column = 0;
-    if (!doc.setContent(&file, &message, &line, &column)) {
-        *error = tr("%1: line %2: %3").arg(path).arg(line).arg(message);
+    if (!CxXmlReader::parseFile(path, doc, &message)) {
+        *error = tr("%1: %2").arg(path, message);
         return false;
     }
     QString why;

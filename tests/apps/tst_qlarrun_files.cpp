@@ -763,6 +763,8 @@ void TestQlarrunFiles::failures_data()
                                                     << QStringList{"chain-unknown.xml"};
     QTest::newRow("first frame refused") << QStringList{"@/float.tif", "--node", "Fast Fourier Transform 2D"} << 3
                                          << QStringList{"float.tif", "FFT 2D"};
+    QTest::newRow("chain document nested too deep") << QStringList{"--chain", "@/chain-deep.xml"} << 2
+                                                    << QStringList{"chain-deep.xml", "QLAR_XML_MAX_DEPTH"};
     QTest::newRow("document a node refuses") << QStringList{"--chain", "@/chain-median.xml"} << 2
                                              << QStringList{"chain-median.xml", "line 1", "kernelSize"};
     QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
@@ -841,6 +843,7 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
                       "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
     QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
+    QVERIFY(writeFile(dir.filePath("chain-deep.xml"), "<QlarChain version=\"1\">" + QByteArray("<a>").repeated(2000)));
     QVERIFY(writeFile(dir.filePath("chain-median.xml"),
                       "<QlarChain version=\"1\"><Chainable uniqueId=\"de.korvel.Vistrel.CxMedianCnbl\"/></QlarChain>"));
     QVERIFY(QDir(dir.path()).mkpath("blocked/frame_000000.png"));
