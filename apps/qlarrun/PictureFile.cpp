@@ -13,14 +13,38 @@ QString fileError(const QString& path, const QString& what)
     return QStringLiteral("%1: %2").arg(path, what);
 }
 
-bool preparePicture(SxPicBuf& pic, const SxPicBufInfo& format, QString* error)
+quint64 maxSamples()
+{
+    bool ok = false;
+    const quint64 value = qEnvironmentVariable("QLAR_MAX_PICTURE_SAMPLES").toULongLong(&ok);
+    return ok && value > 0 ? value : DefaultMaxSamples;
+}
+
+QString beyondLimits(const SxPicBufInfo& format)
 {
     const quint64 rowBytes = format.packedLineBytes();
     if (format.width == 0 || format.height == 0 || format.width > MaxSide || format.height > MaxSide
         || format.channels == 0 || rowBytes > MaxBytes || rowBytes * format.height > MaxBytes
-        || !isFileSampleType(format.dataType)) {
-        *error = QCoreApplication::translate("PictureFile", "a picture of %1 is beyond what this program reads")
-                     .arg(format.describe());
+        || !isFileSampleType(format.dataType))
+        return QCoreApplication::translate("PictureFile", "a picture of %1 is beyond what this program reads")
+            .arg(format.describe());
+    const quint64 samples = quint64(format.width) * format.height * format.channels;
+    if (samples > maxSamples())
+        return QCoreApplication::translate("PictureFile",
+                                           "a picture of %1 has %2 samples, more than the limit of %3 "
+                                           "(QLAR_MAX_PICTURE_SAMPLES raises it)")
+            .arg(format.describe())
+            .arg(samples)
+            .arg(maxSamples());
+    return QString();
+}
+
+bool preparePicture(SxPicBuf& pic, const SxPicBufInfo& format, QString* error)
+{
+    const quint64 rowBytes = format.packedLineBytes();
+    const QString beyond = beyondLimits(format);
+    if (!beyond.isEmpty()) {
+        *error = beyond;
         return false;
     }
     SxPicBufInfo packed = format;

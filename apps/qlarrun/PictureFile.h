@@ -12,6 +12,13 @@ namespace PictureFile {
 // frames: their byte counts would strain the 32-bit pitch of the format.
 constexpr quint32 MaxSide = 65535;
 constexpr quint64 MaxBytes = quint64(1) << 31;
+// The most samples a picture read from a file may have (2^28, a 16384 x
+// 16384 mono frame), so that a small file whose header claims a huge picture
+// is refused before any memory is taken. QLAR_MAX_PICTURE_SAMPLES raises it.
+constexpr quint64 DefaultMaxSamples = quint64(1) << 28;
+quint64 maxSamples();
+// Empty when a picture of format may be read; else why not.
+QString beyondLimits(const SxPicBufInfo& format);
 
 // "path: what", the shape of every file message.
 QString fileError(const QString& path, const QString& what);

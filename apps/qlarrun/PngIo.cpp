@@ -118,7 +118,7 @@ struct SxPngInput
     const uchar* data = nullptr;
     size_t size = 0;
     size_t pos = 0;
-    char message[200] = {};
+    char message[256] = {};
 };
 
 void pngError(png_structp png, png_const_charp message)
@@ -149,7 +149,24 @@ struct SxDecoded
     size_t rowBytes = 0;
     bool fromColour = false;  // RGB or palette in the file: grey pixels make it grey
     SxPngInput input;
+    char refusal[200] = {};
 };
+
+// A header that claims more than this program reads is refused before the
+// pixels are allocated.
+bool withinLimits(SxDecoded& d)
+{
+    SxPicBufInfo claimed;
+    claimed.width = d.width;
+    claimed.height = d.height;
+    claimed.channels = d.channels;
+    claimed.dataType = d.bytesPerSample == 2 ? IDT_UINT16 : IDT_UINT8;
+    QString beyond = PictureFile::beyondLimits(claimed);
+    if (beyond.isEmpty() && quint64(d.rowBytes) * d.height > PictureFile::MaxBytes)
+        beyond = tr("the picture is larger than any this program reads");
+    std::snprintf(d.refusal, sizeof d.refusal, "%s", beyond.toLocal8Bit().constData());
+    return beyond.isEmpty();
+}
 
 bool decodePng(const QByteArray& bytes, SxDecoded& out, QString* why)
 {
@@ -193,8 +210,10 @@ bool decodePng(const QByteArray& bytes, SxDecoded& out, QString* why)
     out.channels = png_get_channels(png, info);
     out.bytesPerSample = png_get_bit_depth(png, info) / 8;
     out.rowBytes = png_get_rowbytes(png, info);
-    if (quint64(out.rowBytes) * out.height > PictureFile::MaxBytes)
-        png_error(png, "the picture is larger than any this program reads");
+    // No C++ object may be alive when png_error jumps: the check leaves its
+    // words in a buffer.
+    if (!withinLimits(out))
+        png_error(png, out.refusal);
     out.pixels.resize(out.rowBytes * out.height);
     out.rows.resize(out.height);
     for (quint32 y = 0; y < out.height; ++y)

@@ -215,7 +215,11 @@ bool readTiles(TIFF* tif, SxPicBuf& pic)
         return false;
     const quint64 tileRowBytes = quint64(tileWidth) * pic.bytesPerPixel();
     const quint64 tileBytes = tileRowBytes * tileHeight;
-    if (quint64(TIFFTileSize64(tif)) != tileBytes || tileBytes > PictureFile::MaxBytes)
+    // A tile may overhang the picture, but not by more than a small multiple
+    // of it: a small file must not cost a huge buffer.
+    const quint64 pictureBytes = pic.packedLineBytes() * pic.height;
+    if (quint64(TIFFTileSize64(tif)) != tileBytes || tileBytes > PictureFile::MaxBytes
+        || tileBytes > qMax<quint64>(4 * pictureBytes, quint64(1) << 20))
         return false;
     std::vector<uchar> tile(static_cast<size_t>(tileBytes));
     for (quint32 y = 0; y < pic.height; y += tileHeight) {
@@ -245,9 +249,34 @@ bool blocksInFile(TIFF* t, quint64 fileSize, QString* why)
     }
     const quint64 header = TIFFIsBigTIFF(t) ? 16 : 8;
     const QString kind = tiled ? tr("tile") : tr("strip");
+    // Uncompressed blocks hold exactly their rows' bytes: a header that
+    // claims more rows than the file has bytes for is cut short.
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
+    uint32_t height = 0, rowsPerStrip = 0;
+    TIFFGetField(t, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
+    rowsPerStrip = qBound<uint32_t>(1, rowsPerStrip, qMax<uint32_t>(height, 1));
+    const auto needed = [&](uint32_t i) -> quint64 {
+        if (compression != COMPRESSION_NONE)
+            return 0;
+        if (tiled)
+            return quint64(TIFFTileSize64(t));
+        const quint64 first = quint64(i) * rowsPerStrip;
+        const quint64 rows = first < height ? qMin<quint64>(rowsPerStrip, height - first) : 0;
+        return rows * quint64(TIFFScanlineSize64(t));
+    };
     for (uint32_t i = 0; i < blocks; ++i) {
         if (offsets[i] < header) {
             *why = tr("the TIFF is corrupt: %1 %2 starts at offset %3, inside the file's header").arg(kind).arg(i).arg(offsets[i]);
+            return false;
+        }
+        if (counts[i] < needed(i)) {
+            *why = tr("the TIFF is truncated: %1 %2 holds %3 bytes of the %4 its pixels need")
+                       .arg(kind)
+                       .arg(i)
+                       .arg(counts[i])
+                       .arg(needed(i));
             return false;
         }
         if (counts[i] > fileSize || offsets[i] > fileSize - counts[i]) {
@@ -545,9 +574,11 @@ bool readPage(const QString& path, const SxPages& pages, qint64 page, const QStr
 
     SxPicBufInfo format;
     QString why;
-    if (!pageFormat(t, format, meta, &why) || !PictureFile::preparePicture(pic, format, &why))
-        return fail(why);
-    if (pages.imageJImages == 0 && !blocksInFile(t, quint64(QFileInfo(path).size()), &why))
+    // Checked before the picture is allocated: what the header claims must
+    // fit the limits and the file.
+    if (!pageFormat(t, format, meta, &why)
+        || (pages.imageJImages == 0 && !blocksInFile(t, quint64(QFileInfo(path).size()), &why))
+        || !PictureFile::preparePicture(pic, format, &why))
         return fail(why);
     const bool ok = pages.imageJImages > 0 ? readImageJFrame(t, path, page, pic)
                     : TIFFIsTiled(t)       ? readTiles(t, pic)

@@ -706,6 +706,8 @@ void TestQlarrunFiles::failures_data()
                                                  << QStringList{"cut-samples.tif", "truncated"};
     QTest::newRow("TIFF description past the end") << QStringList{"@/cut-description.tif"} << 2
                                                    << QStringList{"cut-description.tif", "ImageDescription"};
+    QTest::newRow("TIFF claiming 2 GB in 150 bytes") << QStringList{"@/big-claim.tif"} << 2
+                                                    << QStringList{"big-claim.tif", "truncated"};
     QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
                                               << QStringList{"strip-in-header.tif", "header"};
     QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
@@ -802,6 +804,7 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
     QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
+    QVERIFY(writeFile(dir.filePath("big-claim.tif"), handmadeTiff(32768, 65520, QByteArray(32, 'x'))));
     // Our own TIFF, its ImageDescription (filter array, bits) claiming more
     // bytes than the file holds.
     QByteArray described = fileBytes(dir.filePath("grey.tif"));
