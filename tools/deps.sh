@@ -14,6 +14,8 @@ PACKAGES=(
     # -dev package does not depend on it. The tools bring the GigE Vision
     # camera simulator, Xvfb the real window the viewer's tests open.
     libaravis-dev libusb-1.0-0-dev aravis-tools xvfb xauth
+    # libFuzzer targets: clang and its fuzzer and sanitizer runtimes.
+    clang libclang-rt-14-dev
 )
 
 missing=()

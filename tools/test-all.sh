@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite, twice: a plain build, then an AddressSanitizer +
 # UndefinedBehaviorSanitizer build in which any report fails the run; then
-# the chain's tests in a ThreadSanitizer build.
+# the chain's tests in a ThreadSanitizer build, and every fuzz target over
+# its checked-in corpus and a bounded number of mutations.
 # Installs what is missing first. Exit status 0 only when all pass.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -35,5 +36,8 @@ cmake --build "$root/build/test-tsan" --target tst_chain -j"$jobs"
 TSAN_OPTIONS="halt_on_error=1:suppressions=$root/tools/tsan.supp" OMP_NUM_THREADS=1 \
     ctest --test-dir "$root/build/test-tsan" --output-on-failure -R '^tst_chain$' || status=1
 
-[ $status -eq 0 ] && echo "== all tests passed (plain, address and thread sanitizer builds)" || echo "== tests FAILED" >&2
+echo "== fuzz targets (clang, ASan + UBSan): checked-in corpus and bounded mutations"
+bash "$root/tools/fuzz.sh" --runs 20000 || status=1
+
+[ $status -eq 0 ] && echo "== all tests passed (plain, sanitizer and fuzz builds)" || echo "== tests FAILED" >&2
 exit $status

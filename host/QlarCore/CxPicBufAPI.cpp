@@ -14,9 +14,18 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcPicBuf, "qlar.picbuf")
 
-// Formats from files and settings can be absurd; refuse them instead of
-// asking the allocator for terabytes.
-constexpr quint64 MaxPictureBytes = quint64(8) << 30;
+// Formats from files, settings and sensor descriptions can be absurd; refuse
+// them instead of asking the allocator for terabytes. 8 GiB a picture unless
+// QLAR_MAX_PICTURE_BYTES says otherwise (the fuzz targets lower it).
+quint64 maxPictureBytes()
+{
+    static const quint64 limit = [] {
+        bool ok = false;
+        const quint64 value = qEnvironmentVariable("QLAR_MAX_PICTURE_BYTES").toULongLong(&ok);
+        return ok && value > 0 ? value : quint64(8) << 30;
+    }();
+    return limit;
+}
 constexpr quint64 Alignment = 64;
 
 std::atomic<qint64> g_outstanding{0};
@@ -37,7 +46,7 @@ bool layout(const SxPicBufInfo& f, quint32& pitch, quint64& bytes)
     if (p < packed || p > 0xffffffffull)
         return false;
     bytes = p * f.height;
-    if (bytes > MaxPictureBytes)
+    if (bytes > maxPictureBytes())
         return false;
     pitch = quint32(p);
     return true;
@@ -169,7 +178,7 @@ bool CxPicBufAPI::AllocPicBufFromHeap(SxPicBuf& pic, const SxPicBufInfo& format,
     if (!layout(format, pitch, bytes))
         return false;
     bytes = qMax<quint64>(bytes, minBytes);
-    if (bytes > MaxPictureBytes)
+    if (bytes > maxPictureBytes())
         return false;
     uchar* mem = alignedAlloc(bytes);
     if (!mem) {
@@ -248,8 +257,9 @@ bool CxPicBufAPI::CopyPicBuf(SxPicBuf& dst, const SxPicBuf& src, bool allowAlloc
     dst.setPicFormat(src);
     dst.linePitch = pitch;
     const quint64 row = src.packedLineBytes();
-    if (pitch == src.linePitch && src.height) {
-        std::memcpy(dst.data, src.data, size_t(quint64(pitch) * (src.height - 1) + row));
+    if (pitch == src.linePitch) {
+        // What the source holds: nothing at all for a picture 0 samples wide.
+        std::memcpy(dst.data, src.data, size_t(src.requiredBytes()));
     } else {
         for (quint32 y = 0; y < src.height; ++y)
             std::memcpy(dst.rowPtr(y), src.rowPtr(y), size_t(row));

@@ -8,7 +8,9 @@ static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "colour pictures are laid out for
 
 quint64 SxPicBufInfo::requiredBytes() const
 {
-    if (width == 0 || height == 0)
+    // A picture 0 samples wide still spans its pitches: row copies that go
+    // by the pitch must find them.
+    if (height == 0)
         return 0;
     return effectiveLinePitch() * (height - 1) + packedLineBytes();
 }
