@@ -46,9 +46,6 @@ class TestProcessingPlugin : public QObject
 private slots:
     void initTestCase();
     void metadata();
-    void instanceIsShared();
-    void interfaceCasts_data();
-    void interfaceCasts();
     void selfDescription();
     void registration_data();
     void registration();
@@ -81,44 +78,6 @@ void TestProcessingPlugin::metadata()
     QCOMPARE(meta.value("IID").toString(), QStringLiteral("de.korvel.Vistrel.CxProcessingPlugin"));
     QCOMPARE(meta.value("className").toString(), QStringLiteral("CxProcessingPlugin"));
     QVERIFY(meta.value("MetaData").toObject().isEmpty());
-}
-
-void TestProcessingPlugin::instanceIsShared()
-{
-    QCOMPARE(m_loader.instance(), m_instance);
-
-    // A second loader of the same file reaches the same process-wide object.
-    QPluginLoader other(QString::fromUtf8(kPluginPath));
-    QCOMPARE(other.instance(), m_instance);
-    QVERIFY(!m_instance->parent());
-}
-
-void TestProcessingPlugin::interfaceCasts_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::addColumn<QString>("expected");  // "plugin", "interface" or "none"
-
-    QTest::newRow("own class") << QByteArray("CxProcessingPlugin") << "plugin";
-    QTest::newRow("QObject") << QByteArray("QObject") << "plugin";
-    QTest::newRow("interface class") << QByteArray("CxPlugin") << "interface";
-    QTest::newRow("interface id") << QByteArray("de.korvel.CxPlugin") << "interface";
-    QTest::newRow("plug-in IID is no interface")
-        << QByteArray("de.korvel.Vistrel.CxProcessingPlugin") << "none";
-    QTest::newRow("wrong case") << QByteArray("cxplugin") << "none";
-}
-
-void TestProcessingPlugin::interfaceCasts()
-{
-    QFETCH(QByteArray, name);
-    QFETCH(QString, expected);
-
-    void* answer = m_instance->qt_metacast(name.constData());
-    if (expected == QLatin1String("plugin"))
-        QCOMPARE(answer, static_cast<void*>(m_instance));
-    else if (expected == QLatin1String("interface"))
-        QCOMPARE(answer, static_cast<void*>(m_plugin));
-    else
-        QCOMPARE(answer, nullptr);
 }
 
 void TestProcessingPlugin::selfDescription()
