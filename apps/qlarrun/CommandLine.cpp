@@ -4,8 +4,10 @@
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QTextStream>
 
 #include <limits>
+#include <type_traits>
 
 namespace {
 
@@ -107,6 +109,202 @@ bool CxCommandLine::parseSize(const QString& text, quint32& width, quint32& heig
     return true;
 }
 
+namespace {
+
+// qlarrun's options, declared once; parse() reads them in steps.
+struct SxOptionSet
+{
+    Q_DECLARE_TR_FUNCTIONS(CxCommandLine)
+public:
+    static QCommandLineOption flag(const char* name, const QString& description)
+    {
+        return QCommandLineOption(QString::fromLatin1(name), description);
+    }
+    static QCommandLineOption valued(const char* name, const QString& description, const QString& valueName)
+    {
+        return QCommandLineOption(QString::fromLatin1(name), description, valueName);
+    }
+
+    const QCommandLineOption help{QStringList{QStringLiteral("h"), QStringLiteral("help")}, tr("Shows this help.")};
+    const QCommandLineOption version = flag("version", tr("Shows the version."));
+    const QCommandLineOption list = flag("list", tr("Lists the nodes: name, unique id and help, tab-separated."));
+    const QCommandLineOption describe =
+        valued("describe", tr("Shows a node's help and its default settings as XML."), tr("node"));
+    const QCommandLineOption plugins =
+        valued("plugins", tr("Loads plug-ins from <dir> (default: $QLAR_PLUGIN_DIR, else the build tree's)."),
+               tr("dir"));
+    const QCommandLineOption chain = valued("chain", tr("Loads the chain from a chain document."), tr("file"));
+    const QCommandLineOption node =
+        valued("node", tr("Appends a node, e.g. \"Extract Channel:channelIdx=1\"; repeatable."),
+               tr("name[:key=value...]"));
+    const QCommandLineOption saveChain =
+        valued("save-chain", tr("Writes the built chain as a chain document."), tr("file"));
+    const QCommandLineOption camera =
+        valued("camera",
+               tr("Built-in camera: %1 (default bayer8).").arg(CxInputFactory::cameraKinds().join(QLatin1Char('|'))),
+               tr("kind"));
+    const QCommandLineOption size = valued("size", tr("Camera frame size (default 640x480)."), tr("WxH"));
+    const QCommandLineOption seed = valued("seed", tr("Noise seed of the camera."), tr("n"));
+    const QCommandLineOption frames =
+        valued("frames", tr("Frames to run (default: 8 from the camera, every file)."), tr("n"));
+    const QCommandLineOption cfa = valued("cfa",
+                                          tr("Filter array: 1..6 for the Bayer cameras; 0..7 for files (7 needs a "
+                                             "hyperspectral description)."),
+                                          tr("n"));
+    const QCommandLineOption bits = valued("bits", tr("Significant bits per sample."), tr("n"));
+    const QCommandLineOption raw =
+        valued("raw", tr("Reads every input as a raw one-channel frame of this size."), tr("WxH"));
+    const QCommandLineOption rawType =
+        valued("raw-type", tr("Sample type of raw frames: %1 (default u8).").arg(RawIo::typeNames()), tr("type"));
+    const QCommandLineOption cameraFile =
+        valued("camera-file", tr("Camera description (filter array, significant bits, hyperspectral layout)."),
+               tr("file"));
+    const QCommandLineOption numbers =
+        flag("numbers-from-names", tr("Takes each frame number from the last number in its file name."));
+    const QCommandLineOption live = flag("live", tr("Treats the frames of picture files as live frames (default for "
+                                                    "a sequence of frames)."));
+    const QCommandLineOption still = flag("static", tr("Treats the frames of picture files as static pictures "
+                                                       "(default for a single picture)."));
+    const QCommandLineOption out = valued("out", tr("Writes the outputs into <dir> as frame_NNNNNN.tif."), tr("dir"));
+    const QCommandLineOption png = flag("png", tr("Also writes frame_NNNNNN.png for 8- and 16-bit outputs."));
+    const QCommandLineOption compress = flag("compress", tr("Writes deflate-compressed TIFFs."));
+    const QCommandLineOption summary = flag("summary", tr("Prints one line per output: frame, size, type, channels, "
+                                                          "min, max, mean (also with --quiet)."));
+    const QCommandLineOption strict = flag("strict", tr("Fails (status 5) when a node passed frames on unprocessed or "
+                                                        "dropped them, or an output was empty or not writable."));
+    const QCommandLineOption quiet = flag("quiet", tr("Prints errors only; no progress bar."));
+
+    QList<QCommandLineOption> all() const
+    {
+        return {help, version, list, describe, plugins, chain, node, saveChain, camera, size, seed, frames, cfa,
+                bits, raw, rawType, cameraFile, numbers, live, still, out, png, compress, summary, strict, quiet};
+    }
+
+    static QString description()
+    {
+        QString demonstration;
+        for (const SxDefaultChain& c : DefaultChains)
+            demonstration += QStringLiteral("  %1/%2: %3\n")
+                                 .arg(QLatin1String(DefaultRunFolder), QLatin1String(c.folder), tr(c.label));
+        return tr("Runs a processing chain of plug-in nodes over picture files or the built-in\n"
+                  "camera and writes every output as a TIFF with its exact samples (and PNG on\n"
+                  "request), named by frame number.\n"
+                  "\n"
+                  "Without any argument it runs the demonstration over the Bayer camera\n"
+                  "(640x480, 8 frames):\n")
+            + demonstration
+            + tr("\n"
+                 "Inputs are TIFF (8/16/32-bit integers, 32-bit float; 1, 3 or 4 channels),\n"
+                 "PNG (8/16-bit), binary PGM/PPM, or raw frames (--raw); folders and patterns\n"
+                 "are read in name order (frame_9 before frame_10).\n"
+                 "\n")
+            + CxCommandLine::exitStatusHelp();
+    }
+
+    // What to do and where to write: everything but the input.
+    ExExitCode readRun(const QCommandLineParser& parser, SxRunOptions& options, QString* text) const
+    {
+        options.action = parser.isSet(list)       ? SxRunOptions::ActionList
+                         : parser.isSet(describe) ? SxRunOptions::ActionDescribe
+                                                  : SxRunOptions::ActionRun;
+        options.describeNode = parser.value(describe);
+        options.quiet = parser.isSet(quiet);
+        options.strict = parser.isSet(strict);
+        options.pluginDir = parser.value(plugins);
+        options.chainFile = parser.value(chain);
+        options.saveChainFile = parser.value(saveChain);
+        options.output.folder = parser.value(out);
+        options.output.png = parser.isSet(png);
+        options.output.deflate = parser.isSet(compress);
+        options.output.summary = parser.isSet(summary);
+        for (const QString& value : parser.values(node)) {
+            SxNodeRequest request;
+            if (!CxChainBuilder::parseNodeRequest(value, request, text))
+                return ExitUsage;
+            options.nodes.append(request);
+        }
+        return ExitOk;
+    }
+
+    // The frames: picture files or the camera, and the options that only
+    // one of the two takes.
+    ExExitCode readInput(const QCommandLineParser& parser, SxInputRequest& input, QString* text) const
+    {
+        const auto usage = [text](const QString& message) {
+            *text = message;
+            return ExitUsage;
+        };
+        // value stays untouched when the option is not given.
+        const auto number = [&](const QCommandLineOption& option, qint64 low, qint64 high, auto& value,
+                                const QString& expected) {
+            if (!parser.isSet(option))
+                return true;
+            bool ok = false;
+            const qint64 n = parser.value(option).toLongLong(&ok);
+            if (!ok || n < low || n > high) {
+                *text = QStringLiteral("--%1 %2: %3").arg(option.names().first(), parser.value(option), expected);
+                return false;
+            }
+            value = std::remove_reference_t<decltype(value)>(n);
+            return true;
+        };
+
+        input.inputs = parser.positionalArguments();
+        const bool files = input.readsFiles();
+        for (const QCommandLineOption* cameraOnly : {&camera, &size, &seed}) {
+            if (files && parser.isSet(*cameraOnly))
+                return usage(
+                    tr("--%1 is for the built-in camera, not for picture files").arg(cameraOnly->names().first()));
+        }
+        for (const QCommandLineOption* filesOnly : {&raw, &rawType, &numbers, &live, &still}) {
+            if (!files && parser.isSet(*filesOnly))
+                return usage(tr("--%1 needs picture files to read").arg(filesOnly->names().first()));
+        }
+        if (parser.isSet(live) && parser.isSet(still))
+            return usage(tr("--live and --static exclude each other"));
+        if (parser.isSet(live))
+            input.liveness = SxInputRequest::LivenessLive;
+        else if (parser.isSet(still))
+            input.liveness = SxInputRequest::LivenessStatic;
+        if (parser.isSet(camera))
+            input.camera = parser.value(camera);
+        if (parser.isSet(size) && !CxCommandLine::parseSize(parser.value(size), input.width, input.height))
+            return usage(tr("--size %1: expected WIDTHxHEIGHT, each 1 to %2").arg(parser.value(size)).arg(MaxSide));
+        if (!number(frames, 1, std::numeric_limits<qint32>::max(), input.frames, tr("expected a positive number"))
+            || !number(seed, 0, std::numeric_limits<quint32>::max(), input.seed,
+                       tr("expected a number from 0 to 4294967295"))
+            || !number(cfa, 0, CFA_HSI_MOSAIC, input.cfa, tr("the filter array must be 0 to 7"))
+            || !number(bits, 1, 32, input.bitsPerSample, tr("expected 1 to 32")))
+            return ExitUsage;
+        input.cameraFile = parser.value(cameraFile);
+        input.frameNumbersFromNames = parser.isSet(numbers);
+        if (parser.isSet(raw)) {
+            input.raw = true;
+            if (!CxCommandLine::parseSize(parser.value(raw), input.rawFormat.width, input.rawFormat.height))
+                return usage(tr("--raw %1: expected WIDTHxHEIGHT, each 1 to %2").arg(parser.value(raw)).arg(MaxSide));
+        }
+        if (parser.isSet(rawType)) {
+            if (!input.raw)
+                return usage(tr("--raw-type needs --raw WIDTHxHEIGHT"));
+            input.rawFormat.dataType = RawIo::typeFromName(parser.value(rawType));
+            if (input.rawFormat.dataType == IDT_UNKNOWN)
+                return usage(tr("--raw-type %1: expected one of %2").arg(parser.value(rawType), RawIo::typeNames()));
+        }
+
+        // Camera options are checked now, so that a typo is reported before
+        // any plug-in is loaded; a camera description can change what fits,
+        // so with one the check waits until it is read.
+        if (!files && input.cameraFile.isEmpty()) {
+            CxSyntheticCamera::SxConfig config;
+            if (!CxInputFactory::cameraConfig(input, nullptr, config, text))
+                return ExitUsage;
+        }
+        return ExitOk;
+    }
+};
+
+} // namespace
+
 ExExitCode CxCommandLine::parse(const QStringList& arguments, SxRunOptions& options, QString* text)
 {
     options = SxRunOptions();
@@ -115,206 +313,46 @@ ExExitCode CxCommandLine::parse(const QStringList& arguments, SxRunOptions& opti
         return ExitOk;
     }
 
-    QString demonstration;
-    for (const SxDefaultChain& chain : DefaultChains)
-        demonstration += QStringLiteral("  %1/%2: %3\n")
-                             .arg(QLatin1String(DefaultRunFolder), QLatin1String(chain.folder), tr(chain.label));
+    const SxOptionSet set;
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        tr("Runs a processing chain of plug-in nodes over picture files or the built-in\n"
-           "camera and writes every output as a TIFF with its exact samples (and PNG on\n"
-           "request), named by frame number.\n"
-           "\n"
-           "Without any argument it runs the demonstration over the Bayer camera\n"
-           "(640x480, 8 frames):\n")
-        + demonstration
-        + tr("\n"
-             "Inputs are TIFF (8/16/32-bit integers, 32-bit float; 1, 3 or 4 channels),\n"
-             "PNG (8/16-bit), binary PGM/PPM, or raw frames (--raw); folders and patterns\n"
-             "are read in name order (frame_9 before frame_10).\n"
-             "\n")
-        + exitStatusHelp());
+    parser.setApplicationDescription(SxOptionSet::description());
     parser.addPositionalArgument(QStringLiteral("inputs"),
                                  tr("Picture files, folders or patterns such as \"frames/*.tif\"; none: the camera."),
                                  tr("[inputs...]"));
-    const QCommandLineOption helpOption(QStringList{QStringLiteral("h"), QStringLiteral("help")},
-                                        tr("Shows this help."));
-    const QCommandLineOption versionOption(QStringLiteral("version"), tr("Shows the version."));
-    const QCommandLineOption listOption(QStringLiteral("list"),
-                                        tr("Lists the nodes: name, unique id and help, tab-separated."));
-    const QCommandLineOption describeOption(QStringLiteral("describe"),
-                                            tr("Shows a node's help and its default settings as XML."), tr("node"));
-    const QCommandLineOption pluginsOption(QStringLiteral("plugins"),
-                                           tr("Loads plug-ins from <dir> (default: $QLAR_PLUGIN_DIR, else the build tree's)."),
-                                           tr("dir"));
-    const QCommandLineOption chainOption(QStringLiteral("chain"), tr("Loads the chain from a chain document."),
-                                         tr("file"));
-    const QCommandLineOption nodeOption(QStringLiteral("node"),
-                                        tr("Appends a node, e.g. \"Extract Channel:channelIdx=1\"; repeatable."),
-                                        tr("name[:key=value...]"));
-    const QCommandLineOption saveChainOption(QStringLiteral("save-chain"),
-                                             tr("Writes the built chain as a chain document."), tr("file"));
-    const QCommandLineOption cameraOption(QStringLiteral("camera"),
-                                          tr("Built-in camera: %1 (default bayer8).")
-                                              .arg(CxInputFactory::cameraKinds().join(QLatin1Char('|'))),
-                                          tr("kind"));
-    const QCommandLineOption sizeOption(QStringLiteral("size"), tr("Camera frame size (default 640x480)."),
-                                        tr("WxH"));
-    const QCommandLineOption seedOption(QStringLiteral("seed"), tr("Noise seed of the camera."), tr("n"));
-    const QCommandLineOption framesOption(QStringLiteral("frames"),
-                                          tr("Frames to run (default: 8 from the camera, every file)."), tr("n"));
-    const QCommandLineOption cfaOption(QStringLiteral("cfa"),
-                                       tr("Filter array: 1..6 for the Bayer cameras; 0..7 for files (7 needs a "
-                                          "hyperspectral description)."),
-                                       tr("n"));
-    const QCommandLineOption bitsOption(QStringLiteral("bits"), tr("Significant bits per sample."), tr("n"));
-    const QCommandLineOption rawOption(QStringLiteral("raw"),
-                                       tr("Reads every input as a raw one-channel frame of this size."), tr("WxH"));
-    const QCommandLineOption rawTypeOption(QStringLiteral("raw-type"),
-                                           tr("Sample type of raw frames: %1 (default u8).").arg(RawIo::typeNames()),
-                                           tr("type"));
-    const QCommandLineOption cameraFileOption(QStringLiteral("camera-file"),
-                                              tr("Camera description (filter array, significant bits, "
-                                                 "hyperspectral layout)."),
-                                              tr("file"));
-    const QCommandLineOption numbersOption(QStringLiteral("numbers-from-names"),
-                                           tr("Takes each frame number from the last number in its file name."));
-    const QCommandLineOption outOption(QStringLiteral("out"),
-                                       tr("Writes the outputs into <dir> as frame_NNNNNN.tif."), tr("dir"));
-    const QCommandLineOption pngOption(QStringLiteral("png"),
-                                       tr("Also writes frame_NNNNNN.png for 8- and 16-bit outputs."));
-    const QCommandLineOption compressOption(QStringLiteral("compress"), tr("Writes deflate-compressed TIFFs."));
-    const QCommandLineOption summaryOption(QStringLiteral("summary"),
-                                           tr("Prints one line per output: frame, size, type, channels, min, max, "
-                                              "mean (also with --quiet)."));
-    const QCommandLineOption liveOption(QStringLiteral("live"),
-                                        tr("Treats the frames of picture files as live frames (default for a "
-                                           "sequence of frames)."));
-    const QCommandLineOption staticOption(QStringLiteral("static"),
-                                          tr("Treats the frames of picture files as static pictures (default for a "
-                                             "single picture)."));
-    const QCommandLineOption strictOption(QStringLiteral("strict"),
-                                          tr("Fails (status 5) when a node passed frames on unprocessed or dropped "
-                                             "them, or an output was empty or not writable."));
-    const QCommandLineOption quietOption(QStringLiteral("quiet"), tr("Prints errors only; no progress bar."));
-    parser.addOptions({helpOption, versionOption, listOption, describeOption, pluginsOption, chainOption,
-                       nodeOption, saveChainOption, cameraOption, sizeOption, seedOption, framesOption, cfaOption,
-                       bitsOption, rawOption, rawTypeOption, cameraFileOption, numbersOption, liveOption,
-                       staticOption, outOption, pngOption, compressOption, summaryOption, strictOption,
-                       quietOption});
-
+    parser.addOptions(set.all());
     if (!parser.parse(arguments)) {
         *text = parser.errorText();
         return ExitUsage;
     }
-    if (parser.isSet(helpOption)) {
+    if (parser.isSet(set.help)) {
         options.action = SxRunOptions::ActionHelp;
         *text = parser.helpText();
         return ExitOk;
     }
-    if (parser.isSet(versionOption)) {
+    if (parser.isSet(set.version)) {
         int major = 0, minor = 0, patch = 0;
         QlarCoreVersion(major, minor, patch);
         options.action = SxRunOptions::ActionVersion;
         *text = tr("qlarrun with QlarCore %1.%2.%3").arg(major).arg(minor).arg(patch);
         return ExitOk;
     }
+    const ExExitCode run = set.readRun(parser, options, text);
+    return run != ExitOk ? run : set.readInput(parser, options.input, text);
+}
 
-    const auto usage = [text](const QString& message) {
-        *text = message;
-        return ExitUsage;
-    };
-    const auto number = [&](const QCommandLineOption& option, qint64 low, qint64 high, qint64& value) {
-        bool ok = false;
-        value = parser.value(option).toLongLong(&ok);
-        return ok && value >= low && value <= high;
-    };
-
-    options.action = parser.isSet(listOption)       ? SxRunOptions::ActionList
-                     : parser.isSet(describeOption) ? SxRunOptions::ActionDescribe
-                                                    : SxRunOptions::ActionRun;
-    options.describeNode = parser.value(describeOption);
-    options.quiet = parser.isSet(quietOption);
-    options.strict = parser.isSet(strictOption);
-    options.pluginDir = parser.value(pluginsOption);
-    options.chainFile = parser.value(chainOption);
-    options.saveChainFile = parser.value(saveChainOption);
-    options.output.folder = parser.value(outOption);
-    options.output.png = parser.isSet(pngOption);
-    options.output.deflate = parser.isSet(compressOption);
-    options.output.summary = parser.isSet(summaryOption);
-    for (const QString& value : parser.values(nodeOption)) {
-        SxNodeRequest node;
-        if (!CxChainBuilder::parseNodeRequest(value, node, text))
-            return ExitUsage;
-        options.nodes.append(node);
+bool CxCommandLine::settle(const char* program, ExExitCode parsed, SxRunOptions::ExAction action,
+                           const QString& text, int& exitCode)
+{
+    if (parsed != ExitOk) {
+        QTextStream(stderr) << program << ": " << text
+                            << tr(" (%1 --help shows the options)").arg(QLatin1String(program)) << '\n';
+        exitCode = parsed;
+        return false;
     }
-
-    SxInputRequest& input = options.input;
-    input.inputs = parser.positionalArguments();
-    const bool files = input.readsFiles();
-    for (const QCommandLineOption* cameraOnly : {&cameraOption, &sizeOption, &seedOption}) {
-        if (files && parser.isSet(*cameraOnly))
-            return usage(tr("--%1 is for the built-in camera, not for picture files").arg(cameraOnly->names().first()));
+    if (action == SxRunOptions::ActionHelp || action == SxRunOptions::ActionVersion) {
+        QTextStream(stdout) << text << '\n';
+        exitCode = ExitOk;
+        return false;
     }
-    for (const QCommandLineOption* filesOnly : {&rawOption, &rawTypeOption, &numbersOption, &liveOption,
-                                                &staticOption}) {
-        if (!files && parser.isSet(*filesOnly))
-            return usage(tr("--%1 needs picture files to read").arg(filesOnly->names().first()));
-    }
-    if (parser.isSet(liveOption) && parser.isSet(staticOption))
-        return usage(tr("--live and --static exclude each other"));
-    if (parser.isSet(liveOption))
-        input.liveness = SxInputRequest::LivenessLive;
-    else if (parser.isSet(staticOption))
-        input.liveness = SxInputRequest::LivenessStatic;
-    if (parser.isSet(cameraOption))
-        input.camera = parser.value(cameraOption);
-    if (parser.isSet(sizeOption) && !parseSize(parser.value(sizeOption), input.width, input.height))
-        return usage(tr("--size %1: expected WIDTHxHEIGHT, each 1 to %2").arg(parser.value(sizeOption)).arg(MaxSide));
-    qint64 value = 0;
-    if (parser.isSet(framesOption)) {
-        if (!number(framesOption, 1, std::numeric_limits<qint32>::max(), value))
-            return usage(tr("--frames %1: expected a positive number").arg(parser.value(framesOption)));
-        input.frames = value;
-    }
-    if (parser.isSet(seedOption)) {
-        if (!number(seedOption, 0, std::numeric_limits<quint32>::max(), value))
-            return usage(tr("--seed %1: expected a number from 0 to 4294967295").arg(parser.value(seedOption)));
-        input.seed = quint32(value);
-    }
-    if (parser.isSet(cfaOption)) {
-        if (!number(cfaOption, 0, CFA_HSI_MOSAIC, value))
-            return usage(tr("--cfa %1: the filter array must be 0 to 7").arg(parser.value(cfaOption)));
-        input.cfa = int(value);
-    }
-    if (parser.isSet(bitsOption)) {
-        if (!number(bitsOption, 1, 32, value))
-            return usage(tr("--bits %1: expected 1 to 32").arg(parser.value(bitsOption)));
-        input.bitsPerSample = quint32(value);
-    }
-    input.cameraFile = parser.value(cameraFileOption);
-    input.frameNumbersFromNames = parser.isSet(numbersOption);
-    if (parser.isSet(rawOption)) {
-        input.raw = true;
-        if (!parseSize(parser.value(rawOption), input.rawFormat.width, input.rawFormat.height))
-            return usage(tr("--raw %1: expected WIDTHxHEIGHT, each 1 to %2").arg(parser.value(rawOption)).arg(MaxSide));
-    }
-    if (parser.isSet(rawTypeOption)) {
-        if (!input.raw)
-            return usage(tr("--raw-type needs --raw WIDTHxHEIGHT"));
-        input.rawFormat.dataType = RawIo::typeFromName(parser.value(rawTypeOption));
-        if (input.rawFormat.dataType == IDT_UNKNOWN)
-            return usage(tr("--raw-type %1: expected one of %2").arg(parser.value(rawTypeOption), RawIo::typeNames()));
-    }
-
-    // Camera options are checked now, so that a typo is reported before any
-    // plug-in is loaded; a camera description can change what fits, so
-    // with one the check waits until it is read.
-    if (!files && input.cameraFile.isEmpty()) {
-        CxSyntheticCamera::SxConfig config;
-        if (!CxInputFactory::cameraConfig(input, nullptr, config, text))
-            return ExitUsage;
-    }
-    return ExitOk;
+    return true;
 }

@@ -35,6 +35,12 @@ public:
     // them. For ActionHelp and ActionVersion, text holds what to print; on
     // failure it holds the one-line reason.
     static ExExitCode parse(const QStringList& arguments, SxRunOptions& options, QString* text);
+    // What a program does with parse()'s answer before anything else: a
+    // usage error goes to stderr as "program: reason (program --help shows
+    // the options)", help and version text to stdout. False when the program
+    // ends here, with exitCode set.
+    static bool settle(const char* program, ExExitCode parsed, SxRunOptions::ExAction action, const QString& text,
+                       int& exitCode);
     // What running without arguments does: one run per chain, each into its
     // own folder under defaultFolder().
     static QList<SxRunOptions> defaultRuns();

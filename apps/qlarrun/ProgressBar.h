@@ -19,7 +19,6 @@ public:
 
     void update(qint64 done);
     void clear();
-    bool active() const { return m_active; }
     // The bar as drawn for done of total frames, width characters of bar.
     static QString render(qint64 done, qint64 total, int width);
 

@@ -260,117 +260,147 @@ bool CxRunner::reportAccounts(const QList<CxChainable*>& nodes)
     return any;
 }
 
+struct CxRunner::SxRun
+{
+    QList<CxChainable*> nodes;  // owned by chain once appended
+    std::unique_ptr<CxChain> chain;
+    CxImageSource* source = nullptr;
+    CxFileSource* files = nullptr;  // the source, when it reads picture files
+    CxOutputWriter writer;
+    SxPicBufInfo format;  // of the current segment
+    CxImageMetadata formatMeta;
+    qint64 outputs = 0;
+    qint64 restarts = 0;
+};
+
 ExExitCode CxRunner::run(const SxRunOptions& options)
 {
-    QString error;
-    QList<CxChainable*> nodes;
-    SxCameraDescription documentInput;
-    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, nodes, documentInput, &error);
-    if (built != ExitOk)
-        return fail(built, error);
-
-    auto chain = std::make_unique<CxChain>();
-    chain->setRunMode(CxChain::RunSynchronous);
-    for (CxChainable* node : nodes)
-        chain->appendNode(node);
-
-    ExExitCode status = ExitOk;
-    CxImageSource* source = CxInputFactory::create(options.input, &documentInput, &error, &status);
-    if (!source)
-        return fail(status, error);
-    chain->setSource(source);
-    CxFileSource* files = qobject_cast<CxFileSource*>(source);
-    if (files && !files->prepareNext(&error))
-        return fail(ExitInput, error);
-
-    SxPicBufInfo format;
-    CxImageMetadata formatMeta;
-    if (!options.saveChainFile.isEmpty()) {
-        // The first frame's description: what the rest of the run was given.
-        const SxCameraDescription described = source->sourceFormat(format, &formatMeta)
-                                                  ? SxCameraDescription::fromFormat(format, formatMeta)
-                                                  : SxCameraDescription();
-        if (!CxChainDocument::saveToFile(nodes, options.saveChainFile, &error, &described))
-            return fail(ExitOutput, namingFile(options.saveChainFile, error));
-    }
-
-    CxOutputWriter writer;
-    if (!writer.open(options.output, &error))
-        return fail(ExitOutput, error);
+    SxRun r;
+    const ExExitCode assembled = assemble(options, r);
+    if (assembled != ExitOk)
+        return assembled;
 
     m_accounts.clear();
-    if (!chain->start()) {
+    if (!r.chain->start()) {
         // Named as at a later format change: the file whose frame was refused.
-        if (files)
-            return fail(ExitChain, tr("%1: the chain refuses this input: %2").arg(files->pendingFile(), chain->lastError()));
-        return fail(ExitChain, tr("the chain refuses its input: %1").arg(chain->lastError()));
+        if (r.files)
+            return fail(ExitChain,
+                        tr("%1: the chain refuses this input: %2").arg(r.files->pendingFile(), r.chain->lastError()));
+        return fail(ExitChain, tr("the chain refuses its input: %1").arg(r.chain->lastError()));
     }
-    beginSegment(*chain);
-
-    chain->negotiatedFormat(-1, format, &formatMeta);
-    QStringList stages{tr("%1 (%2)").arg(source->title(), format.describe())};
-    for (const CxChainable* node : nodes)
+    beginSegment(*r.chain);
+    r.chain->negotiatedFormat(-1, r.format, &r.formatMeta);
+    QStringList stages{tr("%1 (%2)").arg(r.source->title(), r.format.describe())};
+    for (const CxChainable* node : r.nodes)
         stages << node->title();
     info(options.defaultRun ? tr("default run: %1; %2").arg(options.label, stages.join(QLatin1String(" -> ")))
                             : stages.join(QLatin1String(" -> ")));
+    return account(options, r, flow(r));
+}
 
+ExExitCode CxRunner::assemble(const SxRunOptions& options, SxRun& r)
+{
+    QString error;
+    SxCameraDescription documentInput;
+    const ExExitCode built = CxChainBuilder::build(options.chainFile, options.nodes, r.nodes, documentInput, &error);
+    if (built != ExitOk)
+        return fail(built, error);
+
+    r.chain = std::make_unique<CxChain>();
+    r.chain->setRunMode(CxChain::RunSynchronous);
+    for (CxChainable* node : r.nodes)
+        r.chain->appendNode(node);
+
+    ExExitCode status = ExitOk;
+    r.source = CxInputFactory::create(options.input, &documentInput, &error, &status);
+    if (!r.source)
+        return fail(status, error);
+    r.chain->setSource(r.source);
+    r.files = qobject_cast<CxFileSource*>(r.source);
+    if (r.files && !r.files->prepareNext(&error))
+        return fail(ExitInput, error);
+
+    if (!options.saveChainFile.isEmpty()) {
+        // The first frame's description: what the rest of the run was given.
+        SxPicBufInfo format;
+        CxImageMetadata formatMeta;
+        const SxCameraDescription described = r.source->sourceFormat(format, &formatMeta)
+                                                  ? SxCameraDescription::fromFormat(format, formatMeta)
+                                                  : SxCameraDescription();
+        if (!CxChainDocument::saveToFile(r.nodes, options.saveChainFile, &error, &described))
+            return fail(ExitOutput, namingFile(options.saveChainFile, error));
+    }
+    if (!r.writer.open(options.output, &error))
+        return fail(ExitOutput, error);
+    return ExitOk;
+}
+
+ExExitCode CxRunner::flow(SxRun& r)
+{
     qint64 total = 0;
-    if (files)
-        total = files->frameCount();
-    else if (const CxSyntheticCamera* camera = qobject_cast<const CxSyntheticCamera*>(source))
+    if (r.files)
+        total = r.files->frameCount();
+    else if (const CxSyntheticCamera* camera = qobject_cast<const CxSyntheticCamera*>(r.source))
         total = camera->config().frameLimit;
     CxProgressBar progress(m_err, total, !m_quiet);
     m_progress = &progress;
 
-    qint64 outputs = 0, restarts = 0;
-    while (status == ExitOk && !source->atEnd()) {
-        if (files) {
-            if (!files->prepareNext(&error)) {
+    QString error;
+    ExExitCode status = ExitOk;
+    while (status == ExitOk && !r.source->atEnd()) {
+        if (r.files) {
+            if (!r.files->prepareNext(&error)) {
                 status = fail(ExitInput, error);
                 break;
             }
             SxPicBufInfo next;
             CxImageMetadata nextMeta;
-            if (files->sourceFormat(next, &nextMeta) && !sameInput(format, formatMeta, next, nextMeta)) {
-                info(tr("%1: the format changes to %2; the chain starts again").arg(files->pendingFile(), next.describe()));
-                endSegment(*chain);
-                chain->stop();
-                ++restarts;
-                if (!chain->start()) {
+            if (r.files->sourceFormat(next, &nextMeta) && !sameInput(r.format, r.formatMeta, next, nextMeta)) {
+                info(tr("%1: the format changes to %2; the chain starts again")
+                         .arg(r.files->pendingFile(), next.describe()));
+                endSegment(*r.chain);
+                r.chain->stop();
+                ++r.restarts;
+                if (!r.chain->start()) {
                     status = fail(ExitChain, tr("%1: the chain refuses this input: %2")
-                                                 .arg(files->pendingFile(), chain->lastError()));
+                                                 .arg(r.files->pendingFile(), r.chain->lastError()));
                     break;
                 }
-                beginSegment(*chain);
-                format = next;
-                formatMeta = nextMeta;
+                beginSegment(*r.chain);
+                r.format = next;
+                r.formatMeta = nextMeta;
             }
         }
-        const qint64 grabbedBefore = chain->stats().grabbed;
-        IxChainData* output = chain->step();
-        reportNodeErrors(nodes);
-        if (chain->hasFailed()) {
+        const qint64 grabbedBefore = r.chain->stats().grabbed;
+        IxChainData* output = r.chain->step();
+        reportNodeErrors(r.nodes);
+        if (r.chain->hasFailed()) {
             delete output;
-            status = fail(ExitChain, chain->lastError());
+            status = fail(ExitChain, r.chain->lastError());
             break;
         }
         if (output) {
-            ++outputs;
-            status = handleOutput(output, writer);
+            ++r.outputs;
+            status = handleOutput(output, r.writer);
         }
-        if (status == ExitOk && chain->stats().grabbed == grabbedBefore)
+        if (status == ExitOk && r.chain->stats().grabbed == grabbedBefore)
             status = fail(ExitInput, tr("the source delivered no frame"));
-        progress.update(chain->stats().grabbed);
+        progress.update(r.chain->stats().grabbed);
     }
     if (!m_segmentStart.isEmpty())
-        endSegment(*chain);
-    chain->stop();
-    reportNodeErrors(nodes);
+        endSegment(*r.chain);
+    r.chain->stop();
+    reportNodeErrors(r.nodes);
     progress.clear();
     m_progress = nullptr;
-    const qint64 framesIn = chain->stats().grabbed;
-    const bool unaccounted = reportAccounts(nodes);
-    chain.reset();
+    return status;
+}
+
+ExExitCode CxRunner::account(const SxRunOptions& options, SxRun& r, ExExitCode status)
+{
+    const qint64 framesIn = r.chain->stats().grabbed;
+    const bool unaccounted = reportAccounts(r.nodes);
+    r.chain.reset();
 
     // Every packet has been deleted by now; a picture still out means a node
     // kept one it was not meant to keep.
@@ -380,18 +410,19 @@ ExExitCode CxRunner::run(const SxRunOptions& options)
     if (status != ExitOk)
         return status;
 
-    QString account;
+    const CxOutputWriter& writer = r.writer;
+    QString text;
     if (writer.writesFiles())
-        account = tr("%1 frames in, %2 outputs written to %3").arg(framesIn).arg(writer.written()).arg(writer.folder());
+        text = tr("%1 frames in, %2 outputs written to %3").arg(framesIn).arg(writer.written()).arg(writer.folder());
     else
-        account = tr("%1 frames in, %2 outputs (none written: no --out folder)").arg(framesIn).arg(outputs);
+        text = tr("%1 frames in, %2 outputs (none written: no --out folder)").arg(framesIn).arg(r.outputs);
     if (writer.empty() > 0)
-        account += tr(", %1 empty (nothing to write)").arg(writer.empty());
+        text += tr(", %1 empty (nothing to write)").arg(writer.empty());
     if (writer.skipped() > 0)
-        account += tr(", %1 skipped").arg(writer.skipped());
-    if (restarts > 0)
-        account += tr(", %1 restarts on a format change").arg(restarts);
-    info(account);
+        text += tr(", %1 skipped").arg(writer.skipped());
+    if (r.restarts > 0)
+        text += tr(", %1 restarts on a format change").arg(r.restarts);
+    info(text);
     if (options.strict && (unaccounted || writer.empty() > 0 || writer.skipped() > 0))
         return fail(ExitStrict, tr("--strict: not every frame became a written output of every node's work"));
     return ExitOk;

@@ -59,6 +59,11 @@ private:
     ExExitCode listNodes();
     ExExitCode describeNode(const QString& name);
     ExExitCode run(const SxRunOptions& options);
+    // One run's parts, made by assemble() and used by flow() and account().
+    struct SxRun;
+    ExExitCode assemble(const SxRunOptions& options, SxRun& run);
+    ExExitCode flow(SxRun& run);
+    ExExitCode account(const SxRunOptions& options, SxRun& run, ExExitCode status);
     ExExitCode handleOutput(IxChainData* packet, CxOutputWriter& writer);
     void reportNodeErrors(const QList<CxChainable*>& nodes);
 

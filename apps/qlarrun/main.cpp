@@ -56,21 +56,14 @@ int main(int argc, char* argv[])
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("qlarrun"));
 
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-
     SxRunOptions options;
     QString text;
     const ExExitCode parsed = CxCommandLine::parse(QCoreApplication::arguments(), options, &text);
-    if (parsed != ExitOk) {
-        err << "qlarrun: " << text << QCoreApplication::translate("qlarrun", " (qlarrun --help shows the options)")
-            << '\n';
-        return parsed;
-    }
-    if (options.action == SxRunOptions::ActionHelp || options.action == SxRunOptions::ActionVersion) {
-        out << text << '\n';
-        return ExitOk;
-    }
+    int exitCode = ExitOk;
+    if (!CxCommandLine::settle("qlarrun", parsed, options.action, text, exitCode))
+        return exitCode;
+    QTextStream out(stdout);
+    QTextStream err(stderr);
     CxRunner runner(out, err);
     return runner.exec(options);
 }

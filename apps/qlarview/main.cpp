@@ -28,20 +28,13 @@ int main(int argc, char* argv[])
     QHashSeed::setDeterministicGlobalSeed();
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("qlarview"));
-    QTextStream out(stdout);
-    QTextStream err(stderr);
-
     SxViewerOptions options;
     QString text;
     const ExExitCode parsed = CxViewerCommandLine::parse(QCoreApplication::arguments(), options, &text);
-    if (parsed != ExitOk) {
-        err << "qlarview: " << text << " (qlarview --help shows the options)\n";
-        return parsed;
-    }
-    if (options.run.action == SxRunOptions::ActionHelp || options.run.action == SxRunOptions::ActionVersion) {
-        out << text << '\n';
-        return ExitOk;
-    }
+    int exitCode = ExitOk;
+    if (!CxCommandLine::settle("qlarview", parsed, options.run.action, text, exitCode))
+        return exitCode;
+    QTextStream err(stderr);
 
     const QString folder = CxRunner::pluginFolder(options.run.pluginDir);
     if (folder.isEmpty() || !QFileInfo(folder).isDir()) {

@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# tools/release.sh PROGRAM [arguments...]
+# Installs what is missing, builds in Release and runs one of the host
+# programs (qlarrun, qlarview, qlarprobe) from the repository's root.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+program="${1:?usage: tools/release.sh PROGRAM [arguments...]}"
+shift
+"$root/tools/deps.sh"
+"$root/tools/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DQLAR_BUILD_TESTS=OFF
+cd "$root"
+# Nodes already run on threads of their own; spinning OpenMP threads would
+# only steal the cores they need.
+export OMP_WAIT_POLICY="${OMP_WAIT_POLICY:-passive}"
+exec "$root/build/release/bin/$program" "$@"
