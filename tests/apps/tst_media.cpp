@@ -71,9 +71,8 @@ void writeFrames(const QString& dir, int first, int count, quint32 width, ExImag
 {
     TIFF* tif = pages ? TIFFOpen(QFile::encodeName(dir + "/stack.tif").constData(), "w") : nullptr;
     for (int i = first; i < first + count; ++i) {
-        SxHeapPicture p;
         QString error;
-        QVERIFY(makePicture(p, type, width, 8, 1, 0, quint32(i)));
+        SxTstPic p = makePicture(type, width, 8, 1, 0, quint32(i));
         const QString path = QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0'));
         QVERIFY(pages || TiffIo::write(path, p.pic, nullptr, false, &error));
         if (!pages)
@@ -243,7 +242,7 @@ private slots:
             for (const QString& sub : {folder, folder + "/input"}) {
                 QCOMPARE(QDir(sub).entryList({".*"}, QDir::Files | QDir::Hidden), QStringList());
                 for (const QString& name : QDir(sub).entryList({"frame_*"}, QDir::Files)) {
-                    SxHeapPicture p;
+                    SxTstPic p;
                     QVERIFY2(readPicture(sub + "/" + name, p), qPrintable(name));
                 }
             }
@@ -260,7 +259,7 @@ private slots:
         QCOMPARE(recorded.size(), files);
         QCOMPARE(QDir(folder + "/replay").entryList({"frame_*.tif"}, QDir::Files, QDir::Name), recorded);
         for (const QString& name : recorded) {
-            SxHeapPicture a, b;
+            SxTstPic a, b;
             QString why;
             QVERIFY(readPicture(folder + "/" + name, a) && readPicture(folder + "/replay/" + name, b));
             QVERIFY2(samePixels(a.pic, b.pic, &why), qPrintable(name + ": " + why));

@@ -3,7 +3,8 @@
 // against plain references, mosaic cell names, and the view and panel while
 // frames change. Frames sit in buffers of exactly the size their format
 // needs, so the sanitizer build catches any read past the last row.
-#include <CxPicBufAPI.h>
+#include "../host/TestPictures.h"
+
 #include <CxSyntheticCamera.h>
 #include <DisplayMapper.h>
 #include <MeasurePanel.h>
@@ -14,7 +15,6 @@
 #include <QtWidgets/QApplication>
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -31,57 +31,28 @@ struct SxFormat
     ExColorFilterArray cfa = CFA_NONE;
 };
 
-void store(uchar* p, ExImageDataType t, double v)
-{
-    switch (t) {
-    case IDT_INT8: { const qint8 s = qint8(v); std::memcpy(p, &s, 1); break; }
-    case IDT_UINT8: { const quint8 s = quint8(v); std::memcpy(p, &s, 1); break; }
-    case IDT_INT16: { const qint16 s = qint16(v); std::memcpy(p, &s, 2); break; }
-    case IDT_UINT16: { const quint16 s = quint16(v); std::memcpy(p, &s, 2); break; }
-    case IDT_INT32: { const qint32 s = qint32(v); std::memcpy(p, &s, 4); break; }
-    case IDT_UINT32: { const quint32 s = quint32(v); std::memcpy(p, &s, 4); break; }
-    default: { const float s = float(v); std::memcpy(p, &s, 4); break; }
-    }
-}
-
-// A picture in memory of exactly requiredBytes() (rows padded by padding
-// bytes, none after the last), sample (x, y, c) in storage order from value.
-SxPicBuf wrapped(const SxFormat& f, quint32 w, quint32 h, quint32 padding, std::vector<uchar>& bytes,
-                 const std::function<double(quint32, quint32, quint32)>& value)
-{
-    SxPicBufInfo info;
-    info.width = w;
-    info.height = h;
-    info.channels = f.channels;
-    info.dataType = f.type;
-    info.bitsPerSample = f.bits ? f.bits : bytesPerSampleOf(f.type) * 8;
-    info.linePitch = quint32(info.packedLineBytes()) + padding;
-    info.isColor = f.colour;
-    info.colorFilterArray = f.cfa;
-    info.storageFormat = DSF_PACKED;
-    bytes.assign(size_t(info.requiredBytes()), 0xA5);
-    SxPicBuf pic;
-    CxPicBufAPI::WrapPicBuf(pic, info, bytes.data(), bytes.size());
-    for (quint32 y = 0; y < h; ++y)
-        for (quint32 x = 0; x < w; ++x)
-            for (quint32 c = 0; c < f.channels; ++c)
-                store(pic.rowPtr(y) + (quint64(x) * f.channels + c) * info.bytesPerSample(), f.type, value(x, y, c));
-    return pic;
-}
-
-// The frame owns its buffers through its deleter.
+// The frame owns its pictures through its deleter; their memory ends with
+// the last row's samples, rows padded by padding bytes.
 ViewFramePtr makeFrame(const SxFormat& f, quint32 w, quint32 h,
                        const std::function<double(quint32, quint32, quint32)>& value, quint32 padding = 3,
                        const std::function<double(quint32, quint32, quint32)>& imaginary = nullptr)
 {
-    auto buffers = std::make_shared<std::pair<std::vector<uchar>, std::vector<uchar>>>();
+    auto pictures = std::make_shared<std::vector<SxTstPic>>();
+    pictures->reserve(2);
     auto* frame = new SxViewFrame;
-    frame->pic = wrapped(f, w, h, padding, buffers->first, value);
-    if (imaginary) {
-        frame->spectrum = true;
-        frame->im = wrapped(f, w, h, padding, buffers->second, imaginary);
+    for (const auto* fill : {&value, &imaginary}) {
+        if (!*fill)
+            continue;
+        SxPicBufInfo info = tstFormat(w, h, f.type, f.channels, f.colour, f.bits);
+        info.colorFilterArray = f.cfa;
+        SxPicBuf& pic = pictures->emplace_back(info, padding, true).pic;
+        for (quint32 i = 0; i < w * h * f.channels; ++i)
+            tstSetSample(pic, i / f.channels % w, i / f.channels / w, i % f.channels,
+                         (*fill)(i / f.channels % w, i / f.channels / w, i % f.channels));
+        (fill == &value ? frame->pic : frame->im) = pic;
     }
-    return ViewFramePtr(frame, [buffers](const SxViewFrame* p) { delete p; });
+    frame->spectrum = bool(imaginary);
+    return ViewFramePtr(frame, [pictures](const SxViewFrame* p) { delete p; });
 }
 
 // Samples listed pixel after pixel along one row.

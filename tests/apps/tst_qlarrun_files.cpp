@@ -274,8 +274,7 @@ void TestQlarrunFiles::tiffRoundTrip()
     QFETCH(SxRoundTrip, c);
     const auto [type, channels, colour, padding, deflate, cfa, bits, storage] = c;
 
-    SxHeapPicture src;
-    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), quint32(padding)));
+    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), quint32(padding));
     src.pic.isColor = colour;
     src.pic.colorFilterArray = ExColorFilterArray(cfa);
     src.pic.storageFormat = ExDataStorageFormat(storage);
@@ -289,7 +288,7 @@ void TestQlarrunFiles::tiffRoundTrip()
     const QString path = dir.filePath("p.tif");
     QString error;
     QVERIFY2(TiffIo::write(path, src.pic, &meta, deflate, &error), qPrintable(error));
-    SxHeapPicture back;
+    SxTstPic back;
     CxImageMetadata backMeta;
     QVERIFY2(TiffIo::read(path, back.pic, backMeta, &error), qPrintable(error));
     QVERIFY2(samePixels(src.pic, back.pic, &error), qPrintable(error));
@@ -328,14 +327,13 @@ void TestQlarrunFiles::tiffFromOtherWriters()
     QFETCH(QString, layout);
     QFETCH(QString, refusal);
 
-    SxHeapPicture src;
-    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), 3));
+    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), 3);
     QTemporaryDir dir;
     const QString path = dir.filePath("other.tif");
     QVERIFY(writeWithLibtiff(path, src.pic, SxTiffLayout(layout)));
     QCOMPARE(fileBytes(path).startsWith("MM"), layout.contains("be"));
 
-    SxHeapPicture back;
+    SxTstPic back;
     QString error;
     const bool ok = readPicture(path, back, nullptr, &error);
     if (!refusal.isEmpty()) {
@@ -365,7 +363,7 @@ void TestQlarrunFiles::pngAndPnm_data()
         for (int y = 0; y < image.height(); ++y) {
             uchar* line = image.scanLine(y);
             for (qsizetype i = 0; i < image.bytesPerLine(); ++i)
-                line[i] = uchar(mixBits(quint64(y) << 16 | quint64(i)));
+                line[i] = uchar((y * 151 + i * 37) ^ (i * i >> 3));
         }
         return image;
     };
@@ -423,7 +421,7 @@ void TestQlarrunFiles::pngAndPnm()
     QTemporaryDir dir;
     const QString path = dir.filePath("picture.dat");
     QVERIFY(writeFile(path, file));
-    SxHeapPicture pic;
+    SxTstPic pic;
     QString error;
     QVERIFY2(readPicture(path, pic, nullptr, &error), qPrintable(error));
     QCOMPARE(int(pic.pic.dataType), type);
@@ -445,9 +443,8 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         cases.append({int(cases.size()) + 3, t, quint32((cases.size() + 3) % 3 == 2 ? 4 : (cases.size() + 3) % 3 == 1 ? 3 : 1)});
     QString error;
     for (const SxCase& c : cases) {
-        SxHeapPicture p;
-        QVERIFY(makePicture(p, c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
-                            quint32(c.number)));
+        const SxTstPic p = makePicture(c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
+                                       quint32(c.number));
         QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic, nullptr, false, &error),
                  qPrintable(error));
     }
@@ -466,7 +463,7 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
 
     for (const SxCase& c : cases) {
         const QString name = QString("shot_%1.tif").arg(c.number);
-        SxHeapPicture in, out;
+        SxTstPic in, out;
         QVERIFY2(readPicture(dir.filePath("in/" + name), in, nullptr, &error), qPrintable(error));
         const QString written = dir.filePath(QString("out/frame_%1").arg(c.number, 6, 10, QChar('0')));
         QVERIFY2(readPicture(written + ".tif", out, nullptr, &error), qPrintable(error));
@@ -474,12 +471,12 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         const bool pngForm = c.type == IDT_UINT8 || c.type == IDT_UINT16;
         QCOMPARE(QFile::exists(written + ".png"), pngForm);
         if (pngForm) {
-            SxHeapPicture png;
+            SxTstPic png;
             QVERIFY2(readPicture(written + ".png", png, nullptr, &error), qPrintable(error));
             QVERIFY2(samePixels(in.pic, png.pic, &error), qPrintable(name + " as PNG: " + error));
         }
     }
-    SxHeapPicture pgm, rgba;
+    SxTstPic pgm, rgba;
     QVERIFY(readPicture(dir.filePath("out/frame_000090.tif"), pgm));
     QCOMPARE(packedBytes(pgm.pic), hostOrder16({1, 2, 65535, 4}));
     QVERIFY(readPicture(dir.filePath("out/frame_000091.tif"), rgba));
@@ -507,6 +504,7 @@ void TestQlarrunFiles::filesOfSeveralFrames_data()
     QTest::newRow("a recording is live: averaged") << QStringList{"ij.tif"} + average << QStringList{"2: 3x2 u16 x1"};
     QTest::newRow("--static: passed through") << QStringList{"ij.tif", "--static"} + average << stack;
     QTest::newRow("a single picture is static") << QStringList{"one.pgm"} + average << QStringList{"0: 1x1 u8 x1"};
+    QTest::newRow("--live: a single picture too") << QStringList{"one.pgm", "--live"} + average << QStringList();
     QTest::newRow("raw recording") << QStringList{"rec.raw", "--raw", "3x2", "--raw-type", "u16"} << stack;
     QTest::newRow("PNM images, numbered from a name with a minus")
         << QStringList{"take_-3.pnm", "--numbers-from-names"} << QStringList{"-3: 2x2 u8 x1", "-2: 1x1 u16 x3"};
@@ -520,9 +518,8 @@ void TestQlarrunFiles::filesOfSeveralFrames()
     QFETCH(QStringList, frames);
 
     QTemporaryDir dir;
-    SxHeapPicture grey, thumb, rgb;
-    QVERIFY(makePicture(grey, IDT_UINT8, 5, 3, 1) && makePicture(thumb, IDT_UINT8, 2, 2, 1)
-            && makePicture(rgb, IDT_UINT16, 4, 2, 3));
+    const SxTstPic grey = makePicture(IDT_UINT8, 5, 3, 1), thumb = makePicture(IDT_UINT8, 2, 2, 1),
+                   rgb = makePicture(IDT_UINT16, 4, 2, 3);
     QVERIFY(writeWithLibtiff(dir.filePath("pages.tif"), grey.pic, SxTiffLayout(""))
             && writeWithLibtiff(dir.filePath("pages.tif"), thumb.pic, SxTiffLayout("append thumb"))
             && writeWithLibtiff(dir.filePath("pages.tif"), rgb.pic, SxTiffLayout("append")));
@@ -543,9 +540,11 @@ void TestQlarrunFiles::filesOfSeveralFrames()
     for (const QString& line : run.out.split('\n', Qt::SkipEmptyParts))
         summary << line.section(' ', 1, 4);
     QCOMPARE(summary, frames);
+    if (frames.isEmpty())
+        return;
     // The last frame exactly, where it is read unchanged: the stack's in host
     // byte order, PPM colour blue first.
-    SxHeapPicture last;
+    SxTstPic last;
     const QString name = QString("out/frame_%1.tif").arg(frames.last().section(':', 0, 0).toInt(), 6, 10, QChar('0'));
     QVERIFY(readPicture(dir.filePath(name), last));
     if (frames.size() == 3 && frames.first() == "0: 3x2 u16 x1" && !args.contains("--node"))
@@ -615,8 +614,7 @@ void TestQlarrunFiles::rawFrames()
         QVERIFY(writeFile(dir.filePath("camera.xml"), cameraXml(hsi, cameraCfa, 6).toUtf8()));
     QList<QByteArray> frames;
     for (int i = 0; i < names.size(); ++i) {
-        SxHeapPicture p;
-        QVERIFY(makePicture(p, ExImageDataType(type), 7, 5, 1, 0, quint32(i)));
+        SxTstPic p = makePicture(ExImageDataType(type), 7, 5, 1, 0, quint32(i));
         if (bits < 32)
             maskToBits(p.pic, quint32(bits));
         frames << packedBytes(p.pic);
@@ -627,7 +625,7 @@ void TestQlarrunFiles::rawFrames()
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
     for (int i = 0; i < outputs.size(); ++i) {
-        SxHeapPicture out;
+        SxTstPic out;
         CxImageMetadata meta;
         QString error;
         QVERIFY2(readPicture(dir.filePath("out/" + outputs.at(i) + ".tif"), out, &meta, &error), qPrintable(error));
@@ -707,16 +705,10 @@ void TestQlarrunFiles::failures_data()
                                                  << QStringList{"cut-samples.tif", "truncated"};
     QTest::newRow("TIFF description past the end") << QStringList{"@/cut-description.tif"} << 2
                                                    << QStringList{"cut-description.tif", "ImageDescription"};
-    QTest::newRow("TIFF claiming 2 GB in 150 bytes") << QStringList{"@/big-claim.tif"} << 2
-                                                    << QStringList{"big-claim.tif", "truncated"};
     QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
                                               << QStringList{"strip-in-header.tif", "header"};
-    QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
-                                                   << QStringList{"cut-directory.tif", "truncated"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
     QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2 << QStringList{"damaged.png", "checksum"};
-    QTest::newRow("PNG with an invalid header") << QStringList{"@/badheader.png"} << 2
-                                                << QStringList{"badheader.png", "Invalid IHDR data"};
     QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
     QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
     QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
@@ -772,8 +764,6 @@ void TestQlarrunFiles::failures_data()
                                              << QStringList{"chain-median.xml", "line 1", "kernelSize"};
     QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
     QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
-    QTest::newRow("chain document under a file")
-        << QStringList{"--node", "Deinterlace", "--save-chain", "@/afile/chain.xml"} << 4 << QStringList{"chain.xml"};
     // Writes that fail part way, as on a full disk: "fsize:N" caps every file
     // at N bytes. Nothing is left under the target's name.
     QStringList longChain{"fsize:2000", "--frames", "1", "--save-chain", "@/long.xml"};
@@ -793,19 +783,14 @@ void TestQlarrunFiles::failures()
     QFETCH(QStringList, culprits);
 
     QTemporaryDir dir;
-    SxHeapPicture grey, colour;
-    QVERIFY(makePicture(grey, IDT_UINT8, 9, 7, 1));
-    QVERIFY(makePicture(colour, IDT_UINT8, 9, 7, 3));
+    const SxTstPic grey = makePicture(IDT_UINT8, 9, 7, 1), colour = makePicture(IDT_UINT8, 9, 7, 3),
+                   floats = makePicture(IDT_FLOAT, 4, 3, 1);
     QString error;
-    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error));
-    QVERIFY(TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error));
-    SxHeapPicture floats;
-    QVERIFY(makePicture(floats, IDT_FLOAT, 4, 3, 1) && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
-    const QByteArray whole = fileBytes(dir.filePath("grey.tif"));
-    QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
+    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error)
+            && TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error)
+            && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
     QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
-    QVERIFY(writeFile(dir.filePath("big-claim.tif"), handmadeTiff(32768, 65520, QByteArray(32, 'x'))));
     // Our own TIFF, its ImageDescription (filter array, bits) claiming more
     // bytes than the file holds.
     QByteArray described = fileBytes(dir.filePath("grey.tif"));
@@ -824,12 +809,6 @@ void TestQlarrunFiles::failures()
     QByteArray damaged = png;
     damaged[damaged.indexOf("IDAT") + 8] = char(damaged.at(damaged.indexOf("IDAT") + 8) ^ 0x40);
     QVERIFY(writeFile(dir.filePath("damaged.png"), damaged));
-    // Width 0, with a valid checksum: libpng's own complaint, in our one line.
-    QVERIFY(writeFile(dir.filePath("badheader.png"),
-                      QByteArray("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\0\0\0\0\0\x05\x08\0\0\0\0\x4e\x2d\xb2\x7d"
-                                 "\0\0\0\x0bIDAT\x78\x9c\x63\x60\x80\x01\0\0\x0a\0\x01\x7f\x80\x74\x5e"
-                                 "\0\0\0\0IEND\xae\x42\x60\x82",
-                                 68)));
     QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
     QVERIFY(writeFile(dir.filePath("cut.pnm"), "P5 1 1 255\n\1P5 2 1 255\n\1"));
     QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout(""))
@@ -837,8 +816,9 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n")
             && writeImageJ(dir.filePath("ij-packed.tif"), QByteArray(36, 'x'), 3, 2, "ImageJ=\nimages=3\n", COMPRESSION_LZW));
     QByteArray noise;
+    std::minstd_rand rng(7);
     for (int i = 0; i < 3000; ++i)
-        noise.append(char(mixBits(quint64(i))));
+        noise.append(char(rng()));
     QVERIFY(writeFile(dir.filePath("noise.tif"), noise));
     QVERIFY(writeFile(dir.filePath("empty.png"), QByteArray()));
     QVERIFY(writeFile(dir.filePath("small.raw"), QByteArray(10, 'r')));

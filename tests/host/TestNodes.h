@@ -7,6 +7,8 @@
 #include <CxPicBufAPI.h>
 #include <CxSyntheticCamera.h>
 
+#include "TestPictures.h"
+
 #include <QtCore/QStringList>
 #include <QtXml/QDomElement>
 
@@ -201,18 +203,6 @@ public:
     using CxSyntheticCamera::CxSyntheticCamera;
     bool isLiveSource() const override { return false; }
 };
-
-inline SxPicBufInfo tstFormat(quint32 w, quint32 h, quint32 ch = 1)
-{
-    SxPicBufInfo f;
-    f.width = w;
-    f.height = h;
-    f.channels = ch;
-    f.dataType = IDT_UINT8;
-    f.bitsPerSample = 8;
-    f.isColor = ch >= 3;
-    return f;
-}
 
 inline CxImageData* tstPacket(const SxPicBufInfo& f, qint32 frameNumber, uchar fill)
 {

@@ -60,7 +60,7 @@ private slots:
     {
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(8, 8, 3));
+        chain.setInputFormat(tstFormat(8, 8, IDT_UINT8, 3, true));
         auto* add = new CxTstAddNode;
         auto* mono = new CxTstMonoOnlyNode;
         chain.appendNode(add);
@@ -74,7 +74,7 @@ private slots:
         QVERIFY(!add->memoryPool());
 
         // The same chain starts once the input fits; old messages are gone.
-        chain.setInputFormat(tstFormat(8, 8, 1));
+        chain.setInputFormat(tstFormat(8, 8));
         QVERIFY2(chain.start(), qPrintable(chain.lastError()));
         QVERIFY(mono->errorMessage().isEmpty());
         chain.stop();
