@@ -88,7 +88,11 @@ void writeFrames(const QString& dir, int first, int count, quint32 width, ExImag
         TIFFClose(tif);
 }
 
+struct SxPlay { int pages, later, width, type, broken, loop, fps, steps, least, most; };
+
 } // namespace
+
+Q_DECLARE_METATYPE(SxPlay)
 
 class TestMedia : public QObject
 {
@@ -103,34 +107,25 @@ private slots:
     // stop.
     void plays_data()
     {
-        for (const char* column : {"pages", "later", "width", "type", "broken", "loop", "fps", "steps", "least", "most"})
-            QTest::addColumn<int>(column);
+        QTest::addColumn<SxPlay>("c");
         const int u8 = IDT_UINT8;
         //                                  pages later width type broken loop fps steps least most
-        QTest::newRow("folder")          << 0 << 0 << 24 << u8 << 0 << 0 << 0 << -1 << 6 << 6;
-        QTest::newRow("multi-page TIFF") << 1 << 0 << 24 << u8 << 0 << 0 << 0 << -1 << 6 << 6;
-        QTest::newRow("new size")        << 0 << 3 << 32 << u8 << 0 << 0 << 0 << -1 << 9 << 9;
-        QTest::newRow("new sample type") << 0 << 3 << 24 << int(IDT_UINT16) << 0 << 0 << 0 << -1 << 9 << 9;
-        QTest::newRow("garbage file")    << 0 << 0 << 24 << u8 << 1 << 0 << 0 << -1 << 1 << 1;
-        QTest::newRow("removed file")    << 0 << 0 << 24 << u8 << 2 << 0 << 0 << -1 << 1 << 1;
-        QTest::newRow("paused")          << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 0 << 0 << 0;
-        QTest::newRow("one step")        << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 1 << 1 << 1;
-        QTest::newRow("three steps")     << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 3 << 3 << 3;
-        QTest::newRow("loop")            << 0 << 0 << 24 << u8 << 0 << 1 << 0 << -1 << 13 << 1000000;
-        QTest::newRow("loop at 20 fps")  << 0 << 0 << 24 << u8 << 0 << 1 << 20 << -1 << 8 << 35;
+        QTest::newRow("folder")          << SxPlay{0, 0, 24, u8, 0, 0, 0, -1, 6, 6};
+        QTest::newRow("multi-page TIFF") << SxPlay{1, 0, 24, u8, 0, 0, 0, -1, 6, 6};
+        QTest::newRow("new size")        << SxPlay{0, 3, 32, u8, 0, 0, 0, -1, 9, 9};
+        QTest::newRow("new sample type") << SxPlay{0, 3, 24, int(IDT_UINT16), 0, 0, 0, -1, 9, 9};
+        QTest::newRow("garbage file")    << SxPlay{0, 0, 24, u8, 1, 0, 0, -1, 1, 1};
+        QTest::newRow("removed file")    << SxPlay{0, 0, 24, u8, 2, 0, 0, -1, 1, 1};
+        QTest::newRow("paused")          << SxPlay{0, 0, 24, u8, 0, 0, 0, 0, 0, 0};
+        QTest::newRow("one step")        << SxPlay{0, 0, 24, u8, 0, 0, 0, 1, 1, 1};
+        QTest::newRow("three steps")     << SxPlay{0, 0, 24, u8, 0, 0, 0, 3, 3, 3};
+        QTest::newRow("loop")            << SxPlay{0, 0, 24, u8, 0, 1, 0, -1, 13, 1000000};
+        QTest::newRow("loop at 20 fps")  << SxPlay{0, 0, 24, u8, 0, 1, 20, -1, 8, 35};
     }
     void plays()
     {
-        QFETCH(int, pages);
-        QFETCH(int, later);
-        QFETCH(int, width);
-        QFETCH(int, type);
-        QFETCH(int, broken);
-        QFETCH(int, loop);
-        QFETCH(int, fps);
-        QFETCH(int, steps);
-        QFETCH(int, least);
-        QFETCH(int, most);
+        QFETCH(SxPlay, c);
+        const auto [pages, later, width, type, broken, loop, fps, steps, least, most] = c;
         QTemporaryDir dir;
         writeFrames(dir.path(), 0, 6, 24, IDT_UINT8, pages);
         writeFrames(dir.path(), 6, later, quint32(width), ExImageDataType(type));

@@ -52,12 +52,6 @@ public:
 
     void setAddend(int v, bool restart) { changeSetting(restart, [&] { addend = v; }); }
     QString title() const override { return QStringLiteral("Add"); }
-    CxChainable* clone() override
-    {
-        auto* c = new CxTstAddNode;
-        c->addend = addend;
-        return c;
-    }
     void setupStart() override
     {
         TestLog::lines() << QStringLiteral("start %1").arg(objectName());
