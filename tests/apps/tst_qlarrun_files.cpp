@@ -145,15 +145,13 @@ QByteArray bigEndian16(const QList<quint16>& values)
 
 // As ImageJ writes large stacks: one big-endian directory whose description
 // says images=N, the frames back to back from its first strip.
-bool writeImageJ(const QString& path, QByteArray samples, quint32 w, quint32 h, const char* description,
-                 int compression = COMPRESSION_NONE)
+bool writeImageJ(const QString& path, QByteArray samples, quint32 w, quint32 h, const char* description)
 {
     TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), "wb");
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
     TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
     TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, h);
     TIFFSetField(tif, TIFFTAG_IMAGEDESCRIPTION, description);
     const bool ok = TIFFWriteRawStrip(tif, 0, samples.data(), samples.size()) >= 0;
@@ -694,7 +692,6 @@ void TestQlarrunFiles::failures_data()
     QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
                                               << QStringList{"strip-in-header.tif", "header"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
-    QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2 << QStringList{"damaged.png", "checksum"};
     QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
     QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
     QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
@@ -706,8 +703,6 @@ void TestQlarrunFiles::failures_data()
                                                      << QStringList{"bad.tif (page 2 of 2)", "12-bit"};
     QTest::newRow("ImageJ stack longer than its file") << QStringList{"@/ij-short.tif"} << 2
                                                        << QStringList{"ij-short.tif", "1000 images", "ends after"};
-    QTest::newRow("ImageJ stack compressed") << QStringList{"@/ij-packed.tif"} << 2
-                                             << QStringList{"ij-packed.tif", "compressed"};
     QTest::newRow("second PNM image cut short") << QStringList{"@/cut.pnm"} << 2
                                                 << QStringList{"cut.pnm (image 2)", "truncated"};
     QTest::newRow("missing file") << QStringList{"@/gone.tif"} << 2 << QStringList{"gone.tif"};
@@ -738,10 +733,6 @@ void TestQlarrunFiles::failures_data()
                                                   << QStringList{"Extract Channel", "channelIdx=green"};
     QTest::newRow("unknown node") << QStringList{"--node", "Nosuch Node"} << 2 << QStringList{"Nosuch Node"};
     QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2 << QStringList{"missing.xml"};
-    QTest::newRow("malformed chain document") << QStringList{"--chain", "@/chain-broken.xml"} << 2
-                                              << QStringList{"chain-broken.xml"};
-    QTest::newRow("document names an unknown node") << QStringList{"--chain", "@/chain-unknown.xml"} << 2
-                                                    << QStringList{"chain-unknown.xml"};
     QTest::newRow("first frame refused") << QStringList{"@/float.tif", "--node", "Fast Fourier Transform 2D"} << 3
                                          << QStringList{"float.tif", "FFT 2D"};
     QTest::newRow("chain document nested too deep") << QStringList{"--chain", "@/chain-deep.xml"} << 2
@@ -792,15 +783,11 @@ void TestQlarrunFiles::failures()
             image.scanLine(y)[x] = uchar(x * 7 + y * 13);
     const QByteArray png = pngBytes(image);
     QVERIFY(writeFile(dir.filePath("cut.png"), png.left(png.size() - 20)));
-    QByteArray damaged = png;
-    damaged[damaged.indexOf("IDAT") + 8] = char(damaged.at(damaged.indexOf("IDAT") + 8) ^ 0x40);
-    QVERIFY(writeFile(dir.filePath("damaged.png"), damaged));
     QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
     QVERIFY(writeFile(dir.filePath("cut.pnm"), "P5 1 1 255\n\1P5 2 1 255\n\1"));
     QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout(""))
             && writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout("append bits=12")));
-    QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n")
-            && writeImageJ(dir.filePath("ij-packed.tif"), QByteArray(36, 'x'), 3, 2, "ImageJ=\nimages=3\n", COMPRESSION_LZW));
+    QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n"));
     QByteArray noise;
     std::minstd_rand rng(7);
     for (int i = 0; i < 3000; ++i)
@@ -809,9 +796,6 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("empty.png"), QByteArray()));
     QVERIFY(writeFile(dir.filePath("small.raw"), QByteArray(10, 'r')));
     QVERIFY(writeFile(dir.filePath("broken.xml"), "<QlarCamera colorFilterArray=\"7\">\n<HsiCameraParams version=\"1\">\n<"));
-    QVERIFY(writeFile(dir.filePath("chain-broken.xml"), "<?xml version=\"1.0\"?>\n<QlarChain version=\"1\">\n<Chainable uniqueId="));
-    QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
-                      "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
     QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
     QVERIFY(writeFile(dir.filePath("chain-deep.xml"), "<QlarChain version=\"1\">" + QByteArray("<a>").repeated(2000)));
     QVERIFY(writeFile(dir.filePath("chain-median.xml"),
