@@ -126,14 +126,13 @@ private slots:
         QTest::addColumn<QString>("format");
         QTest::addColumn<QString>("node");
         QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("output");
 
-        QTest::newRow("Mono8") << "Mono8" << "Median Filter" << "512x512 u8 x1" << "512x512 u8 x1";
-        QTest::newRow("Mono16") << "Mono16" << "Median Filter" << "512x512 u16 x1" << "512x512 u16 x1";
-        QTest::newRow("BayerRG8") << "BayerRG8" << "Extract Channel" << "512x512 u8 x1 mosaic RGGB" << "256x256 u8 x1";
-        QTest::newRow("BayerGR8") << "BayerGR8" << "Extract Channel" << "512x512 u8 x1 mosaic GRBG" << "256x256 u8 x1";
-        QTest::newRow("BayerGB8") << "BayerGB8" << "Rotate" << "512x512 u8 x1 mosaic GBRG" << "512x512 u8 x1 mosaic RGGB";
-        QTest::newRow("RGB8") << "RGB8" << "Rotate" << "512x512 u8 x3 colour" << "512x512 u8 x3 colour";
+        QTest::newRow("Mono8") << "Mono8" << "Median Filter" << "512x512 u8 x1";
+        QTest::newRow("Mono16") << "Mono16" << "Median Filter" << "512x512 u16 x1";
+        QTest::newRow("BayerRG8") << "BayerRG8" << "Extract Channel" << "512x512 u8 x1 mosaic RGGB";
+        QTest::newRow("BayerGR8") << "BayerGR8" << "Extract Channel" << "512x512 u8 x1 mosaic GRBG";
+        QTest::newRow("BayerGB8") << "BayerGB8" << "Rotate" << "512x512 u8 x1 mosaic GBRG";
+        QTest::newRow("RGB8") << "RGB8" << "Rotate" << "512x512 u8 x3 colour";
     }
 
     // 100 frames through a chain, the exposure lowered half-way from the GUI side.
@@ -153,7 +152,6 @@ private slots:
         QVERIFY(camera->setFrameRate(200, &error) && camera->setExposure(10000, &error));
         QVERIFY2(run.start(node), qPrintable(run.chain.lastError()));
         QTEST(run.in.describe(), "source");
-        QTEST(run.out.describe(), "output");
         QVERIFY(!camera->setPixelFormat("Mono8", &error));  // not while streaming
 
         QTRY_VERIFY_WITH_TIMEOUT(run.frameCount() >= 40, 10000);

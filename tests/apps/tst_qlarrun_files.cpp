@@ -414,8 +414,8 @@ void TestQlarrunFiles::pngAndPnm()
     QCOMPARE(packedBytes(pic.pic), channels > 1 ? blueFirst(samples, channels, bits > 8 ? 2 : 1) : samples);
 }
 
-// One run over a folder holding every type and channel count, plus PNG and
-// PNM files, each of another size, so the chain starts again between them.
+// One run over a folder holding every type and channel count, plus a 16-bit
+// RGBA PNG, each of another size, so the chain starts again between them.
 void TestQlarrunFiles::everyTypeThroughTheBinary()
 {
     QTemporaryDir dir;
@@ -431,7 +431,6 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic, nullptr, false, &error),
                  qPrintable(error));
     }
-    QVERIFY(writeFile(dir.filePath("in/shot_90.pgm"), QByteArray("P5 2 2 65535\n") + bigEndian16({1, 2, 65535, 4})));
     QImage rgba16(3, 2, QImage::Format_RGBA64);
     rgba16.fill(QColor::fromRgba64(1000, 2000, 3000, 4000));
     QVERIFY(rgba16.save(dir.filePath("in/shot_91.png")));
@@ -459,9 +458,7 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
             QVERIFY2(samePixels(in.pic, png.pic, &error), qPrintable(name + " as PNG: " + error));
         }
     }
-    SxTstPic pgm, rgba;
-    QVERIFY(readPicture(dir.filePath("out/frame_000090.tif"), pgm));
-    QCOMPARE(packedBytes(pgm.pic), hostOrder16({1, 2, 65535, 4}));
+    SxTstPic rgba;
     QVERIFY(readPicture(dir.filePath("out/frame_000091.tif"), rgba));
     QCOMPARE(rgba.pic.channels, 4u);
     QCOMPARE(rgba.pic.row<quint16>(1)[2 * 4 + 3], quint16(4000));
