@@ -1,6 +1,7 @@
 #pragma once
 // Shared by the command-line host's tests: running the built binary, making
-// pictures whose samples tell their position, and comparing pictures exactly.
+// pictures over the whole range of their type, comparing pictures exactly, and
+// writing TIFFs with libtiff itself, as another program would.
 #include "../host/TestPictures.h"
 
 #include <ImageFileReader.h>
@@ -13,6 +14,9 @@
 #include <csignal>
 
 #include <sys/resource.h>
+#include <tiffio.h>
+
+#include <vector>
 
 struct SxRun
 {
@@ -106,4 +110,96 @@ inline QByteArray packedBytes(const SxPicBuf& pic)
     for (quint32 y = 0; y < pic.height; ++y)
         bytes.append(reinterpret_cast<const char*>(pic.rowPtr(y)), qsizetype(pic.packedLineBytes()));
     return bytes;
+}
+
+struct SxTiffLayout
+{
+    bool bigEndian = false;
+    quint32 tile = 0;  // 0: strips
+    bool separate = false;
+    int compression = COMPRESSION_NONE;
+    quint32 rowsPerStrip = 0;  // 0: one strip
+    int photometric = -1;      // -1: RGB for 3 and 4 channels, else min-is-black
+    int bits = 0;              // 0: the sample type's
+    bool append = false, thumbnail = false;
+
+    // "be tile=16 sep comp=5 rps=4 ph=5 bits=12 append thumb", any of them.
+    explicit SxTiffLayout(const QString& layoutText)
+    {
+        for (const QString& token : layoutText.split(' ', Qt::SkipEmptyParts)) {
+            const int value = token.section('=', 1).toInt();
+            const QString key = token.section('=', 0, 0);
+            bigEndian |= key == "be";
+            separate |= key == "sep";
+            tile = key == "tile" ? quint32(value) : tile;
+            compression = key == "comp" ? value : compression;
+            rowsPerStrip = key == "rps" ? quint32(value) : rowsPerStrip;
+            photometric = key == "ph" ? value : photometric;
+            bits = key == "bits" ? value : bits;
+            append |= key == "append";
+            thumbnail |= key == "thumb";
+        }
+    }
+};
+
+// Written with libtiff directly, not through the program's writer.
+inline bool writeWithLibtiff(const QString& path, const SxPicBuf& src, const SxTiffLayout& l)
+{
+    TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), l.append ? "a" : l.bigEndian ? "wb" : "wl");
+    if (!tif)
+        return false;
+    const quint32 ch = src.channels;
+    const int photometric = l.photometric >= 0 ? l.photometric : ch >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+    const int sampleFormat = src.dataType == IDT_FLOAT ? SAMPLEFORMAT_IEEEFP
+                             : (src.dataType == IDT_INT8 || src.dataType == IDT_INT16 || src.dataType == IDT_INT32)
+                                 ? SAMPLEFORMAT_INT
+                                 : SAMPLEFORMAT_UINT;
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, src.width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, src.height);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(ch));
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(l.bits ? l.bits : int(src.bytesPerSample() * 8)));
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, uint16_t(sampleFormat));
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(photometric));
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(l.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG));
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(l.compression));
+    TIFFSetField(tif, TIFFTAG_SUBFILETYPE, l.thumbnail ? FILETYPE_REDUCEDIMAGE : 0);
+    const quint32 colour = photometric == PHOTOMETRIC_RGB ? 3 : photometric == PHOTOMETRIC_SEPARATED ? 4 : 1;
+    if (ch > colour) {
+        std::vector<uint16_t> kinds(ch - colour, EXTRASAMPLE_UNSPECIFIED);
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(kinds.size()), kinds.data());
+    }
+    const quint32 pixelBytes = src.bytesPerPixel(), sampleBytes = src.bytesPerSample();
+    bool ok = true;
+    if (l.tile) {
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, l.tile);
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, l.tile);
+        std::vector<uchar> tile(size_t(TIFFTileSize(tif)));
+        for (quint32 ty = 0; ok && ty < src.height; ty += l.tile) {
+            for (quint32 tx = 0; ok && tx < src.width; tx += l.tile) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (quint32 r = 0; r < l.tile && ty + r < src.height; ++r)
+                    std::memcpy(tile.data() + r * l.tile * pixelBytes, src.rowPtr(ty + r) + tx * pixelBytes,
+                                std::min(l.tile, src.width - tx) * pixelBytes);
+                ok = TIFFWriteTile(tif, tile.data(), tx, ty, 0, 0) >= 0;
+            }
+        }
+    } else {
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, l.rowsPerStrip ? l.rowsPerStrip : src.height);
+        std::vector<uchar> row(std::max<size_t>(size_t(TIFFScanlineSize(tif)), size_t(src.packedLineBytes())));
+        const quint32 planes = l.separate ? ch : 1;
+        for (quint32 s = 0; ok && s < planes; ++s) {
+            for (quint32 y = 0; ok && y < src.height; ++y) {
+                if (l.separate) {
+                    for (quint32 x = 0; x < src.width; ++x)
+                        std::memcpy(row.data() + x * sampleBytes, src.rowPtr(y) + x * pixelBytes + s * sampleBytes,
+                                    sampleBytes);
+                } else {
+                    std::memcpy(row.data(), src.rowPtr(y), size_t(src.packedLineBytes()));
+                }
+                ok = TIFFWriteScanline(tif, row.data(), y, uint16_t(s)) >= 0;
+            }
+        }
+    }
+    TIFFClose(tif);
+    return ok;
 }

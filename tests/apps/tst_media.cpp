@@ -18,7 +18,6 @@
 #include <QtTest/QtTest>
 
 #include <sys/resource.h>
-#include <tiffio.h>
 
 #include <csignal>
 
@@ -69,23 +68,12 @@ struct SxRig
 // f000.tif, f001.tif, ... (or the pages of stack.tif), each with samples of its own.
 void writeFrames(const QString& dir, int first, int count, quint32 width, ExImageDataType type, bool pages = false)
 {
-    TIFF* tif = pages ? TIFFOpen(QFile::encodeName(dir + "/stack.tif").constData(), "w") : nullptr;
     for (int i = first; i < first + count; ++i) {
+        const SxTstPic p = makePicture(type, width, 8, 1, 0, quint32(i));
         QString error;
-        SxTstPic p = makePicture(type, width, 8, 1, 0, quint32(i));
-        const QString path = QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0'));
-        QVERIFY(pages || TiffIo::write(path, p.pic, nullptr, false, &error));
-        if (!pages)
-            continue;
-        for (auto [tag, value] : {std::pair{TIFFTAG_IMAGEWIDTH, width}, {TIFFTAG_IMAGELENGTH, 8u},
-                                  {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, quint32(PHOTOMETRIC_MINISBLACK)}})
-            TIFFSetField(tif, tag, value);
-        for (quint32 y = 0; y < 8; ++y)
-            TIFFWriteScanline(tif, p.pic.rowPtr(y), y, 0);
-        TIFFWriteDirectory(tif);
+        QVERIFY(pages ? writeWithLibtiff(dir + "/stack.tif", p.pic, SxTiffLayout(i > first ? "append" : ""))
+                      : TiffIo::write(QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0')), p.pic, nullptr, false, &error));
     }
-    if (tif)
-        TIFFClose(tif);
 }
 
 struct SxPlay { int pages, later, width, type, broken, loop, fps, steps, least, most; };
