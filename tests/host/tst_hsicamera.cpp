@@ -228,7 +228,6 @@ private slots:
         QTest::addColumn<QString>("expected");  // start and a distinctive part of the message
         QTest::addColumn<QString>("what");
         const QString zoneOpen = "<HsiCameraParams>\n<FilterZone patternWidth=\"1\" patternHeight=\"1\"";
-        QTest::newRow("not xml") << QString("no markup here") << "line 1" << "";
         QTest::newRow("unclosed element") << QString("<HsiCameraParams>\n<FilterZone>\n") << "line 3" << "";
         QTest::newRow("wrong root") << QString("<Camera/>") << "line 1" << "expected <HsiCameraParams>";
         QTest::newRow("missing pattern width")
