@@ -60,14 +60,12 @@ quint32 channelsOf(CxSyntheticCamera::ExLayout layout)
     return layout == CxSyntheticCamera::LayoutRgb ? 3 : layout == CxSyntheticCamera::LayoutRgba ? 4 : 1;
 }
 
-bool renderCamera(const CxSyntheticCamera::SxConfig& c, qint64 n, SxTstPic& p)
+SxTstPic renderCamera(const CxSyntheticCamera::SxConfig& c, qint64 n)
 {
     const quint32 ch = channelsOf(c.layout);
-    if (!CxPicBufAPI::AllocPicBufFromHeap(p.pic, c.width, c.height, ch, c.dataType, c.bitsPerSample, 0, 0,
-                                          DSF_PACKED, CFA_NONE, ch > 1, true, 0))
-        return false;
+    SxTstPic p(tstFormat(c.width, c.height, c.dataType, ch, ch > 1, c.bitsPerSample));
     CxSyntheticCamera::renderFrame(c, n, p.pic);
-    return true;
+    return p;
 }
 
 // The outputs of the same chain run here, in process, over the same camera:
@@ -432,9 +430,7 @@ void TestQlarrun::cameraLayouts()
     }
 
     // Within the significant bits, using a good part of them, and moving.
-    SxTstPic first, next;
-    QVERIFY(renderCamera(camera.config(), 0, first));
-    QVERIFY(renderCamera(camera.config(), 1, next));
+    const SxTstPic first = renderCamera(camera.config(), 0), next = renderCamera(camera.config(), 1);
     QVERIFY(packedBytes(first.pic) != packedBytes(next.pic));
     quint32 top = 0;
     for (quint32 y = 0; y < first.pic.height; ++y)

@@ -253,11 +253,7 @@ private slots:
 
     void packetOwnsItsParts()
     {
-        SxPicBufInfo f;
-        f.width = 8;
-        f.height = 4;
-        f.channels = 1;
-        f.dataType = IDT_FLOAT;
+        const SxPicBufInfo f = tstFormat(8, 4, IDT_FLOAT);
         void* pool = CxPicBufAPI::CreateMemoryPool(f, 2, "fft");
         SxPicBuf re, im, source;
         QVERIFY(CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, re, f, false));
