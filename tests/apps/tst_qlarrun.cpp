@@ -455,13 +455,8 @@ void TestQlarrun::savedChainReplaysOnPlainFiles()
     QCOMPARE(runQlarrun(raw + QStringList{"--cfa", "1", "--bits", "12", "--node", "Deinterlace:transform=3", "--node",
                                           "Extract Channel:channelIdx=2", "--save-chain", doc, "--out", first}).status,
              0);
-    const QString xml = QString::fromUtf8(fileBytes(doc));
-    const QString input = xml.split('\n').filter("<QlarCamera").value(0);
-    QVERIFY2(input.contains("colorFilterArray=\"1\"") && input.contains("bitsPerSample=\"12\"") && xml.contains(DeinterlaceId)
-                 && xml.contains("transform=\"3\"") && xml.contains("channelIdx=\"2\""),
-             qPrintable(xml));
-
-    // Quiet but for the summary lines asked for.
+    // The same files from the document alone (the mosaic halves the frames,
+    // the bits are in every file); quiet but for the summary lines asked for.
     const SxRun run = runQlarrun(raw + QStringList{"--chain", doc, "--out", second, "--quiet", "--summary"});
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
