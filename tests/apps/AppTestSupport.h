@@ -1,7 +1,9 @@
 #pragma once
 // Shared by the command-line host's tests: running the built binary, making
-// pictures whose samples tell their position, and comparing pictures exactly.
-#include <CxPicBufAPI.h>
+// pictures over the whole range of their type, comparing pictures exactly, and
+// writing TIFFs with libtiff itself, as another program would.
+#include "../host/TestPictures.h"
+
 #include <ImageFileReader.h>
 
 #include <QtCore/QDir>
@@ -9,12 +11,12 @@
 #include <QtCore/QProcess>
 #include <QtCore/QStringList>
 
-#include <cmath>
 #include <csignal>
-#include <cstring>
-#include <limits>
 
 #include <sys/resource.h>
+#include <tiffio.h>
+
+#include <vector>
 
 struct SxRun
 {
@@ -52,61 +54,17 @@ inline SxRun runQlarrun(const QStringList& args, const QString& workDir = QStrin
     return run;
 }
 
-// A heap picture that is freed with its holder.
-struct SxHeapPicture
+// A picture of the format over the whole range of the type, a -0, an
+// infinity and a NaN among the floats; rows padded by padding bytes.
+inline SxTstPic makePicture(ExImageDataType type, quint32 w, quint32 h, quint32 channels, quint32 padding = 0,
+                            quint32 seed = 0)
 {
-    SxPicBuf pic;
-    SxHeapPicture() = default;
-    SxHeapPicture(const SxHeapPicture&) = delete;
-    ~SxHeapPicture() { CxPicBufAPI::FreePicBuf(pic, true); }
-};
-
-inline quint64 mixBits(quint64 h)
-{
-    h ^= h >> 33;
-    h *= 0xff51afd7ed558ccdULL;
-    h ^= h >> 33;
-    h *= 0xc4ceb3f9fe1a85ecULL;
-    return h ^ (h >> 33);
-}
-
-// Samples over the whole range of the type: negative values of signed types,
-// values above 2^31 in u32, fractions and a -0, an infinity and a NaN among
-// the floats. Every byte of a sample depends on its position and the seed.
-inline void fillPattern(SxPicBuf& pic, quint32 seed = 0)
-{
-    const quint32 bytes = pic.bytesPerSample();
-    const quint64 rowSamples = quint64(pic.width) * pic.channels;
-    for (quint32 y = 0; y < pic.height; ++y) {
-        uchar* row = pic.rowPtr(y);
-        for (quint64 i = 0; i < rowSamples; ++i) {
-            const quint64 h = mixBits((quint64(seed) << 40) ^ (quint64(y) << 20) ^ i);
-            if (pic.dataType == IDT_FLOAT) {
-                const quint64 index = y * rowSamples + i;
-                const float v = index == 1   ? -0.f
-                                : index == 2 ? std::numeric_limits<float>::infinity()
-                                : index == 3 ? std::numeric_limits<float>::quiet_NaN()
-                                             : float(qint32(h)) / 4096.f;
-                std::memcpy(row + i * 4, &v, 4);
-            } else {
-                std::memcpy(row + i * bytes, &h, bytes);
-            }
-        }
-    }
-}
-
-// A picture of the format with the pattern above; padding bytes after every
-// row hold 0xA5, which no comparison may look at.
-inline bool makePicture(SxHeapPicture& p, ExImageDataType type, quint32 w, quint32 h, quint32 channels,
-                        quint32 padding = 0, quint32 seed = 0)
-{
-    const quint32 pitch = w * channels * bytesPerSampleOf(type) + padding;
-    if (!CxPicBufAPI::AllocPicBufFromHeap(p.pic, w, h, channels, type, 0, pitch, 0, DSF_PACKED, CFA_NONE,
-                                          channels >= 3, false, 0))
-        return false;
-    std::memset(p.pic.data, 0xA5, size_t(p.pic.dataSize()));
-    fillPattern(p.pic, seed);
-    return true;
+    SxTstPic p(tstFormat(w, h, type, channels, channels >= 3), padding);
+    tstFillRandom(p.pic, seed);
+    const TstNum special[] = {-0.L, INFINITY, NAN};
+    for (quint32 i = 1; type == IDT_FLOAT && i < 4 && i < w * h * channels; ++i)
+        tstSetSample(p.pic, i / channels % w, i / channels / w, i % channels, special[i - 1]);
+    return p;
 }
 
 // Keeps only the low bits of every integer sample, for formats whose
@@ -123,24 +81,8 @@ inline void maskToBits(SxPicBuf& pic, quint32 bits)
         }
 }
 
-// Same geometry and sample type and the same bytes in every row (pitches may
-// differ); why tells the first difference.
-inline bool samePixels(const SxPicBuf& a, const SxPicBuf& b, QString* why)
-{
-    if (a.width != b.width || a.height != b.height || a.channels != b.channels || a.dataType != b.dataType) {
-        *why = QString("format %1 against %2").arg(a.describe(), b.describe());
-        return false;
-    }
-    if (!a.data || !b.data)
-        return *why = "no pixels", false;
-    for (quint32 y = 0; y < a.height; ++y)
-        if (std::memcmp(a.rowPtr(y), b.rowPtr(y), size_t(a.packedLineBytes())) != 0)
-            return *why = QString("row %1 differs").arg(y), false;
-    return true;
-}
-
 // Through the program's own reader, as a run would read the file.
-inline bool readPicture(const QString& path, SxHeapPicture& p, CxImageMetadata* meta = nullptr,
+inline bool readPicture(const QString& path, SxTstPic& p, CxImageMetadata* meta = nullptr,
                         QString* error = nullptr)
 {
     CxImageMetadata scratch;
@@ -168,4 +110,96 @@ inline QByteArray packedBytes(const SxPicBuf& pic)
     for (quint32 y = 0; y < pic.height; ++y)
         bytes.append(reinterpret_cast<const char*>(pic.rowPtr(y)), qsizetype(pic.packedLineBytes()));
     return bytes;
+}
+
+struct SxTiffLayout
+{
+    bool bigEndian = false;
+    quint32 tile = 0;  // 0: strips
+    bool separate = false;
+    int compression = COMPRESSION_NONE;
+    quint32 rowsPerStrip = 0;  // 0: one strip
+    int photometric = -1;      // -1: RGB for 3 and 4 channels, else min-is-black
+    int bits = 0;              // 0: the sample type's
+    bool append = false, thumbnail = false;
+
+    // "be tile=16 sep comp=5 rps=4 ph=5 bits=12 append thumb", any of them.
+    explicit SxTiffLayout(const QString& layoutText)
+    {
+        for (const QString& token : layoutText.split(' ', Qt::SkipEmptyParts)) {
+            const int value = token.section('=', 1).toInt();
+            const QString key = token.section('=', 0, 0);
+            bigEndian |= key == "be";
+            separate |= key == "sep";
+            tile = key == "tile" ? quint32(value) : tile;
+            compression = key == "comp" ? value : compression;
+            rowsPerStrip = key == "rps" ? quint32(value) : rowsPerStrip;
+            photometric = key == "ph" ? value : photometric;
+            bits = key == "bits" ? value : bits;
+            append |= key == "append";
+            thumbnail |= key == "thumb";
+        }
+    }
+};
+
+// Written with libtiff directly, not through the program's writer.
+inline bool writeWithLibtiff(const QString& path, const SxPicBuf& src, const SxTiffLayout& l)
+{
+    TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), l.append ? "a" : l.bigEndian ? "wb" : "wl");
+    if (!tif)
+        return false;
+    const quint32 ch = src.channels;
+    const int photometric = l.photometric >= 0 ? l.photometric : ch >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
+    const int sampleFormat = src.dataType == IDT_FLOAT ? SAMPLEFORMAT_IEEEFP
+                             : (src.dataType == IDT_INT8 || src.dataType == IDT_INT16 || src.dataType == IDT_INT32)
+                                 ? SAMPLEFORMAT_INT
+                                 : SAMPLEFORMAT_UINT;
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, src.width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, src.height);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(ch));
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(l.bits ? l.bits : int(src.bytesPerSample() * 8)));
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, uint16_t(sampleFormat));
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(photometric));
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(l.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG));
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(l.compression));
+    TIFFSetField(tif, TIFFTAG_SUBFILETYPE, l.thumbnail ? FILETYPE_REDUCEDIMAGE : 0);
+    const quint32 colour = photometric == PHOTOMETRIC_RGB ? 3 : photometric == PHOTOMETRIC_SEPARATED ? 4 : 1;
+    if (ch > colour) {
+        std::vector<uint16_t> kinds(ch - colour, EXTRASAMPLE_UNSPECIFIED);
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(kinds.size()), kinds.data());
+    }
+    const quint32 pixelBytes = src.bytesPerPixel(), sampleBytes = src.bytesPerSample();
+    bool ok = true;
+    if (l.tile) {
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, l.tile);
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, l.tile);
+        std::vector<uchar> tile(size_t(TIFFTileSize(tif)));
+        for (quint32 ty = 0; ok && ty < src.height; ty += l.tile) {
+            for (quint32 tx = 0; ok && tx < src.width; tx += l.tile) {
+                std::fill(tile.begin(), tile.end(), 0);
+                for (quint32 r = 0; r < l.tile && ty + r < src.height; ++r)
+                    std::memcpy(tile.data() + r * l.tile * pixelBytes, src.rowPtr(ty + r) + tx * pixelBytes,
+                                std::min(l.tile, src.width - tx) * pixelBytes);
+                ok = TIFFWriteTile(tif, tile.data(), tx, ty, 0, 0) >= 0;
+            }
+        }
+    } else {
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, l.rowsPerStrip ? l.rowsPerStrip : src.height);
+        std::vector<uchar> row(std::max<size_t>(size_t(TIFFScanlineSize(tif)), size_t(src.packedLineBytes())));
+        const quint32 planes = l.separate ? ch : 1;
+        for (quint32 s = 0; ok && s < planes; ++s) {
+            for (quint32 y = 0; ok && y < src.height; ++y) {
+                if (l.separate) {
+                    for (quint32 x = 0; x < src.width; ++x)
+                        std::memcpy(row.data() + x * sampleBytes, src.rowPtr(y) + x * pixelBytes + s * sampleBytes,
+                                    sampleBytes);
+                } else {
+                    std::memcpy(row.data(), src.rowPtr(y), size_t(src.packedLineBytes()));
+                }
+                ok = TIFFWriteScanline(tif, row.data(), y, uint16_t(s)) >= 0;
+            }
+        }
+    }
+    TIFFClose(tif);
+    return ok;
 }

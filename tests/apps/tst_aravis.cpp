@@ -126,14 +126,13 @@ private slots:
         QTest::addColumn<QString>("format");
         QTest::addColumn<QString>("node");
         QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("output");
 
-        QTest::newRow("Mono8") << "Mono8" << "Median Filter" << "512x512 u8 x1" << "512x512 u8 x1";
-        QTest::newRow("Mono16") << "Mono16" << "Median Filter" << "512x512 u16 x1" << "512x512 u16 x1";
-        QTest::newRow("BayerRG8") << "BayerRG8" << "Extract Channel" << "512x512 u8 x1 mosaic RGGB" << "256x256 u8 x1";
-        QTest::newRow("BayerGR8") << "BayerGR8" << "Extract Channel" << "512x512 u8 x1 mosaic GRBG" << "256x256 u8 x1";
-        QTest::newRow("BayerGB8") << "BayerGB8" << "Rotate" << "512x512 u8 x1 mosaic GBRG" << "512x512 u8 x1 mosaic RGGB";
-        QTest::newRow("RGB8") << "RGB8" << "Rotate" << "512x512 u8 x3 colour" << "512x512 u8 x3 colour";
+        QTest::newRow("Mono8") << "Mono8" << "Median Filter" << "512x512 u8 x1";
+        QTest::newRow("Mono16") << "Mono16" << "Median Filter" << "512x512 u16 x1";
+        QTest::newRow("BayerRG8") << "BayerRG8" << "Extract Channel" << "512x512 u8 x1 mosaic RGGB";
+        QTest::newRow("BayerGR8") << "BayerGR8" << "Extract Channel" << "512x512 u8 x1 mosaic GRBG";
+        QTest::newRow("BayerGB8") << "BayerGB8" << "Rotate" << "512x512 u8 x1 mosaic GBRG";
+        QTest::newRow("RGB8") << "RGB8" << "Rotate" << "512x512 u8 x3 colour";
     }
 
     // 100 frames through a chain, the exposure lowered half-way from the GUI side.
@@ -153,7 +152,6 @@ private slots:
         QVERIFY(camera->setFrameRate(200, &error) && camera->setExposure(10000, &error));
         QVERIFY2(run.start(node), qPrintable(run.chain.lastError()));
         QTEST(run.in.describe(), "source");
-        QTEST(run.out.describe(), "output");
         QVERIFY(!camera->setPixelFormat("Mono8", &error));  // not while streaming
 
         QTRY_VERIFY_WITH_TIMEOUT(run.frameCount() >= 40, 10000);
@@ -239,7 +237,6 @@ private slots:
                 if (dev.serial == fake.serial)
                     found = dev;
         QVERIFY2(!found.id.isEmpty(), "the simulator was not discovered on loopback");
-        qInfo("simulator discovered as %s after %lld ms", qPrintable(found.id), clock.elapsed());
 
         SxRun run;
         CxAravisCamera* camera = run.camera;
@@ -257,7 +254,6 @@ private slots:
         }
         clock.restart();
         QTRY_VERIFY_WITH_TIMEOUT(run.lostCount > 0, 15000);
-        qInfo("lost after %lld ms: %s", clock.elapsed(), qPrintable(camera->lostMessage()));
         QVERIFY(camera->lost() && camera->lostMessage().contains(camera->title()));
         const CxAravisCamera::SxCounters counters = camera->counters();
         QCOMPARE(counters.incomplete + counters.failed >= 10, !killed);
@@ -268,7 +264,6 @@ private slots:
         clock.restart();
         run.chain.stop();
         camera->close();
-        qInfo("chain stopped and camera closed in %lld ms", clock.elapsed());
         QVERIFY(clock.elapsed() < 1000 && !run.chain.start());
         QCOMPARE(run.lostCount, 1);
         QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), poolBefore);

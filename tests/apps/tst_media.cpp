@@ -18,7 +18,6 @@
 #include <QtTest/QtTest>
 
 #include <sys/resource.h>
-#include <tiffio.h>
 
 #include <csignal>
 
@@ -69,27 +68,19 @@ struct SxRig
 // f000.tif, f001.tif, ... (or the pages of stack.tif), each with samples of its own.
 void writeFrames(const QString& dir, int first, int count, quint32 width, ExImageDataType type, bool pages = false)
 {
-    TIFF* tif = pages ? TIFFOpen(QFile::encodeName(dir + "/stack.tif").constData(), "w") : nullptr;
     for (int i = first; i < first + count; ++i) {
-        SxHeapPicture p;
+        const SxTstPic p = makePicture(type, width, 8, 1, 0, quint32(i));
         QString error;
-        QVERIFY(makePicture(p, type, width, 8, 1, 0, quint32(i)));
-        const QString path = QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0'));
-        QVERIFY(pages || TiffIo::write(path, p.pic, nullptr, false, &error));
-        if (!pages)
-            continue;
-        for (auto [tag, value] : {std::pair{TIFFTAG_IMAGEWIDTH, width}, {TIFFTAG_IMAGELENGTH, 8u},
-                                  {TIFFTAG_BITSPERSAMPLE, 8u}, {TIFFTAG_PHOTOMETRIC, quint32(PHOTOMETRIC_MINISBLACK)}})
-            TIFFSetField(tif, tag, value);
-        for (quint32 y = 0; y < 8; ++y)
-            TIFFWriteScanline(tif, p.pic.rowPtr(y), y, 0);
-        TIFFWriteDirectory(tif);
+        QVERIFY(pages ? writeWithLibtiff(dir + "/stack.tif", p.pic, SxTiffLayout(i > first ? "append" : ""))
+                      : TiffIo::write(QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0')), p.pic, nullptr, false, &error));
     }
-    if (tif)
-        TIFFClose(tif);
 }
 
+struct SxPlay { int pages, later, width, type, broken, loop, fps, steps, least, most; };
+
 } // namespace
+
+Q_DECLARE_METATYPE(SxPlay)
 
 class TestMedia : public QObject
 {
@@ -104,34 +95,25 @@ private slots:
     // stop.
     void plays_data()
     {
-        for (const char* column : {"pages", "later", "width", "type", "broken", "loop", "fps", "steps", "least", "most"})
-            QTest::addColumn<int>(column);
+        QTest::addColumn<SxPlay>("c");
         const int u8 = IDT_UINT8;
         //                                  pages later width type broken loop fps steps least most
-        QTest::newRow("folder")          << 0 << 0 << 24 << u8 << 0 << 0 << 0 << -1 << 6 << 6;
-        QTest::newRow("multi-page TIFF") << 1 << 0 << 24 << u8 << 0 << 0 << 0 << -1 << 6 << 6;
-        QTest::newRow("new size")        << 0 << 3 << 32 << u8 << 0 << 0 << 0 << -1 << 9 << 9;
-        QTest::newRow("new sample type") << 0 << 3 << 24 << int(IDT_UINT16) << 0 << 0 << 0 << -1 << 9 << 9;
-        QTest::newRow("garbage file")    << 0 << 0 << 24 << u8 << 1 << 0 << 0 << -1 << 1 << 1;
-        QTest::newRow("removed file")    << 0 << 0 << 24 << u8 << 2 << 0 << 0 << -1 << 1 << 1;
-        QTest::newRow("paused")          << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 0 << 0 << 0;
-        QTest::newRow("one step")        << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 1 << 1 << 1;
-        QTest::newRow("three steps")     << 0 << 0 << 24 << u8 << 0 << 0 << 0 << 3 << 3 << 3;
-        QTest::newRow("loop")            << 0 << 0 << 24 << u8 << 0 << 1 << 0 << -1 << 13 << 1000000;
-        QTest::newRow("loop at 20 fps")  << 0 << 0 << 24 << u8 << 0 << 1 << 20 << -1 << 8 << 35;
+        QTest::newRow("folder")          << SxPlay{0, 0, 24, u8, 0, 0, 0, -1, 6, 6};
+        QTest::newRow("multi-page TIFF") << SxPlay{1, 0, 24, u8, 0, 0, 0, -1, 6, 6};
+        QTest::newRow("new size")        << SxPlay{0, 3, 32, u8, 0, 0, 0, -1, 9, 9};
+        QTest::newRow("new sample type") << SxPlay{0, 3, 24, int(IDT_UINT16), 0, 0, 0, -1, 9, 9};
+        QTest::newRow("garbage file")    << SxPlay{0, 0, 24, u8, 1, 0, 0, -1, 1, 1};
+        QTest::newRow("removed file")    << SxPlay{0, 0, 24, u8, 2, 0, 0, -1, 1, 1};
+        QTest::newRow("paused")          << SxPlay{0, 0, 24, u8, 0, 0, 0, 0, 0, 0};
+        QTest::newRow("one step")        << SxPlay{0, 0, 24, u8, 0, 0, 0, 1, 1, 1};
+        QTest::newRow("three steps")     << SxPlay{0, 0, 24, u8, 0, 0, 0, 3, 3, 3};
+        QTest::newRow("loop")            << SxPlay{0, 0, 24, u8, 0, 1, 0, -1, 13, 1000000};
+        QTest::newRow("loop at 20 fps")  << SxPlay{0, 0, 24, u8, 0, 1, 20, -1, 8, 35};
     }
     void plays()
     {
-        QFETCH(int, pages);
-        QFETCH(int, later);
-        QFETCH(int, width);
-        QFETCH(int, type);
-        QFETCH(int, broken);
-        QFETCH(int, loop);
-        QFETCH(int, fps);
-        QFETCH(int, steps);
-        QFETCH(int, least);
-        QFETCH(int, most);
+        QFETCH(SxPlay, c);
+        const auto [pages, later, width, type, broken, loop, fps, steps, least, most] = c;
         QTemporaryDir dir;
         writeFrames(dir.path(), 0, 6, 24, IDT_UINT8, pages);
         writeFrames(dir.path(), 6, later, quint32(width), ExImageDataType(type));
@@ -243,7 +225,7 @@ private slots:
             for (const QString& sub : {folder, folder + "/input"}) {
                 QCOMPARE(QDir(sub).entryList({".*"}, QDir::Files | QDir::Hidden), QStringList());
                 for (const QString& name : QDir(sub).entryList({"frame_*"}, QDir::Files)) {
-                    SxHeapPicture p;
+                    SxTstPic p;
                     QVERIFY2(readPicture(sub + "/" + name, p), qPrintable(name));
                 }
             }
@@ -260,7 +242,7 @@ private slots:
         QCOMPARE(recorded.size(), files);
         QCOMPARE(QDir(folder + "/replay").entryList({"frame_*.tif"}, QDir::Files, QDir::Name), recorded);
         for (const QString& name : recorded) {
-            SxHeapPicture a, b;
+            SxTstPic a, b;
             QString why;
             QVERIFY(readPicture(folder + "/" + name, a) && readPicture(folder + "/replay/" + name, b));
             QVERIFY2(samePixels(a.pic, b.pic, &why), qPrintable(name + ": " + why));

@@ -3,7 +3,8 @@
 // against plain references, mosaic cell names, and the view and panel while
 // frames change. Frames sit in buffers of exactly the size their format
 // needs, so the sanitizer build catches any read past the last row.
-#include <CxPicBufAPI.h>
+#include "../host/TestPictures.h"
+
 #include <CxSyntheticCamera.h>
 #include <DisplayMapper.h>
 #include <MeasurePanel.h>
@@ -14,7 +15,6 @@
 #include <QtWidgets/QApplication>
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -31,57 +31,28 @@ struct SxFormat
     ExColorFilterArray cfa = CFA_NONE;
 };
 
-void store(uchar* p, ExImageDataType t, double v)
-{
-    switch (t) {
-    case IDT_INT8: { const qint8 s = qint8(v); std::memcpy(p, &s, 1); break; }
-    case IDT_UINT8: { const quint8 s = quint8(v); std::memcpy(p, &s, 1); break; }
-    case IDT_INT16: { const qint16 s = qint16(v); std::memcpy(p, &s, 2); break; }
-    case IDT_UINT16: { const quint16 s = quint16(v); std::memcpy(p, &s, 2); break; }
-    case IDT_INT32: { const qint32 s = qint32(v); std::memcpy(p, &s, 4); break; }
-    case IDT_UINT32: { const quint32 s = quint32(v); std::memcpy(p, &s, 4); break; }
-    default: { const float s = float(v); std::memcpy(p, &s, 4); break; }
-    }
-}
-
-// A picture in memory of exactly requiredBytes() (rows padded by padding
-// bytes, none after the last), sample (x, y, c) in storage order from value.
-SxPicBuf wrapped(const SxFormat& f, quint32 w, quint32 h, quint32 padding, std::vector<uchar>& bytes,
-                 const std::function<double(quint32, quint32, quint32)>& value)
-{
-    SxPicBufInfo info;
-    info.width = w;
-    info.height = h;
-    info.channels = f.channels;
-    info.dataType = f.type;
-    info.bitsPerSample = f.bits ? f.bits : bytesPerSampleOf(f.type) * 8;
-    info.linePitch = quint32(info.packedLineBytes()) + padding;
-    info.isColor = f.colour;
-    info.colorFilterArray = f.cfa;
-    info.storageFormat = DSF_PACKED;
-    bytes.assign(size_t(info.requiredBytes()), 0xA5);
-    SxPicBuf pic;
-    CxPicBufAPI::WrapPicBuf(pic, info, bytes.data(), bytes.size());
-    for (quint32 y = 0; y < h; ++y)
-        for (quint32 x = 0; x < w; ++x)
-            for (quint32 c = 0; c < f.channels; ++c)
-                store(pic.rowPtr(y) + (quint64(x) * f.channels + c) * info.bytesPerSample(), f.type, value(x, y, c));
-    return pic;
-}
-
-// The frame owns its buffers through its deleter.
+// The frame owns its pictures through its deleter; their memory ends with
+// the last row's samples, rows padded by padding bytes.
 ViewFramePtr makeFrame(const SxFormat& f, quint32 w, quint32 h,
                        const std::function<double(quint32, quint32, quint32)>& value, quint32 padding = 3,
                        const std::function<double(quint32, quint32, quint32)>& imaginary = nullptr)
 {
-    auto buffers = std::make_shared<std::pair<std::vector<uchar>, std::vector<uchar>>>();
+    auto pictures = std::make_shared<std::vector<SxTstPic>>();
+    pictures->reserve(2);
     auto* frame = new SxViewFrame;
-    frame->pic = wrapped(f, w, h, padding, buffers->first, value);
-    if (imaginary) {
-        frame->spectrum = true;
-        frame->im = wrapped(f, w, h, padding, buffers->second, imaginary);
+    for (const auto* fill : {&value, &imaginary}) {
+        if (!*fill)
+            continue;
+        SxPicBufInfo info = tstFormat(w, h, f.type, f.channels, f.colour, f.bits);
+        info.colorFilterArray = f.cfa;
+        SxPicBuf& pic = pictures->emplace_back(info, padding, true).pic;
+        for (quint32 i = 0; i < w * h * f.channels; ++i)
+            tstSetSample(pic, i / f.channels % w, i / f.channels / w, i % f.channels,
+                         (*fill)(i / f.channels % w, i / f.channels / w, i % f.channels));
+        (fill == &value ? frame->pic : frame->im) = pic;
     }
-    return ViewFramePtr(frame, [buffers](const SxViewFrame* p) { delete p; });
+    frame->spectrum = bool(imaginary);
+    return ViewFramePtr(frame, [pictures](const SxViewFrame* p) { delete p; });
 }
 
 // Samples listed pixel after pixel along one row.
@@ -94,6 +65,18 @@ ViewFramePtr rowFrame(const SxFormat& f, const QList<double>& samples, const QLi
                      im.isEmpty() ? nullptr : std::function<double(quint32, quint32, quint32)>(at(im)));
 }
 
+struct SxShown
+{
+    ExImageDataType type;
+    quint32 channels, bits;
+    bool colour;
+    Mode mode;
+    int channel;
+    QList<double> samples, imaginary;
+    int probe;  // the pixel looked at
+    QRgb expected;
+};
+
 quint32 noise(quint32 x, quint32 y, quint32 c)
 {
     quint32 h = x * 73856093u ^ y * 19349663u ^ c * 83492791u;
@@ -102,6 +85,9 @@ quint32 noise(quint32 x, quint32 y, quint32 c)
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(SxShown)
+Q_DECLARE_METATYPE(SxFormat)
 
 class TestPictureView : public QObject
 {
@@ -123,82 +109,51 @@ private slots:
 
 void TestPictureView::shownColour_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("channels");
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<bool>("colour");
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<QList<double>>("samples");
-    QTest::addColumn<QList<double>>("imaginary");
-    QTest::addColumn<int>("probe");
-    QTest::addColumn<QRgb>("expected");
+    QTest::addColumn<SxShown>("c");
 
-    const QList<double> none;
-    QTest::newRow("bgr u8 stored blue first") << int(IDT_UINT8) << 3 << 8 << true << int(Mode::FullRange) << 0
-                                              << QList<double>{10, 20, 250} << none << 0 << qRgb(250, 20, 10);
-    QTest::newRow("bgra u8 full range, alpha not shown") << int(IDT_UINT8) << 4 << 8 << true << int(Mode::FullRange)
-                                                        << 0 << QList<double>{10, 20, 250, 7} << none << 0
-                                                        << qRgb(250, 20, 10);
-    QTest::newRow("bgra u16/12 significant bits") << int(IDT_UINT16) << 4 << 12 << true << int(Mode::SignificantBits)
-                                                  << 0 << QList<double>{0, 2048, 4095, 0} << none << 0
-                                                  << qRgb(255, 128, 0);
-    QTest::newRow("u8 full range") << int(IDT_UINT8) << 1 << 8 << false << int(Mode::FullRange) << 0
-                                   << QList<double>{200} << none << 0 << qRgb(200, 200, 200);
-    QTest::newRow("u16/12 full range") << int(IDT_UINT16) << 1 << 12 << false << int(Mode::FullRange) << 0
-                                       << QList<double>{4095} << none << 0 << qRgb(16, 16, 16);
-    QTest::newRow("u16/12 significant bits") << int(IDT_UINT16) << 1 << 12 << false << int(Mode::SignificantBits)
-                                             << 0 << QList<double>{0, 2048} << none << 1 << qRgb(128, 128, 128);
-    QTest::newRow("s16 full range: 0 mid grey") << int(IDT_INT16) << 1 << 16 << false << int(Mode::FullRange) << 0
-                                                << QList<double>{-32768, 0} << none << 1 << qRgb(128, 128, 128);
-    QTest::newRow("s16/12 significant bits") << int(IDT_INT16) << 1 << 12 << false << int(Mode::SignificantBits)
-                                             << 0 << QList<double>{-2048, 2047} << none << 1 << qRgb(255, 255, 255);
-    QTest::newRow("float full range: own extent") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::FullRange) << 0
-                                                  << QList<double>{-2, 0, 6, NaN} << none << 1 << qRgb(64, 64, 64);
-    QTest::newRow("float NaN black") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::FullRange) << 0
-                                     << QList<double>{-2, 0, 6, NaN} << none << 3 << qRgb(0, 0, 0);
-    QTest::newRow("float normalised") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::SignificantBits) << 0
-                                      << QList<double>{0.5} << none << 0 << qRgb(128, 128, 128);
-    QTest::newRow("float 12-bit levels") << int(IDT_FLOAT) << 1 << 12 << false << int(Mode::SignificantBits) << 0
-                                         << QList<double>{0, 2048} << none << 1 << qRgb(128, 128, 128);
+    using M = Mode;
+    QTest::newRow("bgr u8 stored blue first") << SxShown{IDT_UINT8, 3, 8, true, M::FullRange, 0, {10, 20, 250}, {}, 0, qRgb(250, 20, 10)};
+    QTest::newRow("bgra u8 full range, alpha not shown")
+        << SxShown{IDT_UINT8, 4, 8, true, M::FullRange, 0, {10, 20, 250, 7}, {}, 0, qRgb(250, 20, 10)};
+    QTest::newRow("bgra u16/12 significant bits")
+        << SxShown{IDT_UINT16, 4, 12, true, M::SignificantBits, 0, {0, 2048, 4095, 0}, {}, 0, qRgb(255, 128, 0)};
+    QTest::newRow("u8 full range") << SxShown{IDT_UINT8, 1, 8, false, M::FullRange, 0, {200}, {}, 0, qRgb(200, 200, 200)};
+    QTest::newRow("u16/12 full range") << SxShown{IDT_UINT16, 1, 12, false, M::FullRange, 0, {4095}, {}, 0, qRgb(16, 16, 16)};
+    QTest::newRow("u16/12 significant bits")
+        << SxShown{IDT_UINT16, 1, 12, false, M::SignificantBits, 0, {0, 2048}, {}, 1, qRgb(128, 128, 128)};
+    QTest::newRow("s16 full range: 0 mid grey")
+        << SxShown{IDT_INT16, 1, 16, false, M::FullRange, 0, {-32768, 0}, {}, 1, qRgb(128, 128, 128)};
+    QTest::newRow("s16/12 significant bits")
+        << SxShown{IDT_INT16, 1, 12, false, M::SignificantBits, 0, {-2048, 2047}, {}, 1, qRgb(255, 255, 255)};
+    QTest::newRow("float full range: own extent")
+        << SxShown{IDT_FLOAT, 1, 32, false, M::FullRange, 0, {-2, 0, 6, NaN}, {}, 1, qRgb(64, 64, 64)};
+    QTest::newRow("float NaN black") << SxShown{IDT_FLOAT, 1, 32, false, M::FullRange, 0, {-2, 0, 6, NaN}, {}, 3, qRgb(0, 0, 0)};
+    QTest::newRow("float normalised") << SxShown{IDT_FLOAT, 1, 32, false, M::SignificantBits, 0, {0.5}, {}, 0, qRgb(128, 128, 128)};
+    QTest::newRow("float 12-bit levels")
+        << SxShown{IDT_FLOAT, 1, 12, false, M::SignificantBits, 0, {0, 2048}, {}, 1, qRgb(128, 128, 128)};
     QTest::newRow("second channel of three, not colour")
-        << int(IDT_UINT8) << 3 << 8 << false << int(Mode::FullRange) << 1 << QList<double>{10, 90, 250} << none << 0
-        << qRgb(90, 90, 90);
+        << SxShown{IDT_UINT8, 3, 8, false, M::FullRange, 1, {10, 90, 250}, {}, 0, qRgb(90, 90, 90)};
     // Automatic: 0.5 % and 99.5 % of 400 samples leave out the two outliers.
-    for (const int type : {int(IDT_UINT8), int(IDT_UINT16), int(IDT_FLOAT)}) {
-        QList<double> s{0, 255, 115};
-        for (int i = 0; i < 397; ++i)
-            s.append(i % 2 ? 50 : 180);
-        QTest::addRow("auto type %d", type) << type << 1 << 0 << false << int(Mode::Auto) << 0 << s << none << 2
-                                            << qRgb(128, 128, 128);
-    }
+    QList<double> s{0, 255, 115};
+    for (int i = 0; i < 397; ++i)
+        s.append(i % 2 ? 50 : 180);
+    for (const ExImageDataType type : {IDT_UINT8, IDT_UINT16, IDT_FLOAT})
+        QTest::addRow("auto type %d", int(type)) << SxShown{type, 1, 0, false, M::Auto, 0, s, {}, 2, qRgb(128, 128, 128)};
     // ln(1 + 5) against ln(1 + (e^2 - 1)) = 2.
-    QTest::newRow("spectrum log magnitude") << int(IDT_FLOAT) << 1 << 32 << false << int(Mode::SignificantBits) << 0
-                                            << QList<double>{3, 0, std::exp(2.0) - 1} << QList<double>{4, 0, 0} << 0
-                                            << qRgb(228, 228, 228);
+    QTest::newRow("spectrum log magnitude")
+        << SxShown{IDT_FLOAT, 1, 32, false, M::SignificantBits, 0, {3, 0, std::exp(2.0) - 1}, {4, 0, 0}, 0, qRgb(228, 228, 228)};
 }
 
 void TestPictureView::shownColour()
 {
-    QFETCH(int, type);
-    QFETCH(int, channels);
-    QFETCH(int, bits);
-    QFETCH(bool, colour);
-    QFETCH(int, mode);
-    QFETCH(int, channel);
-    QFETCH(QList<double>, samples);
-    QFETCH(QList<double>, imaginary);
-    QFETCH(int, probe);
-    QFETCH(QRgb, expected);
-
-    const ViewFramePtr frame = rowFrame({ExImageDataType(type), quint32(channels), quint32(bits), colour}, samples,
-                                        imaginary);
+    QFETCH(SxShown, c);
+    const ViewFramePtr frame = rowFrame({c.type, c.channels, c.bits, c.colour}, c.samples, c.imaginary);
     CxDisplayMapper mapper;
-    mapper.setStretchMode(Mode(mode));
-    mapper.setChannel(channel);
+    mapper.setStretchMode(c.mode);
+    mapper.setChannel(c.channel);
     const QSize size(int(frame->pic.width), 1);
     const QImage image = mapper.render(*frame, QRectF(QPointF(0, 0), size), size);
-    QCOMPARE(QColor(image.pixel(probe, 0)), QColor(expected));
+    QCOMPARE(QColor(image.pixel(c.probe, 0)), QColor(c.expected));
 }
 
 void TestPictureView::sampling_data()
@@ -346,42 +301,29 @@ void TestPictureView::rectStatistics()
 
 void TestPictureView::histogramBins_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<bool>("colour");
+    QTest::addColumn<SxFormat>("format");
     QTest::addColumn<QList<double>>("samples");  // one pixel; the last stored sample is measured
-    QTest::addColumn<int>("bins");
-    QTest::addColumn<double>("low");
-    QTest::addColumn<double>("width");
-    QTest::addColumn<int>("bin");
+    QTest::addColumn<QList<double>>("bins");     // count, low, width, the bin that holds it
 
-    QTest::newRow("u8") << int(IDT_UINT8) << 8 << false << QList<double>{200} << 256 << 0.0 << 1.0 << 200;
-    QTest::newRow("s8") << int(IDT_INT8) << 8 << false << QList<double>{-100} << 256 << -128.0 << 1.0 << 28;
-    QTest::newRow("u16/12") << int(IDT_UINT16) << 12 << false << QList<double>{4095} << 1024 << 0.0 << 4.0 << 1023;
-    QTest::newRow("u16/8") << int(IDT_UINT16) << 8 << false << QList<double>{300} << 256 << 0.0 << 1.0 << 255;
-    QTest::newRow("s16/12") << int(IDT_INT16) << 12 << false << QList<double>{-1} << 1024 << -2048.0 << 4.0 << 511;
-    QTest::newRow("bgr u8: first curve red") << int(IDT_UINT8) << 8 << true << QList<double>{1, 2, 3} << 256 << 0.0
-                                             << 1.0 << 3;
+    QTest::newRow("u8") << SxFormat{IDT_UINT8, 1, 8} << QList<double>{200} << QList<double>{256, 0, 1, 200};
+    QTest::newRow("s8") << SxFormat{IDT_INT8, 1, 8} << QList<double>{-100} << QList<double>{256, -128, 1, 28};
+    QTest::newRow("u16/12") << SxFormat{IDT_UINT16, 1, 12} << QList<double>{4095} << QList<double>{1024, 0, 4, 1023};
+    QTest::newRow("u16/8") << SxFormat{IDT_UINT16, 1, 8} << QList<double>{300} << QList<double>{256, 0, 1, 255};
+    QTest::newRow("s16/12") << SxFormat{IDT_INT16, 1, 12} << QList<double>{-1} << QList<double>{1024, -2048, 4, 511};
+    QTest::newRow("bgr u8: first curve red") << SxFormat{IDT_UINT8, 3, 8, true} << QList<double>{1, 2, 3}
+                                             << QList<double>{256, 0, 1, 3};
 }
 
 void TestPictureView::histogramBins()
 {
-    QFETCH(int, type);
-    QFETCH(int, bits);
-    QFETCH(bool, colour);
+    QFETCH(SxFormat, format);
     QFETCH(QList<double>, samples);
-    QFETCH(int, bins);
-    QFETCH(double, low);
-    QFETCH(double, width);
-    QFETCH(int, bin);
-
-    const ViewFramePtr frame = rowFrame({ExImageDataType(type), quint32(samples.size()), quint32(bits), colour},
-                                        samples);
-    const PictureMeasure::SxHistogram h = PictureMeasure::histogram(*frame);
-    QCOMPARE(h.binCount(), bins);
-    QCOMPARE(h.low, low);
-    QCOMPARE(h.binWidth, width);
-    QCOMPARE(h.counts.first().at(bin), 1.0);
+    QFETCH(QList<double>, bins);
+    const PictureMeasure::SxHistogram h = PictureMeasure::histogram(*rowFrame(format, samples));
+    QCOMPARE(h.binCount(), int(bins[0]));
+    QCOMPARE(h.low, bins[1]);
+    QCOMPARE(h.binWidth, bins[2]);
+    QCOMPARE(h.counts.first().at(int(bins[3])), 1.0);
 }
 
 void TestPictureView::viewFollowsFrames()

@@ -18,9 +18,6 @@
 #include <QtCore/QTemporaryDir>
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
-#include <QtXml/QDomDocument>
-
-#include <tiffio.h>
 
 #include <vector>
 
@@ -44,98 +41,6 @@ QByteArray handmadeTiff(quint32 w, quint32 h, const QByteArray& samples, qint64 
     return t + QByteArray(4, '\0') + samples;
 }
 
-struct SxTiffLayout
-{
-    bool bigEndian = false;
-    quint32 tile = 0;  // 0: strips
-    bool separate = false;
-    int compression = COMPRESSION_NONE;
-    quint32 rowsPerStrip = 0;  // 0: one strip
-    int photometric = -1;      // -1: RGB for 3 and 4 channels, else min-is-black
-    int bits = 0;              // 0: the sample type's
-    bool append = false, thumbnail = false;
-
-    // "be tile=16 sep comp=5 rps=4 ph=5 bits=12 append thumb", any of them.
-    explicit SxTiffLayout(const QString& layoutText)
-    {
-        for (const QString& token : layoutText.split(' ', Qt::SkipEmptyParts)) {
-            const int value = token.section('=', 1).toInt();
-            const QString key = token.section('=', 0, 0);
-            bigEndian |= key == "be";
-            separate |= key == "sep";
-            tile = key == "tile" ? quint32(value) : tile;
-            compression = key == "comp" ? value : compression;
-            rowsPerStrip = key == "rps" ? quint32(value) : rowsPerStrip;
-            photometric = key == "ph" ? value : photometric;
-            bits = key == "bits" ? value : bits;
-            append |= key == "append";
-            thumbnail |= key == "thumb";
-        }
-    }
-};
-
-// Written with libtiff directly, not through the program's writer.
-bool writeWithLibtiff(const QString& path, const SxPicBuf& src, const SxTiffLayout& l)
-{
-    TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), l.append ? "a" : l.bigEndian ? "wb" : "wl");
-    if (!tif)
-        return false;
-    const quint32 ch = src.channels;
-    const int photometric = l.photometric >= 0 ? l.photometric : ch >= 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK;
-    const int sampleFormat = src.dataType == IDT_FLOAT ? SAMPLEFORMAT_IEEEFP
-                             : (src.dataType == IDT_INT8 || src.dataType == IDT_INT16 || src.dataType == IDT_INT32)
-                                 ? SAMPLEFORMAT_INT
-                                 : SAMPLEFORMAT_UINT;
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, src.width);
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, src.height);
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, uint16_t(ch));
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, uint16_t(l.bits ? l.bits : int(src.bytesPerSample() * 8)));
-    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, uint16_t(sampleFormat));
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, uint16_t(photometric));
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, uint16_t(l.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG));
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, uint16_t(l.compression));
-    TIFFSetField(tif, TIFFTAG_SUBFILETYPE, l.thumbnail ? FILETYPE_REDUCEDIMAGE : 0);
-    const quint32 colour = photometric == PHOTOMETRIC_RGB ? 3 : photometric == PHOTOMETRIC_SEPARATED ? 4 : 1;
-    if (ch > colour) {
-        std::vector<uint16_t> kinds(ch - colour, EXTRASAMPLE_UNSPECIFIED);
-        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, uint16_t(kinds.size()), kinds.data());
-    }
-    const quint32 pixelBytes = src.bytesPerPixel(), sampleBytes = src.bytesPerSample();
-    bool ok = true;
-    if (l.tile) {
-        TIFFSetField(tif, TIFFTAG_TILEWIDTH, l.tile);
-        TIFFSetField(tif, TIFFTAG_TILELENGTH, l.tile);
-        std::vector<uchar> tile(size_t(TIFFTileSize(tif)));
-        for (quint32 ty = 0; ok && ty < src.height; ty += l.tile) {
-            for (quint32 tx = 0; ok && tx < src.width; tx += l.tile) {
-                std::fill(tile.begin(), tile.end(), 0);
-                for (quint32 r = 0; r < l.tile && ty + r < src.height; ++r)
-                    std::memcpy(tile.data() + r * l.tile * pixelBytes, src.rowPtr(ty + r) + tx * pixelBytes,
-                                std::min(l.tile, src.width - tx) * pixelBytes);
-                ok = TIFFWriteTile(tif, tile.data(), tx, ty, 0, 0) >= 0;
-            }
-        }
-    } else {
-        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, l.rowsPerStrip ? l.rowsPerStrip : src.height);
-        std::vector<uchar> row(std::max<size_t>(size_t(TIFFScanlineSize(tif)), size_t(src.packedLineBytes())));
-        const quint32 planes = l.separate ? ch : 1;
-        for (quint32 s = 0; ok && s < planes; ++s) {
-            for (quint32 y = 0; ok && y < src.height; ++y) {
-                if (l.separate) {
-                    for (quint32 x = 0; x < src.width; ++x)
-                        std::memcpy(row.data() + x * sampleBytes, src.rowPtr(y) + x * pixelBytes + s * sampleBytes,
-                                    sampleBytes);
-                } else {
-                    std::memcpy(row.data(), src.rowPtr(y), size_t(src.packedLineBytes()));
-                }
-                ok = TIFFWriteScanline(tif, row.data(), y, uint16_t(s)) >= 0;
-            }
-        }
-    }
-    TIFFClose(tif);
-    return ok;
-}
-
 QByteArray bigEndian16(const QList<quint16>& values)
 {
     QByteArray b;
@@ -146,15 +51,13 @@ QByteArray bigEndian16(const QList<quint16>& values)
 
 // As ImageJ writes large stacks: one big-endian directory whose description
 // says images=N, the frames back to back from its first strip.
-bool writeImageJ(const QString& path, QByteArray samples, quint32 w, quint32 h, const char* description,
-                 int compression = COMPRESSION_NONE)
+bool writeImageJ(const QString& path, QByteArray samples, quint32 w, quint32 h, const char* description)
 {
     TIFF* tif = TIFFOpen(QFile::encodeName(path).constData(), "wb");
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
     TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, compression);
     TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, h);
     TIFFSetField(tif, TIFFTAG_IMAGEDESCRIPTION, description);
     const bool ok = TIFFWriteRawStrip(tif, 0, samples.data(), samples.size()) >= 0;
@@ -192,20 +95,6 @@ QByteArray imageSamples(const QImage& image, int channels, int sampleBytes)
 QByteArray hostOrder16(const QList<quint16>& values)
 {
     return QByteArray(reinterpret_cast<const char*>(values.constData()), values.size() * 2);
-}
-
-QString cameraXml(const CxHsiCameraParams& hsi, int cfa, int bits)
-{
-    QDomDocument doc;
-    QDomElement root = doc.createElement("QlarCamera");
-    doc.appendChild(root);
-    if (cfa >= 0)
-        root.setAttribute("colorFilterArray", cfa);
-    if (bits > 0)
-        root.setAttribute("bitsPerSample", bits);
-    if (!hsi.isEmpty())
-        hsi.saveToXml(doc, root);
-    return doc.toString();
 }
 
 struct SxRoundTrip { int type, channels; bool colour; int padding; bool deflate; int cfa, bits, storage; };  // bits 0: the type's
@@ -274,8 +163,7 @@ void TestQlarrunFiles::tiffRoundTrip()
     QFETCH(SxRoundTrip, c);
     const auto [type, channels, colour, padding, deflate, cfa, bits, storage] = c;
 
-    SxHeapPicture src;
-    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), quint32(padding)));
+    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), quint32(padding));
     src.pic.isColor = colour;
     src.pic.colorFilterArray = ExColorFilterArray(cfa);
     src.pic.storageFormat = ExDataStorageFormat(storage);
@@ -289,7 +177,7 @@ void TestQlarrunFiles::tiffRoundTrip()
     const QString path = dir.filePath("p.tif");
     QString error;
     QVERIFY2(TiffIo::write(path, src.pic, &meta, deflate, &error), qPrintable(error));
-    SxHeapPicture back;
+    SxTstPic back;
     CxImageMetadata backMeta;
     QVERIFY2(TiffIo::read(path, back.pic, backMeta, &error), qPrintable(error));
     QVERIFY2(samePixels(src.pic, back.pic, &error), qPrintable(error));
@@ -328,14 +216,13 @@ void TestQlarrunFiles::tiffFromOtherWriters()
     QFETCH(QString, layout);
     QFETCH(QString, refusal);
 
-    SxHeapPicture src;
-    QVERIFY(makePicture(src, ExImageDataType(type), W, H, quint32(channels), 3));
+    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), 3);
     QTemporaryDir dir;
     const QString path = dir.filePath("other.tif");
     QVERIFY(writeWithLibtiff(path, src.pic, SxTiffLayout(layout)));
     QCOMPARE(fileBytes(path).startsWith("MM"), layout.contains("be"));
 
-    SxHeapPicture back;
+    SxTstPic back;
     QString error;
     const bool ok = readPicture(path, back, nullptr, &error);
     if (!refusal.isEmpty()) {
@@ -365,7 +252,7 @@ void TestQlarrunFiles::pngAndPnm_data()
         for (int y = 0; y < image.height(); ++y) {
             uchar* line = image.scanLine(y);
             for (qsizetype i = 0; i < image.bytesPerLine(); ++i)
-                line[i] = uchar(mixBits(quint64(y) << 16 | quint64(i)));
+                line[i] = uchar((y * 151 + i * 37) ^ (i * i >> 3));
         }
         return image;
     };
@@ -423,7 +310,7 @@ void TestQlarrunFiles::pngAndPnm()
     QTemporaryDir dir;
     const QString path = dir.filePath("picture.dat");
     QVERIFY(writeFile(path, file));
-    SxHeapPicture pic;
+    SxTstPic pic;
     QString error;
     QVERIFY2(readPicture(path, pic, nullptr, &error), qPrintable(error));
     QCOMPARE(int(pic.pic.dataType), type);
@@ -433,8 +320,8 @@ void TestQlarrunFiles::pngAndPnm()
     QCOMPARE(packedBytes(pic.pic), channels > 1 ? blueFirst(samples, channels, bits > 8 ? 2 : 1) : samples);
 }
 
-// One run over a folder holding every type and channel count, plus PNG and
-// PNM files, each of another size, so the chain starts again between them.
+// One run over a folder holding every type and channel count, plus a 16-bit
+// RGBA PNG, each of another size, so the chain starts again between them.
 void TestQlarrunFiles::everyTypeThroughTheBinary()
 {
     QTemporaryDir dir;
@@ -445,13 +332,11 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         cases.append({int(cases.size()) + 3, t, quint32((cases.size() + 3) % 3 == 2 ? 4 : (cases.size() + 3) % 3 == 1 ? 3 : 1)});
     QString error;
     for (const SxCase& c : cases) {
-        SxHeapPicture p;
-        QVERIFY(makePicture(p, c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
-                            quint32(c.number)));
+        const SxTstPic p = makePicture(c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
+                                       quint32(c.number));
         QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic, nullptr, false, &error),
                  qPrintable(error));
     }
-    QVERIFY(writeFile(dir.filePath("in/shot_90.pgm"), QByteArray("P5 2 2 65535\n") + bigEndian16({1, 2, 65535, 4})));
     QImage rgba16(3, 2, QImage::Format_RGBA64);
     rgba16.fill(QColor::fromRgba64(1000, 2000, 3000, 4000));
     QVERIFY(rgba16.save(dir.filePath("in/shot_91.png")));
@@ -466,7 +351,7 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
 
     for (const SxCase& c : cases) {
         const QString name = QString("shot_%1.tif").arg(c.number);
-        SxHeapPicture in, out;
+        SxTstPic in, out;
         QVERIFY2(readPicture(dir.filePath("in/" + name), in, nullptr, &error), qPrintable(error));
         const QString written = dir.filePath(QString("out/frame_%1").arg(c.number, 6, 10, QChar('0')));
         QVERIFY2(readPicture(written + ".tif", out, nullptr, &error), qPrintable(error));
@@ -474,14 +359,12 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         const bool pngForm = c.type == IDT_UINT8 || c.type == IDT_UINT16;
         QCOMPARE(QFile::exists(written + ".png"), pngForm);
         if (pngForm) {
-            SxHeapPicture png;
+            SxTstPic png;
             QVERIFY2(readPicture(written + ".png", png, nullptr, &error), qPrintable(error));
             QVERIFY2(samePixels(in.pic, png.pic, &error), qPrintable(name + " as PNG: " + error));
         }
     }
-    SxHeapPicture pgm, rgba;
-    QVERIFY(readPicture(dir.filePath("out/frame_000090.tif"), pgm));
-    QCOMPARE(packedBytes(pgm.pic), hostOrder16({1, 2, 65535, 4}));
+    SxTstPic rgba;
     QVERIFY(readPicture(dir.filePath("out/frame_000091.tif"), rgba));
     QCOMPARE(rgba.pic.channels, 4u);
     QCOMPARE(rgba.pic.row<quint16>(1)[2 * 4 + 3], quint16(4000));
@@ -507,6 +390,7 @@ void TestQlarrunFiles::filesOfSeveralFrames_data()
     QTest::newRow("a recording is live: averaged") << QStringList{"ij.tif"} + average << QStringList{"2: 3x2 u16 x1"};
     QTest::newRow("--static: passed through") << QStringList{"ij.tif", "--static"} + average << stack;
     QTest::newRow("a single picture is static") << QStringList{"one.pgm"} + average << QStringList{"0: 1x1 u8 x1"};
+    QTest::newRow("--live: a single picture too") << QStringList{"one.pgm", "--live"} + average << QStringList();
     QTest::newRow("raw recording") << QStringList{"rec.raw", "--raw", "3x2", "--raw-type", "u16"} << stack;
     QTest::newRow("PNM images, numbered from a name with a minus")
         << QStringList{"take_-3.pnm", "--numbers-from-names"} << QStringList{"-3: 2x2 u8 x1", "-2: 1x1 u16 x3"};
@@ -520,9 +404,8 @@ void TestQlarrunFiles::filesOfSeveralFrames()
     QFETCH(QStringList, frames);
 
     QTemporaryDir dir;
-    SxHeapPicture grey, thumb, rgb;
-    QVERIFY(makePicture(grey, IDT_UINT8, 5, 3, 1) && makePicture(thumb, IDT_UINT8, 2, 2, 1)
-            && makePicture(rgb, IDT_UINT16, 4, 2, 3));
+    const SxTstPic grey = makePicture(IDT_UINT8, 5, 3, 1), thumb = makePicture(IDT_UINT8, 2, 2, 1),
+                   rgb = makePicture(IDT_UINT16, 4, 2, 3);
     QVERIFY(writeWithLibtiff(dir.filePath("pages.tif"), grey.pic, SxTiffLayout(""))
             && writeWithLibtiff(dir.filePath("pages.tif"), thumb.pic, SxTiffLayout("append thumb"))
             && writeWithLibtiff(dir.filePath("pages.tif"), rgb.pic, SxTiffLayout("append")));
@@ -543,9 +426,11 @@ void TestQlarrunFiles::filesOfSeveralFrames()
     for (const QString& line : run.out.split('\n', Qt::SkipEmptyParts))
         summary << line.section(' ', 1, 4);
     QCOMPARE(summary, frames);
+    if (frames.isEmpty())
+        return;
     // The last frame exactly, where it is read unchanged: the stack's in host
     // byte order, PPM colour blue first.
-    SxHeapPicture last;
+    SxTstPic last;
     const QString name = QString("out/frame_%1.tif").arg(frames.last().section(':', 0, 0).toInt(), 6, 10, QChar('0'));
     QVERIFY(readPicture(dir.filePath(name), last));
     if (frames.size() == 3 && frames.first() == "0: 3x2 u16 x1" && !args.contains("--node"))
@@ -612,11 +497,11 @@ void TestQlarrunFiles::rawFrames()
     QVERIFY(QDir(dir.path()).mkpath("in"));
     const CxHsiCameraParams hsi = CxSyntheticCamera::builtInHsiDescription(7, 5);
     if (cameraCfa >= 0)
-        QVERIFY(writeFile(dir.filePath("camera.xml"), cameraXml(hsi, cameraCfa, 6).toUtf8()));
+        QVERIFY(writeFile(dir.filePath("camera.xml"), QString("<QlarCamera colorFilterArray=\"%1\" bitsPerSample=\"6\">%2"
+                                                              "</QlarCamera>").arg(cameraCfa).arg(hsi.toXmlString().section("?>", 1)).toUtf8()));
     QList<QByteArray> frames;
     for (int i = 0; i < names.size(); ++i) {
-        SxHeapPicture p;
-        QVERIFY(makePicture(p, ExImageDataType(type), 7, 5, 1, 0, quint32(i)));
+        SxTstPic p = makePicture(ExImageDataType(type), 7, 5, 1, 0, quint32(i));
         if (bits < 32)
             maskToBits(p.pic, quint32(bits));
         frames << packedBytes(p.pic);
@@ -627,7 +512,7 @@ void TestQlarrunFiles::rawFrames()
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
     for (int i = 0; i < outputs.size(); ++i) {
-        SxHeapPicture out;
+        SxTstPic out;
         CxImageMetadata meta;
         QString error;
         QVERIFY2(readPicture(dir.filePath("out/" + outputs.at(i) + ".tif"), out, &meta, &error), qPrintable(error));
@@ -707,16 +592,9 @@ void TestQlarrunFiles::failures_data()
                                                  << QStringList{"cut-samples.tif", "truncated"};
     QTest::newRow("TIFF description past the end") << QStringList{"@/cut-description.tif"} << 2
                                                    << QStringList{"cut-description.tif", "ImageDescription"};
-    QTest::newRow("TIFF claiming 2 GB in 150 bytes") << QStringList{"@/big-claim.tif"} << 2
-                                                    << QStringList{"big-claim.tif", "truncated"};
     QTest::newRow("TIFF strip in its header") << QStringList{"@/strip-in-header.tif"} << 2
                                               << QStringList{"strip-in-header.tif", "header"};
-    QTest::newRow("TIFF cut before its directory") << QStringList{"@/cut-directory.tif"} << 2
-                                                   << QStringList{"cut-directory.tif", "truncated"};
     QTest::newRow("PNG cut short") << QStringList{"@/cut.png"} << 2 << QStringList{"cut.png", "truncated"};
-    QTest::newRow("PNG with a damaged chunk") << QStringList{"@/damaged.png"} << 2 << QStringList{"damaged.png", "checksum"};
-    QTest::newRow("PNG with an invalid header") << QStringList{"@/badheader.png"} << 2
-                                                << QStringList{"badheader.png", "Invalid IHDR data"};
     QTest::newRow("PGM cut short") << QStringList{"@/cut.pgm"} << 2 << QStringList{"cut.pgm", "truncated", "12"};
     QTest::newRow("garbage") << QStringList{"@/noise.tif"} << 2 << QStringList{"noise.tif", "not a TIFF"};
     QTest::newRow("empty file") << QStringList{"@/empty.png"} << 2 << QStringList{"empty.png", "empty"};
@@ -728,8 +606,6 @@ void TestQlarrunFiles::failures_data()
                                                      << QStringList{"bad.tif (page 2 of 2)", "12-bit"};
     QTest::newRow("ImageJ stack longer than its file") << QStringList{"@/ij-short.tif"} << 2
                                                        << QStringList{"ij-short.tif", "1000 images", "ends after"};
-    QTest::newRow("ImageJ stack compressed") << QStringList{"@/ij-packed.tif"} << 2
-                                             << QStringList{"ij-packed.tif", "compressed"};
     QTest::newRow("second PNM image cut short") << QStringList{"@/cut.pnm"} << 2
                                                 << QStringList{"cut.pnm (image 2)", "truncated"};
     QTest::newRow("missing file") << QStringList{"@/gone.tif"} << 2 << QStringList{"gone.tif"};
@@ -760,10 +636,6 @@ void TestQlarrunFiles::failures_data()
                                                   << QStringList{"Extract Channel", "channelIdx=green"};
     QTest::newRow("unknown node") << QStringList{"--node", "Nosuch Node"} << 2 << QStringList{"Nosuch Node"};
     QTest::newRow("missing chain document") << QStringList{"--chain", "@/missing.xml"} << 2 << QStringList{"missing.xml"};
-    QTest::newRow("malformed chain document") << QStringList{"--chain", "@/chain-broken.xml"} << 2
-                                              << QStringList{"chain-broken.xml"};
-    QTest::newRow("document names an unknown node") << QStringList{"--chain", "@/chain-unknown.xml"} << 2
-                                                    << QStringList{"chain-unknown.xml"};
     QTest::newRow("first frame refused") << QStringList{"@/float.tif", "--node", "Fast Fourier Transform 2D"} << 3
                                          << QStringList{"float.tif", "FFT 2D"};
     QTest::newRow("chain document nested too deep") << QStringList{"--chain", "@/chain-deep.xml"} << 2
@@ -772,8 +644,6 @@ void TestQlarrunFiles::failures_data()
                                              << QStringList{"chain-median.xml", "line 1", "kernelSize"};
     QTest::newRow("missing plug-in folder") << QStringList{"--plugins", "@/noplugins"} << 3 << QStringList{"noplugins"};
     QTest::newRow("output folder under a file") << QStringList{"--out", "@/afile/out"} << 4 << QStringList{"afile/out"};
-    QTest::newRow("chain document under a file")
-        << QStringList{"--node", "Deinterlace", "--save-chain", "@/afile/chain.xml"} << 4 << QStringList{"chain.xml"};
     // Writes that fail part way, as on a full disk: "fsize:N" caps every file
     // at N bytes. Nothing is left under the target's name.
     QStringList longChain{"fsize:2000", "--frames", "1", "--save-chain", "@/long.xml"};
@@ -793,19 +663,14 @@ void TestQlarrunFiles::failures()
     QFETCH(QStringList, culprits);
 
     QTemporaryDir dir;
-    SxHeapPicture grey, colour;
-    QVERIFY(makePicture(grey, IDT_UINT8, 9, 7, 1));
-    QVERIFY(makePicture(colour, IDT_UINT8, 9, 7, 3));
+    const SxTstPic grey = makePicture(IDT_UINT8, 9, 7, 1), colour = makePicture(IDT_UINT8, 9, 7, 3),
+                   floats = makePicture(IDT_FLOAT, 4, 3, 1);
     QString error;
-    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error));
-    QVERIFY(TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error));
-    SxHeapPicture floats;
-    QVERIFY(makePicture(floats, IDT_FLOAT, 4, 3, 1) && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
-    const QByteArray whole = fileBytes(dir.filePath("grey.tif"));
-    QVERIFY(writeFile(dir.filePath("cut-directory.tif"), whole.left(whole.size() / 2)));
+    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error)
+            && TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error)
+            && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
     QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
-    QVERIFY(writeFile(dir.filePath("big-claim.tif"), handmadeTiff(32768, 65520, QByteArray(32, 'x'))));
     // Our own TIFF, its ImageDescription (filter array, bits) claiming more
     // bytes than the file holds.
     QByteArray described = fileBytes(dir.filePath("grey.tif"));
@@ -821,31 +686,19 @@ void TestQlarrunFiles::failures()
             image.scanLine(y)[x] = uchar(x * 7 + y * 13);
     const QByteArray png = pngBytes(image);
     QVERIFY(writeFile(dir.filePath("cut.png"), png.left(png.size() - 20)));
-    QByteArray damaged = png;
-    damaged[damaged.indexOf("IDAT") + 8] = char(damaged.at(damaged.indexOf("IDAT") + 8) ^ 0x40);
-    QVERIFY(writeFile(dir.filePath("damaged.png"), damaged));
-    // Width 0, with a valid checksum: libpng's own complaint, in our one line.
-    QVERIFY(writeFile(dir.filePath("badheader.png"),
-                      QByteArray("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\0\0\0\0\0\x05\x08\0\0\0\0\x4e\x2d\xb2\x7d"
-                                 "\0\0\0\x0bIDAT\x78\x9c\x63\x60\x80\x01\0\0\x0a\0\x01\x7f\x80\x74\x5e"
-                                 "\0\0\0\0IEND\xae\x42\x60\x82",
-                                 68)));
     QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
     QVERIFY(writeFile(dir.filePath("cut.pnm"), "P5 1 1 255\n\1P5 2 1 255\n\1"));
     QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout(""))
             && writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout("append bits=12")));
-    QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n")
-            && writeImageJ(dir.filePath("ij-packed.tif"), QByteArray(36, 'x'), 3, 2, "ImageJ=\nimages=3\n", COMPRESSION_LZW));
+    QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n"));
     QByteArray noise;
+    std::minstd_rand rng(7);
     for (int i = 0; i < 3000; ++i)
-        noise.append(char(mixBits(quint64(i))));
+        noise.append(char(rng()));
     QVERIFY(writeFile(dir.filePath("noise.tif"), noise));
     QVERIFY(writeFile(dir.filePath("empty.png"), QByteArray()));
     QVERIFY(writeFile(dir.filePath("small.raw"), QByteArray(10, 'r')));
     QVERIFY(writeFile(dir.filePath("broken.xml"), "<QlarCamera colorFilterArray=\"7\">\n<HsiCameraParams version=\"1\">\n<"));
-    QVERIFY(writeFile(dir.filePath("chain-broken.xml"), "<?xml version=\"1.0\"?>\n<QlarChain version=\"1\">\n<Chainable uniqueId="));
-    QVERIFY(writeFile(dir.filePath("chain-unknown.xml"),
-                      "<QlarChain version=\"1\"><Chainable uniqueId=\"x.NoSuchCnbl\"/></QlarChain>"));
     QVERIFY(writeFile(dir.filePath("afile"), "not a folder"));
     QVERIFY(writeFile(dir.filePath("chain-deep.xml"), "<QlarChain version=\"1\">" + QByteArray("<a>").repeated(2000)));
     QVERIFY(writeFile(dir.filePath("chain-median.xml"),

@@ -7,6 +7,8 @@
 #include <CxPicBufAPI.h>
 #include <CxSyntheticCamera.h>
 
+#include "TestPictures.h"
+
 #include <QtCore/QStringList>
 #include <QtXml/QDomElement>
 
@@ -50,12 +52,6 @@ public:
 
     void setAddend(int v, bool restart) { changeSetting(restart, [&] { addend = v; }); }
     QString title() const override { return QStringLiteral("Add"); }
-    CxChainable* clone() override
-    {
-        auto* c = new CxTstAddNode;
-        c->addend = addend;
-        return c;
-    }
     void setupStart() override
     {
         TestLog::lines() << QStringLiteral("start %1").arg(objectName());
@@ -201,18 +197,6 @@ public:
     using CxSyntheticCamera::CxSyntheticCamera;
     bool isLiveSource() const override { return false; }
 };
-
-inline SxPicBufInfo tstFormat(quint32 w, quint32 h, quint32 ch = 1)
-{
-    SxPicBufInfo f;
-    f.width = w;
-    f.height = h;
-    f.channels = ch;
-    f.dataType = IDT_UINT8;
-    f.bitsPerSample = 8;
-    f.isColor = ch >= 3;
-    return f;
-}
 
 inline CxImageData* tstPacket(const SxPicBufInfo& f, qint32 frameNumber, uchar fill)
 {

@@ -2,89 +2,23 @@
 #include <CxImageData.h>
 #include <CxImageMetadata.h>
 #include <CxLut.h>
-#include <CxPicBufAPI.h>
 #include <CxPicBufMeas.h>
+
+#include "TestPictures.h"
 
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
 
-#include <cmath>
-#include <limits>
-#include <random>
-#include <vector>
 
 namespace {
 using H = CxHistoData;
 
-// A picture in memory that ends right after its last row's samples, so any
-// read past the picture is a sanitizer report.
-struct TestPic
+// Tight pictures: any read past the last row's samples is a sanitizer
+// report. pad counts samples.
+SxTstPic picture(ExImageDataType t, quint32 w, quint32 h, quint32 ch, quint32 pad = 0, quint32 bits = 0,
+                 bool colour = false)
 {
-    std::vector<uchar> mem;
-    SxPicBuf pic;
-    explicit TestPic(const SxPicBufInfo& f)
-    {
-        mem.resize(f.requiredBytes());
-        CxPicBufAPI::WrapPicBuf(pic, f, mem.data(), mem.size());
-    }
-    template <class T> T* row(int y) { return reinterpret_cast<T*>(pic.data + qint64(y) * pic.linePitch); }
-};
-
-SxPicBufInfo format(ExImageDataType t, quint32 w, quint32 h, quint32 ch, quint32 pad = 0, quint32 bits = 0,
-                    bool colour = false)
-{
-    SxPicBufInfo f;
-    f.width = w;
-    f.height = h;
-    f.channels = ch;
-    f.dataType = t;
-    f.bitsPerSample = bits ? bits : bytesPerSampleOf(t) * 8;
-    f.linePitch = pad ? quint32(w * ch * bytesPerSampleOf(t) + pad * bytesPerSampleOf(t)) : 0;
-    f.isColor = colour;
-    return f;
-}
-
-template <class T> void fillRandom_T(TestPic& p, std::mt19937& rng)
-{
-    const int bits = int(p.pic.bitsPerSample);
-    for (quint32 y = 0; y < p.pic.height; ++y) {
-        T* r = p.row<T>(int(y));
-        for (quint32 i = 0; i < p.pic.width * p.pic.channels; ++i) {
-            if constexpr (std::is_floating_point_v<T>) {
-                r[i] = std::uniform_real_distribution<float>(-100.f, 100.f)(rng);
-            } else {
-                // Mostly within the significant bits, sometimes anywhere in the type.
-                using L = std::numeric_limits<T>;
-                const qint64 hi = rng() % 8 ? std::min<qint64>(L::max(), (qint64(1) << bits) - 1) : qint64(L::max());
-                r[i] = T(std::uniform_int_distribution<qint64>(qint64(L::min()), hi)(rng));
-            }
-        }
-    }
-    if constexpr (std::is_floating_point_v<T>) {
-        p.row<T>(0)[0] = std::numeric_limits<float>::quiet_NaN();
-        p.row<T>(int(p.pic.height - 1))[0] = -std::numeric_limits<float>::infinity();
-    }
-}
-
-// Calls f with a value of the sample type.
-template <class F> auto onType(ExImageDataType t, F&& f)
-{
-    switch (t) {
-    case IDT_INT8: return f(qint8());
-    case IDT_UINT8: return f(quint8());
-    case IDT_INT16: return f(qint16());
-    case IDT_UINT16: return f(quint16());
-    case IDT_INT32: return f(qint32());
-    case IDT_UINT32: return f(quint32());
-    default: return f(float());
-    }
-}
-
-double sampleAt(const SxPicBuf& p, int x, int y, int c)
-{
-    return onType(p.dataType, [&](auto v) {
-        return double(reinterpret_cast<const decltype(v)*>(p.data + qint64(y) * p.linePitch)[qint64(x) * p.channels + c]);
-    });
+    return SxTstPic(tstFormat(w, h, t, ch, colour, bits), pad * bytesPerSampleOf(t), true);
 }
 
 struct RefHisto
@@ -116,7 +50,7 @@ RefHisto reference(const SxPicBuf& p, QRect roi, bool perCell, const CxHsiCamera
                 } else if (perCell) {
                     rec = (y % 2) * 2 + x % 2;
                 }
-                const double v = sampleAt(p, x, y, c);
+                const double v = double(tstSample(p, x, y, c));
                 if (rec >= 0 && rec < records && std::isfinite(v))
                     ref.values[size_t(rec)].push_back(v);
             }
@@ -161,10 +95,11 @@ private slots:
         QFETCH(HistoCase, c);
         const auto [type, channels, colour, size, pad, bits, roi, cfa] = c;
         const auto t = ExImageDataType(type);
-        TestPic p(format(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour));
+        SxTstPic p = picture(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour);
         p.pic.colorFilterArray = ExColorFilterArray(cfa);
-        std::mt19937 rng(uint(size.width() * 7919 + size.height() + type));
-        onType(t, [&](auto v) { fillRandom_T<decltype(v)>(p, rng); });
+        tstFillRandom(p.pic, uint(size.width() * 7919 + size.height() + type));
+        if (t == IDT_FLOAT)  // neither counted nor spoiling the bins
+            tstSetSample(p.pic, 0, 0, 0, NAN), tstSetSample(p.pic, 0, p.pic.height - 1, 0, -INFINITY);
         CxImageMetadata meta;
         CxHsiCameraParams::CxFilterZone z;
         z.rect = QRect(QPoint(3, 2), QPoint(36, 30));
@@ -238,8 +173,8 @@ private slots:
         QFETCH(int, flags);
         QFETCH(QList<double>, stats);
         QFETCH(int, binCount);
-        TestPic p(format(IDT_UINT8, 2, 2, 1));
-        p.row<quint8>(0)[0] = 0, p.row<quint8>(0)[1] = 10, p.row<quint8>(1)[0] = 20, p.row<quint8>(1)[1] = 30;
+        SxTstPic p = picture(IDT_UINT8, 2, 2, 1);
+        p.pic.row<quint8>(0)[0] = 0, p.pic.row<quint8>(0)[1] = 10, p.pic.row<quint8>(1)[0] = 20, p.pic.row<quint8>(1)[1] = 30;
         CxImageData packet;
         packet.setPicBuf(p.pic);
         H h;
@@ -269,7 +204,7 @@ private slots:
         QFETCH(int, type);
         QFETCH(QRect, roi);
         QFETCH(bool, noData);
-        TestPic p(format(ExImageDataType(type), 8, 8, 1));
+        SxTstPic p = picture(ExImageDataType(type), 8, 8, 1);
         if (noData)
             p.pic.data = nullptr;
         H h;
@@ -317,16 +252,16 @@ private slots:
         const quint32 n = in16 ? 65536 : 256;
         const quint32 w = in16 ? 509 : 131;  // 8-bit rows span whole 64-sample blocks and a tail
         const quint32 h = (n + w - 1) / w;
-        TestPic in(format(t, w, h, 1, 3, bits));
+        SxTstPic in = picture(t, w, h, 1, 3, bits);
         for (quint32 i = 0; i < w * h; ++i) {
             const quint32 k = i % n;
             if (in16)
-                in.row<quint16>(int(i / w))[i % w] = quint16(k);
+                in.pic.row<quint16>(int(i / w))[i % w] = quint16(k);
             else
-                in.row<quint8>(int(i / w))[i % w] = quint8(k);
+                in.pic.row<quint8>(int(i / w))[i % w] = quint8(k);
         }
         const ExImageDataType outType = outBits > 8 ? IDT_UINT16 : IDT_UINT8;
-        TestPic out(format(outType, w, h, 1, 5, outBits));
+        SxTstPic out = picture(outType, w, h, 1, 5, outBits);
         QVERIFY(lut.isCompatibleWith(&out.pic, &in.pic));
         QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
 
@@ -338,7 +273,7 @@ private slots:
             double u = rec[1] > rec[0] ? std::clamp((v - rec[0]) / (rec[1] - rec[0]), 0.0, 1.0) : (v > rec[0] ? 1.0 : 0.0);
             u = std::pow(u, 1.0 / g);
             const double want = std::clamp(std::floor(rec[3] + (rec[4] - rec[3]) * u + 0.5), 0.0, outFull);
-            const double got = outType == IDT_UINT16 ? out.row<quint16>(int(i / w))[i % w] : out.row<quint8>(int(i / w))[i % w];
+            const double got = outType == IDT_UINT16 ? out.pic.row<quint16>(int(i / w))[i % w] : out.pic.row<quint8>(int(i / w))[i % w];
             if (got != want)
                 QFAIL(qPrintable(QString("sample %1: got %2, want %3").arg(v).arg(got).arg(want)));
             QCOMPARE(double(lut.map(0, qint64(v))), want);
@@ -355,15 +290,15 @@ private slots:
         lut.compContrast(1) = {0, 127, 1, 0, 255};
         lut.compContrast(2) = {0, 255, 1, 0, 0};
         QVERIFY(lut.alloc());
-        TestPic in(format(IDT_UINT8, 5, 3, 4, 2, 8, true)), out(format(IDT_UINT8, 5, 3, 4, 1, 8, true));
+        SxTstPic in = picture(IDT_UINT8, 5, 3, 4, 2, 8, true), out = picture(IDT_UINT8, 5, 3, 4, 1, 8, true);
         for (int y = 0; y < 3; ++y)
             for (int i = 0; i < 20; ++i)
-                in.row<quint8>(y)[i] = quint8(y * 20 + i * 3);
+                in.pic.row<quint8>(y)[i] = quint8(y * 20 + i * 3);
         QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 5; ++x) {
-                const quint8* s = in.row<quint8>(y) + 4 * x;
-                const quint8* d = out.row<quint8>(y) + 4 * x;
+                const quint8* s = in.pic.row<quint8>(y) + 4 * x;
+                const quint8* d = out.pic.row<quint8>(y) + 4 * x;
                 QCOMPARE(int(d[0]), 255 - s[0]);
                 QCOMPARE(int(d[1]), std::min(255, int(std::floor(s[1] * 255.0 / 127.0 + 0.5))));
                 QCOMPARE(int(d[2]), 0);
@@ -412,22 +347,22 @@ private slots:
         CxLut lut(8, 1, false, IDT_UINT8);
         QVERIFY(lut.allocRgb(32));
         lut.setPseudoColor(CxLut::PseudoHot);
-        TestPic in(format(IDT_UINT8, 80, 16, 1)), out(format(IDT_UINT8, 80, 16, 4));
+        SxTstPic in = picture(IDT_UINT8, 80, 16, 1), out = picture(IDT_UINT8, 80, 16, 4);
         for (int y = 0; y < 16; ++y)
             for (int x = 0; x < 80; ++x)
-                in.row<quint8>(y)[x] = quint8(x * 255 / 80);
+                in.pic.row<quint8>(y)[x] = quint8(x * 255 / 80);
         QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
         for (int x : {0, 1, 40, 79})  // stored alpha too, not only what QImage shows
-            QCOMPARE(out.row<quint32>(15)[x], CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
+            QCOMPARE(out.pic.row<quint32>(15)[x], CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
 
         // Colour input keeps its blue, green, red order; a 16-bit window maps to 8 bits.
         CxLut colour(12, 3, true, IDT_UINT16);
         colour.compContrast(0) = {0, 4095, 1, 0, 4095};
         QVERIFY(colour.allocRgb(32));
-        TestPic cin(format(IDT_UINT16, 3, 1, 3, 1, 12, true)), cout(format(IDT_UINT8, 3, 1, 4));
+        SxTstPic cin = picture(IDT_UINT16, 3, 1, 3, 1, 12, true), cout = picture(IDT_UINT8, 3, 1, 4);
         const quint16 bgr[3] = {4095, 2048, 0};
         for (int x = 0; x < 3; ++x)
-            std::copy(bgr, bgr + 3, cin.row<quint16>(0) + 3 * x);
+            std::copy(bgr, bgr + 3, cin.pic.row<quint16>(0) + 3 * x);
         QVERIFY(colour.apply(&cout.pic, &cin.pic, nullptr));
         const QImage cimg(cout.pic.data, 3, 1, int(cout.pic.linePitch), QImage::Format_RGB32);
         QCOMPARE(cimg.pixel(2, 0), qRgb(0, 128, 255));
@@ -457,8 +392,8 @@ private slots:
         QFETCH(CompatCase, c);
         const auto [rgb, inType, inChannels, inBits, outType, outChannels, outSize, compatible] = c;
         CxLut lut(12, 1, false, IDT_UINT16);
-        TestPic in(format(ExImageDataType(inType), 9, 7, inChannels, 0, inBits));
-        TestPic out(format(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels));
+        SxTstPic in = picture(ExImageDataType(inType), 9, 7, inChannels, 0, inBits);
+        SxTstPic out = picture(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels);
         QVERIFY(!lut.isCompatibleWith(&out.pic, &in.pic));  // nothing built yet
         QVERIFY(rgb ? lut.allocRgb(32) : lut.alloc());
         QCOMPARE(lut.isCompatibleWith(&out.pic, &in.pic), compatible);

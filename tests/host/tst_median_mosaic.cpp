@@ -1,83 +1,27 @@
-#include <CxPicBufAPI.h>
+#include "TestPictures.h"
 
 #include <QtCore/QRect>
 #include <QtTest/QtTest>
 
 #include <opencv2/imgproc.hpp>
 
-#include <algorithm>
-#include <cmath>
-#include <memory>
-#include <random>
 #include <vector>
 
 namespace {
 
-SxPicBufInfo info(quint32 w, quint32 h, ExImageDataType t)
+// Pictures over exactly the bytes their rows need (no slack after the last
+// row), so the sanitizer catches any read or write past them.
+struct TightPic : SxTstPic
 {
-    SxPicBufInfo f;
-    f.width = w, f.height = h, f.channels = 1, f.dataType = t, f.bitsPerSample = bytesPerSampleOf(t) * 8;
-    return f;
-}
-
-// Calls f with a value of the sample type.
-template <class F> void onType(ExImageDataType t, F&& f)
-{
-    switch (t) {
-    case IDT_INT8: return f(qint8());
-    case IDT_UINT8: return f(quint8());
-    case IDT_INT16: return f(qint16());
-    case IDT_UINT16: return f(quint16());
-    case IDT_INT32: return f(qint32());
-    case IDT_UINT32: return f(quint32());
-    default: return f(float());
-    }
-}
-
-// A picture over exactly the bytes its rows need (no slack after the last
-// row), so the sanitizer catches any read or write past it.
-struct TightPic
-{
-    std::unique_ptr<uchar[]> mem;
-    SxPicBuf p;
-    TightPic(quint32 w, quint32 h, ExImageDataType t, quint32 padBytes = 0)
-    {
-        SxPicBufInfo f = info(w, h, t);
-        f.linePitch = quint32(f.packedLineBytes()) + padBytes;
-        const quint64 bytes = std::max<quint64>(f.requiredBytes(), 1);
-        mem.reset(new uchar[bytes]);
-        std::fill(mem.get(), mem.get() + bytes, uchar(0xA5));
-        QVERIFY(CxPicBufAPI::WrapPicBuf(p, f, mem.get(), bytes));
-    }
-    template <class T> T& at(int x, int y) { return p.row<T>(quint32(y))[x]; }
-    template <class T> T at(int x, int y) const { return p.row<T>(quint32(y))[x]; }
+    TightPic(int w, int h, ExImageDataType t, int padBytes = 0)
+        : SxTstPic(tstFormat(quint32(w), quint32(h), t), quint32(padBytes), true) {}
+    template <class T> T& at(int x, int y) const { return px<T>(quint32(x), quint32(y)); }
 };
-
-template <class T>
-void fillRandom(TightPic& pic, quint32 seed, int distinct = 0)
-{
-    std::mt19937 rng(seed);
-    for (quint32 y = 0; y < pic.p.height; ++y)
-        for (quint32 x = 0; x < pic.p.width; ++x) {
-            if constexpr (std::is_floating_point_v<T>)
-                pic.at<T>(int(x), int(y)) = T(std::uniform_real_distribution<double>(-100, 100)(rng));
-            else if (distinct)
-                pic.at<T>(int(x), int(y)) = T(std::numeric_limits<T>::min() + T(rng() % distinct) * 7);
-            else
-                pic.at<T>(int(x), int(y)) = T(std::uniform_int_distribution<qint64>(
-                    std::numeric_limits<T>::min(), std::numeric_limits<T>::max())(rng));
-        }
-}
-
-void fillAny(TightPic& pic, quint32 seed, int distinct = 0)
-{
-    onType(pic.p.dataType, [&](auto v) { fillRandom<decltype(v)>(pic, seed, distinct); });
-}
 
 template <class T>
 void naiveMedian(const TightPic& in, TightPic& out, int r)
 {
-    const int w = int(in.p.width), h = int(in.p.height);
+    const int w = int(in.pic.width), h = int(in.pic.height);
     std::vector<T> win;
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
@@ -90,21 +34,10 @@ void naiveMedian(const TightPic& in, TightPic& out, int r)
         }
 }
 
-// Compares packed samples only: padding of the output must stay untouched.
-bool sameSamples(const TightPic& a, const TightPic& b)
-{
-    if (a.p.width != b.p.width || a.p.height != b.p.height)
-        return false;
-    for (quint32 y = 0; y < a.p.height; ++y)
-        if (std::memcmp(a.p.rowPtr(y), b.p.rowPtr(y), size_t(a.p.packedLineBytes())))
-            return false;
-    return true;
-}
-
 cv::Mat asMat(const TightPic& pic)
 {
-    const int type = pic.p.dataType == IDT_UINT8 ? CV_8U : CV_16U;
-    return cv::Mat(int(pic.p.height), int(pic.p.width), type, pic.p.data, pic.p.linePitch);
+    const int type = pic.pic.dataType == IDT_UINT8 ? CV_8U : CV_16U;
+    return cv::Mat(int(pic.pic.height), int(pic.pic.width), type, pic.pic.data, pic.pic.linePitch);
 }
 
 enum Stat { Min, Max, Avg, Normalize };
@@ -142,15 +75,15 @@ double naiveCell(const TightPic& in, Stat st, int x0, int y0, int px, int py)
 template <class T>
 void naiveMosaic(const TightPic& in, Stat st, const QRect& given, int px, int py, TightPic& out)
 {
-    const QRect picture(0, 0, int(in.p.width), int(in.p.height));
+    const QRect picture(0, 0, int(in.pic.width), int(in.pic.height));
     const QRect rect = given.intersected(picture);
     const int cellsX = rect.width() / px, cellsY = rect.height() / py;
-    const bool fullSize = out.p.width == in.p.width && out.p.height == in.p.height;
+    const bool fullSize = out.pic.width == in.pic.width && out.pic.height == in.pic.height;
     if (st == Normalize) {
-        quint32 bits = std::min<quint32>(in.p.bitsPerSample, 8 * sizeof(T) - (std::is_signed_v<T> ? 1 : 0));
+        quint32 bits = std::min<quint32>(in.pic.bitsPerSample, 8 * sizeof(T) - (std::is_signed_v<T> ? 1 : 0));
         const double fs = std::is_floating_point_v<T> ? 1.0 : double((quint64(1) << bits) - 1);
-        for (int y = 0; y < int(in.p.height); ++y)
-            for (int x = 0; x < int(in.p.width); ++x) {
+        for (int y = 0; y < int(in.pic.height); ++y)
+            for (int x = 0; x < int(in.pic.width); ++x) {
                 const int i = (x - rect.left()) / px, j = (y - rect.top()) / py;
                 T v = in.at<T>(x, y);
                 if (x >= rect.left() && y >= rect.top() && i < cellsX && j < cellsY) {
@@ -162,8 +95,8 @@ void naiveMosaic(const TightPic& in, Stat st, const QRect& given, int px, int py
                 out.at<T>(x, y) = v;
             }
     } else if (fullSize) {
-        for (int y = 0; y < int(out.p.height); ++y)
-            for (int x = 0; x < int(out.p.width); ++x)
+        for (int y = 0; y < int(out.pic.height); ++y)
+            for (int x = 0; x < int(out.pic.width); ++x)
                 out.at<T>(x, y) = T(naiveCell<T>(in, st, std::clamp(x, rect.left(), rect.left() + rect.width() - px),
                                                  std::clamp(y, rect.top(), rect.top() + rect.height() - py), px, py));
     } else {
@@ -177,8 +110,8 @@ void naiveMosaic(const TightPic& in, Stat st, const QRect& given, int px, int py
 
 bool closeFloats(const TightPic& a, const TightPic& b)
 {
-    for (quint32 y = 0; y < a.p.height; ++y)
-        for (quint32 x = 0; x < a.p.width; ++x)
+    for (quint32 y = 0; y < a.pic.height; ++y)
+        for (quint32 x = 0; x < a.pic.width; ++x)
             if (std::abs(a.at<float>(int(x), int(y)) - b.at<float>(int(x), int(y))) > 1e-4f)
                 return false;
     return true;
@@ -187,7 +120,7 @@ bool closeFloats(const TightPic& a, const TightPic& b)
 struct MedianWork
 {
     void* buf = nullptr;
-    MedianWork(quint32 w, ExImageDataType t, int r) { CxPicBufAPI::MedianAllocBuffer(info(w, 1, t), r, &buf); }
+    MedianWork(quint32 w, ExImageDataType t, int r) { CxPicBufAPI::MedianAllocBuffer(tstFormat(w, 1, t), r, &buf); }
     ~MedianWork() { CxPicBufAPI::MedianFreeBuffer(buf); }
 };
 
@@ -227,14 +160,14 @@ private slots:
         QFETCH(MedianCase, c);
         const auto [type, w, h, radius, pad, distinct] = c;
         TightPic in(w, h, type, pad), out(w, h, type, pad + 2), ref(w, h, type, pad + 2);
-        fillAny(in, quint32(w * 131 + h * 7 + radius), distinct);
-        onType(type, [&](auto v) { naiveMedian<decltype(v)>(in, ref, c.radius); });
+        tstFillRandom(in.pic, quint32(w * 131 + h * 7 + radius), distinct);
+        tstOnType(type, [&](auto v) { naiveMedian<decltype(v)>(in, ref, c.radius); });
         MedianWork work(quint32(w), type, radius);
-        QVERIFY(CxPicBufAPI::Median(in.p, out.p, radius, work.buf));
-        QVERIFY(sameSamples(out, ref));
+        QVERIFY(CxPicBufAPI::Median(in.pic, out.pic, radius, work.buf));
+        QVERIFY(samePixels(out.pic, ref.pic));
         // Padding after each row is not written.
         for (int y = 0; y + 1 < h; ++y)
-            QCOMPARE(out.p.rowPtr(quint32(y))[out.p.packedLineBytes()], uchar(0xA5));
+            QCOMPARE(out.pic.rowPtr(quint32(y))[out.pic.packedLineBytes()], uchar(0xA5));
     }
 
     // Frames big enough for the threaded bands, checked against OpenCV where
@@ -253,9 +186,9 @@ private slots:
         QFETCH(ExImageDataType, type);
         QFETCH(int, ksize);
         TightPic in(641, 203, type, 4), out(641, 203, type);
-        fillAny(in, 99);
+        tstFillRandom(in.pic, 99);
         MedianWork work(641, type, ksize / 2);
-        QVERIFY(CxPicBufAPI::Median(in.p, out.p, ksize / 2, work.buf));
+        QVERIFY(CxPicBufAPI::Median(in.pic, out.pic, ksize / 2, work.buf));
         cv::Mat expected;
         cv::medianBlur(asMat(in), expected, ksize);
         QCOMPARE(cv::norm(asMat(out), expected, cv::NORM_INF), 0.0);
@@ -264,13 +197,13 @@ private slots:
     void radiusZeroCopiesAndBiggerBufferServes()
     {
         TightPic in(37, 23, IDT_UINT8, 3), out(37, 23, IDT_UINT8), ref(37, 23, IDT_UINT8);
-        fillAny(in, 1);
+        tstFillRandom(in.pic, 1);
         MedianWork big(500, IDT_UINT16, 2);
-        QVERIFY(CxPicBufAPI::Median(in.p, out.p, 0, big.buf));
-        QVERIFY(sameSamples(out, in));
+        QVERIFY(CxPicBufAPI::Median(in.pic, out.pic, 0, big.buf));
+        QVERIFY(samePixels(out.pic, in.pic));
         naiveMedian<quint8>(in, ref, 1);
-        QVERIFY(CxPicBufAPI::Median(in.p, out.p, 1, big.buf));
-        QVERIFY(sameSamples(out, ref));
+        QVERIFY(CxPicBufAPI::Median(in.pic, out.pic, 1, big.buf));
+        QVERIFY(samePixels(out.pic, ref.pic));
     }
 
     void medianRefusals_data()
@@ -291,7 +224,7 @@ private slots:
         MedianWork work(40, what == "8-bit histogram for 16-bit" ? IDT_UINT8 : IDT_UINT16,
                         radius == 2 || radius < 0 ? 1 : radius);
         void* buf = what == "no buffer" ? nullptr : work.buf;
-        SxPicBuf src = in.p, dst = out.p;
+        SxPicBuf src = in.pic, dst = out.pic;
         if (what == "three channels")
             src.channels = dst.channels = 3;
         if (what == "no pixels")
@@ -300,14 +233,14 @@ private slots:
             dst = src;
         if (what == "odd pitch for 16-bit")
             src.linePitch = 81, src.height = 8, dst.height = 8;
-        const std::vector<uchar> before(out.p.data, out.p.data + out.p.requiredBytes());
+        const std::vector<uchar> before(out.pic.data, out.pic.data + out.pic.requiredBytes());
         QVERIFY(!CxPicBufAPI::Median(src, dst, radius, buf));
-        QVERIFY(std::equal(before.begin(), before.end(), out.p.data));
+        QVERIFY(std::equal(before.begin(), before.end(), out.pic.data));
     }
 
     void medianAllocRefusals()
     {
-        SxPicBufInfo f = info(16, 4, IDT_INT8);
+        SxPicBufInfo f = tstFormat(16, 4, IDT_INT8);
         void* buf = reinterpret_cast<void*>(1);
         QVERIFY(!CxPicBufAPI::MedianAllocBuffer(f, 1, &buf));
         QCOMPARE(buf, nullptr);
@@ -353,22 +286,22 @@ private slots:
         const auto [type, stat, rect, px, py, sliding, w] = c;
         const int h = 23;
         TightPic in(w, h, type, 8);
-        fillAny(in, quint32(w + px * 10 + int(stat)));
+        tstFillRandom(in.pic, quint32(w + px * 10 + int(stat)));
         const int ow = sliding ? w : rect.width() / px, oh = sliding ? h : rect.height() / py;
         TightPic out(ow, oh, type, 4), ref(ow, oh, type, 4);
-        QVERIFY(runFilter(stat, in.p, rect, px, py, out.p));
-        onType(type, [&](auto v) { naiveMosaic<decltype(v)>(in, c.stat, c.rect, c.px, c.py, ref); });
-        QVERIFY(type == IDT_FLOAT ? closeFloats(out, ref) : sameSamples(out, ref));
+        QVERIFY(runFilter(stat, in.pic, rect, px, py, out.pic));
+        tstOnType(type, [&](auto v) { naiveMosaic<decltype(v)>(in, c.stat, c.rect, c.px, c.py, ref); });
+        QVERIFY(type == IDT_FLOAT ? closeFloats(out, ref) : samePixels(out.pic, ref.pic));
     }
 
     void normalizeUsesSignificantBits()
     {
         TightPic in(4, 2, IDT_UINT16), out(4, 2, IDT_UINT16);
-        in.p.bitsPerSample = 12;
+        in.pic.bitsPerSample = 12;
         const quint16 v[8] = {100, 200, 50, 50, 300, 300, 50, 50};
         for (int i = 0; i < 8; ++i)
             in.at<quint16>(i % 4, i / 4) = v[i];
-        QVERIFY(CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(in.p, QRect(0, 0, 4, 2), 2, 2, out.p));
+        QVERIFY(CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(in.pic, QRect(0, 0, 4, 2), 2, 2, out.pic));
         const quint16 expected[8] = {0, 2048, 0, 0, 4095, 4095, 0, 0};  // right cell is flat
         for (int i = 0; i < 8; ++i)
             QCOMPARE(out.at<quint16>(i % 4, i / 4), expected[i]);
@@ -377,8 +310,8 @@ private slots:
     void bayerAverageMatchesOpenCvAreaResize()
     {
         TightPic in(640, 480, IDT_UINT8), out(320, 240, IDT_UINT8);
-        fillAny(in, 3);
-        QVERIFY(CxPicBufAPI::FilterAvgOnMosaicPicBuf(in.p, QRect(0, 0, 640, 480), 2, 2, out.p));
+        tstFillRandom(in.pic, 3);
+        QVERIFY(CxPicBufAPI::FilterAvgOnMosaicPicBuf(in.pic, QRect(0, 0, 640, 480), 2, 2, out.pic));
         cv::Mat expected;
         cv::resize(asMat(in), expected, cv::Size(320, 240), 0, 0, cv::INTER_AREA);
         QCOMPARE(cv::norm(asMat(out), expected, cv::NORM_INF), 0.0);
@@ -405,17 +338,17 @@ private slots:
             rect = QRect(20, 0, 4, 4);
         if (what == "rect smaller than a cell")
             rect = QRect(18, 8, 1, 2);
-        SxPicBuf src = in.p, dst = out.p;
+        SxPicBuf src = in.pic, dst = out.pic;
         if (what == "three channels")
             src.channels = dst.channels = 3;
         if (what == "no pixels")
             src.data = nullptr;
         if (what == "in place")
             dst = src;
-        const std::vector<uchar> before(out.p.data, out.p.data + out.p.requiredBytes());
+        const std::vector<uchar> before(out.pic.data, out.pic.data + out.pic.requiredBytes());
         QVERIFY(!runFilter(cellOut ? Normalize : Avg, src, rect, px, py, dst));
         QVERIFY(!runFilter(cellOut ? Normalize : Max, src, rect, px, py, dst));
-        QVERIFY(std::equal(before.begin(), before.end(), out.p.data));
+        QVERIFY(std::equal(before.begin(), before.end(), out.pic.data));
     }
 };
 

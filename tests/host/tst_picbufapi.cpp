@@ -1,5 +1,6 @@
 #include <CxImageData.h>
-#include <CxPicBufAPI.h>
+
+#include "TestPictures.h"
 
 #include <QtTest/QtTest>
 
@@ -11,16 +12,11 @@
 namespace {
 SxPicBufInfo format(quint32 w, quint32 h, ExImageDataType t = IDT_UINT8, quint32 ch = 1, quint32 pitch = 0)
 {
-    SxPicBufInfo f;
-    f.width = w;
-    f.height = h;
-    f.channels = ch;
-    f.dataType = t;
-    f.bitsPerSample = bytesPerSampleOf(t) * 8;
+    SxPicBufInfo f = tstFormat(w, h, t, ch);
     f.linePitch = pitch;
     return f;
 }
-}
+} // namespace
 
 class TstPicBufApi : public QObject
 {
@@ -30,20 +26,6 @@ private slots:
     {
         QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), 0);
         QCOMPARE(CxPicBufAPI::LivePoolCount(), 0);
-    }
-
-    void defaultRecords()
-    {
-        SxPicBufInfo f;
-        QCOMPARE(f.width, 0u);
-        QCOMPARE(f.linePitch, 0u);
-        QCOMPARE(quint32(f.dataType), 0u);
-        QCOMPARE(quint32(f.storageFormat), 1u);
-        QCOMPARE(quint32(f.colorFilterArray), 0u);
-        QVERIFY(!f.isColor);
-        SxPicBuf p;
-        QVERIFY(!p.data);
-        QCOMPARE(p.frameNumber, 0);
     }
 
     void heapPitch_data()
@@ -249,20 +231,6 @@ private slots:
         CxPicBufAPI::FreePicBuf(src, true);
     }
 
-    void additionalData()
-    {
-        SxPicBuf a, b;
-        a.frameNumber = -7;
-        a.attachments.insert("roi", QRect(1, 2, 3, 4));
-        b.copyPicAdditionalData(a);
-        QCOMPARE(b.frameNumber, -7);
-        QCOMPARE(b.attachments.value("roi").toRect(), QRect(1, 2, 3, 4));
-        SxPicBufInfo f = format(4, 4);
-        f.colorFilterArray = CFA_BAYER_GBRG;
-        b.setPicFormat(f);
-        QCOMPARE(b.colorFilterArray, CFA_BAYER_GBRG);
-        QVERIFY(!b.data);
-    }
 };
 
 QTEST_GUILESS_MAIN(TstPicBufApi)

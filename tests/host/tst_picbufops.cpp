@@ -1,127 +1,42 @@
 // Picture operations against deliberately naive per-sample references (and
 // OpenCV's demosaic for Bayer interiors), on odd sizes, padded pitches and
 // pictures whose memory ends right after the last row's samples.
-#include <CxPicBufAPI.h>
+#include "TestPictures.h"
 
-#include <QtCore/QFloat16>
 #include <QtTest/QtTest>
 
 #include <opencv2/imgproc.hpp>
 
-#include <cmath>
-#include <cstring>
 #include <functional>
-#include <random>
-#include <vector>
 
 namespace {
 
-using Num = long double;  // holds every sample of every type exactly
-enum Layout { Packed, Padded, Tight };
-constexpr uchar PadByte = 0xA5;
 const QSize shapes[] = {{1, 1}, {1, 9}, {9, 1}, {7, 5}, {33, 17}};
-
-SxPicBufInfo fmt(quint32 w, quint32 h, ExImageDataType t, quint32 ch = 1, bool isColor = false, quint32 bits = 0)
-{
-    SxPicBufInfo f;
-    f.width = w, f.height = h, f.channels = ch, f.dataType = t, f.isColor = isColor;
-    f.bitsPerSample = bits ? bits : bytesPerSampleOf(t) * 8;
-    return f;
-}
 SxPicBufInfo resized(SxPicBufInfo f, QSize s)
 {
     f.width = quint32(s.width()), f.height = quint32(s.height());
     return f;
 }
-
-// A picture over its own memory. Padded rows carry 8 to 15 bytes of PadByte;
-// a tight picture also ends right after its last row's samples, so a kernel
-// that touches a byte beyond them is a sanitizer report.
-struct Pic
+enum Layout { Packed, Padded, Tight };
+// Padded rows carry 8 to 15 bytes; tight ones end with the last row's samples.
+struct Pic : SxTstPic
 {
-    std::vector<uchar> mem;
-    SxPicBuf p;
-    explicit Pic(SxPicBufInfo f, Layout layout = Packed)
-    {
-        const quint64 packed = f.packedLineBytes();
-        f.linePitch = quint32(qMax<quint64>(layout == Packed ? packed : (packed + 15) / 8 * 8, 1));
-        const quint64 bytes = layout == Tight ? f.requiredBytes() : quint64(f.linePitch) * f.height;
-        mem.assign(qMax<quint64>(bytes, 1), PadByte);
-        CxPicBufAPI::WrapPicBuf(p, f, mem.data(), bytes);
-    }
-    Pic(const Pic& o) : mem(o.mem), p(o.p) { p.data = mem.data(); }
-    Pic& operator=(const Pic&) = delete;
-    uchar* at(quint32 x, quint32 y, quint32 c) const
-    {
-        return const_cast<uchar*>(p.rowPtr(y)) + (quint64(x) * p.channels + c) * p.bytesPerSample();
-    }
-    bool paddingIntact() const
-    {
-        for (quint64 i = 0; i < mem.size(); ++i)
-            if (i % p.linePitch >= p.packedLineBytes() && mem[i] != PadByte)
-                return false;
-        return true;
-    }
+    explicit Pic(const SxPicBufInfo& f, Layout l = Packed) : SxTstPic(f, l == Packed ? 0 : 8, l == Tight) {}
 };
-
-template <class F>
-auto onType(ExImageDataType t, F&& f)
-{
-    switch (t) {
-    case IDT_INT8: return f(qint8());
-    case IDT_UINT8: return f(quint8());
-    case IDT_INT16: return f(qint16());
-    case IDT_UINT16: return f(quint16());
-    case IDT_INT32: return f(qint32());
-    case IDT_UINT32: return f(quint32());
-    case IDT_INT64: return f(qint64());
-    case IDT_UINT64: return f(quint64());
-    case IDT_FLOAT: return f(float());
-    case IDT_DOUBLE: return f(double());
-    default: return f(qfloat16());
-    }
-}
-Num get(const Pic& pic, quint32 x, quint32 y, quint32 c)
-{
-    return onType(pic.p.dataType, [&](auto v) { std::memcpy(&v, pic.at(x, y, c), sizeof v); return Num(v); });
-}
-void set(Pic& pic, quint32 x, quint32 y, quint32 c, Num n)
-{
-    onType(pic.p.dataType, [&](auto v) { v = decltype(v)(n); std::memcpy(pic.at(x, y, c), &v, sizeof v); return 0; });
-}
-bool isFloatType(ExImageDataType t) { return t == IDT_FLOAT || t == IDT_DOUBLE || t == IDT_HALF; }
-// Sample range; floats are kept to -1000..1000 in test data.
-Num lowest(ExImageDataType t) { return onType(t, [](auto v) { return std::is_integral_v<decltype(v)> ? Num(std::numeric_limits<decltype(v)>::min()) : Num(-1000); }); }
-Num highest(ExImageDataType t) { return onType(t, [](auto v) { return std::is_integral_v<decltype(v)> ? Num(std::numeric_limits<decltype(v)>::max()) : Num(1000); }); }
+TstNum get(const SxTstPic& p, quint32 x, quint32 y, quint32 c) { return tstSample(p.pic, x, y, c); }
+void set(SxTstPic& p, quint32 x, quint32 y, quint32 c, TstNum n) { tstSetSample(p.pic, x, y, c, n); }
 // A value as a sample of type t would hold it: rounded to the float type, or
 // held inside the integer range.
-Num asSample(Num v, ExImageDataType t)
+TstNum asSample(TstNum v, ExImageDataType t)
 {
     if (t == IDT_FLOAT) return float(v);
     if (t == IDT_DOUBLE) return double(v);
-    return qBound(lowest(t), v, highest(t));
-}
-
-// Values at both ends of the type and in its middle, so that saturation and
-// rounding are reached.
-void fillRandom(Pic& pic, quint32 seed)
-{
-    std::mt19937_64 rng(seed);
-    const Num lo = lowest(pic.p.dataType), hi = highest(pic.p.dataType);
-    for (quint32 y = 0; y < pic.p.height; ++y)
-        for (quint32 x = 0; x < pic.p.width; ++x)
-            for (quint32 c = 0; c < pic.p.channels; ++c) {
-                const quint64 r = rng();
-                const Num u = std::ldexp(Num(r >> 11), -53);
-                Num v = r % 4 == 0 ? hi - Num((r >> 8) % 300) : r % 4 == 1 ? lo + Num((r >> 8) % 300)
-                      : r % 4 == 2 ? Num((r >> 8) % 300) : lo + std::floor(u * (hi - lo));
-                set(pic, x, y, c, isFloatType(pic.p.dataType) ? u * 2000 - 1000 : qBound(lo, v, hi));
-            }
+    return qBound(tstLowest(t), v, tstHighest(t));
 }
 
 using Op = std::function<bool(SxPicBuf& out, const SxPicBuf& in)>;
 // Expected output sample from the output's previous value and the input picture.
-using Ref = std::function<Num(Num old, const Pic& in, quint32 x, quint32 y, quint32 c)>;
+using Ref = std::function<TstNum(TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c)>;
 const char* name(ExImageDataType t)
 {
     static const auto names = [] { QList<QByteArray> n; for (int i = 0; i < 12; ++i) n << dataTypeName(ExImageDataType(i)).toLatin1(); return n; }();
@@ -176,23 +91,23 @@ void TstPicBufOps::samplewise_data()
         for (const Pair& p : sq ? squares : sums)
             for (quint32 ch : {1u, 3u, 4u}) {
                 const Op op = [sq](SxPicBuf& o, const SxPicBuf& i) { return sq ? API::AddSquares(o, i) : API::Add(o, i); };
-                const Ref ref = [sq, t = p.out](Num old, const Pic& in, quint32 x, quint32 y, quint32 c) {
-                    const Num v = get(in, x, y, c);
+                const Ref ref = [sq, t = p.out](TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
+                    const TstNum v = get(in, x, y, c);
                     if (t == IDT_FLOAT)  // float sums add in their own precision, squares exactly
-                        return Num(sq ? float(double(old) + double(v) * double(v)) : float(old) + float(v));
+                        return TstNum(sq ? float(double(old) + double(v) * double(v)) : float(old) + float(v));
                     return asSample(old + (sq ? v * v : v), t);
                 };
                 // Four channels stand for colour RGBA, whose sums keep three.
                 QTest::addRow("%s %s+=%s x%u", sq ? "AddSquares" : "Add", name(p.out), name(p.in), ch)
-                    << op << ref << fmt(1, 1, p.out, qMin(ch, 3u)) << fmt(1, 1, p.in, ch, ch == 4);
+                    << op << ref << tstFormat(1, 1, p.out, qMin(ch, 3u)) << tstFormat(1, 1, p.in, ch, ch == 4);
             }
     for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_INT64, IDT_UINT64, IDT_FLOAT, IDT_DOUBLE})
         for (bool isMin : {true, false})
             QTest::addRow("%s %s", isMin ? "Min" : "Max", name(t))
                 << Op([isMin](SxPicBuf& o, const SxPicBuf& i) { return isMin ? API::Min(o, i) : API::Max(o, i); })
-                << Ref([isMin](Num old, const Pic& in, quint32 x, quint32 y, quint32 c) {
+                << Ref([isMin](TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
                        return isMin ? qMin(old, get(in, x, y, c)) : qMax(old, get(in, x, y, c)); })
-                << fmt(1, 1, t, 2) << fmt(1, 1, t, 2);
+                << tstFormat(1, 1, t, 2) << tstFormat(1, 1, t, 2);
 
     const Pair quotients[] = {{IDT_UINT8, IDT_UINT32}, {IDT_UINT16, IDT_UINT32}, {IDT_UINT32, IDT_UINT32}, {IDT_INT8, IDT_INT32},
                               {IDT_INT32, IDT_INT32}, {IDT_UINT8, IDT_INT32}, {IDT_FLOAT, IDT_FLOAT}, {IDT_INT16, IDT_FLOAT},
@@ -200,19 +115,19 @@ void TstPicBufOps::samplewise_data()
     for (const Pair& p : quotients)
         for (int d : {1, 2, 3, 7, 65536, 1000003, 2147483647})
             for (quint32 ch : {1u, 4u}) {
-                const Ref ref = [d, t = p.out](Num, const Pic& in, quint32 x, quint32 y, quint32 c) -> Num {
-                    if (c == 3 && in.p.channels == 3)  // opaque alpha; the u8 outputs have 7 significant bits
-                        return isFloatType(t) ? 1 : t == IDT_UINT8 ? 127 : highest(t);
-                    const Num n = get(in, x, y, c);
+                const Ref ref = [d, t = p.out](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) -> TstNum {
+                    if (c == 3 && in.pic.channels == 3)  // opaque alpha; the u8 outputs have 7 significant bits
+                        return tstIsFloat(t) ? 1 : t == IDT_UINT8 ? 127 : tstHighest(t);
+                    const TstNum n = get(in, x, y, c);
                     if (t == IDT_FLOAT) return float(double(n) / d);
                     if (t == IDT_DOUBLE) return double(n) / d;
-                    if (isFloatType(in.p.dataType)) return asSample(std::round(double(n) / d), t);
+                    if (tstIsFloat(in.pic.dataType)) return asSample(std::round(double(n) / d), t);
                     const __int128 m = (2 * __int128(std::fabs(n)) + d) / (2 * __int128(d));  // halves away from zero
-                    return asSample(n < 0 ? -Num(m) : Num(m), t);
+                    return asSample(n < 0 ? -TstNum(m) : TstNum(m), t);
                 };
                 QTest::addRow("DivideByValue %s/%d->%s x%u", name(p.in), d, name(p.out), ch)
                     << Op([d](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, d, o); }) << ref
-                    << fmt(1, 1, p.out, ch, ch == 4, p.out == IDT_UINT8 ? 7 : 0) << fmt(1, 1, p.in, qMin(ch, 3u));
+                    << tstFormat(1, 1, p.out, ch, ch == 4, p.out == IDT_UINT8 ? 7 : 0) << tstFormat(1, 1, p.in, qMin(ch, 3u));
             }
 
     for (ExImageDataType t : {IDT_UINT8, IDT_INT16, IDT_HALF, IDT_UINT32, IDT_FLOAT, IDT_DOUBLE})
@@ -220,10 +135,10 @@ void TstPicBufOps::samplewise_data()
             for (quint32 k : QSet<quint32>{0, ch / 2, ch - 1})
                 QTest::addRow("ExtractChannel %s x%u channel %u", name(t), ch, k)
                     << Op([k](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, k); })
-                    << Ref([k](Num, const Pic& in, quint32 x, quint32 y, quint32) { return get(in, x, y, k); })
-                    << fmt(1, 1, t) << fmt(1, 1, t, ch);
+                    << Ref([k](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32) { return get(in, x, y, k); })
+                    << tstFormat(1, 1, t) << tstFormat(1, 1, t, ch);
 
-    struct Fill { ExImageDataType t; quint32 ch; int channel; uint value; Num stored; };  // channel -1: all
+    struct Fill { ExImageDataType t; quint32 ch; int channel; uint value; TstNum stored; };  // channel -1: all
     const Fill fills[] = {{IDT_UINT8, 3, -1, 300, 255}, {IDT_INT8, 1, -1, 200, 127}, {IDT_INT32, 2, -1, 4294967295u, 2147483647},
                           {IDT_UINT32, 1, -1, 4294967295u, 4294967295u}, {IDT_FLOAT, 4, -1, 1, 1}, {IDT_UINT8, 4, 3, 255, 255},
                           {IDT_INT8, 2, 0, 255, 127}, {IDT_DOUBLE, 2, 1, 9, 9}};
@@ -231,27 +146,27 @@ void TstPicBufOps::samplewise_data()
         QTest::addRow("Fill %s x%u channel %d with %u", name(f.t), f.ch, f.channel, f.value)
             << Op([f](SxPicBuf& o, const SxPicBuf&) {
                    return f.channel < 0 ? API::FillChannelsValue(o, f.value) : API::FillChannelWithValue(o, uint(f.channel), ushort(f.value)); })
-            << Ref([f](Num old, const Pic&, quint32, quint32, quint32 c) { return f.channel < 0 || int(c) == f.channel ? f.stored : old; })
-            << fmt(1, 1, f.t, f.ch) << fmt(1, 1, IDT_UINT8);
+            << Ref([f](TstNum old, const SxTstPic&, quint32, quint32, quint32 c) { return f.channel < 0 || int(c) == f.channel ? f.stored : old; })
+            << tstFormat(1, 1, f.t, f.ch) << tstFormat(1, 1, IDT_UINT8);
 
     // Display RGB is B, G, R, A: integers lose their significant bits beyond 8.
     const Op toRgb = [](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); };
-    const auto level = [](const Pic& in, quint32 x, quint32 y, quint32 c) {
-        const Num v = get(in, x, y, c);
-        if (isFloatType(in.p.dataType))  // over 0..1 when the picture records no range
-            return v == v ? Num(qBound(0, int(std::floor(v * 255 + 0.5L)), 255)) : Num(0);
-        return v <= 0 ? Num(0) : qMin(Num(255), std::floor(std::ldexp(v, 8 - int(qMax(8u, in.p.bitsPerSample)))));
+    const auto level = [](const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
+        const TstNum v = get(in, x, y, c);
+        if (tstIsFloat(in.pic.dataType))  // over 0..1 when the picture records no range
+            return v == v ? TstNum(qBound(0, int(std::floor(v * 255 + 0.5L)), 255)) : TstNum(0);
+        return v <= 0 ? TstNum(0) : qMin(TstNum(255), std::floor(std::ldexp(v, 8 - int(qMax(8u, in.pic.bitsPerSample)))));
     };
-    const Ref grey = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 0); };
-    const Ref colour = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, c); };
-    const SxPicBufInfo rgba = fmt(1, 1, IDT_UINT8, 4, true);
-    SxPicBufInfo cmyg = fmt(1, 1, IDT_UINT8);
+    const Ref grey = [level](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 0); };
+    const Ref colour = [level](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, c); };
+    const SxPicBufInfo rgba = tstFormat(1, 1, IDT_UINT8, 4, true);
+    SxPicBufInfo cmyg = tstFormat(1, 1, IDT_UINT8);
     cmyg.colorFilterArray = CFA_CMYG;
-    QTest::newRow("ToRgb u16 of 12 bits") << toRgb << grey << rgba << fmt(1, 1, IDT_UINT16, 1, false, 12);
-    QTest::newRow("ToRgb s16") << toRgb << grey << rgba << fmt(1, 1, IDT_INT16);
-    QTest::newRow("ToRgb f64") << toRgb << grey << rgba << fmt(1, 1, IDT_DOUBLE);
-    QTest::newRow("ToRgb 3 numbered channels") << toRgb << grey << rgba << fmt(1, 1, IDT_UINT8, 3);
-    QTest::newRow("ToRgb rgba u16 of 10 bits") << toRgb << colour << rgba << fmt(1, 1, IDT_UINT16, 4, true, 10);
+    QTest::newRow("ToRgb u16 of 12 bits") << toRgb << grey << rgba << tstFormat(1, 1, IDT_UINT16, 1, false, 12);
+    QTest::newRow("ToRgb s16") << toRgb << grey << rgba << tstFormat(1, 1, IDT_INT16);
+    QTest::newRow("ToRgb f64") << toRgb << grey << rgba << tstFormat(1, 1, IDT_DOUBLE);
+    QTest::newRow("ToRgb 3 numbered channels") << toRgb << grey << rgba << tstFormat(1, 1, IDT_UINT8, 3);
+    QTest::newRow("ToRgb rgba u16 of 10 bits") << toRgb << colour << rgba << tstFormat(1, 1, IDT_UINT16, 4, true, 10);
     QTest::newRow("ToRgb cmyg mosaic as grey") << toRgb << grey << rgba << cmyg;
 }
 
@@ -265,16 +180,16 @@ void TstPicBufOps::samplewise()
         for (Layout l : {Packed, Padded, Tight}) {
             const QString where = QStringLiteral("%1x%2 layout %3").arg(s.width()).arg(s.height()).arg(l);
             Pic out(resized(outFormat, s), l), in(resized(inFormat, s), Layout((l + 1) % 3));
-            fillRandom(out, s.width() * 100 + s.height());
-            fillRandom(in, s.width() + s.height() * 1000);
+            tstFillRandom(out.pic, s.width() * 100 + s.height());
+            tstFillRandom(in.pic, s.width() + s.height() * 1000);
             const Pic before = out;
-            QVERIFY2(op(out.p, in.p), qPrintable(where));
-            for (quint32 y = 0; y < out.p.height; ++y)
-                for (quint32 x = 0; x < out.p.width; ++x)
-                    for (quint32 c = 0; c < out.p.channels; ++c) {
-                        const Num old = get(before, x, y, c), want = ref(old, in, x, y, c), got = get(out, x, y, c);
+            QVERIFY2(op(out.pic, in.pic), qPrintable(where));
+            for (quint32 y = 0; y < out.pic.height; ++y)
+                for (quint32 x = 0; x < out.pic.width; ++x)
+                    for (quint32 c = 0; c < out.pic.channels; ++c) {
+                        const TstNum old = get(before, x, y, c), want = ref(old, in, x, y, c), got = get(out, x, y, c);
                         QVERIFY2(got == want, qPrintable(QStringLiteral("%1 at (%2,%3,%4): %5 from %6 and %7, want %8").arg(where)
-                            .arg(x).arg(y).arg(c).arg(double(got)).arg(double(old)).arg(double(get(in, x, y, qMin(c, in.p.channels - 1)))).arg(double(want))));
+                            .arg(x).arg(y).arg(c).arg(double(got)).arg(double(old)).arg(double(get(in, x, y, qMin(c, in.pic.channels - 1)))).arg(double(want))));
                     }
             QVERIFY2(out.paddingIntact(), qPrintable(where));
         }
@@ -287,13 +202,13 @@ void TstPicBufOps::mosaicCells()
     for (ExImageDataType t : {IDT_INT8, IDT_INT16, IDT_DOUBLE})
         for (const QSize& s : shapes)
             for (quint32 k = 0; k < 4; ++k) {
-                SxPicBufInfo f = resized(fmt(1, 1, t), s);
+                SxPicBufInfo f = resized(tstFormat(1, 1, t), s);
                 f.colorFilterArray = CFA_BAYER_GBRG;
-                Pic in(f, Tight), out(resized(fmt(1, 1, t), QSize(s.width() / 2, s.height() / 2)), Padded);
-                fillRandom(in, k);
-                QVERIFY(CxPicBufAPI::ExtractChannel(in.p, out.p, k));
-                for (quint32 y = 0; y < out.p.height; ++y)
-                    for (quint32 x = 0; x < out.p.width; ++x)
+                Pic in(f, Tight), out(resized(tstFormat(1, 1, t), QSize(s.width() / 2, s.height() / 2)), Padded);
+                tstFillRandom(in.pic, k);
+                QVERIFY(CxPicBufAPI::ExtractChannel(in.pic, out.pic, k));
+                for (quint32 y = 0; y < out.pic.height; ++y)
+                    for (quint32 x = 0; x < out.pic.width; ++x)
                         QCOMPARE(get(out, x, y, 0), get(in, 2 * x + k % 2, 2 * y + k / 2, 0));
                 QVERIFY(out.paddingIntact());
             }
@@ -315,28 +230,28 @@ void TstPicBufOps::bayerToRgb()
     QFETCH(int, cvCode);
     const int colourAt[4][4] = {{0, 1, 1, 2}, {1, 0, 2, 1}, {1, 2, 0, 1}, {2, 1, 1, 0}};  // R, G, B per cell
     for (const QSize& s : shapes) {
-        SxPicBufInfo f = resized(fmt(1, 1, IDT_UINT8), s);
+        SxPicBufInfo f = resized(tstFormat(1, 1, IDT_UINT8), s);
         f.colorFilterArray = ExColorFilterArray(cfa);
-        Pic in(f, Tight), out(resized(fmt(1, 1, IDT_UINT8, 4, true), s), Padded);
+        Pic in(f, Tight), out(resized(tstFormat(1, 1, IDT_UINT8, 4, true), s), Padded);
         // A flat scene comes out flat, borders included.
         const uchar rgb[3] = {200, 120, 40};
         for (quint32 y = 0; y < f.height; ++y)
             for (quint32 x = 0; x < f.width; ++x)
                 *in.at(x, y, 0) = rgb[colourAt[cfa - 1][(y & 1) * 2 + (x & 1)]];
-        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.p, out.p));
+        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic, out.pic));
         for (quint32 y = 0; y < f.height && f.width > 1 && f.height > 1; ++y)
             for (quint32 x = 0; x < f.width; ++x)
                 QVERIFY(std::memcmp(out.at(x, y, 0), "\x28\x78\xc8\xff", 4) == 0);
         // Texture matches OpenCV's bilinear demosaic away from the border.
         std::mt19937 rng(cfa);
         for (quint32 y = 0; y < f.height; ++y)
-            std::generate_n(in.p.rowPtr(y), f.width, [&] { return uchar(rng()); });
-        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.p, out.p));
+            std::generate_n(in.pic.rowPtr(y), f.width, [&] { return uchar(rng()); });
+        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic, out.pic));
         QVERIFY(out.paddingIntact());
         if (s.width() < 3 || s.height() < 3)
             continue;
         cv::Mat bgr;
-        cv::cvtColor(cv::Mat(s.height(), s.width(), CV_8UC1, in.p.data, in.p.linePitch), bgr, cvCode);
+        cv::cvtColor(cv::Mat(s.height(), s.width(), CV_8UC1, in.pic.data, in.pic.linePitch), bgr, cvCode);
         for (int y = 1; y + 1 < s.height(); ++y)
             for (int x = 1; x + 1 < s.width(); ++x)
                 QVERIFY2(std::memcmp(out.at(x, y, 0), bgr.ptr(y, x), 3) == 0, qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
@@ -362,11 +277,11 @@ void TstPicBufOps::floatMinMax()
     QFETCH(MinMaxCase, c);
     const auto& [type, samples, ignoreNonFinite, found, min, max] = c;
     for (Layout l : {Packed, Padded, Tight}) {
-        Pic pic(fmt(7, 3, ExImageDataType(type)), l);  // padding reads as -2.9e-16, below every sample
+        Pic pic(tstFormat(7, 3, ExImageDataType(type)), l);  // padding reads as -2.9e-16, below every sample
         for (int i = 0; i < 21; ++i)
             set(pic, i % 7, i / 7, 0, i < samples.size() ? samples[i] : 1.5);
         float mn = 42.f, mx = 43.f;
-        QCOMPARE(CxPicBufAPI::CalcFloatDataMinMax(pic.p, mn, mx, ignoreNonFinite), found);
+        QCOMPARE(CxPicBufAPI::CalcFloatDataMinMax(pic.pic, mn, mx, ignoreNonFinite), found);
         QCOMPARE(mn, found ? min : 42.f);
         QCOMPARE(mx, found ? max : 43.f);
     }
@@ -388,10 +303,10 @@ void TstPicBufOps::copyRect()
 {
     QFETCH(CopyCase, k);
     const auto& [type, channels, samePicture, from, to] = k;
-    const SxPicBufInfo f = fmt(9, 7, ExImageDataType(type), channels);
+    const SxPicBufInfo f = tstFormat(9, 7, ExImageDataType(type), channels);
     Pic src(f, Tight), other(f, Padded);
-    fillRandom(src, 5);
-    fillRandom(other, 6);
+    tstFillRandom(src.pic, 5);
+    tstFillRandom(other.pic, 6);
     Pic& dst = samePicture ? src : other;
     Pic want(f);
     for (quint32 y = 0; y < 7; ++y)
@@ -400,7 +315,7 @@ void TstPicBufOps::copyRect()
                 const bool inside = from.width() && QRect(to, from.size()).contains(int(x), int(y));
                 set(want, x, y, c, inside ? get(src, x - to.x() + from.x(), y - to.y() + from.y(), c) : get(dst, x, y, c));
             }
-    QVERIFY(CxPicBufAPI::CopyRect(dst.p, to.x(), to.y(), src.p, from.x(), from.y(), from.width(), from.height()));
+    QVERIFY(CxPicBufAPI::CopyRect(dst.pic, to.x(), to.y(), src.pic, from.x(), from.y(), from.width(), from.height()));
     for (quint32 y = 0; y < 7; ++y)
         for (quint32 x = 0; x < 9; ++x)
             for (quint32 c = 0; c < channels; ++c)
@@ -417,7 +332,7 @@ void TstPicBufOps::refusals_data()
     QTest::addColumn<SxPicBufInfo>("inFormat");
     QTest::addColumn<int>("damage");
     using API = CxPicBufAPI;
-    const auto f = [](ExImageDataType t, quint32 ch = 1, bool colour = false) { return fmt(5, 4, t, ch, colour); };
+    const auto f = [](ExImageDataType t, quint32 ch = 1, bool colour = false) { return tstFormat(5, 4, t, ch, colour); };
     const Op add = [](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); };
     const Op squares = [](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); };
     const Op max = [](SxPicBuf& o, const SxPicBuf& i) { return API::Max(o, i); };
@@ -433,7 +348,7 @@ void TstPicBufOps::refusals_data()
     planar.storageFormat = DSF_PLANAR;
     QTest::newRow("Add u8 sum of u16") << add << f(IDT_UINT8) << f(IDT_UINT16) << int(Sound);
     QTest::newRow("Add u32 sum of f32") << add << f(IDT_UINT32) << f(IDT_FLOAT) << int(Sound);
-    QTest::newRow("Add size mismatch") << add << f(IDT_UINT32) << fmt(5, 3, IDT_UINT8) << int(Sound);
+    QTest::newRow("Add size mismatch") << add << f(IDT_UINT32) << tstFormat(5, 3, IDT_UINT8) << int(Sound);
     QTest::newRow("Add rgb of unmarked rgba") << add << f(IDT_UINT32, 3) << f(IDT_UINT8, 4) << int(Sound);
     QTest::newRow("AddSquares u32 of u32") << squares << f(IDT_UINT32) << f(IDT_UINT32) << int(Sound);
     QTest::newRow("Max rgba into rgb") << max << f(IDT_UINT8, 3) << f(IDT_UINT8, 4, true) << int(Sound);
@@ -442,7 +357,7 @@ void TstPicBufOps::refusals_data()
     QTest::newRow("Extract channel 4 of 4") << extract(4) << f(IDT_UINT8) << f(IDT_UINT8, 4, true) << int(Sound);
     QTest::newRow("Extract into another type") << extract(0) << f(IDT_UINT16) << f(IDT_UINT8, 4) << int(Sound);
     QTest::newRow("Extract planar") << extract(1) << f(IDT_UINT8) << planar << int(Sound);
-    SxPicBufInfo bayer = fmt(10, 8, IDT_UINT16), half = fmt(5, 4, IDT_UINT16);
+    SxPicBufInfo bayer = tstFormat(10, 8, IDT_UINT16), half = tstFormat(5, 4, IDT_UINT16);
     bayer.colorFilterArray = CFA_BAYER_RGGB;
     QTest::newRow("Extract mosaic cell 4") << extract(4) << half << bayer << int(Sound);
     bayer.storageFormat = DSF_NOT_RAW;
@@ -479,13 +394,13 @@ void TstPicBufOps::refusals()
     QFETCH(SxPicBufInfo, inFormat);
     QFETCH(int, damage);
     Pic out(outFormat, Tight), in(inFormat, Tight);
-    fillRandom(in, 1);
+    tstFillRandom(in.pic, 1);
     const std::vector<uchar> before = out.mem;
     if (damage != Sound) {
-        QVERIFY(op(out.p, in.p));
+        QVERIFY(op(out.pic, in.pic));
         out.mem = before;
     }
-    SxPicBuf o = out.p, i = in.p;
+    SxPicBuf o = out.pic, i = in.pic;
     switch (damage) {
     case OutNoPixels: o.data = nullptr; break;
     case InNoPixels: i.data = nullptr; break;
@@ -504,33 +419,33 @@ void TstPicBufOps::largePicturesMatchRowByRow()
     using API = CxPicBufAPI;
     const quint32 w = 1021, h = 257;
     const struct { Op op; SxPicBufInfo out, in; } cases[] = {
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); }, fmt(w, h, IDT_UINT32), fmt(w, h, IDT_UINT8)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); }, fmt(w, h, IDT_UINT64, 3), fmt(w, h, IDT_UINT16, 4, true)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, 7, o); }, fmt(w, h, IDT_UINT16), fmt(w, h, IDT_UINT32)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, 1); }, fmt(w, h, IDT_FLOAT), fmt(w, h, IDT_FLOAT, 3)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); }, fmt(w, h, IDT_UINT8, 4, true), fmt(w, h, IDT_UINT16, 1, false, 12)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::CopyRect(o, 0, 0, i, 0, 0, i.width, i.height); }, fmt(w, h, IDT_UINT16, 2), fmt(w, h, IDT_UINT16, 2)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); }, tstFormat(w, h, IDT_UINT32), tstFormat(w, h, IDT_UINT8)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); }, tstFormat(w, h, IDT_UINT64, 3), tstFormat(w, h, IDT_UINT16, 4, true)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, 7, o); }, tstFormat(w, h, IDT_UINT16), tstFormat(w, h, IDT_UINT32)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, 1); }, tstFormat(w, h, IDT_FLOAT), tstFormat(w, h, IDT_FLOAT, 3)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); }, tstFormat(w, h, IDT_UINT8, 4, true), tstFormat(w, h, IDT_UINT16, 1, false, 12)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::CopyRect(o, 0, 0, i, 0, 0, i.width, i.height); }, tstFormat(w, h, IDT_UINT16, 2), tstFormat(w, h, IDT_UINT16, 2)},
     };
     for (const auto& k : cases) {
         Pic out(k.out, Tight), in(k.in, Padded);
-        fillRandom(out, 1);
-        fillRandom(in, 2);
+        tstFillRandom(out.pic, 1);
+        tstFillRandom(in.pic, 2);
         Pic rows = out;
-        QVERIFY(k.op(out.p, in.p));
+        QVERIFY(k.op(out.pic, in.pic));
         for (quint32 y = 0; y < h; ++y) {
             SxPicBuf o, i;
-            QVERIFY(CxPicBufAPI::WrapPicBuf(o, resized(k.out, QSize(w, 1)), rows.mem.data() + quint64(y) * out.p.linePitch, out.p.packedLineBytes()));
-            QVERIFY(CxPicBufAPI::WrapPicBuf(i, resized(k.in, QSize(w, 1)), in.p.rowPtr(y), in.p.packedLineBytes()));
+            QVERIFY(CxPicBufAPI::WrapPicBuf(o, resized(k.out, QSize(w, 1)), rows.mem.data() + quint64(y) * out.pic.linePitch, out.pic.packedLineBytes()));
+            QVERIFY(CxPicBufAPI::WrapPicBuf(i, resized(k.in, QSize(w, 1)), in.pic.rowPtr(y), in.pic.packedLineBytes()));
             QVERIFY(k.op(o, i));
         }
         QVERIFY(out.mem == rows.mem);
     }
-    Pic f(fmt(w, h, IDT_FLOAT, 2), Tight);
-    fillRandom(f, 3);
+    Pic f(tstFormat(w, h, IDT_FLOAT, 2), Tight);
+    tstFillRandom(f.pic, 3);
     set(f, w - 1, h - 1, 1, -5000);
     set(f, 0, h / 2, 0, 7000);
     float mn = 0, mx = 0;
-    QVERIFY(CxPicBufAPI::CalcFloatDataMinMax(f.p, mn, mx, false));
+    QVERIFY(CxPicBufAPI::CalcFloatDataMinMax(f.pic, mn, mx, false));
     QCOMPARE(mn, -5000.f);
     QCOMPARE(mx, 7000.f);
 }

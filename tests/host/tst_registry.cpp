@@ -93,8 +93,6 @@ private slots:
         QTest::newRow("unknown node") << "<QlarChain>\n<Chainable uniqueId=\"test.Qlar.CxTstAddNode\"/>\n"
                                          "<Chainable uniqueId=\"test.Qlar.Missing\"/></QlarChain>"
                                       << "line 3: unknown node \"test.Qlar.Missing\"";
-        QTest::newRow("case differs") << "<QlarChain><Chainable uniqueId=\"test.qlar.CxTstAddNode\"/></QlarChain>"
-                                      << "unknown node";
         QTest::newRow("no id") << "<QlarChain><Chainable addend=\"3\"/></QlarChain>" << "without a uniqueId";
         QTest::newRow("input after the nodes") << "<QlarChain><Chainable uniqueId=\"test.Qlar.CxTstAddNode\"/>\n"
                                                   "<QlarCamera bitsPerSample=\"8\"/></QlarChain>"
