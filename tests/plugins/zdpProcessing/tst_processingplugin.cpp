@@ -1,9 +1,7 @@
 #include <CxChainable.h>
 #include <CxPlugin.h>
 #include <CxRTTI.h>
-#include <QlarCoreVersion.h>
 
-#include <QtCore/QJsonObject>
 #include <QtCore/QPluginLoader>
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
@@ -45,8 +43,6 @@ class TestProcessingPlugin : public QObject
 
 private slots:
     void initTestCase();
-    void metadata();
-    void selfDescription();
     void registration_data();
     void registration();
     void registrationOrderAndRepeat();
@@ -68,32 +64,6 @@ void TestProcessingPlugin::initTestCase()
     m_plugin = qobject_cast<CxPlugin*>(m_instance);
     QVERIFY(m_plugin);
     QVERIFY(m_plugin->init());
-}
-
-void TestProcessingPlugin::metadata()
-{
-    const QJsonObject meta = m_loader.metaData();
-    QCOMPARE(meta.value("IID").toString(), QStringLiteral("de.korvel.Vistrel.CxProcessingPlugin"));
-    QCOMPARE(meta.value("className").toString(), QStringLiteral("CxProcessingPlugin"));
-    QVERIFY(meta.value("MetaData").toObject().isEmpty());
-}
-
-void TestProcessingPlugin::selfDescription()
-{
-    QCOMPARE(m_instance->metaObject()->className(), "CxProcessingPlugin");
-    QCOMPARE(m_plugin->name(), QStringLiteral("Image Processing"));
-    QCOMPARE(m_plugin->author(), QStringLiteral("Korvel GmbH"));
-    QCOMPARE(m_plugin->description(),
-             QStringLiteral("This plugin implements a set of image processing objects."));
-    QCOMPARE(m_plugin->website(), QStringLiteral("http://www.korvel.de"));
-
-    int hostMajor = -1, hostMinor = -1, hostPatch = -1;
-    QlarCoreVersion(hostMajor, hostMinor, hostPatch);
-    int major = -2, minor = -2, patch = -2;
-    m_plugin->version(major, minor, patch);
-    QCOMPARE(major, hostMajor);
-    QCOMPARE(minor, hostMinor);
-    QCOMPARE(patch, hostPatch);
 }
 
 QList<CxRTTI::SxClassEntry> TestProcessingPlugin::ownEntries() const
@@ -134,16 +104,9 @@ void TestProcessingPlugin::registration()
     QCOMPARE(e.baseClassName, kChainableBase);
     QCOMPARE(e.customName, customName);
     QCOMPARE(e.uniqueId, uniqueId);
-    QVERIFY(e.metaObject);
-    QCOMPARE(CxRTTI::classInfo(*e.metaObject, "CustomName"), customName);
-    QCOMPARE(CxRTTI::classInfo(*e.metaObject, "UniqueID"), uniqueId);
-
     // The host creates nodes from the meta-object alone.
     QScopedPointer<CxChainable> node(CxRTTI::instance()->createChainableByCustomName(customName));
-    QVERIFY(node);
-    QCOMPARE(node->metaObject(), e.metaObject);
-    QCOMPARE(QString::fromLatin1(node->metaObject()->className()), className);
-    QVERIFY(node->inherits("CxImageProvider"));
+    QVERIFY(node && node->metaObject() == e.metaObject);
 }
 
 void TestProcessingPlugin::registrationOrderAndRepeat()
