@@ -6,10 +6,13 @@
 // out of a larger frame does, so that AddressSanitizer catches a kernel that
 // reads or writes one byte past it. Row padding is filled with kPad, so that
 // padsIntact() tells whether a kernel wrote outside the samples.
+#include <CxHsiCameraParams.h>
 #include <CxImageData.h>
 #include <CxImageMetadata.h>
 #include <CxPicBufAPI.h>
 
+#include <QtCore/QMetaType>
+#include <QtCore/QRect>
 #include <QtCore/QtGlobal>
 
 #include <cstring>
@@ -101,6 +104,36 @@ inline double positionCode(ExImageDataType t, quint32 x, quint32 y, quint32 c)
     });
 }
 
+// A zone of pw x ph bands of cell x cell pixels over rect (an invalid rect
+// covers the whole sensor); band b is named prefix + b and has wavelength
+// nm[b], or 400 + 10 b.
+inline CxHsiCameraParams::CxFilterZone filterZone(const QRect& rect, int pw, int ph, int cell = 1,
+                                                 const QString& prefix = QStringLiteral("b"),
+                                                 const QList<double>& nm = {})
+{
+    CxHsiCameraParams::CxFilterZone z;
+    z.rect = rect;
+    z.patternWidth = pw;
+    z.patternHeight = ph;
+    z.cellWidth = z.cellHeight = cell;
+    for (int b = 0; b < pw * ph; ++b)
+        z.bands.append(CxHsiCameraParams::CxBand(prefix + QString::number(b), b < nm.size() ? nm[b] : 400 + 10 * b));
+    return z;
+}
+
+// The description of a picture with that mosaic, and the camera's zones.
+inline CxImageMetadata mosaicMeta(ExColorFilterArray cfa,
+                                  const QList<CxHsiCameraParams::CxFilterZone>& zones = {})
+{
+    CxImageMetadata meta;
+    meta.setColorFilterArray(cfa);
+    CxHsiCameraParams hsi;
+    hsi.setFilterZones(zones);
+    meta.setHsiCameraParams(hsi);
+    meta.setCameraName(QStringLiteral("test camera"));
+    return meta;
+}
+
 // A packet that borrows pic's memory: deleting it frees nothing.
 inline CxImageData* packet(const SxPicBuf& pic, const CxImageMetadata& meta = CxImageMetadata())
 {
@@ -178,3 +211,6 @@ private:
 };
 
 } // namespace kit
+
+Q_DECLARE_METATYPE(SxPicBufInfo)
+Q_DECLARE_METATYPE(CxImageMetadata)

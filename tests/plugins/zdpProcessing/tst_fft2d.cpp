@@ -12,7 +12,6 @@
 
 #include <memory>
 
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 using namespace nodetest;
 
@@ -21,14 +20,8 @@ namespace {
 // One zone of a 2 x 2 pattern over columns 0..5 and rows 0..3.
 CxHsiCameraParams camera2x2()
 {
-    CxHsiCameraParams::CxFilterZone zone;
-    zone.rect = QRect(0, 0, 6, 4);
-    zone.patternWidth = 2;
-    zone.patternHeight = 2;
-    zone.bands = {CxHsiCameraParams::CxBand(QStringLiteral("B1"), 500), CxHsiCameraParams::CxBand(QStringLiteral("B2"), 600),
-                  CxHsiCameraParams::CxBand(QStringLiteral("B3"), 700), CxHsiCameraParams::CxBand(QStringLiteral("B4"), 800)};
     CxHsiCameraParams hsi;
-    hsi.addFilterZone(zone);
+    hsi.addFilterZone(filterZone(QRect(0, 0, 6, 4), 2, 2, 1, "B"));
     return hsi;
 }
 
@@ -82,7 +75,7 @@ void TestFFT2D::channelNames_data()
         }
     }
     const SxPicBufInfo hsi = format(8, 8, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC);
-    QTest::newRow("hsi band 2") << hsi << 2 << "B3";
+    QTest::newRow("hsi band 2") << hsi << 2 << "B2";
     QTest::newRow("hsi beyond bands") << hsi << 4 << "Mono";
     QTest::newRow("hsi negative") << hsi << -1 << "Mono";
     QTest::newRow("unknown mosaic") << format(4, 4, 1, IDT_UINT8, 0, ExColorFilterArray(9)) << 0 << "";

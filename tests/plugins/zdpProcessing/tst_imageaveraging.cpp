@@ -106,10 +106,6 @@ private slots:
     void subtractKernels();
     void subtractSeries();
     void greyImageLevelsReversed();
-    void fusedSumsMatchHost_data();
-    void fusedSumsMatchHost();
-    void stDevExactBeyondDoubleRange_data();
-    void stDevExactBeyondDoubleRange();
     void lineAveraging_data();
     void lineAveraging();
     void infiniteCountingAndReset();
@@ -300,88 +296,6 @@ void TestImageAveraging::greyImageLevelsReversed()
             QCOMPARE(sampleValue(pic.pic(), 1, 1, c), want[c]);
         QVERIFY(!SetAsSubtractingGreyImage(pic.pic(), CxHistoData()));
     }
-}
-
-void TestImageAveraging::fusedSumsMatchHost_data()
-{
-    QTest::addColumn<ExImageDataType>("frameType");
-    QTest::addColumn<ExImageDataType>("sqType");
-    QTest::newRow("u8") << IDT_UINT8 << IDT_UINT32;
-    QTest::newRow("u16") << IDT_UINT16 << IDT_UINT64;
-}
-
-// The one-pass sums must saturate exactly like the host's two passes.
-void TestImageAveraging::fusedSumsMatchHost()
-{
-    QFETCH(ExImageDataType, frameType);
-    QFETCH(ExImageDataType, sqType);
-    const quint32 w = 41, h = 3;
-    CxPicture frame(format(w, h, 1, frameType, 8), [](quint32 x, quint32 y, quint32) { return x * 977.0 + y; });
-    CxPicture s1(format(w, h, 1, IDT_UINT32)), s2(format(w, h, 1, IDT_UINT32));
-    CxPicture q1(format(w, h, 1, sqType)), q2(format(w, h, 1, sqType));
-    // Accumulators from near their limit down to small values.
-    for (CxPicture* p : {&s1, &s2, &q1, &q2})
-        for (quint32 y = 0; y < h; ++y)
-            for (quint32 x = 0; x < w; ++x) {
-                const unsigned bytes = p->pic().bytesPerSample();
-                const quint64 top = bytes == 8 ? ~quint64(0) : 0xFFFFFFFFull;
-                const quint64 v = top - top / 4 * (x % 5);
-                std::memcpy(sampleAt(p->pic(), x, y), &v, bytes);
-            }
-    for (int k = 0; k < 3; ++k) {
-        QVERIFY(AddSumAndSquares(s1.pic(), q1.pic(), frame.pic()));
-        QVERIFY(CxPicBufAPI::Add(s2.pic(), frame.pic()));
-        QVERIFY(CxPicBufAPI::AddSquares(q2.pic(), frame.pic()));
-    }
-    for (quint32 y = 0; y < h; ++y) {
-        QCOMPARE(std::memcmp(s1.pic().rowPtr(y), s2.pic().rowPtr(y), w * 4), 0);
-        QCOMPARE(std::memcmp(q1.pic().rowPtr(y), q2.pic().rowPtr(y), w * bytesPerSampleOf(sqType)), 0);
-    }
-}
-
-void TestImageAveraging::stDevExactBeyondDoubleRange_data()
-{
-    QTest::addColumn<quint32>("sum");
-    QTest::addColumn<quint64>("sumSq");
-    QTest::addColumn<int>("frames");
-    QTest::addColumn<ExImageDataType>("outType");
-    QTest::addColumn<int>("scale");
-    QTest::newRow("small u16") << 30u << quint64(500) << 3 << IDT_UINT16 << 1;
-    QTest::newRow("8-bit wrap of 12750") << 255u << quint64(65025) << 2 << IDT_UINT8 << 100;
-    QTest::newRow("just below the double range") << 7u << ((quint64(1) << 48) - 1) << 3 << IDT_UINT32 << 100;
-    QTest::newRow("sum of squares above 2^52") << 3000000000u << (quint64(1) << 60) << 2 << IDT_UINT16 << 1;
-    QTest::newRow("saturated sum, wrapped variance") << 0xFFFFFFFFu << quint64(5) << 2 << IDT_UINT32 << 1;
-    QTest::newRow("result above 2^31") << 10u << (quint64(1) << 62) << 2 << IDT_UINT32 << 100;
-    QTest::newRow("negative scale into i16") << 30u << quint64(500) << 3 << IDT_INT16 << -100;
-}
-
-// The fast row loop must give exactly what integer arithmetic gives, also
-// where doubles cannot hold the values.
-void TestImageAveraging::stDevExactBeyondDoubleRange()
-{
-    QFETCH(quint32, sum);
-    QFETCH(quint64, sumSq);
-    QFETCH(int, frames);
-    QFETCH(ExImageDataType, outType);
-    QFETCH(int, scale);
-    const quint32 w = 37;  // vector body and tail
-    CxPicture s(format(w, 2, 1, IDT_UINT32)), q(format(w, 2, 1, IDT_UINT64)), o(format(w, 2, 1, outType));
-    for (quint32 y = 0; y < 2; ++y)
-        for (quint32 x = 0; x < w; ++x) {
-            s.pic().row<quint32>(y)[x] = x == 17 ? sum : 4;
-            q.pic().row<quint64>(y)[x] = x == 17 ? sumSq : 10;
-        }
-    QVERIFY(StDevFromSums(s.pic(), q.pic(), frames, o.pic(), scale));
-    const quint64 mask = (quint64(1) << (8 * bytesPerSampleOf(outType))) - 1;
-    auto expected = [&](quint64 sm, quint64 sq) {
-        const quint64 n = quint64(frames), mean = sm / n;
-        const quint64 var = (sq - mean * mean * n) / (n - 1);
-        const double r = std::trunc(std::sqrt(double(var)) * scale);
-        const quint64 bits = r < 0 ? quint64(qint64(r)) : quint64(std::fmod(r, 18446744073709551616.0));
-        return outType == IDT_INT16 ? double(qint16(bits & mask)) : double(bits & mask);
-    };
-    QCOMPARE(sampleValue(o.pic(), 17, 1), expected(sum, sumSq));
-    QCOMPARE(sampleValue(o.pic(), 36, 0), expected(4, 10));
 }
 
 void TestImageAveraging::lineAveraging_data()

@@ -9,36 +9,12 @@
 using namespace nodetest;
 using Node = CxMosaicStatFilterChnbl;
 
-Q_DECLARE_METATYPE(SxPicBufInfo)
-Q_DECLARE_METATYPE(CxImageMetadata)
 
 namespace {
 
 CxImageMetadata hsiMeta(const QRect& rect, int pattern, int cell = 1, int zones = 1)
 {
-    CxHsiCameraParams hsi;
-    for (int i = 0; i < zones; ++i) {
-        CxHsiCameraParams::CxFilterZone z;
-        z.rect = rect;
-        z.patternWidth = z.patternHeight = pattern;
-        z.cellWidth = z.cellHeight = cell;
-        for (int b = 0; b < pattern * pattern; ++b)
-            z.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("b%1").arg(b), 400 + 10 * b));
-        hsi.addFilterZone(z);
-    }
-    CxImageMetadata m;
-    m.setColorFilterArray(CFA_HSI_MOSAIC);
-    m.setHsiCameraParams(hsi);
-    m.setCameraName(QStringLiteral("cam"));
-    return m;
-}
-
-CxImageMetadata bayerMeta()
-{
-    CxImageMetadata m;
-    m.setColorFilterArray(CFA_BAYER_RGGB);
-    m.setCameraName(QStringLiteral("cam"));
-    return m;
+    return mosaicMeta(CFA_HSI_MOSAIC, QList<CxHsiCameraParams::CxFilterZone>(zones, filterZone(rect, pattern, pattern, cell)));
 }
 
 double pattern(quint32 x, quint32 y)
@@ -94,11 +70,11 @@ void TestMosaicFilter::geometry_data()
 
     const SxPicBufInfo bayer = format(1000, 800, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
     const QRect all(0, 0, 1000, 800);
-    row("bayer avg", bayer, bayerMeta(), Node::Average, false, all, 2, QSize(500, 400), 512);
-    row("bayer avg interpolated", bayer, bayerMeta(), Node::Average, true, all, 2, QSize(1000, 800), 1024);
-    row("bayer u16 min odd", format(11, 7, 1, IDT_UINT16, 4, CFA_BAYER_GBRG), bayerMeta(), Node::Minimum, false,
+    row("bayer avg", bayer, mosaicMeta(CFA_BAYER_RGGB), Node::Average, false, all, 2, QSize(500, 400), 512);
+    row("bayer avg interpolated", bayer, mosaicMeta(CFA_BAYER_RGGB), Node::Average, true, all, 2, QSize(1000, 800), 1024);
+    row("bayer u16 min odd", format(11, 7, 1, IDT_UINT16, 4, CFA_BAYER_GBRG), mosaicMeta(CFA_BAYER_RGGB), Node::Minimum, false,
         QRect(0, 0, 11, 7), 2, QSize(5, 3), 256);
-    row("bayer u16 max interpolated odd", format(9, 7, 1, IDT_UINT16, 0, CFA_CMYG), bayerMeta(), Node::Maximum,
+    row("bayer u16 max interpolated odd", format(9, 7, 1, IDT_UINT16, 0, CFA_CMYG), mosaicMeta(CFA_BAYER_RGGB), Node::Maximum,
         true, QRect(0, 0, 9, 7), 2, QSize(9, 7), 256);
     row("bayer u32 without metadata", format(130, 4, 1, IDT_UINT32, 0, CFA_RGBR), CxImageMetadata(),
         Node::Average, false, QRect(0, 0, 130, 4), 2, QSize(65, 2), 512);
@@ -172,9 +148,9 @@ void TestMosaicFilter::geometry()
 void TestMosaicFilter::failures()
 {
     const SxPicBufInfo good = format(16, 8, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    SxNodeRun<Node> run(good, bayerMeta());
+    SxNodeRun<Node> run(good, mosaicMeta(CFA_BAYER_RGGB));
     CxPicture bad(format(16, 8, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
-    CxPicture fine(good, [](quint32 x, quint32 y, quint32) { return pattern(x, y); }, bayerMeta());
+    CxPicture fine(good, [](quint32 x, quint32 y, quint32) { return pattern(x, y); }, mosaicMeta(CFA_BAYER_RGGB));
     for (int round = 0; round < 2; ++round) {
         QScopedPointer<CxImageData> back(run.process(bad));
         QVERIFY(back && back->picBuf()->data == bad.pic().data);

@@ -31,7 +31,6 @@
 
 using namespace nodetest;
 
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 namespace {
 
@@ -126,14 +125,13 @@ const SxNodeRule kNodes[] = {
      "mergeSeqMode=1 mergeSeqCount=5 mergeSeqPassComplete=0", true, "", "", "", "", "", true, 2, true, false, false, 'M'},
 };
 
-// Every node starts on this input: one channel, 2 x 2 mosaic, even size.
-const SxPicBufInfo kInput = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+// Every node starts on this input: one channel, 2 x 2 mosaic, even size,
+// padded rows.
+const SxPicBufInfo kInput = format(8, 6, 1, IDT_UINT8, 3, CFA_BAYER_RGGB);
 
 CxImageMetadata inputMeta()
 {
-    CxImageMetadata meta;
-    meta.setColorFilterArray(CFA_BAYER_RGGB);
-    return meta;
+    return mosaicMeta(CFA_BAYER_RGGB);
 }
 
 const SxNodeRule& rule(int node)
@@ -224,6 +222,8 @@ class TestNodeContract : public QObject
     Q_OBJECT
 
 private slots:
+    void frame_data() { addNodeRows(); }
+    void frame();
     void refusals_data();
     void refusals();
     void settings_data() { addNodeRows(); }
@@ -235,6 +235,47 @@ private slots:
     void identity_data() { addNodeRows(); }
     void identity();
 };
+
+// A picture made from a frame comes from the node's pool and carries the
+// frame's acquisition values and attachments (of the first frame in it); the
+// node frees the frame and writes nothing into it.
+void TestNodeContract::frame()
+{
+    QFETCH(int, node);
+    CxChain chain;
+    chain.setRunMode(CxChain::RunSynchronous);
+    chain.setInputFormat(kInput, inputMeta());
+    auto* n = qobject_cast<CxChainable*>(rule(node).cls->newInstance());
+    chain.appendNode(n);
+    QVERIFY2(chain.start(), qPrintable(chain.lastError()));
+    CxPicture input(kInput, {}, inputMeta());
+    input.fillPositions();
+    input.pic().attachments.insert(QStringLiteral("gain"), 3);
+
+    std::unique_ptr<IxChainData> out;
+    for (qint32 number = 0; number < 3 && !out; ++number) {
+        input.pic().frameNumber = number;
+        QPointer<IxChainData> packet(input.packet());
+        out.reset(n->processData(packet));
+        if (out.get() == packet.data()) {
+            out.release();
+            delete packet.data();
+            return;  // passed on as it came
+        }
+        QVERIFY(packet.isNull() == bool(out));
+        delete packet.data();
+    }
+    QVERIFY(out);
+    QVERIFY(input.padsIntact());
+    if (auto* image = qobject_cast<CxImageData*>(out.get())) {
+        const SxPicBuf& pic = *image->picBuf();
+        QCOMPARE(pic.memOrigin, SxPicBuf::MemPool);
+        QCOMPARE(pic.frameNumber, 0);
+        QCOMPARE(pic.exposureTimeUs, CxPicture::ExposureUs);
+        QCOMPARE(pic.timestampMs, CxPicture::TimestampMs);
+        QCOMPARE(pic.attachments, input.pic().attachments);
+    }
+}
 
 void TestNodeContract::refusals_data()
 {

@@ -9,8 +9,6 @@
 using namespace nodetest;
 using Node = CxRgbNirDemosaicCnbl;
 
-Q_DECLARE_METATYPE(SxPicBufInfo)
-Q_DECLARE_METATYPE(CxImageMetadata)
 
 namespace {
 
@@ -18,16 +16,10 @@ namespace {
 // in the layout assumed without description.
 CxImageMetadata describedCamera()
 {
-    CxHsiCameraParams::CxFilterZone z;
-    z.patternWidth = z.patternHeight = 2;
-    z.bands = {CxHsiCameraParams::CxBand(QStringLiteral("G"), 540), CxHsiCameraParams::CxBand(QStringLiteral("R"), 620),
-               CxHsiCameraParams::CxBand(QStringLiteral("NIR"), 850), CxHsiCameraParams::CxBand(QStringLiteral("B"), 460)};
-    CxHsiCameraParams hsi;
-    hsi.addFilterZone(z);
-    CxImageMetadata m;
-    m.setColorFilterArray(CFA_HSI_MOSAIC);
-    m.setHsiCameraParams(hsi);
-    return m;
+    CxHsiCameraParams::CxFilterZone z = filterZone(QRect(), 2, 2);
+    for (int b = 0; b < 4; ++b)
+        z.bands[b] = CxHsiCameraParams::CxBand(QStringList{"G", "R", "NIR", "B"}[b], 500);
+    return mosaicMeta(CFA_HSI_MOSAIC, {z});
 }
 
 // Samples spread over the significant bits, different at every position.

@@ -6,7 +6,6 @@
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 using namespace nodetest;
 using Mode = CxSeqMergeCnbl::ExMode;
