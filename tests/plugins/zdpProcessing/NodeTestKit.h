@@ -17,11 +17,12 @@ template <class Node>
 struct SxNodeRun
 {
     CxChain chain;
-    Node* node = new Node;
+    Node* node;
     int starts = 0;
     int stops = 0;
 
-    explicit SxNodeRun(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
+    explicit SxNodeRun(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata(), Node* n = new Node)
+        : node(n)
     {
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(f, meta);

@@ -9,11 +9,9 @@
 #include <QtTest/QtTest>
 #include <QtWidgets/QDoubleSpinBox>
 #include <QtWidgets/QSpinBox>
-#include <QtXml/QDomDocument>
 
 #include <cmath>
 #include <cstring>
-
 
 using namespace nodetest;
 using Bins = QList<qulonglong>;  // bin, count, bin, count, ...
@@ -53,8 +51,6 @@ private slots:
     void autoWindowFromFrames();
     void mapping_data();
     void mapping();
-    void settings_data();
-    void settings();
     void widgetRules_data();
     void widgetRules();
 };
@@ -194,39 +190,6 @@ void TestLutInmap::mapping()
                     QCOMPARE(sampleValue(o, x, y, k), std::round(full * t));
                 }
             }
-}
-
-void TestLutInmap::settings_data()
-{
-    QTest::addColumn<QString>("attribute");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("expected");  // the setting afterwards, as text
-
-    QTest::newRow("MapToRGB 2") << "MapToRGB" << "2" << "1";
-    QTest::newRow("MapToRGB negative") << "MapToRGB" << "-1" << "0";
-    QTest::newRow("AutoMinMax not a number") << "AutoMinMax" << "yes" << "0";
-    QTest::newRow("PseudoColor -1") << "PseudoColor" << "-1" << "-1";
-    QTest::newRow("AutoTolerance 2.7") << "AutoTolerance" << "2.7" << "2";
-    QTest::newRow("AutoTolerance huge") << "AutoTolerance" << "1e30" << "2147483647";
-    QTest::newRow("SrcMin 64 bit") << "SrcMin" << "-5000000000" << "-5000000000";
-    QTest::newRow("Gamma") << "Gamma" << "0.45" << "0.45";
-}
-
-// The node's own reading of each attribute, as it then saves.
-void TestLutInmap::settings()
-{
-    QFETCH(QString, attribute);
-    QFETCH(QString, text);
-    QFETCH(QString, expected);
-
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    element.setAttribute(attribute, text);
-    CxLutInmapCnbl node;
-    QVERIFY(node.loadSettings(element));
-    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
-    QVERIFY(node.saveSettings(doc, saved));
-    QCOMPARE(saved.attribute(attribute).toDouble(), expected.toDouble());
 }
 
 void TestLutInmap::widgetRules_data()

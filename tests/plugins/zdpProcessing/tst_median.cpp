@@ -5,11 +5,9 @@
 
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtXml/QDomDocument>
 
 #include <algorithm>
 #include <vector>
-
 
 using namespace nodetest;
 
@@ -52,42 +50,9 @@ class TestMedian : public QObject
     Q_OBJECT
 
 private slots:
-    void loadSettings_data();
-    void loadSettings();
     void filtersEachPlane_data();
     void filtersEachPlane();
 };
-
-void TestMedian::loadSettings_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<bool>("result");
-    QTest::addColumn<int>("radius");
-
-    // The node holds radius 5 before loading.
-    QTest::newRow("1") << "1" << true << 1;
-    QTest::newRow("0") << "0" << true << 1;
-    QTest::newRow("negative") << "-7" << true << 1;
-    QTest::newRow("beyond 32 bits") << "99999999999" << true << 1;
-    QTest::newRow("7") << "7" << true << 3;
-    QTest::newRow("8") << "8" << true << 3;
-}
-
-void TestMedian::loadSettings()
-{
-    QFETCH(QString, text);
-    QFETCH(bool, result);
-    QFETCH(int, radius);
-
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    if (!text.isNull())
-        element.setAttribute(QStringLiteral("kernelSize"), text);
-    CxMedianCnbl node;
-    node.setKernelRadius(5);
-    QCOMPARE(node.loadSettings(element), result);
-    QCOMPARE(node.kernelRadius(), radius);
-}
 
 void TestMedian::filtersEachPlane_data()
 {

@@ -31,7 +31,6 @@
 
 using namespace nodetest;
 
-
 namespace {
 
 using Attributes = QMap<QString, QString>;
@@ -77,6 +76,9 @@ struct SxNodeRule
     // A panel change of a setting on a running chain: restarts it once ('R'),
     // never ('N'), or depending on the setting ('M').
     char panel;
+    // The node's own reading of single attributes: "name=text>saved", loaded
+    // into a default node, or with a leading '+' into one holding settings.
+    const char* loads;
 };
 
 const SxPicBufInfo kRgb = format(8, 6, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true);
@@ -90,39 +92,51 @@ SxPicBufInfo mono(ExImageDataType type, quint32 channels = 1, ExColorFilterArray
 
 const SxNodeRule kNodes[] = {
     {&CxDeinterlaceCnbl::staticMetaObject, "NNNNN", {},
-     "transform=3", true, "", "", "", "", "", true, 4, true, true, true, 'R'},
+     "transform=3", true, "", "", "", "", "", true, 4, true, true, true, 'R',
+     "transform=7>7 transform=-1>-1 +transform=1.5>0 +transform=4294967296>0"},
     {&CxExtractChannelCnbl::staticMetaObject, "PNNNN", {},
-     "channelIdx=2", true, "channelIdx=0", "", "", "", "", true, 4, true, false, true, 'R'},
+     "channelIdx=2", true, "channelIdx=0", "", "", "", "", true, 4, true, false, true, 'R',
+     "channelIdx=4294967295>4294967295 +channelIdx=-1>0 +channelIdx=4294967296>0"},
     {&CxFilterImagesCnbl::staticMetaObject, "PPPPP", {},
-     "filterModulo=5 filterRemainder=3", true, "", "", "", "", "", false, 0, false, false, false, 'N'},
+     "filterModulo=5 filterRemainder=3", true, "", "", "", "", "", false, 0, false, false, false, 'N',
+     "filterModulo=-2>-2 filterRemainder=12>12 +filterRemainder=1.5>0"},
     {&CxImageAveragingCnbl::staticMetaObject, "PNNNN", {{mono(IDT_INT16), "mode=1", Null, false}},
      "averageCount=7 countInfinite=1 mode=2 allModesTogether=1 stDevValScaling=10 lineAveraing=1", false, "",
-     "countInfinite=1 allModesTogether=1", "*", "", "countInfinite=1", false, 1, false, false, true, 'M'},
+     "countInfinite=1 allModesTogether=1", "*", "", "countInfinite=1", false, 1, false, false, true, 'M',
+     "countInfinite=>1 +countInfinite=0>0 averageCount=3000000000>0 mode=7>7 stDevValScaling=5>5"},
     {&CxLutInmapCnbl::staticMetaObject, "PNNNN", {{mono(IDT_UINT64), "MapToRGB=1", Passed, true}},
      "MapToRGB=1 PseudoColor=3 AutoMinMax=0 AutoTolerance=5 SrcMin=-20 SrcMax=4000 Gamma=0.5", true, "", "", "",
-     "", "", false, 0, false, true, true, 'R'},
+     "", "", false, 0, false, true, true, 'R',
+     "MapToRGB=2>1 +MapToRGB=-1>0 PseudoColor=-1>-1 AutoTolerance=2.7>2 AutoTolerance=1e30>2147483647 SrcMin=-5000000000>-5000000000 Gamma=0.25>0.25"},
     {&CxMosaicStatFilterChnbl::staticMetaObject, "NNNNN",
      {{kRgb, "", Passed, true}, {kNotRaw, "", Passed, true}, {kHsi, "", Passed, true},
       {mono(IDT_DOUBLE, 1, CFA_BAYER_RGGB), "", Passed, true}, {mono(IDT_UINT8, 1, CFA_BAYER_RGGB), "statFilter=7", Passed, true}},
-     "statFilter=3 interpolation=0", true, "", "", "statFilter interpolation", "", "", false, 0, false, false, true, 'R'},
+     "statFilter=3 interpolation=0", true, "", "", "statFilter interpolation", "", "", false, 0, false, false, true, 'R',
+     "statFilter=7>7 +interpolation=-5>1"},
     {&CxMedianCnbl::staticMetaObject, "PPNNN",
      {{mono(IDT_INT16), "", Passed, true}, {mono(IDT_FLOAT), "", Passed, true},
       {mono(IDT_UINT32, 1, CFA_BAYER_RGGB), "", Passed, true}, {kHsi, "", Passed, true}},
-     "kernelSize=7", false, "", "kernelSize=3", "", "", "", false, 0, false, false, true, 'R'},
+     "kernelSize=7", false, "", "kernelSize=3", "", "", "", false, 0, false, false, true, 'R',
+     "+kernelSize=1>3 +kernelSize=0>3 +kernelSize=-7>3 +kernelSize=99999999999>3 kernelSize=8>7"},
     {&CxFFT2DCnbl::staticMetaObject, "PPNNN", {{mono(IDT_UINT8, 3), "", Passed, true}, {mono(IDT_FLOAT), "", Passed, true}},
-     "channel=2", true, "", "", "", "", "", false, 0, false, false, true, 'R'},
+     "channel=2", true, "", "", "", "", "", false, 0, false, false, true, 'R',
+     "channel=-1>-1 +channel=99999999999>0"},
     {&CxFFT1DCnbl::staticMetaObject, "PPNNN", {{mono(IDT_INT16), "", Passed, true}, {mono(IDT_INT8), "", Passed, true}},
      "channel=2 transtype=0 includeDC=0 logarY=1 gridX=0 gridY=0 autoScaleY=0 minY=-2.5 maxY=1234.5", true, "",
-     "", "", "channel transtype", "", false, 0, false, false, true, 'R'},
+     "", "", "channel transtype", "", false, 0, false, false, true, 'R',
+     "channel=99999999999>0 transtype=7>7 +includeDC=2>1 minY=1e3>1000"},
     {&CxRotateImageCnbl::staticMetaObject, "NNNNN",
      {{mono(IDT_DOUBLE), "", Null, false}, {mono(IDT_HALF), "", Null, false}, {mono(IDT_UINT64), "", Null, false},
       {mono(IDT_UNKNOWN), "", Null, false}, {mono(IDT_UINT8, 0), "", Null, false},
       {mono(IDT_INT32), "rotClockwise=0", Null, false}},
-     "rotClockwise=0", true, "", "", "", "", "", true, 2, true, true, false, 'R'},
+     "rotClockwise=0", true, "", "", "", "", "", true, 2, true, true, false, 'R',
+     "+rotClockwise=2>1 rotClockwise=-1>0 rotClockwise=4294967296>0"},
     {&CxRgbNirDemosaicCnbl::staticMetaObject, "PNNNN", {{kRgb, "", Passed, false}, {mono(IDT_UINT16), "", Passed, false}, {kNotRaw, "", Passed, false}},
-     "channel=1", false, "", "", "", "", "", true, 2, true, false, true, 'R'},
+     "channel=1", false, "", "", "", "", "", true, 2, true, false, true, 'R',
+     "channel=7>7"},
     {&CxSeqMergeCnbl::staticMetaObject, "P***N", {},
-     "mergeSeqMode=1 mergeSeqCount=5 mergeSeqPassComplete=0", true, "", "", "", "", "", true, 2, true, false, false, 'M'},
+     "mergeSeqMode=1 mergeSeqCount=5 mergeSeqPassComplete=0", true, "", "", "", "", "", true, 2, true, false, false, 'M',
+     "mergeSeqCount=0>0 mergeSeqCount=65>65 +mergeSeqPassComplete=2>1 mergeSeqPassComplete=-1>0"},
 };
 
 // Every node starts on this input: one channel, 2 x 2 mosaic, even size,
@@ -228,6 +242,8 @@ private slots:
     void refusals();
     void settings_data() { addNodeRows(); }
     void settings();
+    void loadRules_data();
+    void loadRules();
     void quickButtons_data() { addNodeRows(); }
     void quickButtons();
     void panel_data() { addNodeRows(); }
@@ -242,12 +258,9 @@ private slots:
 void TestNodeContract::frame()
 {
     QFETCH(int, node);
-    CxChain chain;
-    chain.setRunMode(CxChain::RunSynchronous);
-    chain.setInputFormat(kInput, inputMeta());
-    auto* n = qobject_cast<CxChainable*>(rule(node).cls->newInstance());
-    chain.appendNode(n);
-    QVERIFY2(chain.start(), qPrintable(chain.lastError()));
+    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+    CxChainable* n = run.node;
+    QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
     CxPicture input(kInput, {}, inputMeta());
     input.fillPositions();
     input.pic().attachments.insert(QStringLiteral("gain"), 3);
@@ -312,13 +325,10 @@ void TestNodeContract::refusals()
     QFETCH(bool, tellsUser);
 
     SxDocument doc;
-    CxChain chain;
-    chain.setRunMode(CxChain::RunSynchronous);
-    chain.setInputFormat(kInput, inputMeta());
-    auto* n = qobject_cast<CxChainable*>(rule(node).cls->newInstance());
-    chain.appendNode(n);
+    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+    CxChainable* n = run.node;
     n->loadSettings(doc.element(attributes(settings.toLatin1())));
-    QVERIFY2(chain.start(), qPrintable(chain.lastError()));
+    QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
     const qint64 outstanding = CxPicBufAPI::OutstandingPoolPictures();
 
     CxPicture input(picture, {}, inputMeta());
@@ -340,7 +350,7 @@ void TestNodeContract::refusals()
     std::vector<SxPicBuf> held;
     SxPicBufInfo pooled;
     void* pool = qobject_cast<CxImageProvider*>(n)->memoryPool();
-    for (SxPicBuf p; packetCase == QLatin1String("exhausted") && pool && chain.negotiatedFormat(0, pooled)
+    for (SxPicBuf p; packetCase == QLatin1String("exhausted") && pool && run.chain.negotiatedFormat(0, pooled)
          && CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, p, pooled, false); p = SxPicBuf())
         held.push_back(p);
 
@@ -431,6 +441,39 @@ void TestNodeContract::settings()
     }
 }
 
+void TestNodeContract::loadRules_data()
+{
+    QTest::addColumn<int>("node");
+    QTest::addColumn<bool>("onSettings");
+    QTest::addColumn<QString>("attribute");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("saved");
+    for (int n = 0; n < int(std::size(kNodes)); ++n)
+        for (const QString& load : QString::fromLatin1(rule(n).loads).split(' ', Qt::SkipEmptyParts)) {
+            const bool onSettings = load.startsWith('+');
+            const QString body = load.mid(onSettings ? 1 : 0);
+            QTest::addRow("%s %s", qPrintable(className(n)), qPrintable(load))
+                << n << onSettings << body.section('=', 0, 0) << body.section('=', 1).section('>', 0, 0)
+                << body.section('>', 1);
+        }
+}
+
+// Each load on its own: what the attribute's text becomes, as saved.
+void TestNodeContract::loadRules()
+{
+    QFETCH(int, node);
+    QFETCH(bool, onSettings);
+    QFETCH(QString, attribute);
+    QFETCH(QString, text);
+    QFETCH(QString, saved);
+    SxDocument doc;
+    std::unique_ptr<CxChainable> n = create(node);
+    if (onSettings)
+        n->loadSettings(doc.element(attributes(rule(node).settings)));
+    n->loadSettings(doc.element({{attribute, text}}));
+    QCOMPARE(doc.saved(*n).value(attribute), saved);
+}
+
 // Each button not checked yet changes the setting, restarts the running
 // chain once, and is the one checked afterwards.
 void TestNodeContract::quickButtons()
@@ -440,16 +483,10 @@ void TestNodeContract::quickButtons()
     SxDocument doc;
 
     for (int pressed = 0; pressed < qMax(r.buttons, 1); ++pressed) {
-        int starts = 0, stops = 0;
-        auto* n = qobject_cast<CxChainable*>(r.cls->newInstance());
-        CxChain chain;
-        chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(kInput, inputMeta());
-        chain.appendNode(n);
-        QObject::connect(&chain, &CxChain::started, [&] { ++starts; });
-        QObject::connect(&chain, &CxChain::stoppedSignal, [&] { ++stops; });
+        SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+        CxChainable* n = run.node;
         n->loadSettings(doc.element(attributes(r.buttonSettings)));
-        QVERIFY(chain.start());
+        QVERIFY(run.chain.start());
 
         auto buttons = [n, &r] {
             // Appended after what the host collected before.
@@ -471,11 +508,11 @@ void TestNodeContract::quickButtons()
             continue;
 
         const Attributes settings = doc.saved(*n);
-        starts = stops = 0;
+        run.starts = run.stops = 0;
         n->simpleStateConfigButtonPressed(before[pressed].id());
-        QCOMPARE(starts, int(r.buttonsRestart));
-        QCOMPARE(stops, int(r.buttonsRestart));
-        QVERIFY(!chain.stopped());
+        QCOMPARE(run.starts, int(r.buttonsRestart));
+        QCOMPARE(run.stops, int(r.buttonsRestart));
+        QVERIFY(!run.chain.stopped());
         if (!r.buttonsRestart)
             continue;
         QVERIFY(doc.saved(*n) != settings);
@@ -493,15 +530,9 @@ void TestNodeContract::panel()
     QFETCH(int, node);
     const SxNodeRule& r = rule(node);
     SxDocument doc;
-    int starts = 0, stops = 0;
-    auto* n = qobject_cast<CxChainable*>(r.cls->newInstance());
-    CxChain chain;
-    chain.setRunMode(CxChain::RunSynchronous);
-    chain.setInputFormat(kInput, inputMeta());
-    chain.appendNode(n);
-    QObject::connect(&chain, &CxChain::started, [&] { ++starts; });
-    QObject::connect(&chain, &CxChain::stoppedSignal, [&] { ++stops; });
-    QVERIFY(chain.start());
+    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+    CxChainable* n = run.node;
+    QVERIFY(run.startCounted());
     QVERIFY(n->hasConfigurationWidget());
     std::unique_ptr<QWidget> panel(n->configurationWidget());
     QVERIFY(panel && !panel->parent());
@@ -509,15 +540,15 @@ void TestNodeContract::panel()
     int changes = 0;
     for (QWidget* control : panel->findChildren<QWidget*>()) {
         const Attributes before = doc.saved(*n);
-        starts = stops = 0;
+        run.starts = run.stops = 0;
         if (!control->isEnabled() || control->isHidden() || !poke(control))
             continue;
         const bool changed = doc.saved(*n) != before;
         changes += changed;
         const QString what = QString::fromLatin1(control->metaObject()->className()) + ' ' + control->objectName();
-        QVERIFY2(!chain.stopped() && starts == stops, qPrintable(what));
+        QVERIFY2(!run.chain.stopped() && run.starts == run.stops, qPrintable(what));
         if (changed && r.panel != 'M')
-            QVERIFY2(starts == (r.panel == 'R' ? 1 : 0), qPrintable(what));
+            QVERIFY2(run.starts == (r.panel == 'R' ? 1 : 0), qPrintable(what));
     }
     QVERIFY(changes > 0);
 }
