@@ -5,7 +5,6 @@
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
 
-
 using namespace nodetest;
 
 namespace {

@@ -6,7 +6,6 @@
 
 #include <limits>
 
-
 using namespace nodetest;
 using Run = SxNodeRun<CxExtractChannelCnbl>;
 

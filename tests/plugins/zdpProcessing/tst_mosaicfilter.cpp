@@ -9,7 +9,6 @@
 using namespace nodetest;
 using Node = CxMosaicStatFilterChnbl;
 
-
 namespace {
 
 CxImageMetadata hsiMeta(const QRect& rect, int pattern, int cell = 1, int zones = 1)

@@ -9,7 +9,6 @@
 using namespace nodetest;
 using Node = CxRgbNirDemosaicCnbl;
 
-
 namespace {
 
 // A camera whose cell is G, R / NIR, B: every component sits elsewhere than

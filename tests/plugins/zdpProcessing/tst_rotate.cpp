@@ -6,7 +6,6 @@
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
 
-
 using namespace nodetest;
 
 namespace {

@@ -1,11 +1,9 @@
 #include "NodeTestKit.h"
 #include "SeqMergeCnbl.h"
 
-
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
-
 
 using namespace nodetest;
 using Mode = CxSeqMergeCnbl::ExMode;
