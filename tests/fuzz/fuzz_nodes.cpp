@@ -6,11 +6,11 @@
 // synchronous chain, as the host would call them.
 #include "FuzzSupport.h"
 
+#include <PictureKit.h>
+
 #include <CxChain.h>
 #include <CxChainable.h>
 #include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 #include <CxRTTI.h>
 
 #include <QtXml/QDomDocument>
@@ -99,17 +99,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     chain.appendNode(node);
     if (!chain.start())
         return 0;
-    std::vector<uchar> bytes(size_t(format.requiredBytes()) + 1, 0);
-    std::memcpy(bytes.data(), in.data, qMin(in.size, bytes.size()));
+    // The samples end where the picture does, so a read past it is caught.
+    kit::CxPicture picture(format, {}, meta);
+    if (!picture.pic().data)
+        return 0;
+    std::memcpy(picture.bytes(), in.data, qMin(in.size, picture.byteCount()));
     for (int frame = 0; frame < 3; ++frame) {
-        SxPicBuf pic;
-        if (!CxPicBufAPI::WrapPicBuf(pic, format, bytes.data(), bytes.size()))
-            break;
-        pic.frameNumber = frame;
-        auto* packet = new CxImageData;
-        packet->setPicBuf(pic);
-        packet->setMetadata(&meta);
-        delete chain.push(packet);
+        picture.pic().frameNumber = frame;
+        delete chain.push(picture.packet());
     }
     chain.stop();
     return 0;

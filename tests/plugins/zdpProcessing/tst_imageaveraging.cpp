@@ -55,7 +55,7 @@ double expectedStatistic(Mode mode, ExImageDataType t, const std::vector<double>
     }
 }
 
-CxImageData* livePacket(const CxTestInput& in)
+CxImageData* livePacket(const CxPicture& in)
 {
     CxImageData* p = in.packet();
     p->setLiveData(true);
@@ -64,7 +64,7 @@ CxImageData* livePacket(const CxTestInput& in)
 
 // One sample value per frame (mono, 1 x 1) as live packets; the output of the
 // last one.
-QScopedPointer<CxImageData> pushValues(SxNodeRun<CxImageAveragingCnbl>& run, CxTestInput& in,
+QScopedPointer<CxImageData> pushValues(SxNodeRun<CxImageAveragingCnbl>& run, CxPicture& in,
                                        const std::vector<double>& values)
 {
     IxChainData* last = nullptr;
@@ -106,10 +106,6 @@ private slots:
     void subtractKernels();
     void subtractSeries();
     void greyImageLevelsReversed();
-    void fusedSumsMatchHost_data();
-    void fusedSumsMatchHost();
-    void stDevExactBeyondDoubleRange_data();
-    void stDevExactBeyondDoubleRange();
     void lineAveraging_data();
     void lineAveraging();
     void infiniteCountingAndReset();
@@ -117,8 +113,6 @@ private slots:
     void modeSwitchAcrossRestart();
     void singleFrameSeries_data();
     void singleFrameSeries();
-    void loadSettings_data();
-    void loadSettings();
     void allocationFailuresAreLogged();
 };
 
@@ -154,7 +148,7 @@ void TestImageAveraging::series()
     run.node->setStDevValuesScaling(scale);
     QVERIFY(run.chain.start());
 
-    CxTestInput in(f);
+    CxPicture in(f);
     QScopedPointer<IxChainData> out;
     for (int k = 0; k < frames; ++k) {
         in.refill([&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x, y, c, k); });
@@ -224,7 +218,7 @@ void TestImageAveraging::workedNumbers()
     run.node->setCountToAverage(frames);
     run.node->setStDevValuesScaling(scale);
     QVERIFY(run.chain.start());
-    CxTestInput in(f);
+    CxPicture in(f);
     std::vector<double> v(size_t(frames), values.back());
     std::copy(values.begin(), values.end(), v.begin());
     auto out = pushValues(run, in, v);
@@ -255,7 +249,7 @@ void TestImageAveraging::subtractKernels()
     QFETCH(double, average);
     QFETCH(double, level);
     QFETCH(double, expected);
-    CxTestInput out(format(3, 2, 1, type, 4)), avg(format(3, 2, 1, type, 4));
+    CxPicture out(format(3, 2, 1, type, 4)), avg(format(3, 2, 1, type, 4));
     out.refill([&](quint32, quint32, quint32) { return frame; });
     avg.refill([&](quint32, quint32, quint32) { return average; });
     QVERIFY(SubtractWithOffset(avg.pic(), out.pic(), histogramWithLevels({level})));
@@ -275,7 +269,7 @@ void TestImageAveraging::subtractSeries()
     run.node->setMode(CxImageAveragingCnbl::ModeSubtractAverage);
     run.node->setCountToAverage(2);
     QVERIFY(run.chain.start());
-    CxTestInput in(f);
+    CxPicture in(f);
     in.refill([](quint32 x, quint32, quint32) { return 100.0 + x; });
     QScopedPointer<CxImageData> grey(run.process(in));
     QVERIFY(grey);
@@ -296,94 +290,12 @@ void TestImageAveraging::greyImageLevelsReversed()
     const CxHistoData h = histogramWithLevels({10, 20, 30});
     const double want[] = {30, 20, 10, 65535};
     for (quint32 n : {3u, 4u}) {
-        CxTestInput pic(format(2, 2, n, n == 3 ? IDT_UINT8 : IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true));
+        CxPicture pic(format(2, 2, n, n == 3 ? IDT_UINT8 : IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true));
         QVERIFY(SetAsSubtractingGreyImage(pic.pic(), h));
         for (quint32 c = 0; c < n; ++c)
             QCOMPARE(sampleValue(pic.pic(), 1, 1, c), want[c]);
         QVERIFY(!SetAsSubtractingGreyImage(pic.pic(), CxHistoData()));
     }
-}
-
-void TestImageAveraging::fusedSumsMatchHost_data()
-{
-    QTest::addColumn<ExImageDataType>("frameType");
-    QTest::addColumn<ExImageDataType>("sqType");
-    QTest::newRow("u8") << IDT_UINT8 << IDT_UINT32;
-    QTest::newRow("u16") << IDT_UINT16 << IDT_UINT64;
-}
-
-// The one-pass sums must saturate exactly like the host's two passes.
-void TestImageAveraging::fusedSumsMatchHost()
-{
-    QFETCH(ExImageDataType, frameType);
-    QFETCH(ExImageDataType, sqType);
-    const quint32 w = 41, h = 3;
-    CxTestInput frame(format(w, h, 1, frameType, 8), [](quint32 x, quint32 y, quint32) { return x * 977.0 + y; });
-    CxTestInput s1(format(w, h, 1, IDT_UINT32)), s2(format(w, h, 1, IDT_UINT32));
-    CxTestInput q1(format(w, h, 1, sqType)), q2(format(w, h, 1, sqType));
-    // Accumulators from near their limit down to small values.
-    for (CxTestInput* p : {&s1, &s2, &q1, &q2})
-        for (quint32 y = 0; y < h; ++y)
-            for (quint32 x = 0; x < w; ++x) {
-                const unsigned bytes = p->pic().bytesPerSample();
-                const quint64 top = bytes == 8 ? ~quint64(0) : 0xFFFFFFFFull;
-                const quint64 v = top - top / 4 * (x % 5);
-                std::memcpy(sampleAt(p->pic(), x, y), &v, bytes);
-            }
-    for (int k = 0; k < 3; ++k) {
-        QVERIFY(AddSumAndSquares(s1.pic(), q1.pic(), frame.pic()));
-        QVERIFY(CxPicBufAPI::Add(s2.pic(), frame.pic()));
-        QVERIFY(CxPicBufAPI::AddSquares(q2.pic(), frame.pic()));
-    }
-    for (quint32 y = 0; y < h; ++y) {
-        QCOMPARE(std::memcmp(s1.pic().rowPtr(y), s2.pic().rowPtr(y), w * 4), 0);
-        QCOMPARE(std::memcmp(q1.pic().rowPtr(y), q2.pic().rowPtr(y), w * bytesPerSampleOf(sqType)), 0);
-    }
-}
-
-void TestImageAveraging::stDevExactBeyondDoubleRange_data()
-{
-    QTest::addColumn<quint32>("sum");
-    QTest::addColumn<quint64>("sumSq");
-    QTest::addColumn<int>("frames");
-    QTest::addColumn<ExImageDataType>("outType");
-    QTest::addColumn<int>("scale");
-    QTest::newRow("small u16") << 30u << quint64(500) << 3 << IDT_UINT16 << 1;
-    QTest::newRow("8-bit wrap of 12750") << 255u << quint64(65025) << 2 << IDT_UINT8 << 100;
-    QTest::newRow("just below the double range") << 7u << ((quint64(1) << 48) - 1) << 3 << IDT_UINT32 << 100;
-    QTest::newRow("sum of squares above 2^52") << 3000000000u << (quint64(1) << 60) << 2 << IDT_UINT16 << 1;
-    QTest::newRow("saturated sum, wrapped variance") << 0xFFFFFFFFu << quint64(5) << 2 << IDT_UINT32 << 1;
-    QTest::newRow("result above 2^31") << 10u << (quint64(1) << 62) << 2 << IDT_UINT32 << 100;
-    QTest::newRow("negative scale into i16") << 30u << quint64(500) << 3 << IDT_INT16 << -100;
-}
-
-// The fast row loop must give exactly what integer arithmetic gives, also
-// where doubles cannot hold the values.
-void TestImageAveraging::stDevExactBeyondDoubleRange()
-{
-    QFETCH(quint32, sum);
-    QFETCH(quint64, sumSq);
-    QFETCH(int, frames);
-    QFETCH(ExImageDataType, outType);
-    QFETCH(int, scale);
-    const quint32 w = 37;  // vector body and tail
-    CxTestInput s(format(w, 2, 1, IDT_UINT32)), q(format(w, 2, 1, IDT_UINT64)), o(format(w, 2, 1, outType));
-    for (quint32 y = 0; y < 2; ++y)
-        for (quint32 x = 0; x < w; ++x) {
-            s.pic().row<quint32>(y)[x] = x == 17 ? sum : 4;
-            q.pic().row<quint64>(y)[x] = x == 17 ? sumSq : 10;
-        }
-    QVERIFY(StDevFromSums(s.pic(), q.pic(), frames, o.pic(), scale));
-    const quint64 mask = (quint64(1) << (8 * bytesPerSampleOf(outType))) - 1;
-    auto expected = [&](quint64 sm, quint64 sq) {
-        const quint64 n = quint64(frames), mean = sm / n;
-        const quint64 var = (sq - mean * mean * n) / (n - 1);
-        const double r = std::trunc(std::sqrt(double(var)) * scale);
-        const quint64 bits = r < 0 ? quint64(qint64(r)) : quint64(std::fmod(r, 18446744073709551616.0));
-        return outType == IDT_INT16 ? double(qint16(bits & mask)) : double(bits & mask);
-    };
-    QCOMPARE(sampleValue(o.pic(), 17, 1), expected(sum, sumSq));
-    QCOMPARE(sampleValue(o.pic(), 36, 0), expected(4, 10));
 }
 
 void TestImageAveraging::lineAveraging_data()
@@ -410,7 +322,7 @@ void TestImageAveraging::lineAveraging()
     QFETCH(bool, isColor);
     QFETCH(int, mode);
     const quint32 w = 19, h = 5;
-    CxTestInput pic(format(w, h, quint32(channels), type, 8, CFA_NONE, DSF_PACKED, isColor));
+    CxPicture pic(format(w, h, quint32(channels), type, 8, CFA_NONE, DSF_PACKED, isColor));
     auto value = [&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x * 3, y, c, int(x + c)); };
     pic.refill(value);
     const int result = LineAveraging(pic.pic(), mode);
@@ -452,7 +364,7 @@ void TestImageAveraging::infiniteCountingAndReset()
     QVERIFY(!hasButtons);
     QVERIFY(run.chain.start());
 
-    CxTestInput in(f);
+    CxPicture in(f);
     const double values[] = {10, 20, 40, 50, 90};
     const double averages[] = {10, 15, 23, 30, 42};  // running means, rounded
     for (int k = 0; k < 5; ++k) {
@@ -492,7 +404,7 @@ void TestImageAveraging::modeSwitchAcrossRestart()
     run.node->setCountToAverage(4);
     run.node->setCalcAllModesTogether(allModes);
     QVERIFY(run.chain.start());
-    CxTestInput in(f);
+    CxPicture in(f);
     auto push = [&](double v) {
         in.refill([v](quint32, quint32, quint32) { return v; });
         return QSharedPointer<IxChainData>(run.chain.push(livePacket(in)));
@@ -536,7 +448,7 @@ void TestImageAveraging::singleFrameSeries()
     run.node->setMode(Mode(mode));
     run.node->setCountToAverage(count);
     QVERIFY(run.chain.start());
-    CxTestInput in(f, [](quint32, quint32, quint32) { return 77.0; });
+    CxPicture in(f, [](quint32, quint32, quint32) { return 77.0; });
     for (int k = 0; k < 2; ++k) {
         QScopedPointer<IxChainData> out(run.chain.push(livePacket(in)));
         if (count > 1 && k == 0) {
@@ -547,58 +459,6 @@ void TestImageAveraging::singleFrameSeries()
         QVERIFY(image);
         QCOMPARE(sampleValue(*image->picBuf(), 2, 1), expected);
     }
-}
-
-void TestImageAveraging::loadSettings_data()
-{
-    QTest::addColumn<QStringList>("attributes");
-    QTest::addColumn<bool>("result");
-    QTest::addColumn<QList<int>>("fields");  // count, infinite, mode, all, scaling, line
-    QTest::newRow("nothing: unchanged, failure") << QStringList() << false << QList<int>{9, 1, 3, 1, 10, 2};
-    QTest::newRow("count only") << QStringList{"averageCount=5"} << true << QList<int>{5, 1, 3, 1, 10, 2};
-    QTest::newRow("count not a number") << QStringList{"averageCount=abc"} << false << QList<int>{0, 1, 3, 1, 10, 2};
-    QTest::newRow("count too large") << QStringList{"averageCount=3000000000"} << false
-                                     << QList<int>{0, 1, 3, 1, 10, 2};
-    QTest::newRow("booleans: only \"0\" is false")
-        << QStringList{"averageCount=4", "countInfinite=0", "allModesTogether=yes"} << true
-        << QList<int>{4, 0, 3, 1, 10, 2};
-    QTest::newRow("empty boolean is true") << QStringList{"countInfinite=", "allModesTogether=0"} << false
-                                           << QList<int>{9, 1, 3, 0, 10, 2};
-    QTest::newRow("unchecked numbers") << QStringList{"averageCount=2", "mode=7", "stDevValScaling=5", "lineAveraing=x"}
-                                       << true << QList<int>{2, 1, 7, 1, 5, 0};
-}
-
-void TestImageAveraging::loadSettings()
-{
-    QFETCH(QStringList, attributes);
-    QFETCH(bool, result);
-    QFETCH(QList<int>, fields);
-    CxImageAveragingCnbl node;
-    node.setCountToAverage(9);
-    node.setCountingToInfinite(true);
-    node.setMode(CxImageAveragingCnbl::ModeMax);
-    node.setCalcAllModesTogether(true);
-    node.setStDevValuesScaling(10);
-    node.setLineAveraging(CxImageAveragingCnbl::LineAvgColumns);
-    QDomDocument doc;
-    QDomElement e = doc.createElement(QStringLiteral("node"));
-    for (const QString& a : attributes)
-        e.setAttribute(a.section('=', 0, 0), a.section('=', 1));
-    QCOMPARE(node.loadSettings(e), result);
-    const QList<int> got{node.countToAverage(), int(node.isCountingToInfinite()), int(node.mode()),
-                         int(node.isCalcAllModesTogether()), node.stDevValuesScaling(), int(node.lineAveraging())};
-    QCOMPARE(got, fields);
-    if (node.mode() == 7)
-        QCOMPARE(node.title(), QStringLiteral(" (0/\u221E)"));
-
-    // What is saved loads back into a fresh node.
-    QDomElement saved = doc.createElement(QStringLiteral("saved"));
-    node.saveSettings(doc, saved);
-    CxImageAveragingCnbl back;
-    QVERIFY(back.loadSettings(saved));
-    QCOMPARE(back.mode(), node.mode());
-    QCOMPARE(back.lineAveraging(), node.lineAveraging());
-    QCOMPARE(back.isCalcAllModesTogether(), node.isCalcAllModesTogether());
 }
 
 // No picture fits the allocator's limit: all seven are logged and the node

@@ -31,40 +31,9 @@ class TestImageAveragingWidget : public QObject
     Q_OBJECT
 
 private slots:
-    void showsNodeSettings();
     void controls_data();
     void controls();
 };
-
-void TestImageAveragingWidget::showsNodeSettings()
-{
-    CxImageAveragingCnbl node;
-    node.setMode(CxImageAveragingCnbl::ModeMin);
-    node.setStDevValuesScaling(5);  // only from a hand-edited document
-    node.setCountToAverage(12);
-    node.setLineAveraging(CxImageAveragingCnbl::LineAvgRows);
-    node.setCalcAllModesTogether(true);
-    QScopedPointer<QWidget> w(node.configurationWidget());
-    QCOMPARE(w->objectName(), QStringLiteral("CxAveratingConfigurationWgt"));
-    QCOMPARE(w->windowTitle(), QStringLiteral("Image Averaging"));
-    QVERIFY(w->findChild<QRadioButton*>("rbModeMin")->isChecked());
-    QVERIFY(!w->findChild<QRadioButton*>("rbModeAvg")->isChecked());
-    QVERIFY(w->findChild<QRadioButton*>("rbRows")->isChecked());
-    QVERIFY(w->findChild<QCheckBox*>("chkAllTogether")->isChecked());
-    auto* spin = w->findChild<QSpinBox*>("spinCount");
-    QCOMPARE(spin->value(), 12);
-    QCOMPARE(spin->minimum(), 1);
-    QCOMPARE(spin->maximum(), std::numeric_limits<int>::max());
-    auto* segm = w->findChild<CxSegmentedControl*>("segmScaling");
-    QCOMPARE(segm->selectedIndex(), 0);
-    QVERIFY(!segm->isEnabled());  // follows the StDev radio
-    QCOMPARE(node.stDevValuesScaling(), 5);
-    QVERIFY(!w->findChild<QPushButton*>("btnReset")->isEnabled());
-
-    w->findChild<QRadioButton*>("rbModeStDev")->click();
-    QVERIFY(segm->isEnabled());
-    QVERIFY(!w->findChild<QRadioButton*>("rbModeMin")->isChecked());
-}
 
 void TestImageAveragingWidget::controls_data()
 {

@@ -1,20 +1,13 @@
 #include "NodeTestKit.h"
 #include "RgbNirDemosaicCnbl.h"
-#include "RgbNirDemosaicWidget.h"
 
-#include <CxFFTImageData.h>
 #include <CxHsiCameraParams.h>
 
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtWidgets/QRadioButton>
-#include <QtXml/QDomDocument>
 
 using namespace nodetest;
 using Node = CxRgbNirDemosaicCnbl;
-
-Q_DECLARE_METATYPE(SxPicBufInfo)
-Q_DECLARE_METATYPE(CxImageMetadata)
 
 namespace {
 
@@ -22,16 +15,10 @@ namespace {
 // in the layout assumed without description.
 CxImageMetadata describedCamera()
 {
-    CxHsiCameraParams::CxFilterZone z;
-    z.patternWidth = z.patternHeight = 2;
-    z.bands = {CxHsiCameraParams::CxBand(QStringLiteral("G"), 540), CxHsiCameraParams::CxBand(QStringLiteral("R"), 620),
-               CxHsiCameraParams::CxBand(QStringLiteral("NIR"), 850), CxHsiCameraParams::CxBand(QStringLiteral("B"), 460)};
-    CxHsiCameraParams hsi;
-    hsi.addFilterZone(z);
-    CxImageMetadata m;
-    m.setColorFilterArray(CFA_HSI_MOSAIC);
-    m.setHsiCameraParams(hsi);
-    return m;
+    CxHsiCameraParams::CxFilterZone z = filterZone(QRect(), 2, 2);
+    for (int b = 0; b < 4; ++b)
+        z.bands[b] = CxHsiCameraParams::CxBand(QStringList{"G", "R", "NIR", "B"}[b], 500);
+    return mosaicMeta(CFA_HSI_MOSAIC, {z});
 }
 
 // Samples spread over the significant bits, different at every position.
@@ -72,10 +59,6 @@ private slots:
     void interpolation_data();
     void interpolation();
     void redBesideItsCell();
-    void passThrough();
-    void settings_data();
-    void settings();
-    void buttonsAndWidget();
 };
 
 void TestRgbNir::interpolation_data()
@@ -124,7 +107,7 @@ void TestRgbNir::interpolation()
                             quint32(padding), CFA_HSI_MOSAIC);
     f.bitsPerSample = quint32(bits);
     const CxImageMetadata meta = layout == QLatin1String("described") ? describedCamera() : CxImageMetadata();
-    CxTestInput input(f, [bits](quint32 x, quint32 y, quint32) { return pattern(x, y, quint32(bits)); }, meta);
+    CxPicture input(f, [bits](quint32 x, quint32 y, quint32) { return pattern(x, y, quint32(bits)); }, meta);
     SxNodeRun<Node> run(f, meta);
     run.node->setChannel(Node::ExChannel(channel), false);
     QScopedPointer<CxImageData> out(run.process(input));
@@ -162,85 +145,11 @@ void TestRgbNir::interpolation()
 void TestRgbNir::redBesideItsCell()
 {
     const SxPicBufInfo f = format(4, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    CxTestInput input(f, [](quint32 x, quint32 y, quint32) { return 10 * x + 50 * y + 1; });
+    CxPicture input(f, [](quint32 x, quint32 y, quint32) { return 10 * x + 50 * y + 1; });
     SxNodeRun<Node> run(f);
     QScopedPointer<CxImageData> out(run.process(input));
     QVERIFY(out);
     QCOMPARE(sampleValue(*out->picBuf(), 1, 1, 2), double((51 + 71) / 2));
-}
-
-// Pictures the node has nothing to do with, and packets that are not
-// pictures, travel on as they came, without a message.
-void TestRgbNir::passThrough()
-{
-    for (const SxPicBufInfo& in : {format(6, 4, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true),
-                                   format(6, 4, 1, IDT_UINT16),
-                                   format(6, 4, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC, DSF_NOT_RAW)}) {
-        SxNodeRun<Node> run(in);
-        CxTestInput input(in);
-        QScopedPointer<IxChainData> back(run.push(input));
-        QVERIFY(back && static_cast<CxImageData*>(back.data())->picBuf()->data == input.pic().data);
-        QScopedPointer<IxChainData> foreign(new CxFFTImageData);
-        QCOMPARE(run.node->processData(foreign.data()), foreign.data());
-        QVERIFY(run.node->errorMessage().isEmpty());
-    }
-}
-
-void TestRgbNir::settings_data()
-{
-    QTest::addColumn<QString>("attribute");  // null: absent
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<bool>("result");
-    QTest::newRow("rgb") << "0" << 0 << true;
-    QTest::newRow("not a number") << "abc" << 0 << true;
-    QTest::newRow("out of range kept") << "7" << 7 << true;
-    QTest::newRow("missing keeps") << QString() << 1 << false;
-}
-
-void TestRgbNir::settings()
-{
-    QFETCH(QString, attribute);
-    QFETCH(int, channel);
-    QFETCH(bool, result);
-    QDomDocument doc;
-    QDomElement e = doc.createElement(QStringLiteral("node"));
-    if (!attribute.isNull())
-        e.setAttribute(QStringLiteral("channel"), attribute);
-    Node node;
-    node.setChannel(Node::NIR, false);
-    QCOMPARE(node.loadSettings(e), result);
-    QCOMPARE(int(node.channel()), channel);
-    QDomElement saved = doc.createElement(QStringLiteral("node"));
-    QVERIFY(node.saveSettings(doc, saved));
-    QCOMPARE(saved.attribute(QStringLiteral("channel")), QString::number(channel));
-    QScopedPointer<CxChainable> copy(node.clone());
-    QCOMPARE(int(qobject_cast<Node*>(copy.data())->channel()), channel);
-}
-
-// Quick buttons and the panel switch the channel with a restart, so the
-// chain negotiates the other output format.
-void TestRgbNir::buttonsAndWidget()
-{
-    SxNodeRun<Node> run(format(8, 8, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC));
-    QVERIFY(run.startCounted());
-    QList<CxChainable::CxSimpleStateConfigButton> buttons;
-    bool has = false;
-    run.node->simpleStateConfigButtons(buttons, has);
-    QVERIFY(has && buttons.size() == 2);
-    QVERIFY(buttons[0].label() == QLatin1String("RGB") && buttons[0].id() == 0 && buttons[0].isChecked());
-    QVERIFY(buttons[1].label() == QLatin1String("NIR") && buttons[1].id() == 1 && !buttons[1].isChecked());
-
-    run.node->simpleStateConfigButtonPressed(1);
-    SxPicBufInfo negotiated;
-    QVERIFY(run.chain.negotiatedFormat(0, negotiated));
-    QVERIFY(run.node->channel() == Node::NIR && run.starts == 1 && negotiated.channels == 1);
-
-    QScopedPointer<QWidget> w(run.node->configurationWidget());
-    QCOMPARE(w->windowTitle(), QStringLiteral("RGB-NIR Demosaic"));
-    const QList<QRadioButton*> radios = w->findChildren<QRadioButton*>();
-    QVERIFY(radios.size() == 2 && radios[1]->text() == QLatin1String("NIR") && radios[1]->isChecked());
-    radios[0]->click();
-    QVERIFY(run.node->channel() == Node::RGB && run.starts == 2);
 }
 
 QTEST_MAIN(TestRgbNir)

@@ -1,15 +1,10 @@
 #include "NodeTestKit.h"
 #include "RotateImageCnbl.h"
-#include "RotateImageWidget.h"
 
 #include <QtCore/QPointer>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtWidgets/QRadioButton>
-#include <QtXml/QDomDocument>
-
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 using namespace nodetest;
 
@@ -33,11 +28,7 @@ private slots:
     void mapping();
     void bayerPhase_data();
     void bayerPhase();
-    void noKernel_data();
-    void noKernel();
-    void settings_data();
-    void settings();
-    void buttonsAndWidget();
+    void buttonTurnsTheNextFrame();
 };
 
 void TestRotate::mapping_data()
@@ -75,7 +66,7 @@ void TestRotate::mapping()
 
     CxImageMetadata meta;
     meta.setCameraName(QStringLiteral("cam"));
-    CxTestInput input(in, {}, meta);
+    CxPicture input(in, {}, meta);
     SxPicBuf& src = input.pic();
     QRandomGenerator rng(in.width * 31u + in.channels);
     for (quint32 y = 0; y < in.height; ++y)
@@ -98,8 +89,6 @@ void TestRotate::mapping()
     QVERIFY2(p.sameFormat(wanted), qPrintable(p.describe()));
     QCOMPARE(out->metadata()->width(), in.height);
     QCOMPARE(out->metadata()->cameraName(), QStringLiteral("cam"));
-    QCOMPARE(p.exposureTimeUs, src.exposureTimeUs);
-    QCOMPARE(p.timestampMs, src.timestampMs);
 
     for (quint32 r = 0; r < in.height; ++r)
         for (quint32 x = 0; x < in.width; ++x) {
@@ -133,7 +122,7 @@ void TestRotate::bayerPhase()
     const bool bayer = cfa >= 1 && cfa <= 4;
     CxImageMetadata meta;
     meta.setColorFilterArray(ExColorFilterArray(cfa));
-    CxTestInput input(format(6, 4, 1, IDT_UINT8, 0, ExColorFilterArray(cfa)),
+    CxPicture input(format(6, 4, 1, IDT_UINT8, 0, ExColorFilterArray(cfa)),
                       [&](quint32 x, quint32 y, quint32) { return bayer ? bayerColour(cfa, x, y) : 0; }, meta);
     SxNodeRun<CxRotateImageCnbl> run(input.pic(), meta);
     run.node->setRotation(clockwise, false);
@@ -147,107 +136,16 @@ void TestRotate::bayerPhase()
             QCOMPARE(int(sampleValue(p, x, y)), bayerColour(expected, x, y));
 }
 
-void TestRotate::noKernel_data()
+// After a button's restart the next frame turns the new way.
+void TestRotate::buttonTurnsTheNextFrame()
 {
-    QTest::addColumn<SxPicBufInfo>("in");
-    QTest::addColumn<bool>("clockwise");
-
-    QTest::newRow("i32 ccw") << format(5, 3, 1, IDT_INT32) << false;
-    for (ExImageDataType t : {IDT_UNKNOWN, IDT_INT64, IDT_UINT64, IDT_DOUBLE, IDT_HALF})
-        QTest::addRow("%s", qPrintable(dataTypeName(t))) << format(5, 3, 1, t) << true;
-    QTest::newRow("no channels") << format(5, 3, 0, IDT_UINT8) << true;
-}
-
-// Dropped silently: no output, no message, the packet left to the host and
-// no pool picture kept.
-void TestRotate::noKernel()
-{
-    QFETCH(SxPicBufInfo, in);
-    QFETCH(bool, clockwise);
-
-    CxTestInput input(in);
-    CxRotateImageCnbl node;
-    node.setRotation(clockwise, false);
-    void* pool = CxPicBufAPI::CreateMemoryPool(format(3, 5, 1, IDT_UINT8), 1, QStringLiteral("rotate"));
-    node.setMemoryPool(pool);
-    const qint64 outstanding = CxPicBufAPI::OutstandingPoolPictures();
-    QPointer<CxImageData> packet(input.packet());
-    QCOMPARE(node.processData(packet), nullptr);
-    QVERIFY(!packet.isNull());
-    delete packet;
-    QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), outstanding);
-    QVERIFY(node.errorMessage().isEmpty());
-    CxPicBufAPI::ReleaseMemoryPool(pool);
-}
-
-void TestRotate::settings_data()
-{
-    QTest::addColumn<bool>("initial");
-    QTest::addColumn<QString>("text");  // null: attribute missing
-    QTest::addColumn<bool>("expected");
-
-    QTest::newRow("missing keeps ccw") << false << QString() << false;
-    QTest::newRow("0") << true << "0" << false;
-    QTest::newRow("-1") << true << "-1" << false;
-    QTest::newRow("2") << false << "2" << true;
-    QTest::newRow("not a number") << true << "yes" << false;
-    QTest::newRow("beyond 32 bits") << true << "4294967296" << false;
-}
-
-// What loads is what saves and what a clone carries.
-void TestRotate::settings()
-{
-    QFETCH(bool, initial);
-    QFETCH(QString, text);
-    QFETCH(bool, expected);
-
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    if (!text.isNull())
-        element.setAttribute(QStringLiteral("rotClockwise"), text);
-    CxRotateImageCnbl node;
-    node.setRotation(initial, false);
-    QVERIFY(node.loadSettings(element));
-    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
-    QVERIFY(node.saveSettings(doc, saved));
-    QCOMPARE(saved.attribute(QStringLiteral("rotClockwise")), QString::number(expected ? 1 : 0));
-    QScopedPointer<CxChainable> copy(node.clone());
-    QCOMPARE(qobject_cast<CxRotateImageCnbl*>(copy.data())->clockwise(), expected);
-}
-
-// Buttons and panel both restart a running chain, whose next frame then
-// turns the new way.
-void TestRotate::buttonsAndWidget()
-{
-    CxTestInput input(format(4, 2, 1, IDT_UINT16, 0, CFA_BAYER_RGGB));
+    CxPicture input(format(4, 2, 1, IDT_UINT16, 0, CFA_BAYER_RGGB));
     SxNodeRun<CxRotateImageCnbl> run(input.pic());
-    QList<CxChainable::CxSimpleStateConfigButton> buttons;
-    bool hasButtons = false;
-    run.node->simpleStateConfigButtons(buttons, hasButtons);
-    QVERIFY(hasButtons);
-    QCOMPARE(buttons.size(), 2);
-    QCOMPARE(buttons[0].label() + buttons[1].label(), QStringLiteral("CCWCW"));
-    QCOMPARE(buttons[0].id() * 10 + buttons[1].id(), 1);
-    QVERIFY(buttons[0].isCheckable() && !buttons[0].isChecked() && buttons[1].isChecked());
-
     QVERIFY(run.startCounted());
-    run.node->simpleStateConfigButtonPressed(0);
-    QVERIFY(!run.node->clockwise());
-    QCOMPARE(run.stops + run.starts, 2);
+    run.node->simpleStateConfigButtonPressed(CxRotateImageCnbl::ButtonCounterClockwise);
     QScopedPointer<CxImageData> out(run.process(input));
     QVERIFY(out);
     QCOMPARE(out->picBuf()->colorFilterArray, CFA_BAYER_GBRG);
-
-    QScopedPointer<QWidget> widget(run.node->configurationWidget());
-    QCOMPARE(widget->windowTitle(), QStringLiteral("Rotation Configuration"));
-    auto* clock = widget->findChild<QRadioButton*>(QStringLiteral("clockButton"));
-    auto* counter = widget->findChild<QRadioButton*>(QStringLiteral("counterClockButton"));
-    QVERIFY(clock && counter && counter->isChecked() && !clock->isChecked());
-    clock->click();
-    QVERIFY(run.node->clockwise());
-    counter->click();
-    QVERIFY(!run.node->clockwise());
-    QCOMPARE(run.stops + run.starts, 6);
 }
 
 QTEST_MAIN(TestRotate)
