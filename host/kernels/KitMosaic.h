@@ -153,8 +153,10 @@ inline qint64 cappedStep(qint64 a, qint64 b)
 }
 
 // Plane row r of m out of the picture in, into dst (out's width samples).
+// The plane comes by value: stores through the byte pointers could alias a
+// plane held by reference, and its steps would be reloaded for every sample.
 template <unsigned S>
-void gatherPlaneRow(SampleRows<const uchar> in, const MosaicPlane& m, qint64 width, qint64 r, uchar* dst)
+void gatherPlaneRow(SampleRows<const uchar> in, const MosaicPlane m, qint64 width, qint64 r, uchar* dst)
 {
     const qint64 y = detail::pictureRow(m, r);
     if (y < 0 || y >= in.height) {
@@ -173,8 +175,9 @@ void gatherPlaneRow(SampleRows<const uchar> in, const MosaicPlane& m, qint64 wid
         if (m.stepX == 2) {
             detail::gatherEveryOther<S>(d, s, n);
         } else {
+            const qint64 step = m.stepX * qint64(S);
             for (qint64 i = 0; i < n; ++i)
-                detail::copySample<S>(d + i * S, s + i * m.stepX * qint64(S));
+                detail::copySample<S>(d + i * S, s + i * step);
         }
         std::memset(dst + last * S, 0, size_t((width - last) * S));
         return;
@@ -202,7 +205,7 @@ void gatherPlane(SampleRows<const uchar> in, const MosaicPlane& m, SampleRows<uc
 // Plane row r back into the picture out: the samples out holds are written,
 // the others dropped.
 template <unsigned S>
-void weavePlaneRow(const uchar* src, qint64 width, const MosaicPlane& m, qint64 r, SampleRows<uchar> out)
+void weavePlaneRow(const uchar* src, qint64 width, const MosaicPlane m, qint64 r, SampleRows<uchar> out)
 {
     const qint64 y = detail::pictureRow(m, r);
     if (y < 0 || y >= out.height)
@@ -213,8 +216,9 @@ void weavePlaneRow(const uchar* src, qint64 width, const MosaicPlane& m, qint64 
         detail::insideRun(m, width, out.width, first, last);
         uchar* d = dst + (m.x0 + first * m.stepX) * qint64(S);
         const uchar* s = src + first * S;
+        const qint64 step = m.stepX * qint64(S);
         for (qint64 i = 0, n = last - first; i < n; ++i)
-            detail::copySample<S>(d + i * m.stepX * qint64(S), s + i * S);
+            detail::copySample<S>(d + i * step, s + i * S);
         return;
     }
     qint64 o = 0;

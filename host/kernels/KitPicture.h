@@ -23,6 +23,13 @@ quint64 requiredBytes(const Format& f)
     return f.effectiveLinePitch() * (f.height - 1) + f.packedLineBytes();
 }
 
+// Full scale of a sample, (1 << bitsPerSample) - 1, saturated at 32 bits.
+template <class Format>
+quint64 fullScale(const Format& f)
+{
+    return (quint64(1) << qMin<quint32>(f.bitsPerSample, 32)) - 1;
+}
+
 // Rows no shorter than their samples, and all of them inside the memory the
 // picture says it has (a capacity of 0 is not known and not checked).
 template <class Pic>

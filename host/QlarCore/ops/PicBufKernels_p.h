@@ -2,8 +2,8 @@
 // Typed pixel kernels behind the picture operations of CxPicBufAPI.
 //
 // Each operation is one `..._T` template over its sample types; the public
-// function picks the instantiation with a single switch per frame
-// (withSampleType / withSampleBytes) and runs the kernel row by row. Row
+// function picks the instantiation with one dispatch per frame (the pixel
+// kit's withSampleType / withSampleBytes) and runs it row by row. Row
 // kernels take restrict pointers and loop over contiguous samples so the
 // auto-vectoriser handles them; nothing inside a row dispatches per pixel.
 // Not part of the installed interface.
