@@ -15,7 +15,6 @@
 // padding): samples move through memcpy, which the compiler turns into
 // plain loads and stores.
 
-#include "KitCpu.h"
 #include "KitPicture.h"
 
 #include <QtCore/qglobal.h>
@@ -97,8 +96,10 @@ inline void copySample(uchar* d, const uchar* s)
     std::memcpy(d, s, S);
 }
 
+// Not built as clones: their resolvers would be exported by every library
+// that instantiates them.
 template <class U>
-QLAR_VECTOR_CLONES void gatherEveryOtherWide(uchar* __restrict d, const uchar* __restrict s, qint64 n)
+void gatherEveryOtherWide(uchar* __restrict d, const uchar* __restrict s, qint64 n)
 {
     for (qint64 i = 0; i < n; ++i)
         std::memcpy(d + i * sizeof(U), s + 2 * i * sizeof(U), sizeof(U));

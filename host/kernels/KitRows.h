@@ -58,7 +58,8 @@ void forEachRowFolding(quint32 height, quint64 bytesPerRow, Local& result, RowFn
 #pragma omp for schedule(dynamic, chunk) nowait
             for (qint64 y = 0; y < h; ++y)
                 rowFn(local, quint32(y));
-#pragma omp critical(pixelkitFoldRows)
+            // Unnamed: a named lock would be a symbol every library exports.
+#pragma omp critical
             merge(result, local);
         }
     } else {
