@@ -213,9 +213,13 @@ void applySame_T(const SxPicBuf& in, SxPicBuf& out, const TOut* tab, size_t entr
         if (shared) {
             mapRow_T(s, d, tab, w * channels);
         } else {
-            for (qint64 x = 0; x < w; ++x)
-                for (int c = 0; c < channels; ++c)
-                    d[x * channels + c] = tab[size_t(c) * entries + s[x * channels + c]];
+            const TOut* __restrict t = tab;
+            const qint64 n = w;
+            const int ch = channels;
+            const size_t e = entries;
+            for (qint64 x = 0; x < n; ++x)
+                for (int c = 0; c < ch; ++c)
+                    d[x * ch + c] = t[size_t(c) * e + s[x * ch + c]];
         }
     });
 }
@@ -227,10 +231,14 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
     const qint64 outPitch = qint64(out.effectiveLinePitch());
     const qint64 w = in.width;
     forRows(int(in.height), quint64(w) * (sizeof(TIn) + 4), [&](int y) {
-        const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
-        uchar* d = out.data + y * outPitch;
-        for (qint64 x = 0; x < w; ++x)
-            std::memcpy(d + 4 * x, &tab[s[x]], 4);
+        // Locals, not captures: the byte stores could alias a captured
+        // width or table, which would then be reloaded for every pixel.
+        const TIn* __restrict s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
+        uchar* __restrict d = out.data + y * outPitch;
+        const quint32* __restrict t = tab;
+        const qint64 n = w;
+        for (qint64 x = 0; x < n; ++x)
+            std::memcpy(d + 4 * x, &t[s[x]], 4);
     });
 }
 
@@ -244,13 +252,18 @@ void applyRgbColour_T(const SxPicBuf& in, SxPicBuf& out, const quint8* tab, size
     const quint8* t1 = shared ? tab : tab + entries;
     const quint8* t2 = shared ? tab : tab + 2 * entries;
     forRows(int(in.height), quint64(w) * (channels * sizeof(TIn) + 4), [&](int y) {
-        const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
-        uchar* d = out.data + y * outPitch;
-        for (qint64 x = 0; x < w; ++x) {
-            const TIn* p = s + x * channels;
-            d[4 * x + 0] = t0[p[0]];
-            d[4 * x + 1] = t1[p[1]];
-            d[4 * x + 2] = t2[p[2]];
+        const TIn* __restrict s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
+        uchar* __restrict d = out.data + y * outPitch;
+        const quint8* __restrict r0 = t0;
+        const quint8* __restrict r1 = t1;
+        const quint8* __restrict r2 = t2;
+        const qint64 n = w;
+        const int ch = channels;
+        for (qint64 x = 0; x < n; ++x) {
+            const TIn* p = s + x * ch;
+            d[4 * x + 0] = r0[p[0]];
+            d[4 * x + 1] = r1[p[1]];
+            d[4 * x + 2] = r2[p[2]];
             d[4 * x + 3] = 255;
         }
     });
