@@ -7,6 +7,9 @@
 #include <CxPicBufAPI.h>
 #include <SxPicBuf.h>
 
+#include <KitDispatch.h>
+#include <KitMosaic.h>
+
 #include <QtXml/QDomDocument>
 #include <QtXml/QDomElement>
 
@@ -18,54 +21,14 @@ namespace {
 // Chain document attribute; the name is part of the saved-file format.
 const QString kChannelAttribute = QStringLiteral("channelIdx");
 
-// Every picture dimension fits 32 bits, so a step at least this long leaves
-// any picture in one go; capping there keeps the arithmetic of nonsense
-// camera descriptions from overflowing.
-constexpr qint64 kFarAway = qint64(1) << 40;
-
-// Both factors are positive.
-qint64 cappedMul(qint64 a, qint64 b)
-{
-    return a > kFarAway / b ? kFarAway : qMin(a * b, kFarAway);
-}
-
-qint64 cappedAdd(qint64 a, qint64 b)
-{
-    return qMin(a + qMin(b, kFarAway), kFarAway);
-}
-
-// Samples move through memcpy because a row may start at any byte (a 16-bit
-// picture with an odd row padding); the compiler turns each call into one
-// plain load and store.
-template <class T>
-inline void copySample(uchar* dst, const uchar* src)
-{
-    std::memcpy(dst, src, sizeof(T));
-}
-
 // Cell (cx, cy) of each 2x2 cell. The output is filled over its whole size;
 // cells the input does not have complete (only an output taller or wider
 // than the input's halves, as a subclass may ask for) are written as 0.
 template <class T>
 void extr_extractBayerCell_T(SxPicBuf& out, const SxPicBuf& in, quint64 cx, quint64 cy)
 {
-    constexpr quint64 S = sizeof(T);
-    const quint64 outW = out.width, outH = out.height;
-    const quint64 inPitch = in.effectiveLinePitch(), outPitch = out.effectiveLinePitch();
-    const quint64 cols = qMin<quint64>(outW, in.width > cx ? (in.width - cx + 1) / 2 : 0);
-    const quint64 rows = qMin<quint64>(outH, in.height > cy ? (in.height - cy + 1) / 2 : 0);
-
-    for (quint64 r = 0; r < outH; ++r) {
-        uchar* dst = out.data + r * outPitch;
-        quint64 i = 0;
-        if (r < rows) {
-            const uchar* src = in.data + (cy + 2 * r) * inPitch + cx * S;
-            for (; i < cols; ++i)
-                copySample<T>(dst + i * S, src + 2 * i * S);
-        }
-        if (i < outW)
-            std::memset(dst + i * S, 0, size_t((outW - i) * S));
-    }
+    const pixelkit::MosaicPlane cell{qint64(cx), qint64(cy), 2, 2, 1, 1};
+    pixelkit::gatherPlane<sizeof(T)>(pixelkit::rowsOf(in), cell, pixelkit::rowsOf(out));
 }
 
 // Pure sample moves: one instantiation per sample width.
@@ -79,50 +42,13 @@ bool extractBayerCell(SxPicBuf& out, const SxPicBuf& in, unsigned int k)
         return false;
     const quint64 cx = (k == 1 || k == 3) ? 1 : 0;
     const quint64 cy = k >= 2 ? 1 : 0;
-    switch (in.dataType) {
-    case IDT_UINT8:
-        extr_extractBayerCell_T<quint8>(out, in, cx, cy);
-        return true;
-    case IDT_UINT16:
-        extr_extractBayerCell_T<quint16>(out, in, cx, cy);
-        return true;
-    case IDT_UINT32:
-    case IDT_FLOAT:
-        extr_extractBayerCell_T<quint32>(out, in, cx, cy);
-        return true;
-    default:
+    using Moved = pixelkit::Only<quint8, quint16, quint32, float>;
+    if (!pixelkit::withSampleTypeIn<Moved>(in.dataType, [](auto) { return true; }))
         return false;
-    }
-}
-
-// One output row of a band: runs of cellWidth samples whose first input
-// columns lie runStep apart, starting at column x0.
-template <class T>
-void copyBandRow(uchar* dst, const uchar* src, qint64 outW, qint64 inW, qint64 x0, qint64 cellW,
-                 qint64 runStep)
-{
-    constexpr qint64 S = sizeof(T);
-    if (cellW == 1) {
-        // Single-pixel cells: a plain stride, the common case, kept tight.
-        qint64 i = 0, x = x0;
-        for (; i < outW && x < 0; ++i, x = cappedAdd(x, runStep))
-            std::memset(dst + i * S, 0, S);
-        for (; i < outW && x < inW; ++i, x += runStep)
-            copySample<T>(dst + i * S, src + x * S);
-        if (i < outW)
-            std::memset(dst + i * S, 0, size_t((outW - i) * S));
-        return;
-    }
-    qint64 o = 0;
-    for (qint64 runX = x0; o < outW; runX = cappedAdd(runX, runStep)) {
-        for (qint64 j = 0; j < cellW && o < outW; ++j, ++o) {
-            const qint64 x = runX + j;
-            if (x >= 0 && x < inW)
-                copySample<T>(dst + o * S, src + x * S);
-            else
-                std::memset(dst + o * S, 0, S);
-        }
-    }
+    return pixelkit::withSampleBytes(in.bytesPerSample(), [&](auto tag) {
+        extr_extractBayerCell_T<typename decltype(tag)::type>(out, in, cx, cy);
+        return true;
+    });
 }
 
 bool extractHsiBand(SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata* meta, unsigned int k)
@@ -130,13 +56,10 @@ bool extractHsiBand(SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata* me
     if (k > unsigned(std::numeric_limits<int>::max()))
         return false;
     const int band = int(k);
-    switch (in.dataType) {
-    case IDT_UINT8: return extr_extractHsiChannel_T<unsigned char>(out, in, meta, band);
-    case IDT_UINT16: return extr_extractHsiChannel_T<unsigned short>(out, in, meta, band);
-    case IDT_UINT32: return extr_extractHsiChannel_T<unsigned int>(out, in, meta, band);
-    case IDT_FLOAT: return extr_extractHsiChannel_T<float>(out, in, meta, band);
-    default: return false;
-    }
+    using Banded = pixelkit::Only<quint8, quint16, quint32, float>;
+    return pixelkit::withSampleTypeIn<Banded>(in.dataType, [&](auto tag) {
+        return extr_extractHsiChannel_T<typename decltype(tag)::type>(out, in, meta, band);
+    });
 }
 
 enum ExCellColour { Red, Green, Blue, Cyan, Magenta, Yellow };
@@ -163,53 +86,7 @@ template <class T>
 bool extr_extractHsiChannel_T(SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata* meta,
                               int totalBandIdx)
 {
-    constexpr qint64 S = sizeof(T);
-    if (!meta || !in.data || in.channels != 1 || out.channels != 1)
-        return false;
-    if (in.bytesPerSample() != S || out.bytesPerSample() != S)
-        return false;
-    CxHsiCameraParams::SxBandIdx idx;
-    const CxHsiCameraParams::CxFilterZone* zone =
-        meta->hsiCameraParams().filterZoneWithTotalBandIdx(totalBandIdx, &idx);
-    if (!zone || idx.band < 0)
-        return false;
-    const qint64 px = zone->patternWidth, py = zone->patternHeight;
-    const qint64 cellW = zone->cellWidth, cellH = zone->cellHeight;
-    if (px <= 0 || py <= 0 || cellW <= 0 || cellH <= 0)
-        return false;
-    if (out.width == 0 || out.height == 0)
-        return true;
-    if (!out.data || !nodekit::rowsFit(in) || !nodekit::rowsFit(out))
-        return false;
-
-    qint64 x0 = (idx.band % px) * cellW;
-    qint64 y0 = (idx.band / px) * cellH;
-    const QRect& rect = zone->rect;
-    if (rect.left() <= rect.right() && rect.top() <= rect.bottom()) {
-        x0 += rect.left();
-        y0 += rect.top();
-    }
-
-    const qint64 outW = out.width, outH = out.height;
-    const qint64 inW = in.width, inH = in.height;
-    const qint64 inPitch = qint64(in.effectiveLinePitch());
-    const qint64 outPitch = qint64(out.effectiveLinePitch());
-    const qint64 runStep = cappedMul(px, cellW);
-    // Groups of cellH rows start patternHeight x cellH x cellH rows apart.
-    const qint64 groupStep = cappedMul(cappedMul(py, cellH), cellH);
-
-    qint64 r = 0;
-    for (qint64 groupY = y0; r < outH; groupY = cappedAdd(groupY, groupStep)) {
-        for (qint64 s = 0; s < cellH && r < outH; ++s, ++r) {
-            uchar* dst = out.data + r * outPitch;
-            const qint64 y = groupY + s;
-            if (y < 0 || y >= inH)
-                std::memset(dst, 0, size_t(outW * S));
-            else
-                copyBandRow<T>(dst, in.data + y * inPitch, outW, inW, x0, cellW, runStep);
-        }
-    }
-    return true;
+    return pixelkit::gatherBand<sizeof(T)>(out, in, meta, totalBandIdx);
 }
 
 template bool extr_extractHsiChannel_T<unsigned char>(SxPicBuf&, const SxPicBuf&,

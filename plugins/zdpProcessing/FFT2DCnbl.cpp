@@ -1,5 +1,4 @@
 #include "FFT2DCnbl.h"
-#include "ExtractChannelCnbl.h"
 #include "FFT2DWidget.h"
 #include "NodeKit.h"
 
@@ -8,6 +7,9 @@
 #include <CxHsiCameraParams.h>
 #include <CxImageData.h>
 #include <CxPicBufAPI.h>
+
+#include <KitDispatch.h>
+#include <KitMosaic.h>
 
 #include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
@@ -20,17 +22,18 @@ namespace {
 // Chain document attribute; the name is part of the saved-file format.
 const QString kChannelAttribute = QStringLiteral("channel");
 
+// Only the top-left part of out that the cell fills is written; the rest
+// keeps what it holds.
 template <class T>
 void copyMosaicCell_T(const SxPicBuf& in, SxPicBuf& out, quint32 rowOffset, quint32 colOffset)
 {
     const quint32 rows = qMin<quint32>(out.height, in.height > rowOffset ? (in.height - rowOffset + 1) / 2 : 0);
     const quint32 cols = qMin<quint32>(out.width, in.width > colOffset ? (in.width - colOffset + 1) / 2 : 0);
-    for (quint32 r = 0; r < rows; ++r) {
-        const T* src = in.row<T>(rowOffset + 2 * r) + colOffset;
-        T* dst = out.row<T>(r);
-        for (quint32 k = 0; k < cols; ++k)
-            dst[k] = src[2 * k];
-    }
+    pixelkit::SampleRows<uchar> filled = pixelkit::rowsOf(out);
+    filled.width = cols;
+    filled.height = rows;
+    const pixelkit::MosaicPlane cell{colOffset, rowOffset, 2, 2, 1, 1};
+    pixelkit::gatherPlane<sizeof(T)>(pixelkit::rowsOf(in), cell, filled);
 }
 
 bool fitsSamples(const SxPicBuf& pic)
@@ -112,11 +115,12 @@ bool fft_copyMosaicCell(const SxPicBuf& in, SxPicBuf& out, int channel)
         return false;
     const quint32 rowOffset = channel > 1 ? 1 : 0;
     const quint32 colOffset = (channel & ~2) != 0 ? 1 : 0;
-    switch (in.bytesPerSample()) {
-    case 1: copyMosaicCell_T<quint8>(in, out, rowOffset, colOffset); return true;
-    case 2: copyMosaicCell_T<quint16>(in, out, rowOffset, colOffset); return true;
-    default: return false;
-    }
+    if (in.bytesPerSample() > 2)
+        return false;
+    return pixelkit::withSampleBytes(in.bytesPerSample(), [&](auto tag) {
+        copyMosaicCell_T<typename decltype(tag)::type>(in, out, rowOffset, colOffset);
+        return true;
+    });
 }
 
 const SxPicBuf* fft_selectChannel(const SxPicBuf& in, const CxImageMetadata* meta, int channel, SxPicBuf& work)
@@ -129,8 +133,8 @@ const SxPicBuf* fft_selectChannel(const SxPicBuf& in, const CxImageMetadata* met
     if (in.channels > 1) {
         done = CxPicBufAPI::ExtractChannel(in, work, unsigned(channel));
     } else if (in.colorFilterArray == CFA_HSI_MOSAIC) {
-        done = in.dataType == IDT_UINT8 ? extr_extractHsiChannel_T<unsigned char>(work, in, meta, channel)
-                                        : extr_extractHsiChannel_T<unsigned short>(work, in, meta, channel);
+        done = in.dataType == IDT_UINT8 ? pixelkit::gatherBand<1>(work, in, meta, channel)
+                                        : pixelkit::gatherBand<2>(work, in, meta, channel);
     } else if (channel < 4) {
         done = fft_copyMosaicCell(in, work, channel);
     }

@@ -4,43 +4,32 @@
 
 namespace {
 
-template <class Q, class Fn>
-bool withIntegerOutput(ExImageDataType t, Fn&& fn)
+using pixelkit::Only;
+using pixelkit::withSampleTypeIn;
+
+using IntegerTypes = Only<quint8, qint8, quint16, qint16, quint32, qint32>;
+using KernelTypes = Only<quint8, qint8, quint16, qint16, quint32, qint32, float>;
+
+// Sums of squares: 32-bit for 8-bit frames, 64-bit for 16-bit ones.
+template <class Fn>
+bool withSquaresType(ExImageDataType t, Fn&& fn)
 {
-    switch (t) {
-    case IDT_UINT8: return fn(static_cast<quint8*>(nullptr));
-    case IDT_INT8: return fn(static_cast<qint8*>(nullptr));
-    case IDT_UINT16: return fn(static_cast<quint16*>(nullptr));
-    case IDT_INT16: return fn(static_cast<qint16*>(nullptr));
-    case IDT_UINT32: return fn(static_cast<quint32*>(nullptr));
-    case IDT_INT32: return fn(static_cast<qint32*>(nullptr));
-    default: return false;
-    }
+    return withSampleTypeIn<Only<quint32, quint64>>(t, fn);
 }
 
-bool sameSize(const SxPicBufInfo& a, const SxPicBufInfo& b)
-{
-    return a.width == b.width && a.height == b.height;
-}
+template <class Tag>
+using TypeOf = typename Tag::type;
 
 bool stDevRgba(const SxPicBuf& sum, const SxPicBuf& sumSq, int n, SxPicBuf& out, int scale)
 {
     if (sum.dataType != IDT_UINT32)
         return false;
-    auto run = [&](auto qTag) {
-        using Q = std::remove_pointer_t<decltype(qTag)>;
-        switch (out.dataType) {
-        case IDT_UINT8: return pic_stDev_rgba_T<quint32, Q, quint8>(sum, sumSq, n, out, scale);
-        case IDT_UINT16: return pic_stDev_rgba_T<quint32, Q, quint16>(sum, sumSq, n, out, scale);
-        case IDT_UINT32: return pic_stDev_rgba_T<quint32, Q, quint32>(sum, sumSq, n, out, scale);
-        default: return false;
-        }
-    };
-    if (sumSq.dataType == IDT_UINT32)
-        return run(static_cast<quint32*>(nullptr));
-    if (sumSq.dataType == IDT_UINT64)
-        return run(static_cast<quint64*>(nullptr));
-    return false;
+    return withSquaresType(sumSq.dataType, [&](auto qTag) {
+        return withSampleTypeIn<Only<quint8, quint16, quint32>>(out.dataType, [&](auto oTag) {
+            return pic_stDev_rgba_T<quint32, TypeOf<decltype(qTag)>, TypeOf<decltype(oTag)>>(sum, sumSq, n, out,
+                                                                                         scale);
+        });
+    });
 }
 
 } // namespace
@@ -49,36 +38,24 @@ bool StDevFromSums(const SxPicBuf& sum, const SxPicBuf& sumSq, int n, SxPicBuf& 
 {
     if (n < 2 || !sum.data || !sumSq.data || !out.data)
         return false;
-    if (!sameSize(sum, out) || !sameSize(sumSq, out) || sumSq.channels != sum.channels)
+    if (!pixelkit::sameGeometry(sum, out) || !pixelkit::sameGeometry(sumSq, out) || sumSq.channels != sum.channels)
         return false;
-    if (avgk::hasMarkedAlpha(out) && (sum.channels == 3 || sum.channels == 4))
+    if (pixelkit::hasMarkedAlpha(out) && (sum.channels == 3 || sum.channels == 4))
         return stDevRgba(sum, sumSq, n, out, scale);
     if (out.channels != sum.channels)
         return false;
 
     if (sum.dataType == IDT_UINT32) {
-        auto run = [&](auto qTag) {
-            using Q = std::remove_pointer_t<decltype(qTag)>;
-            return withIntegerOutput<Q>(out.dataType, [&](auto oTag) {
-                using O = std::remove_pointer_t<decltype(oTag)>;
-                avgk::stDevInt_T<Q, O>(sum, sumSq, quint32(n), out, scale);
+        return withSquaresType(sumSq.dataType, [&](auto qTag) {
+            return withSampleTypeIn<IntegerTypes>(out.dataType, [&](auto oTag) {
+                avgk::stDevInt_T<TypeOf<decltype(qTag)>, TypeOf<decltype(oTag)>>(sum, sumSq, quint32(n), out, scale);
                 return true;
             });
-        };
-        if (sumSq.dataType == IDT_UINT32)
-            return run(static_cast<quint32*>(nullptr));
-        if (sumSq.dataType == IDT_UINT64)
-            return run(static_cast<quint64*>(nullptr));
-        return false;
+        });
     }
     if (sum.dataType == IDT_FLOAT && sumSq.dataType == IDT_FLOAT) {
-        if (out.dataType == IDT_FLOAT) {
-            avgk::stDevFloat_T<float>(sum, sumSq, n, out, scale);
-            return true;
-        }
-        return withIntegerOutput<float>(out.dataType, [&](auto oTag) {
-            using O = std::remove_pointer_t<decltype(oTag)>;
-            avgk::stDevFloat_T<O>(sum, sumSq, n, out, scale);
+        return withSampleTypeIn<KernelTypes>(out.dataType, [&](auto oTag) {
+            avgk::stDevFloat_T<TypeOf<decltype(oTag)>>(sum, sumSq, n, out, scale);
             return true;
         });
     }
@@ -95,61 +72,53 @@ bool AddSumAndSquares(SxPicBuf& sum, SxPicBuf& sumSq, const SxPicBuf& frame)
         return false;
     const size_t n = size_t(frame.width) * frame.channels;
     auto rows = [&](auto fTag, auto qTag) {
-        using F = std::remove_pointer_t<decltype(fTag)>;
-        using Q = std::remove_pointer_t<decltype(qTag)>;
+        using F = TypeOf<decltype(fTag)>;
+        using Q = TypeOf<decltype(qTag)>;
         for (quint32 y = 0; y < frame.height; ++y)
             avgk::addSumAndSquaresRow_T<F, Q>(sum.row<quint32>(y), sumSq.row<Q>(y), frame.row<F>(y), n);
         return true;
     };
     if (frame.dataType == IDT_UINT8 && sumSq.dataType == IDT_UINT32)
-        return rows(static_cast<quint8*>(nullptr), static_cast<quint32*>(nullptr));
+        return rows(pixelkit::Tag<quint8>{}, pixelkit::Tag<quint32>{});
     if (frame.dataType == IDT_UINT16 && sumSq.dataType == IDT_UINT64)
-        return rows(static_cast<quint16*>(nullptr), static_cast<quint64*>(nullptr));
+        return rows(pixelkit::Tag<quint16>{}, pixelkit::Tag<quint64>{});
     return false;
 }
 
 bool SubtractWithOffset(const SxPicBuf& lastAverage, SxPicBuf& out, const CxHistoData& histo)
 {
-    switch (out.dataType) {
-    case IDT_UINT8: return SubtractWithOffset_T<unsigned char, int>(lastAverage, out, histo);
-    case IDT_INT8: return SubtractWithOffset_T<signed char, int>(lastAverage, out, histo);
-    case IDT_UINT16: return SubtractWithOffset_T<unsigned short, int>(lastAverage, out, histo);
-    case IDT_INT16: return SubtractWithOffset_T<short, int>(lastAverage, out, histo);
-    case IDT_UINT32: return SubtractWithOffset_T<unsigned int, long long>(lastAverage, out, histo);
-    case IDT_INT32: return SubtractWithOffset_T<int, long long>(lastAverage, out, histo);
-    case IDT_FLOAT:
-        if (!SubtractWithOffset_negative_T<float, float>(lastAverage, out, histo))
-            return false;
-        CxPicBufAPI::CalcFloatDataMinMax(out, out.floatMin, out.floatMax, false);
-        return true;
-    default: return false;
-    }
+    return withSampleTypeIn<KernelTypes>(out.dataType, [&](auto tag) {
+        using T = TypeOf<decltype(tag)>;
+        if constexpr (std::is_floating_point_v<T>) {
+            if (!SubtractWithOffset_negative_T<T, T>(lastAverage, out, histo))
+                return false;
+            CxPicBufAPI::CalcFloatDataMinMax(out, out.floatMin, out.floatMax, false);
+            return true;
+        } else {
+            // The difference plus the level offset needs one more bit than the
+            // samples have.
+            using D = std::conditional_t<(sizeof(T) <= 2), int, long long>;
+            return SubtractWithOffset_T<T, D>(lastAverage, out, histo);
+        }
+    });
 }
 
 bool SetAsSubtractingGreyImage(SxPicBuf& out, const CxHistoData& histo)
 {
-    switch (out.dataType) {
-    case IDT_UINT8: return SetAsSubtractingGreyImage_T<unsigned char>(out, histo);
-    case IDT_INT8: return SetAsSubtractingGreyImage_T<signed char>(out, histo);
-    case IDT_UINT16: return SetAsSubtractingGreyImage_T<unsigned short>(out, histo);
-    case IDT_INT16: return SetAsSubtractingGreyImage_T<short>(out, histo);
-    case IDT_UINT32: return SetAsSubtractingGreyImage_T<unsigned int>(out, histo);
-    case IDT_INT32: return SetAsSubtractingGreyImage_T<int>(out, histo);
-    case IDT_FLOAT: return SetAsSubtractingGreyImage_T<float>(out, histo);
-    default: return false;
-    }
+    return withSampleTypeIn<KernelTypes>(out.dataType, [&](auto tag) {
+        return SetAsSubtractingGreyImage_T<TypeOf<decltype(tag)>>(out, histo);
+    });
 }
 
 bool MinTouches(SxPicBuf& min, SxPicBuf& touches, const SxPicBuf& frame)
 {
     // Signed RGBA frames have no kernel in the colour form; the 32-bit and
     // wider types fall to the plain form.
-    const bool rgba = frame.channels == 4 && !(frame.dataType >= IDT_INT32 && frame.dataType <= IDT_DOUBLE)
-                      && frame.storageFormat == DSF_PACKED && frame.isColor;
-    auto run = [&](auto cTag) -> bool {
-        using C = std::remove_pointer_t<decltype(cTag)>;
+    const bool rgba = pixelkit::hasMarkedAlpha(frame) && !(frame.dataType >= IDT_INT32 && frame.dataType <= IDT_DOUBLE);
+    return withSampleTypeIn<Only<quint8, quint16>>(touches.dataType, [&](auto cTag) -> bool {
+        using C = TypeOf<decltype(cTag)>;
         auto go = [&](auto tTag) {
-            using T = std::remove_pointer_t<decltype(tTag)>;
+            using T = TypeOf<decltype(tTag)>;
             if (frame.height == 0 || frame.width == 0)
                 return true;
             if (!frame.data || !min.data || !touches.data || min.dataType != frame.dataType
@@ -160,53 +129,27 @@ bool MinTouches(SxPicBuf& min, SxPicBuf& touches, const SxPicBuf& frame)
             MinTouches_T<C, T>(min, touches, frame, rgba);
             return true;
         };
-        if (rgba) {
-            switch (frame.dataType) {
-            case IDT_UINT8: return go(static_cast<quint8*>(nullptr));
-            case IDT_UINT16: return go(static_cast<quint16*>(nullptr));
-            default: return false;
-            }
-        }
-        switch (frame.dataType) {
-        case IDT_UINT8: return go(static_cast<quint8*>(nullptr));
-        case IDT_INT8: return go(static_cast<qint8*>(nullptr));
-        case IDT_UINT16: return go(static_cast<quint16*>(nullptr));
-        case IDT_INT16: return go(static_cast<qint16*>(nullptr));
-        case IDT_UINT32: return go(static_cast<quint32*>(nullptr));
-        case IDT_INT32: return go(static_cast<qint32*>(nullptr));
-        case IDT_FLOAT: return go(static_cast<float*>(nullptr));
-        default: return false;
-        }
-    };
-    if (touches.dataType == IDT_UINT8)
-        return run(static_cast<quint8*>(nullptr));
-    if (touches.dataType == IDT_UINT16)
-        return run(static_cast<quint16*>(nullptr));
-    return false;
+        if (rgba)
+            return withSampleTypeIn<Only<quint8, quint16>>(frame.dataType, go);
+        return withSampleTypeIn<KernelTypes>(frame.dataType, go);
+    });
 }
 
 int LineAveraging(SxPicBuf& pic, int mode)
 {
     if (mode != 1 && mode != 2)
         return 1;
-    auto run = [&](auto tTag, auto aTag) {
-        using T = std::remove_pointer_t<decltype(tTag)>;
-        using A = std::remove_pointer_t<decltype(aTag)>;
+    return withSampleTypeIn<KernelTypes>(pic.dataType, [&](auto tag) {
+        using T = TypeOf<decltype(tag)>;
+        // Row sums: 32 bits hold a row of 16-bit samples, wider samples sum
+        // in 64 bits of their signedness, floats in float.
+        using Wide = std::conditional_t<(sizeof(T) <= 2), int, long long>;
+        using A0 = std::conditional_t<std::is_signed_v<T>, Wide, std::make_unsigned_t<Wide>>;
+        using A = std::conditional_t<std::is_floating_point_v<T>, float, A0>;
         if (mode == 1)
             LineAverageRows_T<T, A>(pic);
         else
             LineAverageColumns_T<T, A>(pic);
         return 1;
-    };
-    switch (pic.dataType) {
-    case IDT_UINT8: return run(static_cast<unsigned char*>(nullptr), static_cast<unsigned int*>(nullptr));
-    case IDT_INT8: return run(static_cast<signed char*>(nullptr), static_cast<int*>(nullptr));
-    case IDT_UINT16: return run(static_cast<unsigned short*>(nullptr), static_cast<unsigned int*>(nullptr));
-    case IDT_INT16: return run(static_cast<short*>(nullptr), static_cast<int*>(nullptr));
-    case IDT_UINT32:
-        return run(static_cast<unsigned int*>(nullptr), static_cast<unsigned long long*>(nullptr));
-    case IDT_INT32: return run(static_cast<int*>(nullptr), static_cast<long long*>(nullptr));
-    case IDT_FLOAT: return run(static_cast<float*>(nullptr), static_cast<float*>(nullptr));
-    default: return 0;
-    }
+    });
 }

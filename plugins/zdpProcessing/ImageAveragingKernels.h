@@ -12,6 +12,10 @@
 #include <CxHistoData.h>
 #include <SxPicBuf.h>
 
+#include <KitCpu.h>
+#include <KitDispatch.h>
+#include <KitPicture.h>
+
 #include <algorithm>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -22,23 +26,13 @@
 #include <type_traits>
 #include <vector>
 
-// The hot row loops are also built for wider vector units and the best one is
-// picked when the library loads: the double conversions of the deviation only
-// become vector instructions with 64-bit integer conversions (AVX-512).
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__)
-#define AVG_VECTOR_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
-#else
-#define AVG_VECTOR_CLONES
-#endif
+// The hot row loops are built with QLAR_VECTOR_CLONES: the double conversions
+// of the deviation only become vector instructions with 64-bit integer
+// conversions (AVX-512).
 
 namespace avgk {
 
-// Interleaved four-channel colour picture: the fourth channel is alpha and is
-// left out of every statistic.
-inline bool hasMarkedAlpha(const SxPicBufInfo& f)
-{
-    return f.channels == 4 && f.storageFormat == DSF_PACKED && f.isColor;
-}
+using pixelkit::hasMarkedAlpha;
 
 // The same restricted to 8- and 16-bit samples, the layouts that the host's
 // histogram measures as three colour records.
@@ -46,11 +40,6 @@ inline bool hasMarkedAlpha8or16(const SxPicBufInfo& f)
 {
     return hasMarkedAlpha(f) && (f.bytesPerSample() == 1 || f.bytesPerSample() == 2)
            && f.dataType != IDT_UNKNOWN;
-}
-
-inline bool hasRows(const SxPicBuf& p)
-{
-    return p.data && p.height > 0 && p.width > 0 && p.channels > 0;
 }
 
 // Truncates toward zero and keeps the low 64 bits of the integer, so that a
@@ -108,7 +97,7 @@ inline O stDevSampleFloat(float s, float q, float n, float n1, float scale)
 // when some sample left that range; the caller then redoes the row exactly.
 // Every test is a bitwise and, so the loop has no branch and vectorises.
 template <class Q, class O>
-AVG_VECTOR_CLONES bool stDevRowFast_T(O* __restrict out, const quint32* __restrict sum,
+QLAR_VECTOR_CLONES bool stDevRowFast_T(O* __restrict out, const quint32* __restrict sum,
                                       const Q* __restrict sq, size_t n, quint32 frames, double scale)
 {
     const double dn = frames;
@@ -149,7 +138,7 @@ void stDevInt_T(const SxPicBuf& sum, const SxPicBuf& sq, quint32 frames, SxPicBu
 }
 
 template <class O>
-AVG_VECTOR_CLONES void stDevRowFloat_T(O* __restrict out, const float* __restrict sum,
+QLAR_VECTOR_CLONES void stDevRowFloat_T(O* __restrict out, const float* __restrict sum,
                                        const float* __restrict sq, size_t n, float frames, float scale)
 {
     const float n1 = frames - 1.f;
@@ -204,17 +193,10 @@ bool StDevFromSums(const SxPicBuf& sum, const SxPicBuf& sumSq, int n, SxPicBuf& 
 
 namespace avgk {
 
-// Unsigned a + b held at the type's maximum instead of wrapping, like the
-// host's sums.
-template <class A>
-inline A saturatingAdd(A a, A b)
-{
-    const A s = A(a + b);
-    return A(s | (A(0) - A(s < a)));
-}
+using pixelkit::saturatingAdd;
 
 template <class F, class Q>
-AVG_VECTOR_CLONES void addSumAndSquaresRow_T(quint32* __restrict sum, Q* __restrict sq,
+QLAR_VECTOR_CLONES void addSumAndSquaresRow_T(quint32* __restrict sum, Q* __restrict sq,
                                              const F* __restrict f, size_t n)
 {
     for (size_t i = 0; i < n; ++i) {
@@ -258,7 +240,7 @@ inline bool sameShape(const SxPicBufInfo& a, const SxPicBufInfo& b)
 }
 
 template <class T, class A>
-AVG_VECTOR_CLONES void subtractMonoRow_T(T* __restrict out, const T* __restrict avg, size_t n, A off,
+QLAR_VECTOR_CLONES void subtractMonoRow_T(T* __restrict out, const T* __restrict avg, size_t n, A off,
                                          A top)
 {
     for (size_t i = 0; i < n; ++i) {
@@ -377,7 +359,7 @@ namespace avgk {
 // f < min: min := f, count := 1; f == min: count + 1 (wrapping); NaN never
 // matches either test.
 template <class C, class T>
-AVG_VECTOR_CLONES void minTouchesRow_T(T* __restrict min, C* __restrict count, const T* __restrict f,
+QLAR_VECTOR_CLONES void minTouchesRow_T(T* __restrict min, C* __restrict count, const T* __restrict f,
                                        size_t n)
 {
     for (size_t i = 0; i < n; ++i) {
@@ -433,7 +415,7 @@ inline T roundedMean(A sum, quint64 n)
 }
 
 template <class T, class A>
-AVG_VECTOR_CLONES A sumRow_T(const T* __restrict row, size_t n)
+QLAR_VECTOR_CLONES A sumRow_T(const T* __restrict row, size_t n)
 {
     A s = A(0);
     for (size_t i = 0; i < n; ++i)
@@ -442,7 +424,7 @@ AVG_VECTOR_CLONES A sumRow_T(const T* __restrict row, size_t n)
 }
 
 template <class T, class A>
-AVG_VECTOR_CLONES void addRow_T(A* __restrict acc, const T* __restrict row, size_t n)
+QLAR_VECTOR_CLONES void addRow_T(A* __restrict acc, const T* __restrict row, size_t n)
 {
     for (size_t i = 0; i < n; ++i)
         acc[i] += A(row[i]);
@@ -451,7 +433,7 @@ AVG_VECTOR_CLONES void addRow_T(A* __restrict acc, const T* __restrict row, size
 // Four rows per pass over the accumulators, which then stay in registers for
 // three of the four additions.
 template <class T, class A>
-AVG_VECTOR_CLONES void addFourRows_T(A* __restrict acc, const T* __restrict r0, const T* __restrict r1,
+QLAR_VECTOR_CLONES void addFourRows_T(A* __restrict acc, const T* __restrict r0, const T* __restrict r1,
                                      const T* __restrict r2, const T* __restrict r3, size_t n)
 {
     for (size_t i = 0; i < n; ++i)
@@ -484,7 +466,7 @@ inline void finishWrites()
 }
 
 template <class T, class A>
-AVG_VECTOR_CLONES void meanRow_T(T* __restrict mean, const A* __restrict acc, size_t n, quint64 count)
+QLAR_VECTOR_CLONES void meanRow_T(T* __restrict mean, const A* __restrict acc, size_t n, quint64 count)
 {
     const A half = A(count >> 1), d = A(count);
     for (size_t i = 0; i < n; ++i)

@@ -1,5 +1,4 @@
 #include "MedianCnbl.h"
-#include "ExtractChannelCnbl.h"
 #include "MedianWidget.h"
 #include "NodeKit.h"
 
@@ -15,9 +14,7 @@
 #include <algorithm>
 #include <cstring>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
+#include <KitMosaic.h>
 
 namespace {
 
@@ -76,91 +73,6 @@ SxPicBufInfo planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayo
     return f;
 }
 
-// Row kernels: n samples of each of two planes from 2n interleaved ones of
-// a picture row, and back. Picture rows may start at any byte (a 16-bit
-// picture with odd row padding), plane rows are aligned.
-template <class T>
-inline void copyPairTail(const uchar* s, T* a, T* b, quint64 x, quint64 n)
-{
-    for (; x < n; ++x) {
-        std::memcpy(a + x, s + 2 * x * sizeof(T), sizeof(T));
-        std::memcpy(b + x, s + (2 * x + 1) * sizeof(T), sizeof(T));
-    }
-}
-
-template <class T>
-inline void storePairTail(const T* a, const T* b, uchar* d, quint64 x, quint64 n)
-{
-    for (; x < n; ++x) {
-        std::memcpy(d + 2 * x * sizeof(T), a + x, sizeof(T));
-        std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
-    }
-}
-
-inline void deinterleaveRow(const uchar* s, quint8* a, quint8* b, quint64 n)
-{
-    quint64 x = 0;
-#ifdef __SSE2__
-    const __m128i low = _mm_set1_epi16(0x00ff);
-    for (; x + 16 <= n; x += 16) {
-        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x));
-        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x + 16));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
-                         _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
-                         _mm_packus_epi16(_mm_srli_epi16(v0, 8), _mm_srli_epi16(v1, 8)));
-    }
-#endif
-    copyPairTail(s, a, b, x, n);
-}
-
-inline void deinterleaveRow(const uchar* s, quint16* a, quint16* b, quint64 n)
-{
-    quint64 x = 0;
-#ifdef __SSE2__
-    // Sign-extended halves stay inside the signed 16-bit range, so the
-    // saturating pack keeps their bit patterns.
-    for (; x + 8 <= n; x += 8) {
-        const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
-        const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x + 16));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
-                         _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
-                                         _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
-                         _mm_packs_epi32(_mm_srai_epi32(v0, 16), _mm_srai_epi32(v1, 16)));
-    }
-#endif
-    copyPairTail(s, a, b, x, n);
-}
-
-inline void interleaveRow(const quint8* a, const quint8* b, uchar* d, quint64 n)
-{
-    quint64 x = 0;
-#ifdef __SSE2__
-    for (; x + 16 <= n; x += 16) {
-        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
-        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x), _mm_unpacklo_epi8(va, vb));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x + 16), _mm_unpackhi_epi8(va, vb));
-    }
-#endif
-    storePairTail(a, b, d, x, n);
-}
-
-inline void interleaveRow(const quint16* a, const quint16* b, uchar* d, quint64 n)
-{
-    quint64 x = 0;
-#ifdef __SSE2__
-    for (; x + 8 <= n; x += 8) {
-        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
-        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_unpacklo_epi16(va, vb));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm_unpackhi_epi16(va, vb));
-    }
-#endif
-    storePairTail(a, b, d, x, n);
-}
-
 // Plane rows a band of a 2x2 mosaic filters at once, and the rows its plane
 // buffers hold: the band with radius rows of context above and below.
 quint64 bayerBandRows(quint64 width, unsigned bytesPerSample, int radius)
@@ -184,33 +96,21 @@ SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
 
 } // namespace
 
+// Sample c of pixel (ox, oy) of each pw x ph cell of a picture, and back.
 template <class T>
 void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c)
 {
-    constexpr quint64 S = sizeof(T);
-    const quint64 inPitch = in.effectiveLinePitch(), planePitch = plane.effectiveLinePitch();
-    const quint64 step = quint64(pw) * in.channels * S;
-    for (quint64 y = 0; y < plane.height; ++y) {
-        const uchar* src = in.data + (y * ph + oy) * inPitch + (quint64(ox) * in.channels + c) * S;
-        uchar* dst = plane.data + y * planePitch;
-        // Byte copies: a row of the input may start at any byte.
-        for (quint64 x = 0; x < plane.width; ++x)
-            std::memcpy(dst + x * S, src + x * step, S);
-    }
+    const qint64 ch = in.channels;
+    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
+    pixelkit::gatherPlane<sizeof(T)>(pixelkit::rowsOf(in), m, pixelkit::rowsOf(plane));
 }
 
 template <class T>
 void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c)
 {
-    constexpr quint64 S = sizeof(T);
-    const quint64 outPitch = out.effectiveLinePitch(), planePitch = plane.effectiveLinePitch();
-    const quint64 step = quint64(pw) * out.channels * S;
-    for (quint64 y = 0; y < plane.height; ++y) {
-        const uchar* src = plane.data + y * planePitch;
-        uchar* dst = out.data + (y * ph + oy) * outPitch + (quint64(ox) * out.channels + c) * S;
-        for (quint64 x = 0; x < plane.width; ++x)
-            std::memcpy(dst + x * step, src + x * S, S);
-    }
+    const qint64 ch = out.channels;
+    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
+    pixelkit::weavePlane<sizeof(T)>(pixelkit::rowsOf(plane), m, pixelkit::rowsOf(out));
 }
 
 // Rows y0..y1 - 1 of the picture; picture row y lands in plane row
@@ -223,7 +123,7 @@ void med_splitBayer_T(const SxPicBuf& in, SxPicBuf* planes, quint32 y0, quint32 
         const uchar* s = in.data + y * pitch;
         T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
         T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
-        deinterleaveRow(s, a, b, pairs);
+        pixelkit::splitPairs(s, a, b, pairs);
         if (w & 1)
             std::memcpy(a + pairs, s + (w - 1) * sizeof(T), sizeof(T));
     }
@@ -237,7 +137,7 @@ void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32
         uchar* d = out.data + y * pitch;
         const T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
         const T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
-        interleaveRow(a, b, d, pairs);
+        pixelkit::weavePairs(a, b, d, pairs);
         if (w & 1)
             std::memcpy(d + (w - 1) * sizeof(T), a + pairs, sizeof(T));
     }
@@ -303,7 +203,7 @@ bool filterPlanes_T(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& o
         const SxPlacement p = placementOf(l, i);
         if (!l.hsi)
             med_extractPlane_T<T>(in, inPlanes[i], l.periodX, l.periodY, p.ox, p.oy, p.c);
-        else if (!extr_extractHsiChannel_T<T>(inPlanes[i], in, meta, i))
+        else if (!pixelkit::gatherBand<sizeof(T)>(inPlanes[i], in, meta, i))
             return false;
     }
     for (int i = 0; i < n; ++i)

@@ -2,6 +2,8 @@
 #include "NodeKit.h"
 #include "RgbNirDemosaicWidget.h"
 
+#include <KitCpu.h>
+
 #include <CxHsiCameraParams.h>
 #include <CxImageData.h>
 #include <CxPicBufAPI.h>
@@ -359,8 +361,7 @@ __attribute__((target("avx2"))) void demosaicRgbRowsU8Avx2(SxPicBuf& out, const 
 
 void demosaicRgbRowsU8(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
-    static const bool avx2 = __builtin_cpu_supports("avx2");
-    if (avx2)
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
         demosaicRgbRowsU8Avx2(out, in, k);
     else
         demosaicRgbRows<uchar>(out, in, k);

@@ -6,6 +6,9 @@
 #include <CxPicBufAPI.h>
 #include <SxPicBuf.h>
 
+#include <KitDispatch.h>
+#include <KitRows.h>
+
 #include <QtXml/QDomDocument>
 #include <QtXml/QDomElement>
 
@@ -72,8 +75,6 @@ SxTurn turnOf(const SxPicBuf& in, SxPicBuf& out, bool clockwise)
 // frames. A band of tiles is one chunk of work for a thread.
 constexpr qint64 kMaxTileEdge = 128;
 constexpr qint64 kMaxTileBytes = 64 * 1024;
-// Below this many pixels waking the thread team costs more than it saves.
-constexpr qint64 kParallelPixels = 64 * 1024;
 
 qint64 tileEdge(qint64 pixelBytes)
 {
@@ -226,45 +227,42 @@ void turnPicture(const SxTurn& t, qint64 pixelBytes)
 {
     const qint64 edge = tileEdge(pixelBytes);
     const qint64 bands = (t.height + edge - 1) / edge;
-    const bool parallel = t.width * t.height >= kParallelPixels;
-#pragma omp parallel for schedule(runtime) if (parallel)
-    for (qint64 band = 0; band < bands; ++band) {
-        const qint64 r0 = band * edge;
+    // A band reads and writes its pixels once.
+    const quint64 bandBytes = quint64(2 * edge * t.width * pixelBytes);
+    pixelkit::forEachRow(quint32(bands), bandBytes, [&](quint32 band) {
+        const qint64 r0 = qint64(band) * edge;
         const qint64 r1 = std::min(t.height, r0 + edge);
         for (qint64 x0 = 0; x0 < t.width; x0 += edge)
             turnTile<P>(t, pixelBytes, x0, std::min(t.width, x0 + edge), r0, r1);
-    }
+    });
 }
 
 // Fixed-size copies for 1, 3 and 4 channels; other counts copy the pixel's
-// bytes with a run-time length.
-template <class T>
+// bytes with a run-time length. Turning only moves samples, so the kernels
+// exist per sample width (1, 2 and 4 bytes), not per type.
+template <size_t SampleBytes>
 void rotateImage(const SxPicBuf& in, SxPicBuf& out, bool clockwise)
 {
     if (in.width == 0 || in.height == 0)
         return;
     const SxTurn t = turnOf(in, out, clockwise);
-    const qint64 pixelBytes = qint64(in.channels) * qint64(sizeof(T));
+    const qint64 pixelBytes = qint64(in.channels) * qint64(SampleBytes);
     switch (in.channels) {
-    case 1: turnPicture<typename PixelOf<sizeof(T)>::type>(t, pixelBytes); break;
-    case 3: turnPicture<typename PixelOf<3 * sizeof(T)>::type>(t, pixelBytes); break;
-    case 4: turnPicture<typename PixelOf<4 * sizeof(T)>::type>(t, pixelBytes); break;
+    case 1: turnPicture<typename PixelOf<SampleBytes>::type>(t, pixelBytes); break;
+    case 3: turnPicture<typename PixelOf<3 * SampleBytes>::type>(t, pixelBytes); break;
+    case 4: turnPicture<typename PixelOf<4 * SampleBytes>::type>(t, pixelBytes); break;
     default: turnPicture<void>(t, pixelBytes); break;
     }
 }
 
 bool hasKernel(ExImageDataType type, bool clockwise)
 {
-    switch (type) {
-    case IDT_INT8: case IDT_UINT8: case IDT_INT16: case IDT_UINT16: case IDT_UINT32: case IDT_FLOAT:
-        return true;
-    case IDT_INT32:
-        // No counter-clockwise kernel for this type: saved chains rely on the
-        // frame being dropped rather than turned.
+    // No counter-clockwise kernel for signed 32-bit samples: saved chains
+    // rely on the frame being dropped rather than turned.
+    if (type == IDT_INT32)
         return clockwise;
-    default:
-        return false;
-    }
+    using Turned = pixelkit::Only<qint8, quint8, qint16, quint16, quint32, float>;
+    return pixelkit::withSampleTypeIn<Turned>(type, [](auto) { return true; });
 }
 
 // Pixels, channels, a kernel, and rows that do not overlap.
@@ -286,13 +284,13 @@ bool fitsOutput(const SxPicBuf& in, const SxPicBuf& out)
 template <class T>
 void rotateImageClock(const SxPicBuf& in, SxPicBuf& out)
 {
-    rotateImage<T>(in, out, true);
+    rotateImage<sizeof(T)>(in, out, true);
 }
 
 template <class T>
 void rotateImageCounterClock(const SxPicBuf& in, SxPicBuf& out)
 {
-    rotateImage<T>(in, out, false);
+    rotateImage<sizeof(T)>(in, out, false);
 }
 
 template void rotateImageClock<qint8>(const SxPicBuf&, SxPicBuf&);

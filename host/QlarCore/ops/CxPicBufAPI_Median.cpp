@@ -29,6 +29,9 @@
 // window histogram sliding along a snake path, O(r) per sample.
 #include "CxPicBufAPI.h"
 
+#include <KitCpu.h>
+#include <KitPicture.h>
+
 #include <algorithm>
 #include <atomic>
 #include <climits>
@@ -798,8 +801,7 @@ QLAR_MEDIAN_ENTRIES(quint16, u16)
 
 bool hasAvx2()
 {
-    static const bool yes = __builtin_cpu_supports("avx2");
-    return yes;
+    return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
 }
 
 template <class T>
@@ -828,23 +830,11 @@ bool supportedPlane(const SxPicBufInfo& f)
     return f.channels == 1 && (f.dataType == IDT_UINT8 || f.dataType == IDT_UINT16);
 }
 
-bool overlaps(const SxPicBuf& a, const SxPicBuf& b)
-{
-    const uchar* a0 = a.data;
-    const uchar* a1 = a0 + a.requiredBytes();
-    const uchar* b0 = b.data;
-    const uchar* b1 = b0 + b.requiredBytes();
-    return a0 < b1 && b0 < a1;
-}
+using pixelkit::overlaps;
 
-// Rows fit the pitch, samples sit on their natural alignment, and the
-// picture's own record of its memory (when it has one) covers the rows.
 bool laidOut(const SxPicBuf& p)
 {
-    const quint64 pitch = p.effectiveLinePitch();
-    if (pitch < p.packedLineBytes() || pitch % p.bytesPerSample() || quintptr(p.data) % p.bytesPerSample())
-        return false;
-    return p.memCapacity == 0 || p.memCapacity >= p.requiredBytes();
+    return pixelkit::rowsFit(p) && pixelkit::samplesAligned(p);
 }
 
 } // namespace

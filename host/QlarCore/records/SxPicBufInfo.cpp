@@ -1,5 +1,7 @@
 #include "SxPicBufInfo.h"
 
+#include <KitPicture.h>
+
 #include <QtCore/QSysInfo>
 
 // Colour pictures share their memory order with Qt's 32-bit pictures only on
@@ -8,17 +10,12 @@ static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "colour pictures are laid out for
 
 quint64 SxPicBufInfo::requiredBytes() const
 {
-    // A picture 0 samples wide still spans its pitches: row copies that go
-    // by the pitch must find them.
-    if (height == 0)
-        return 0;
-    return effectiveLinePitch() * (height - 1) + packedLineBytes();
+    return pixelkit::requiredBytes(*this);
 }
 
 quint64 SxPicBufInfo::fullScale() const
 {
-    const quint32 bits = qMin<quint32>(bitsPerSample, 32);
-    return (quint64(1) << bits) - 1;
+    return pixelkit::fullScale(*this);
 }
 
 bool SxPicBufInfo::isValidFormat() const

@@ -22,6 +22,9 @@
 #include "CxFFT.h"
 #include "CxAtomicFile.h"
 
+#include <KitDispatch.h>
+#include <KitPicture.h>
+
 #include <fftw3.h>
 #include <omp.h>
 #include <sys/mman.h>
@@ -344,16 +347,10 @@ using GatherFn = void (*)(const uchar*, quint64, int, int, int, float*);
 
 GatherFn gatherFor(ExImageDataType t)
 {
-    switch (t) {
-    case IDT_INT8: return gatherColumns_T<qint8>;
-    case IDT_UINT8: return gatherColumns_T<quint8>;
-    case IDT_INT16: return gatherColumns_T<qint16>;
-    case IDT_UINT16: return gatherColumns_T<quint16>;
-    case IDT_INT32: return gatherColumns_T<qint32>;
-    case IDT_UINT32: return gatherColumns_T<quint32>;
-    case IDT_FLOAT: return gatherColumns_T<float>;
-    default: return nullptr;
-    }
+    using Types = pixelkit::Only<qint8, quint8, qint16, quint16, qint32, quint32, float>;
+    return pixelkit::withSampleTypeIn<Types>(t, [](auto tag) -> GatherFn {
+        return gatherColumns_T<typename decltype(tag)::type>;
+    });
 }
 
 // A one-channel picture of w x h whose rows can be read or written as
@@ -364,17 +361,7 @@ bool usablePicture(const SxPicBuf& p, int w, int h, unsigned sampleBytes)
         return false;
     if (p.bytesPerSample() != sampleBytes)
         return false;
-    const quint64 pitch = p.effectiveLinePitch();
-    if (pitch < p.packedLineBytes() || pitch % sampleBytes || quintptr(p.data) % sampleBytes)
-        return false;
-    return p.memCapacity == 0 || p.memCapacity >= p.requiredBytes();
-}
-
-bool overlap(const SxPicBuf& a, const SxPicBuf& b)
-{
-    const uchar* a1 = a.data + a.requiredBytes();
-    const uchar* b1 = b.data + b.requiredBytes();
-    return a.data < b1 && b.data < a1;
+    return pixelkit::rowsFit(p) && pixelkit::samplesAligned(p);
 }
 
 } // namespace
@@ -484,7 +471,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     if (!gather || !usablePicture(in, c->w, c->h, in.bytesPerSample()))
         return false;
     if (!holdsFloats(re) || !holdsFloats(im) || !usablePicture(re, c->w, c->h, 4)
-        || !usablePicture(im, c->w, c->h, 4) || overlap(re, im))
+        || !usablePicture(im, c->w, c->h, 4) || pixelkit::overlaps(re, im))
         return false;
 
     const int w = c->w;

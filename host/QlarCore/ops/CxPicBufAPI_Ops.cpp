@@ -19,7 +19,8 @@
 //
 // Add, AddSquares (acc, frame)
 //   Same width, height and channel count, except that a three-channel sum
-//   takes the colours of a four-channel isColor frame and skips its alpha.
+//   takes the colours of a four-channel isColor frame stored interleaved
+//   (storage format 1) and skips its alpha.
 //   Accepted types: an integer sum takes integer samples it can hold (unsigned
 //   sums: unsigned samples no wider; signed sums: signed samples no wider and
 //   unsigned ones narrower), a float sum takes integers and floats no wider.
@@ -33,11 +34,11 @@
 //   replaces a number in acc; a NaN already in acc stays.
 // DivideByValue (sum, divisor, out)
 //   divisor >= 1; same size; channels equal, or a three-channel sum into a
-//   four-channel isColor out, whose alpha is set to out's full scale (1.0 for
-//   floats). Every sum type but half; out any type but half and the 64-bit
-//   integers. Integer outputs are rounded to nearest, halves away from zero,
-//   and clamped to out's type range; NaN gives 0. Float outputs take the
-//   quotient worked out in double.
+//   four-channel isColor out stored interleaved (storage format 1), whose
+//   alpha is set to out's full scale (1.0 for floats). Every sum type but
+//   half; out any type but half and the 64-bit integers. Integer outputs are
+//   rounded to nearest, halves away from zero, and clamped to out's type
+//   range; NaN gives 0. Float outputs take the quotient worked out in double.
 // ExtractChannel (in, out, channel)
 //   out has one channel, in's type and size; channel < in's channel count (a
 //   one-channel in is copied with channel 0). A raw 2x2 mosaic (colour filter
@@ -72,6 +73,7 @@
 #include "PicBufKernels_p.h"
 
 using namespace picbuf;
+using pixelkit::overlaps;
 
 namespace {
 
@@ -85,13 +87,6 @@ bool isInterleaved(const SxPicBufInfo& f)
     return f.channels == 1 || f.storageFormat != DSF_PLANAR;
 }
 
-bool overlaps(const SxPicBuf& a, const SxPicBuf& b)
-{
-    const uchar* aEnd = a.data + a.requiredBytes();
-    const uchar* bEnd = b.data + b.requiredBytes();
-    return a.data < bEnd && b.data < aEnd;
-}
-
 template <class Op, template <class, class> class Allowed>
 bool accumulate(SxPicBuf& acc, const SxPicBuf& frame, bool allowRgbOfRgba)
 {
@@ -99,7 +94,7 @@ bool accumulate(SxPicBuf& acc, const SxPicBuf& frame, bool allowRgbOfRgba)
         return false;
     if (!isInterleaved(acc) || !isInterleaved(frame))
         return false;
-    const bool rgbOfRgba = allowRgbOfRgba && acc.channels == 3 && isMarkedRgba(frame);
+    const bool rgbOfRgba = allowRgbOfRgba && acc.channels == 3 && hasMarkedAlpha(frame);
     if (acc.channels != frame.channels && !rgbOfRgba)
         return false;
     return withSampleTypes(acc.dataType, frame.dataType, [&](auto accTag, auto frameTag) {
@@ -149,7 +144,7 @@ bool CxPicBufAPI::DivideByValue(const SxPicBuf& sum, int divisor, SxPicBuf& out)
         return false;
     if (!isInterleaved(sum) || !isInterleaved(out))
         return false;
-    const bool rgbIntoRgba = sum.channels == 3 && isMarkedRgba(out);
+    const bool rgbIntoRgba = sum.channels == 3 && hasMarkedAlpha(out);
     if (sum.channels != out.channels && !rgbIntoRgba)
         return false;
     return withSampleTypes(sum.dataType, out.dataType, [&](auto sumTag, auto outTag) {

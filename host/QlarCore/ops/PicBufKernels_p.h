@@ -2,13 +2,19 @@
 // Typed pixel kernels behind the picture operations of CxPicBufAPI.
 //
 // Each operation is one `..._T` template over its sample types; the public
-// function picks the instantiation with a single switch per frame
-// (withSampleType / withSampleBytes) and runs the kernel row by row. Row
+// function picks the instantiation with one dispatch per frame (the pixel
+// kit's withSampleType / withSampleBytes) and runs it row by row. Row
 // kernels take restrict pointers and loop over contiguous samples so the
 // auto-vectoriser handles them; nothing inside a row dispatches per pixel.
 // Not part of the installed interface.
 
 #include "SxPicBuf.h"
+
+#include <KitCpu.h>
+#include <KitDispatch.h>
+#include <KitMosaic.h>
+#include <KitPicture.h>
+#include <KitRows.h>
 
 #include <cmath>
 #include <cstddef>
@@ -18,146 +24,19 @@
 
 namespace picbuf {
 
-template <class T>
-struct Tag
-{
-    using type = T;
-};
-
-// Calls fn(Tag<T>{}) with the C++ type of the sample type t and returns its
-// answer; false for unknown types and for half floats, which have no kernels.
-template <class Fn>
-bool withSampleType(ExImageDataType t, Fn&& fn)
-{
-    switch (t) {
-    case IDT_INT8: return fn(Tag<qint8>{});
-    case IDT_UINT8: return fn(Tag<quint8>{});
-    case IDT_INT16: return fn(Tag<qint16>{});
-    case IDT_UINT16: return fn(Tag<quint16>{});
-    case IDT_INT32: return fn(Tag<qint32>{});
-    case IDT_UINT32: return fn(Tag<quint32>{});
-    case IDT_INT64: return fn(Tag<qint64>{});
-    case IDT_UINT64: return fn(Tag<quint64>{});
-    case IDT_FLOAT: return fn(Tag<float>{});
-    case IDT_DOUBLE: return fn(Tag<double>{});
-    default: return false;
-    }
-}
-
-// The same for a pair of pictures: fn(Tag<A>{}, Tag<B>{}).
-template <class Fn>
-bool withSampleTypes(ExImageDataType a, ExImageDataType b, Fn&& fn)
-{
-    return withSampleType(a, [&](auto ta) {
-        return withSampleType(b, [&](auto tb) { return fn(ta, tb); });
-    });
-}
-
-// Operations that only move samples care about their width, not their type.
-template <class Fn>
-bool withSampleBytes(unsigned bytes, Fn&& fn)
-{
-    switch (bytes) {
-    case 1: return fn(Tag<quint8>{});
-    case 2: return fn(Tag<quint16>{});
-    case 4: return fn(Tag<quint32>{});
-    case 8: return fn(Tag<quint64>{});
-    default: return false;
-    }
-}
-
-// Compute-bound row kernels are also built for wider vector units and the
-// best one is picked when the library loads (QLAR_NO_VECTOR_CLONES builds
-// only the one the compiler flags ask for).
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__) \
-    && !defined(QLAR_NO_VECTOR_CLONES)
-#define QLAR_VECTOR_CLONES __attribute__((target_clones("arch=x86-64-v4", "avx2", "default")))
-#else
-#define QLAR_VECTOR_CLONES
-#endif
-
-// Below this many bytes of traffic a frame is done on the calling thread:
-// waking the OpenMP team costs more than the pass itself. Rows are handed
-// out in chunks of about ChunkBytes as threads come free, so a thread the
-// system is slow to schedule holds up the frame by one chunk at most.
-constexpr quint64 ParallelMinBytes = 256 * 1024;
-constexpr quint64 ChunkBytes = 128 * 1024;
-
-template <class RowFn>
-void forEachRow(quint32 height, quint64 bytesPerRow, RowFn&& rowFn)
-{
-    const qint64 h = qint64(height);
-    if (h > 1 && quint64(h) * bytesPerRow >= ParallelMinBytes) {
-        const int chunk = int(qBound<quint64>(1, ChunkBytes / qMax<quint64>(bytesPerRow, 1), 1024));
-#pragma omp parallel for schedule(dynamic, chunk)
-        for (qint64 y = 0; y < h; ++y)
-            rowFn(quint32(y));
-    } else {
-        for (qint64 y = 0; y < h; ++y)
-            rowFn(quint32(y));
-    }
-}
-
-// A picture whose rows can be walked without leaving its memory: pixels
-// present, rows no shorter than their samples, and (when the memory size is
-// known) all rows inside it.
-inline bool isUsable(const SxPicBuf& p)
-{
-    if (!p.data || p.channels == 0)
-        return false;
-    if (p.height > 1 && quint64(p.linePitch) < p.packedLineBytes())
-        return false;
-    if (p.memCapacity && p.requiredBytes() > p.memCapacity)
-        return false;
-    return true;
-}
-
-inline bool sameGeometry(const SxPicBufInfo& a, const SxPicBufInfo& b)
-{
-    return a.width == b.width && a.height == b.height;
-}
-
-// Interleaved RGBA whose alpha is marked as such: the colour sums keep only
-// the three colours.
-inline bool isMarkedRgba(const SxPicBufInfo& f)
-{
-    return f.channels == 4 && f.isColor && f.storageFormat != DSF_PLANAR;
-}
+using pixelkit::forEachRow;
+using pixelkit::hasMarkedAlpha;
+using pixelkit::isUsable;
+using pixelkit::sameGeometry;
+using pixelkit::saturatingAdd;
+using pixelkit::withSampleBytes;
+using pixelkit::withSampleType;
+using pixelkit::withSampleTypes;
 
 // ---------------------------------------------------------------- arithmetic
 
 template <class T>
 constexpr bool isFloat = std::is_floating_point_v<T>;
-
-// a + b, held at the type's limits instead of wrapping. The 32- and 64-bit
-// forms find the overflow with bit operations only, which SSE2 has for every
-// lane width (it lacks 64-bit compares), so the loops vectorise.
-template <class A>
-inline A saturatingAdd(A a, A b)
-{
-    if constexpr (isFloat<A>) {
-        return a + b;
-    } else if constexpr (sizeof(A) < 4) {
-        const int s = int(a) + int(b);
-        constexpr int lo = std::numeric_limits<A>::min(), hi = std::numeric_limits<A>::max();
-        return A(s > hi ? hi : s < lo ? lo : s);
-    } else if constexpr (std::is_unsigned_v<A>) {
-        constexpr int top = sizeof(A) * 8 - 1;
-        const A s = A(a + b);
-        const A carry = A(((a & b) | ((a | b) & ~s)) >> top);
-        return A(s | A(0 - carry));
-    } else {
-        // Overflow exactly when both operands share a sign the sum lacks; the
-        // limit is the largest value of a's sign.
-        using U = std::make_unsigned_t<A>;
-        constexpr int top = sizeof(A) * 8 - 1;
-        const U s = U(a) + U(b);
-        const U overflow = ((U(a) ^ s) & (U(b) ^ s)) >> top;
-        const U limit = (U(a) >> top) + U(std::numeric_limits<A>::max());
-        const U mask = U(0) - overflow;
-        return A((s & ~mask) | (limit & mask));
-    }
-}
 
 // Accumulator A may take samples of type F when it holds every value of F:
 // unsigned sums take unsigned samples no wider than themselves, signed sums
@@ -483,9 +362,10 @@ void extractChannel_T(const SxPicBuf& in, SxPicBuf& out, unsigned channel)
 template <class T>
 void extractMosaicCell_T(const SxPicBuf& in, SxPicBuf& out, unsigned cx, unsigned cy)
 {
-    const size_t pixels = out.width;
+    const pixelkit::MosaicPlane cell{cx, cy, 2, 2, 1, 1};
+    const qint64 pixels = out.width;
     forEachRow(out.height, quint64(pixels) * 5 * sizeof(T), [&](quint32 y) {
-        extractRow_T<T, 2>(out.row<T>(y), in.row<T>(2 * y + cy), pixels, cx);
+        pixelkit::gatherPlaneRow<sizeof(T)>(pixelkit::rowsOf(in), cell, pixels, y, out.rowPtr(y));
     });
 }
 
@@ -564,31 +444,19 @@ template <class T>
 bool floatMinMax_T(const SxPicBuf& pic, bool finiteOnly, float& outMin, float& outMax)
 {
     const size_t n = size_t(pic.width) * pic.channels;
-    const qint64 h = qint64(pic.height);
     constexpr T none = std::numeric_limits<T>::infinity();
-    T mn = none, mx = -none;
-    if (h > 1 && quint64(h) * n * sizeof(T) >= ParallelMinBytes) {
-        const int chunk = int(qBound<quint64>(1, ChunkBytes / qMax<quint64>(n * sizeof(T), 1), 1024));
-#pragma omp parallel
-        {
-            T lmn = none, lmx = -none;
-#pragma omp for schedule(dynamic, chunk) nowait
-            for (qint64 y = 0; y < h; ++y)
-                minMaxRow_T<T>(pic.row<T>(quint32(y)), n, finiteOnly, lmn, lmx);
-#pragma omp critical(picbufFloatMinMax)
-            {
-                mn = lmn < mn ? lmn : mn;
-                mx = lmx > mx ? lmx : mx;
-            }
-        }
-    } else {
-        for (qint64 y = 0; y < h; ++y)
-            minMaxRow_T<T>(pic.row<T>(quint32(y)), n, finiteOnly, mn, mx);
-    }
-    if (!(mn <= mx))
+    struct { T mn, mx; } range{none, -none};
+    pixelkit::forEachRowFolding(
+        pic.height, n * sizeof(T), range,
+        [&](auto& r, quint32 y) { minMaxRow_T<T>(pic.row<T>(y), n, finiteOnly, r.mn, r.mx); },
+        [](auto& all, const auto& r) {
+            all.mn = r.mn < all.mn ? r.mn : all.mn;
+            all.mx = r.mx > all.mx ? r.mx : all.mx;
+        });
+    if (!(range.mn <= range.mx))
         return false;  // no sample that counts
-    outMin = float(mn);
-    outMax = float(mx);
+    outMin = float(range.mn);
+    outMax = float(range.mx);
     return true;
 }
 

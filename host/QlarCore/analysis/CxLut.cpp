@@ -1,6 +1,9 @@
 #include "CxLut.h"
 #include "SxPicBuf.h"
 
+#include <KitCpu.h>
+#include <KitRows.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -12,12 +15,6 @@
 #endif
 
 namespace {
-
-constexpr qint64 kParallelPixels = 1 << 16;
-// Rows are handed out in small chunks rather than halves: on a machine busy
-// with other work one thread may be descheduled, and the other then takes
-// over its share instead of waiting for it.
-constexpr int kRowChunk = 8;
 
 double clamp01(double v) { return v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v); }
 
@@ -110,12 +107,12 @@ bool aligned(const SxPicBuf& p, unsigned bytes)
     return quintptr(p.data) % bytes == 0 && p.effectiveLinePitch() % bytes == 0;
 }
 
+// bytesPerRow: samples read and written by a row; 0 keeps the pass on the
+// calling thread.
 template <class Fn>
-void forRows(int height, qint64 pixels, Fn&& fn)
+void forRows(int height, quint64 bytesPerRow, Fn&& fn)
 {
-#pragma omp parallel for schedule(dynamic, kRowChunk) if (pixels >= kParallelPixels)
-    for (int y = 0; y < height; ++y)
-        fn(y);
+    pixelkit::forEachRow(quint32(height), bytesPerRow, [&](quint32 y) { fn(int(y)); });
 }
 
 // One flat run of samples through one table. The scalar loops read and
@@ -174,9 +171,7 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mapRow8Vbmi(const qu
 
 bool hasVbmi()
 {
-    static const bool yes = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")
-                            && __builtin_cpu_supports("avx512vbmi");
-    return yes;
+    return pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi);
 }
 #endif
 
@@ -212,15 +207,19 @@ void applySame_T(const SxPicBuf& in, SxPicBuf& out, const TOut* tab, size_t entr
 #if defined(__x86_64__)
     memoryBound = shared && std::is_same_v<TIn, quint8> && std::is_same_v<TOut, quint8> && hasVbmi();
 #endif
-    forRows(int(in.height), memoryBound ? 0 : w * in.height, [&](int y) {
+    forRows(int(in.height), memoryBound ? 0 : quint64(w) * channels * (sizeof(TIn) + sizeof(TOut)), [&](int y) {
         const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
         TOut* d = reinterpret_cast<TOut*>(out.data + y * outPitch);
         if (shared) {
             mapRow_T(s, d, tab, w * channels);
         } else {
-            for (qint64 x = 0; x < w; ++x)
-                for (int c = 0; c < channels; ++c)
-                    d[x * channels + c] = tab[size_t(c) * entries + s[x * channels + c]];
+            const TOut* __restrict t = tab;
+            const qint64 n = w;
+            const int ch = channels;
+            const size_t e = entries;
+            for (qint64 x = 0; x < n; ++x)
+                for (int c = 0; c < ch; ++c)
+                    d[x * ch + c] = t[size_t(c) * e + s[x * ch + c]];
         }
     });
 }
@@ -231,11 +230,15 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
     const qint64 inPitch = qint64(in.effectiveLinePitch());
     const qint64 outPitch = qint64(out.effectiveLinePitch());
     const qint64 w = in.width;
-    forRows(int(in.height), w * in.height, [&](int y) {
-        const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
-        uchar* d = out.data + y * outPitch;
-        for (qint64 x = 0; x < w; ++x)
-            std::memcpy(d + 4 * x, &tab[s[x]], 4);
+    forRows(int(in.height), quint64(w) * (sizeof(TIn) + 4), [&](int y) {
+        // Locals, not captures: the byte stores could alias a captured
+        // width or table, which would then be reloaded for every pixel.
+        const TIn* __restrict s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
+        uchar* __restrict d = out.data + y * outPitch;
+        const quint32* __restrict t = tab;
+        const qint64 n = w;
+        for (qint64 x = 0; x < n; ++x)
+            std::memcpy(d + 4 * x, &t[s[x]], 4);
     });
 }
 
@@ -248,14 +251,19 @@ void applyRgbColour_T(const SxPicBuf& in, SxPicBuf& out, const quint8* tab, size
     const quint8* t0 = tab;
     const quint8* t1 = shared ? tab : tab + entries;
     const quint8* t2 = shared ? tab : tab + 2 * entries;
-    forRows(int(in.height), w * in.height, [&](int y) {
-        const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
-        uchar* d = out.data + y * outPitch;
-        for (qint64 x = 0; x < w; ++x) {
-            const TIn* p = s + x * channels;
-            d[4 * x + 0] = t0[p[0]];
-            d[4 * x + 1] = t1[p[1]];
-            d[4 * x + 2] = t2[p[2]];
+    forRows(int(in.height), quint64(w) * (channels * sizeof(TIn) + 4), [&](int y) {
+        const TIn* __restrict s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
+        uchar* __restrict d = out.data + y * outPitch;
+        const quint8* __restrict r0 = t0;
+        const quint8* __restrict r1 = t1;
+        const quint8* __restrict r2 = t2;
+        const qint64 n = w;
+        const int ch = channels;
+        for (qint64 x = 0; x < n; ++x) {
+            const TIn* p = s + x * ch;
+            d[4 * x + 0] = r0[p[0]];
+            d[4 * x + 1] = r1[p[1]];
+            d[4 * x + 2] = r2[p[2]];
             d[4 * x + 3] = 255;
         }
     });

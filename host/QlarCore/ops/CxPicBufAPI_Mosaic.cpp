@@ -35,6 +35,10 @@
 // output that overlaps the input. Nothing is allocated.
 #include "CxPicBufAPI.h"
 
+#include <KitCpu.h>
+#include <KitDispatch.h>
+#include <KitPicture.h>
+
 #include <QtCore/QRect>
 
 #include <algorithm>
@@ -235,19 +239,13 @@ QLAR_PAIR_ENTRIES(quint16, quint32, u16min, Stat::Min)
 QLAR_PAIR_ENTRIES(quint16, quint32, u16max, Stat::Max)
 QLAR_PAIR_ENTRIES(quint16, quint32, u16avg, Stat::Avg)
 
-bool hasAvx2()
-{
-    static const bool yes = __builtin_cpu_supports("avx2");
-    return yes;
-}
-
 // The 2 x 2 row kernel for a type and statistic, per cell or sliding; null
 // when there is none.
 PairRowFn pickPairRow(ExImageDataType type, Stat st, bool slide)
 {
 #define QLAR_PICK(suffix)                                                                      \
     (slide ? (avx ? slideAvx2_##suffix : slideSse_##suffix) : (avx ? pairAvx2_##suffix : pairSse_##suffix))
-    const bool avx = hasAvx2();
+    const bool avx = pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
     if (type == IDT_UINT8) {
         switch (st) {
         case Stat::Min: return QLAR_PICK(u8min);
@@ -443,20 +441,7 @@ bool runTyped(Stat st, bool perCellMode, const SxPicBuf& in, const Cells& c, SxP
 
 bool laidOut(const SxPicBuf& p)
 {
-    const quint64 pitch = p.effectiveLinePitch();
-    if (!p.data || pitch < p.packedLineBytes() || pitch % p.bytesPerSample()
-        || quintptr(p.data) % p.bytesPerSample())
-        return false;
-    return p.memCapacity == 0 || p.memCapacity >= p.requiredBytes();
-}
-
-bool overlaps(const SxPicBuf& a, const SxPicBuf& b)
-{
-    const uchar* a0 = a.data;
-    const uchar* a1 = a0 + a.requiredBytes();
-    const uchar* b0 = b.data;
-    const uchar* b1 = b0 + b.requiredBytes();
-    return a0 < b1 && b0 < a1;
+    return p.data && pixelkit::rowsFit(p) && pixelkit::samplesAligned(p);
 }
 
 bool filterMosaic(Stat st, const SxPicBuf& in, const QRect& rect, int periodX, int periodY, SxPicBuf& out)
@@ -467,7 +452,7 @@ bool filterMosaic(Stat st, const SxPicBuf& in, const QRect& rect, int periodX, i
         return false;
     if (in.width == 0 || in.height == 0 || in.width > quint32(INT_MAX) || in.height > quint32(INT_MAX))
         return false;
-    if (!laidOut(in) || !laidOut(out) || overlaps(in, out))
+    if (!laidOut(in) || !laidOut(out) || pixelkit::overlaps(in, out))
         return false;
 
     Cells c;
@@ -494,16 +479,10 @@ bool filterMosaic(Stat st, const SxPicBuf& in, const QRect& rect, int periodX, i
         c.height = clipped.height();
     }
 
-    switch (in.dataType) {
-    case IDT_INT8: return runTyped<qint8>(st, perCellMode, in, c, out);
-    case IDT_UINT8: return runTyped<quint8>(st, perCellMode, in, c, out);
-    case IDT_INT16: return runTyped<qint16>(st, perCellMode, in, c, out);
-    case IDT_UINT16: return runTyped<quint16>(st, perCellMode, in, c, out);
-    case IDT_INT32: return runTyped<qint32>(st, perCellMode, in, c, out);
-    case IDT_UINT32: return runTyped<quint32>(st, perCellMode, in, c, out);
-    case IDT_FLOAT: return runTyped<float>(st, perCellMode, in, c, out);
-    default: return false;
-    }
+    using Types = pixelkit::Only<qint8, quint8, qint16, quint16, qint32, quint32, float>;
+    return pixelkit::withSampleTypeIn<Types>(in.dataType, [&](auto tag) {
+        return runTyped<typename decltype(tag)::type>(st, perCellMode, in, c, out);
+    });
 }
 
 } // namespace

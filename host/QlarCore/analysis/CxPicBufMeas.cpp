@@ -2,6 +2,8 @@
 #include "CxImageData.h"
 #include "CxImageMetadata.h"
 
+#include <KitDispatch.h>
+
 #include <QtCore/QRect>
 
 #include <algorithm>
@@ -530,15 +532,15 @@ bool CxPicBufMeas::measureHistogram(CxHistoData& histo, const SxPicBuf& pic, con
     const int bins = 1 << std::min(bits, 16);
     const int shift = std::max(0, bits - 16);
 
-    switch (t) {
-    case IDT_INT8: measureSmall_T<qint8>(histo, job, flags, bins, shift); break;
-    case IDT_UINT8: measureSmall_T<quint8>(histo, job, flags, bins, shift); break;
-    case IDT_INT16: measureSmall_T<qint16>(histo, job, flags, bins, shift); break;
-    case IDT_UINT16: measureSmall_T<quint16>(histo, job, flags, bins, shift); break;
-    case IDT_INT32: measureWide_T<qint32>(histo, job, flags, bins, shift); break;
-    case IDT_UINT32: measureWide_T<quint32>(histo, job, flags, bins, shift); break;
-    case IDT_FLOAT: measureFloat(histo, job, flags); break;
-    default: return false;
-    }
-    return true;
+    using Types = pixelkit::Only<qint8, quint8, qint16, quint16, qint32, quint32, float>;
+    return pixelkit::withSampleTypeIn<Types>(t, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (std::is_floating_point_v<T>)
+            measureFloat(histo, job, flags);
+        else if constexpr (sizeof(T) <= 2)
+            measureSmall_T<T>(histo, job, flags, bins, shift);
+        else
+            measureWide_T<T>(histo, job, flags, bins, shift);
+        return true;
+    });
 }

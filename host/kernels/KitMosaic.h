@@ -1,0 +1,346 @@
+#pragma once
+// One plane of a mosaic, gathered out of its picture into dense rows and
+// woven back in.
+//
+// A plane is the samples at offset (x0, y0) of a pattern: cells of cellW x
+// cellH samples whose top-left corners lie stepX samples and stepY rows
+// apart (stepX = periodX x cellW for cells side by side; a channel of an
+// interleaved picture is a pattern of step channels). Plane sample (i, r) is
+// picture sample
+//     x = x0 + (i / cellW) * stepX + i % cellW,  y = y0 + (r / cellH) * stepY + r % cellH.
+// Coordinates count samples of a row, not pixels. Offsets may lie outside
+// the picture: a gather writes 0 for every plane sample the picture does not
+// hold, and a weave skips those samples, so neither reads nor writes outside
+// either buffer. Rows may start at any byte (a 16-bit picture with odd row
+// padding): samples move through memcpy, which the compiler turns into
+// plain loads and stores.
+
+#include "KitPicture.h"
+
+#include <QtCore/qglobal.h>
+
+#include <cstring>
+#include <type_traits>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace pixelkit {
+
+// Rows of samples in memory: width and height in samples and rows.
+template <class Byte>
+struct SampleRows
+{
+    Byte* data = nullptr;
+    quint64 pitch = 0;
+    qint64 width = 0;
+    qint64 height = 0;
+};
+
+template <class Pic>
+SampleRows<const uchar> rowsOf(const Pic& p)
+{
+    return {p.data, p.effectiveLinePitch(), qint64(p.width) * p.channels, qint64(p.height)};
+}
+
+template <class Pic>
+SampleRows<uchar> rowsOf(Pic& p)
+{
+    return {p.data, p.effectiveLinePitch(), qint64(p.width) * p.channels, qint64(p.height)};
+}
+
+struct MosaicPlane
+{
+    qint64 x0 = 0, y0 = 0;
+    qint64 stepX = 2, stepY = 2;
+    qint64 cellW = 1, cellH = 1;
+};
+
+namespace detail {
+
+// Every picture dimension fits 32 bits, so a step at least this long leaves
+// any picture in one go; capping there keeps the arithmetic of nonsense
+// camera descriptions from overflowing.
+constexpr qint64 FarAway = qint64(1) << 40;
+
+inline qint64 cappedAdd(qint64 a, qint64 b)
+{
+    const qint64 s = a + (b < FarAway ? b : FarAway);
+    return s < FarAway ? s : FarAway;
+}
+
+// Picture row of plane row r; FarAway or beyond when there is none.
+inline qint64 pictureRow(const MosaicPlane& m, qint64 r)
+{
+    const qint64 group = r / m.cellH;
+    const qint64 offset = m.stepY > 0 && group > FarAway / m.stepY ? FarAway : group * m.stepY;
+    return cappedAdd(m.y0, offset) + r % m.cellH;
+}
+
+// Plane samples [first, last) of a single-sample-cell row land inside a
+// picture row of width samples.
+inline void insideRun(const MosaicPlane& m, qint64 n, qint64 width, qint64& first, qint64& last)
+{
+    const qint64 step = m.stepX;
+    first = m.x0 >= 0 ? 0 : (-m.x0 + step - 1) / step;
+    last = m.x0 >= width ? 0 : (width - m.x0 + step - 1) / step;
+    first = first < n ? first : n;
+    last = last < n ? last : n;
+    if (last < first)
+        last = first;
+}
+
+template <unsigned S>
+inline void copySample(uchar* d, const uchar* s)
+{
+    std::memcpy(d, s, S);
+}
+
+// Not built as clones: their resolvers would be exported by every library
+// that instantiates them.
+template <class U>
+void gatherEveryOtherWide(uchar* __restrict d, const uchar* __restrict s, qint64 n)
+{
+    for (qint64 i = 0; i < n; ++i)
+        std::memcpy(d + i * sizeof(U), s + 2 * i * sizeof(U), sizeof(U));
+}
+
+// Every other sample of a row: n samples of a 2 x 2 mosaic cell. The vector
+// loops stop a sample early: their last load reaches one sample past the
+// last one taken, which may lie past the end of the picture.
+template <unsigned S>
+inline void gatherEveryOther(uchar* __restrict d, const uchar* __restrict s, qint64 n)
+{
+    qint64 i = 0;
+    if constexpr (S == 4) {
+        gatherEveryOtherWide<quint32>(d, s, n);
+        return;
+    } else if constexpr (S == 8) {
+        gatherEveryOtherWide<quint64>(d, s, n);
+        return;
+    }
+#if defined(__SSE2__)
+    if constexpr (S == 1) {
+        const __m128i low = _mm_set1_epi16(0x00ff);
+        for (; i + 17 <= n; i += 16) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * i));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * i + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
+                             _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
+        }
+    } else if constexpr (S == 2) {
+        // Sign-extended halves stay inside the signed 16-bit range, so the
+        // saturating pack keeps their bit patterns.
+        for (; i + 9 <= n; i += 8) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * i));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * i + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * i),
+                             _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
+                                             _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
+        }
+    }
+#endif
+    for (; i < n; ++i)
+        copySample<S>(d + i * S, s + 2 * i * S);
+}
+
+} // namespace detail
+
+// Product of two positive pattern sizes as a step, held at a distance beyond
+// every picture.
+inline qint64 cappedStep(qint64 a, qint64 b)
+{
+    return a > detail::FarAway / b ? detail::FarAway : qMin(a * b, detail::FarAway);
+}
+
+// Plane row r of m out of the picture in, into dst (out's width samples).
+// The plane comes by value: stores through the byte pointers could alias a
+// plane held by reference, and its steps would be reloaded for every sample.
+template <unsigned S>
+void gatherPlaneRow(SampleRows<const uchar> in, const MosaicPlane m, qint64 width, qint64 r, uchar* dst)
+{
+    const qint64 y = detail::pictureRow(m, r);
+    if (y < 0 || y >= in.height) {
+        std::memset(dst, 0, size_t(width * S));
+        return;
+    }
+    const uchar* src = in.data + quint64(y) * in.pitch;
+    if (m.cellW == 1) {
+        // Single-sample cells: a plain stride, the common case, kept tight.
+        qint64 first, last;
+        detail::insideRun(m, width, in.width, first, last);
+        std::memset(dst, 0, size_t(first * S));
+        const uchar* s = src + (m.x0 + first * m.stepX) * qint64(S);
+        uchar* d = dst + first * S;
+        const qint64 n = last - first;
+        if (m.stepX == 2) {
+            detail::gatherEveryOther<S>(d, s, n);
+        } else {
+            const qint64 step = m.stepX * qint64(S);
+            for (qint64 i = 0; i < n; ++i)
+                detail::copySample<S>(d + i * S, s + i * step);
+        }
+        std::memset(dst + last * S, 0, size_t((width - last) * S));
+        return;
+    }
+    qint64 o = 0;
+    for (qint64 runX = m.x0; o < width; runX = detail::cappedAdd(runX, m.stepX)) {
+        for (qint64 j = 0; j < m.cellW && o < width; ++j, ++o) {
+            const qint64 x = runX + j;
+            if (x >= 0 && x < in.width)
+                detail::copySample<S>(dst + o * S, src + x * S);
+            else
+                std::memset(dst + o * S, 0, S);
+        }
+    }
+}
+
+// The whole plane, row by row on the calling thread.
+template <unsigned S>
+void gatherPlane(SampleRows<const uchar> in, const MosaicPlane& m, SampleRows<uchar> out)
+{
+    for (qint64 r = 0; r < out.height; ++r)
+        gatherPlaneRow<S>(in, m, out.width, r, out.data + quint64(r) * out.pitch);
+}
+
+// Plane row r back into the picture out: the samples out holds are written,
+// the others dropped.
+template <unsigned S>
+void weavePlaneRow(const uchar* src, qint64 width, const MosaicPlane m, qint64 r, SampleRows<uchar> out)
+{
+    const qint64 y = detail::pictureRow(m, r);
+    if (y < 0 || y >= out.height)
+        return;
+    uchar* dst = out.data + quint64(y) * out.pitch;
+    if (m.cellW == 1) {
+        qint64 first, last;
+        detail::insideRun(m, width, out.width, first, last);
+        uchar* d = dst + (m.x0 + first * m.stepX) * qint64(S);
+        const uchar* s = src + first * S;
+        const qint64 step = m.stepX * qint64(S);
+        for (qint64 i = 0, n = last - first; i < n; ++i)
+            detail::copySample<S>(d + i * step, s + i * S);
+        return;
+    }
+    qint64 o = 0;
+    for (qint64 runX = m.x0; o < width; runX = detail::cappedAdd(runX, m.stepX)) {
+        for (qint64 j = 0; j < m.cellW && o < width; ++j, ++o) {
+            const qint64 x = runX + j;
+            if (x >= 0 && x < out.width)
+                detail::copySample<S>(dst + x * S, src + o * S);
+        }
+    }
+}
+
+template <unsigned S>
+void weavePlane(SampleRows<const uchar> plane, const MosaicPlane& m, SampleRows<uchar> out)
+{
+    for (qint64 r = 0; r < plane.height; ++r)
+        weavePlaneRow<S>(plane.data + quint64(r) * plane.pitch, plane.width, m, r, out);
+}
+
+// Band totalBand of a hyperspectral mosaic (counted over all filter zones)
+// as a dense one-channel picture of samples S bytes wide: the plane of its
+// cell in its zone's pattern, starting at the zone's rectangle when it has
+// one. Groups of cellHeight rows start patternHeight x cellHeight x
+// cellHeight rows apart, as the cameras lay them out. The whole of out is
+// written, 0 where the picture has no sample. False, with out untouched,
+// without a description, a band, a pattern, or one-channel pictures of S
+// bytes whose rows fit their memory. Meta is the host's picture description
+// (anything with hsiCameraParams().filterZoneWithTotalBandIdx).
+template <unsigned S, class Pic, class Meta>
+bool gatherBand(Pic& out, const Pic& in, const Meta* meta, int totalBand)
+{
+    if (!meta || !in.data || in.channels != 1 || out.channels != 1)
+        return false;
+    if (in.bytesPerSample() != S || out.bytesPerSample() != S)
+        return false;
+    typename std::remove_cv_t<std::remove_reference_t<decltype(meta->hsiCameraParams())>>::SxBandIdx idx;
+    const auto* zone = meta->hsiCameraParams().filterZoneWithTotalBandIdx(totalBand, &idx);
+    if (!zone || idx.band < 0)
+        return false;
+    const qint64 px = zone->patternWidth, py = zone->patternHeight;
+    const qint64 cellW = zone->cellWidth, cellH = zone->cellHeight;
+    if (px <= 0 || py <= 0 || cellW <= 0 || cellH <= 0)
+        return false;
+    if (out.width == 0 || out.height == 0)
+        return true;
+    if (!out.data || !rowsFit(in) || !rowsFit(out))
+        return false;
+
+    qint64 x0 = (idx.band % px) * cellW;
+    qint64 y0 = (idx.band / px) * cellH;
+    const auto& rect = zone->rect;
+    if (rect.left() <= rect.right() && rect.top() <= rect.bottom()) {
+        x0 += rect.left();
+        y0 += rect.top();
+    }
+    const MosaicPlane band{x0, y0, cappedStep(px, cellW), cappedStep(cappedStep(py, cellH), cellH), cellW, cellH};
+    gatherPlane<S>(rowsOf(in), band, rowsOf(out));
+    return true;
+}
+
+// The 2 x 2 fast path for passes that need both cells of a row at once:
+// samples 2i and 2i + 1 of a picture row into a[i] and b[i], n pairs, and
+// back. Plane rows are aligned, picture rows may start at any byte.
+template <class T>
+inline void splitPairs(const uchar* s, T* a, T* b, quint64 n)
+{
+    quint64 x = 0;
+#if defined(__SSE2__)
+    if constexpr (sizeof(T) == 1) {
+        const __m128i low = _mm_set1_epi16(0x00ff);
+        for (; x + 16 <= n; x += 16) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                             _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                             _mm_packus_epi16(_mm_srli_epi16(v0, 8), _mm_srli_epi16(v1, 8)));
+        }
+    } else if constexpr (sizeof(T) == 2) {
+        for (; x + 8 <= n; x += 8) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                             _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
+                                             _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                             _mm_packs_epi32(_mm_srai_epi32(v0, 16), _mm_srai_epi32(v1, 16)));
+        }
+    }
+#endif
+    for (; x < n; ++x) {
+        std::memcpy(a + x, s + 2 * x * sizeof(T), sizeof(T));
+        std::memcpy(b + x, s + (2 * x + 1) * sizeof(T), sizeof(T));
+    }
+}
+
+template <class T>
+inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
+{
+    quint64 x = 0;
+#if defined(__SSE2__)
+    if constexpr (sizeof(T) == 1) {
+        for (; x + 16 <= n; x += 16) {
+            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x), _mm_unpacklo_epi8(va, vb));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x + 16), _mm_unpackhi_epi8(va, vb));
+        }
+    } else if constexpr (sizeof(T) == 2) {
+        for (; x + 8 <= n; x += 8) {
+            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_unpacklo_epi16(va, vb));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm_unpackhi_epi16(va, vb));
+        }
+    }
+#endif
+    for (; x < n; ++x) {
+        std::memcpy(d + 2 * x * sizeof(T), a + x, sizeof(T));
+        std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
+    }
+}
+
+} // namespace pixelkit
