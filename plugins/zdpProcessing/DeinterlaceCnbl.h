@@ -1,7 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-
-struct SxPicBuf;
+#include "NodeKit.h"
 
 // Keeps or reorders the rows of a picture by the parity of their index: it can
 // keep every other row, or stack the two fields of an interlaced frame one
@@ -41,11 +39,9 @@ public:
     ~CxDeinterlaceCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;

@@ -1,6 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-#include <SxPicBuf.h>
+#include "NodeKit.h"
 
 class CxHsiCameraParams;
 
@@ -48,8 +47,7 @@ public:
     ~CxFFT2DCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_TAKES_PICTURES(2)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
     bool hasConfigurationWidget() const override;
