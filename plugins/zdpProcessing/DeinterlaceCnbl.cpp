@@ -102,11 +102,6 @@ bool CxDeinterlaceCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxDeinterlaceCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxDeinterlaceCnbl::help(QString& anchor)
 {
     return tr("Deinterlaces the frame.<br>It can either extract odd/even rows or reoder them.");
@@ -121,14 +116,12 @@ bool CxDeinterlaceCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInf
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
+        nodekit::passFormat(in, out, inMeta, outMeta);
         const quint32 h = in.height;
         if (m_transform == TransformOddRows)
             out.height = (h >> 1) + (h & 1);
         else if (m_transform == TransformEvenRows)
             out.height = h >> 1;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
         return true;
     });
 }

@@ -47,7 +47,7 @@ public:
     void simpleStateConfigButtonPressed(int id) override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

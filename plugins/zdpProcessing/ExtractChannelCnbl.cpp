@@ -256,11 +256,6 @@ bool CxExtractChannelCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxExtractChannelCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxExtractChannelCnbl::help(QString& anchor)
 {
     return tr("Extracts one channel from the input image.<br>Can be used for extracting RAW channels and HSI bands too.");
@@ -366,11 +361,9 @@ bool CxExtractChannelCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
+        nodekit::passFormat(in, out, inMeta, outMeta);
         out.channels = 1;
         out.isColor = false;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
 
         if (in.channels == 1 && in.colorFilterArray != CFA_NONE && in.storageFormat != DSF_NOT_RAW) {
             if (isTwoByTwoMosaic(in.colorFilterArray)) {

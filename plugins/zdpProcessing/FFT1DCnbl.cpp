@@ -176,11 +176,6 @@ bool CxFFT1DCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxFFT1DCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxFFT1DCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -354,7 +349,8 @@ IxChainData* CxFFT1DCnbl::processData(IxChainData* data)
         if (pic->width == 0 || pic->height == 0)
             return complain(tr("Channel %1 has no samples inside the input image.").arg(ch));
         const quint64 n = type == rows ? pic->width : pic->height;
-        if (m_n == 0 || n != quint64(m_n) || !alignedSamples(*pic) || (type == rows && m_columnSums.size() < pic->width))
+        if (m_n == 0 || n != quint64(m_n) || !alignedSamples(*pic)
+            || (type == rows && m_columnSums.size() < pic->width))
             return nodekit::Drop;
         return nodekit::Go;
     };

@@ -1,8 +1,6 @@
 #pragma once
 #include <QtWidgets/QWidget>
 
-#include <functional>
-
 class QComboBox;
 class QDoubleSpinBox;
 class QListWidget;
@@ -35,7 +33,6 @@ private slots:
 
 private:
     void updateYScaling();
-    void apply(const std::function<void()>& set);
 
     CxFFT1DCnbl* m_node;
     QListWidget* m_list = nullptr;

@@ -160,11 +160,6 @@ bool CxFFT2DCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxFFT2DCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxFFT2DCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -201,7 +196,8 @@ QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, co
     if (info.colorFilterArray == CFA_NONE || info.storageFormat == DSF_NOT_RAW)
         return tr("Mono");
     if (isTwoByTwoMosaic(info.colorFilterArray))
-        return index >= 0 && index < 4 ? nodekit::cellColourName(staticMetaObject.className(), info.colorFilterArray, index) : tr("Whole image");
+        return index >= 0 && index < 4 ? nodekit::cellColourName(staticMetaObject.className(), info.colorFilterArray, index)
+                                       : tr("Whole image");
     if (info.colorFilterArray == CFA_HSI_MOSAIC) {
         const qint64 bands = hsi ? qint64(hsi->bandsAcross()) * hsi->bandsDown() : 0;
         CxHsiCameraParams::SxBandIdx idx;

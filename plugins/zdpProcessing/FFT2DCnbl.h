@@ -53,7 +53,7 @@ public:
     bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     void setupStart() override;
     void setupStop() override;

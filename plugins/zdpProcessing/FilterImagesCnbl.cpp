@@ -98,9 +98,7 @@ bool CxFilterImagesCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufIn
                                               const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        nodekit::passFormat(in, out, inMeta, outMeta);
         return true;
     });
 }

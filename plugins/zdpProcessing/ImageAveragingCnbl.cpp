@@ -178,11 +178,6 @@ bool CxImageAveragingCnbl::loadSettings(const QDomElement& element)
     return element.hasAttribute(kAverageCountAttr) && countOk;
 }
 
-bool CxImageAveragingCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxImageAveragingCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -209,14 +204,12 @@ bool CxImageAveragingCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
+        nodekit::passFormat(in, out, inMeta, outMeta);
         if (m_mode == ModeMinTouches) {
             out.dataType = IDT_UINT16;
             out.bitsPerSample = 16;
             out.linePitch = quint32((quint64(in.width) * in.channels * 2 + 255) & ~quint64(255));
         }
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
         return true;
     });
 }

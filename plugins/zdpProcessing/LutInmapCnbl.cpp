@@ -102,11 +102,6 @@ bool CxLutInmapCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxLutInmapCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxLutInmapCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -207,9 +202,7 @@ bool CxLutInmapCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& 
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        nodekit::passFormat(in, out, inMeta, outMeta);
         if (m_mapToRgb) {
             out.channels = 4;
             out.bitsPerSample = 8;

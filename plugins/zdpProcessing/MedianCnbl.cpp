@@ -357,11 +357,6 @@ bool CxMedianCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxMedianCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxMedianCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -466,9 +461,7 @@ bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& ou
                                         const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        nodekit::passFormat(in, out, inMeta, outMeta);
         return true;
     });
 }

@@ -179,11 +179,6 @@ bool CxMosaicStatFilterChnbl::loadSettings(const QDomElement& element)
     return result && filterOk && interpolationOk;
 }
 
-bool CxMosaicStatFilterChnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxMosaicStatFilterChnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);

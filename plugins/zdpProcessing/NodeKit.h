@@ -151,6 +151,16 @@ IxChainData* processFrame(CxImageProvider* node, IxChainData* data, const FrameR
 // first one stays until it is cleared.
 void tell(CxChainable* node, const QString& message);
 
+// The output format and description of a node that leaves them as they
+// come (nodes change what they change afterwards).
+inline void passFormat(const SxPicBufInfo& in, SxPicBufInfo& out, const CxImageMetadata* inMeta,
+                       CxImageMetadata* outMeta)
+{
+    out = in;
+    if (outMeta)
+        *outMeta = inMeta ? *inMeta : CxImageMetadata();
+}
+
 // ---- Settings ----
 
 // The setter with restart: with restart set and a running chain, the chain is

@@ -446,11 +446,6 @@ bool CxRgbNirDemosaicCnbl::loadSettings(const QDomElement& element)
     return result;
 }
 
-bool CxRgbNirDemosaicCnbl::hasHelp() const
-{
-    return true;
-}
-
 QString CxRgbNirDemosaicCnbl::help(QString& anchor)
 {
     Q_UNUSED(anchor);
@@ -480,9 +475,7 @@ bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBuf
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        nodekit::passFormat(in, out, inMeta, outMeta);
         if (in.channels != 1 || in.colorFilterArray == CFA_NONE || in.storageFormat == DSF_NOT_RAW)
             return true;
 

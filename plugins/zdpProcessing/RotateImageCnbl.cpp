@@ -378,15 +378,13 @@ bool CxRotateImageCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInf
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
+        nodekit::passFormat(in, out, inMeta, outMeta);
         out.width = in.height;
         out.height = in.width;
         out.linePitch = quint32(out.packedLineBytes());
         out.colorFilterArray = rotatedColorFilterArray(in.colorFilterArray, m_clockwise);
-        if (outMeta) {
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        if (outMeta)
             outMeta->updateFromPicBufInfo(&out);
-        }
         return true;
     });
 }

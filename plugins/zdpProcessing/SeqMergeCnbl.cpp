@@ -86,7 +86,8 @@ bool CxSeqMergeCnbl::loadSettings(const QDomElement& element)
     // Not range-checked: the document's value is kept so that saving writes
     // it back; counts the node cannot merge with pass frames through.
     m_count = nodekit::attribute(element, kCountAttribute, m_count);
-    m_passCompleteOnly = nodekit::attribute(element, kPassCompleteAttribute, m_passCompleteOnly, nodekit::On::AboveZero);
+    m_passCompleteOnly =
+        nodekit::attribute(element, kPassCompleteAttribute, m_passCompleteOnly, nodekit::On::AboveZero);
     return result;
 }
 
@@ -109,9 +110,7 @@ bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& 
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        out = in;
-        if (outMeta)
-            *outMeta = inMeta ? *inMeta : CxImageMetadata();
+        nodekit::passFormat(in, out, inMeta, outMeta);
         if (!usableCount())
             return true;
         if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
