@@ -1,6 +1,6 @@
 #include "FFT1DWidget.h"
 #include "FFT1DCnbl.h"
-#include "FFT2DWidget.h"
+#include "FFT2DCnbl.h"
 #include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
@@ -24,7 +24,10 @@ CxFFT1DWidget::CxFFT1DWidget(CxFFT1DCnbl* node)
     SxPicBufInfo info;
     CxImageMetadata meta;
     node->inputFormat(info, &meta);
-    CxFFT2DWidget::fillChannelList(m_list, node->channel(), info, meta);
+    QList<QString> names;
+    QList<int> indices;
+    CxFFT2DCnbl::channelList(info, meta.hsiCameraParams(), names, indices);
+    nodekit::fillChannelList(m_list, names, indices, node->channel());
 
     int row = 0;
     auto* type = new QComboBox;
@@ -69,11 +72,6 @@ CxFFT1DWidget::CxFFT1DWidget(CxFFT1DCnbl* node)
 }
 
 CxFFT1DWidget::~CxFFT1DWidget() = default;
-
-QListWidgetItem* CxFFT1DWidget::createChannelItem(QListWidget* list, const QString& name, int index, int current)
-{
-    return CxFFT2DWidget::createChannelItem(list, name, index, current);
-}
 
 void CxFFT1DWidget::updateYScaling()
 {

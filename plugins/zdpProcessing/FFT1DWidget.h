@@ -4,7 +4,6 @@
 class QComboBox;
 class QDoubleSpinBox;
 class QListWidget;
-class QListWidgetItem;
 class CxFFT1DCnbl;
 
 // Configuration panel of the 1D spectrum node: the channel list of the input
@@ -17,8 +16,6 @@ class CxFFT1DWidget : public QWidget
 public:
     explicit CxFFT1DWidget(CxFFT1DCnbl* node);
     ~CxFFT1DWidget() override;
-
-    static QListWidgetItem* createChannelItem(QListWidget* list, const QString& name, int index, int current);
 
 private slots:
     void on_lstChannelClicked(int row);

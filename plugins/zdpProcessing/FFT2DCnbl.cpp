@@ -210,6 +210,29 @@ QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, co
     return QString();
 }
 
+void CxFFT2DCnbl::channelList(const SxPicBufInfo& info, const CxHsiCameraParams& hsi, QList<QString>& names,
+                              QList<int>& indices)
+{
+    const auto add = [&](int index) {
+        names.append(channelNameForIndex(index, info, &hsi));
+        indices.append(index);
+    };
+    if (info.channels > 1) {
+        for (int i = 0; i < int(qMin<quint32>(info.channels, 4)); ++i)
+            add(i);
+    } else if (info.channels == 1 && info.storageFormat != DSF_NOT_RAW) {
+        if (isTwoByTwoMosaic(info.colorFilterArray)) {
+            for (int i = -1; i < 4; ++i)
+                add(i);
+        } else if (info.colorFilterArray == CFA_HSI_MOSAIC) {
+            // As many rows as channelNameForIndex has names for.
+            const int bands = hsi.bandsAcross() * hsi.bandsDown();
+            for (int i = -1; i < bands; ++i)
+                add(i);
+        }
+    }
+}
+
 bool CxFFT2DCnbl::isSupportedInput(const SxPicBufInfo& info)
 {
     if (info.channels > 1)

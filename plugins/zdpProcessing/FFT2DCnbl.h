@@ -70,6 +70,9 @@ public:
     // Display name of channel index for pictures of this layout; used by both
     // spectrum nodes and their panels.
     static QString channelNameForIndex(int index, const SxPicBufInfo& info, const CxHsiCameraParams* hsi);
+    // The channels both spectrum panels offer for pictures of this layout.
+    static void channelList(const SxPicBufInfo& info, const CxHsiCameraParams& hsi, QList<QString>& names,
+                            QList<int>& indices);
     static bool isSupportedInput(const SxPicBufInfo& info);
     // Packed, at most 4 channels, samples of at most 2 bytes.
     static bool isTransformableFormat(const SxPicBufInfo& info);

@@ -26,7 +26,8 @@ const CxHistoData::ExHistoDataFlags kHistogramFlags =
 
 // Between the ends of a series the node answers nothing, and a pool picture
 // is taken only for the frames that make one.
-constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed};
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed,
+                                     nodekit::OutputSomeFrames};
 
 // Log lines keep the numbers the support team greps for, whatever this file
 // looks like now.
@@ -361,50 +362,31 @@ bool CxImageAveragingCnbl::computePassThrough(const SxPicBuf& frame, SxPicBuf& o
 
 IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
 {
-    return nodekit::guarded(this, "processData", [&]() -> IxChainData* {
-        IxChainData* answer = nullptr;
-        const CxImageData* input = nodekit::pictureOf(this, data, kFrame, answer);
-        if (!input)
-            return answer;
-
-        const SxPicBuf* inPic = input->picBuf();
-        SxPicBufInfo outInfo;
-        CxImageMetadata outMeta;
-        if (!queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta) || !inPic->data)
-            return nullptr;
-
+    return nodekit::processFrame(this, data, kFrame, [this](nodekit::Frame& f) {
+        const SxPicBuf& in = f.in;
         QMutexLocker lock(nodeMutex());
-        SxPicBuf out;
         bool haveOut = false;
-        auto takePoolPicture = [&] {
-            return CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, out, outInfo, kFrame.pool);
-        };
-        auto fail = [&] {
-            CxPicBufAPI::FreePicBuf(out, false);
-            return nullptr;
-        };
-
         if (m_countToAverage < 2 && !m_countInfinite) {
             m_frameCounter = 1;
-            if (!takePoolPicture())
-                return nullptr;
-            const bool ok = computeStatistic(*inPic, 1, out);
+            if (!f.take())
+                return nodekit::Drop;
+            const bool ok = computeStatistic(in, 1, f.out);
             m_frameCounter = 0;
             if (!ok)
-                return fail();
+                return nodekit::Drop;
             haveOut = true;
         } else {
-            if (!accumulate(*inPic))
-                return nullptr;
+            if (!accumulate(in))
+                return nodekit::Drop;
             ++m_frameCounter;
             emit titleChanged(this);
 
             if (m_mode == ModeSubtractAverage && m_lastAverageValid) {
-                if (!takePoolPicture() || !CxPicBufAPI::CopyPicBuf(out, *inPic, false))
-                    return fail();
-                if (m_histogram.channels() >= int(colourChannels(out))
-                    && !SubtractWithOffset(m_lastAverage, out, m_histogram))
-                    return fail();
+                if (!f.take() || !CxPicBufAPI::CopyPicBuf(f.out, in, false))
+                    return nodekit::Drop;
+                if (m_histogram.channels() >= int(colourChannels(f.out))
+                    && !SubtractWithOffset(m_lastAverage, f.out, m_histogram))
+                    return nodekit::Drop;
                 haveOut = true;
             }
             if (m_mode == ModeSubtractAverage && m_subtractCounter >= m_countToAverage
@@ -418,10 +400,10 @@ IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
             const bool seriesOpen = m_frameCounter < m_countToAverage;
             if (seriesOpen && !(m_countInfinite && m_frameCounter >= 2)) {
                 if (!haveOut) {
-                    if (data->isLiveData())
-                        return nullptr;
-                    if (!takePoolPicture() || !computePassThrough(*inPic, out))
-                        return fail();
+                    if (f.packet.isLiveData())
+                        return nodekit::Drop;
+                    if (!f.take() || !computePassThrough(in, f.out))
+                        return nodekit::Drop;
                     haveOut = true;
                 }
             } else if (m_mode == ModeSubtractAverage) {
@@ -431,17 +413,14 @@ IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
                 const int frames = m_frameCounter;
                 if (!m_countInfinite)
                     m_frameCounter = 0;
-                if (!takePoolPicture())
-                    return nullptr;
-                if (!computeStatistic(*inPic, frames, out))
-                    return fail();
+                if (!f.take() || !computeStatistic(in, frames, f.out))
+                    return nodekit::Drop;
                 haveOut = true;
             }
         }
         if (!haveOut)
-            return nullptr;
-
-        LineAveraging(out, m_lineAveraging);
-        return nodekit::deliver(data, out, *inPic, outMeta);
+            return nodekit::Drop;
+        LineAveraging(f.out, m_lineAveraging);
+        return nodekit::Go;
     });
 }

@@ -2,6 +2,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtWidgets/QListWidget>
 
 #include <limits>
 
@@ -113,6 +114,19 @@ QString describe(const SxPicBufInfo& f)
     if (f.isColor)
         s += QStringLiteral(" colour");
     return s;
+}
+
+void fillChannelList(QListWidget* list, const QList<QString>& names, const QList<int>& indices, int current)
+{
+    for (int i = 0; i < names.size() && i < indices.size(); ++i) {
+        auto* item = new QListWidgetItem(names.at(i));
+        item->setData(Qt::UserRole, indices.at(i));
+        list->addItem(item);
+        if (indices.at(i) == current)
+            list->setCurrentItem(item);
+    }
+    if (QListWidgetItem* item = list->currentItem())
+        list->scrollToItem(item);
 }
 
 bool firstFilterZone(const CxHsiCameraParams& hsi, CxHsiCameraParams::CxFilterZone& zone)

@@ -21,6 +21,9 @@
 
 #include <exception>
 #include <type_traits>
+#include <utility>
+
+class QListWidget;
 
 // The overrides every node writes alike: pictures are taken from any image
 // provider, the panel exists, and the pool holds poolPictures outputs.
@@ -63,12 +66,16 @@ auto guarded(CxChainable* node, const char* where, Body&& body) -> decltype(body
 enum Foreign : bool { ForeignDropped = false, ForeignPassed = true };     // not a picture packet
 enum Stopping : bool { StoppingDropped = false, StoppingPassed = true };  // any packet while the chain stops
 enum Pool : bool { PoolFixed = false, PoolGrows = true };                 // the pool picture's grow flag
+// A node that answers nothing for some frames takes its pool picture itself
+// (Frame::take), only when it makes one.
+enum Output : bool { OutputEveryFrame = false, OutputSomeFrames = true };
 
 struct FrameRules
 {
     Foreign foreign;
     Stopping stopping;
     Pool pool;
+    Output output = OutputEveryFrame;
 };
 
 // What a node's own step makes of a frame: go on with it, give no output,
@@ -83,6 +90,14 @@ struct Frame
     const SxPicBuf& in;
     const CxImageMetadata* meta;
     SxPicBuf out;
+
+    // The pool picture of the negotiated format into out; false when the
+    // pool has none free.
+    bool take() { return CxPicBufAPI::AllocPicBufFromPool(node->memoryPool(), node, out, outInfo, pool); }
+
+    CxImageProvider* node;
+    SxPicBufInfo outInfo;
+    Pool pool;
 };
 
 // The picture packet data is, or null with answer set to what processData
@@ -109,8 +124,8 @@ IxChainData* deliver(IxChainData* data, SxPicBuf& out, const SxPicBuf& in, const
 // before negotiating, which may tell the user why a picture passes on);
 // the output format through the node's queryOutputImageInfo (a refusal, or
 // a picture without pixels, gives no output and keeps the input); the pool
-// picture; work, which fills frame.out; delivery. A pool picture that work
-// does not use goes back to the pool.
+// picture (unless the node takes it); work, which fills frame.out; delivery.
+// A pool picture that work does not use goes back to the pool.
 template <class Admit, class Work>
 IxChainData* processFrame(CxImageProvider* node, IxChainData* data, const FrameRules& rules, Admit&& admit,
                           Work&& work)
@@ -120,16 +135,15 @@ IxChainData* processFrame(CxImageProvider* node, IxChainData* data, const FrameR
         const CxImageData* input = pictureOf(node, data, rules, answer);
         if (!input)
             return answer;
-        Frame frame{*input, *input->picBuf(), input->metadata(), SxPicBuf()};
+        Frame frame{*input, *input->picBuf(), input->metadata(), SxPicBuf(), node, SxPicBufInfo(), rules.pool};
         const Verdict admitted = admit(static_cast<const Frame&>(frame));
         if (admitted != Go)
             return admitted == PassOn ? data : nullptr;
 
-        SxPicBufInfo outInfo;
         CxImageMetadata outMeta;
-        if (!node->queryOutputImageInfo(frame.in, outInfo, frame.meta, &outMeta) || !frame.in.data)
+        if (!node->queryOutputImageInfo(frame.in, frame.outInfo, frame.meta, &outMeta) || !frame.in.data)
             return nullptr;
-        if (!CxPicBufAPI::AllocPicBufFromPool(node->memoryPool(), node, frame.out, outInfo, rules.pool))
+        if (rules.output == OutputEveryFrame && !frame.take())
             return nullptr;
         const Verdict made = work(frame);
         if (made != Go) {
@@ -271,6 +285,12 @@ QString describe(const SxPicBufInfo& f);
 // cfa (1..6), translated in the node's context: "Red", or "Green 1" and
 // "Green 2" where a colour has two cells.
 QString cellColourName(const char* context, quint32 cfa, int cell);
+
+// ---- Panels ----
+
+// A panel's channel list: one row per name, holding its channel index under
+// Qt::UserRole; the row of the current channel selected and in view.
+void fillChannelList(QListWidget* list, const QList<QString>& names, const QList<int>& indices, int current);
 
 // ---- Hyperspectral descriptions ----
 
