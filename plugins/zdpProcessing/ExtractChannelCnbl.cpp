@@ -251,7 +251,7 @@ bool CxExtractChannelCnbl::saveSettings(QDomDocument& doc, QDomElement& element)
 bool CxExtractChannelCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    // Unlike the other settings, a missing channel reads as 0.
+    // Unlike most settings, a missing channel reads as 0.
     setChannel(nodekit::attribute(element, kChannelAttribute, 0u));
     return result;
 }

@@ -1,7 +1,6 @@
 #include "FFT1DWidget.h"
 #include "FFT1DCnbl.h"
 #include "FFT2DCnbl.h"
-#include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>

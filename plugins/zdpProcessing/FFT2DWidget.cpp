@@ -1,6 +1,5 @@
 #include "FFT2DWidget.h"
 #include "FFT2DCnbl.h"
-#include "NodeKit.h"
 
 #include <QtWidgets/QListWidget>
 #include <QtWidgets/QVBoxLayout>

@@ -349,7 +349,7 @@ bool CxMedianCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxMedianCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    // Unlike the other nodes, a missing size fails the load.
+    // Unlike most nodes, a missing size fails the load.
     if (!element.hasAttribute(kKernelSizeAttribute))
         return false;
     const int size = nodekit::attribute(element, kKernelSizeAttribute, 0);

@@ -196,7 +196,8 @@ bool CxMosaicStatFilterChnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPic
                                                    const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
 {
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
-        return outputFormat(statFilter(), interpolation(), in, out, inMeta, outMeta);
+        return nodekit::locked(this,
+                               [&] { return outputFormat(m_statFilter, m_interpolation, in, out, inMeta, outMeta); });
     });
 }
 

@@ -1,6 +1,5 @@
 #include "MosaicStatFilterWidget.h"
 #include "MosaicStatFilterChnbl.h"
-#include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>
