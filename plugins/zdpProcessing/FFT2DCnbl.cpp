@@ -343,9 +343,9 @@ IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
         }
 
         SxPicBuf re, im;
-        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, re, outInfo, false))
+        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, re, outInfo, kFrame.pool))
             return nullptr;
-        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, im, outInfo, false)
+        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, im, outInfo, kFrame.pool)
             || !CxFFT::Calc2D(*source, re, im, m_fft1, m_fft2, m_fft3)) {
             CxPicBufAPI::FreePicBuf(re, true);
             CxPicBufAPI::FreePicBuf(im, true);
