@@ -1,20 +1,17 @@
 #include "DeinterlaceCnbl.h"
 #include "DeinterlaceWidget.h"
-#include "NodeKit.h"
-
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
-#include <SxPicBuf.h>
 
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cstring>
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kTransformAttribute = QStringLiteral("transform");
+
+// The output height follows the transform, which may change between
+// restarts, so the pool picture is allowed to grow.
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignDropped, nodekit::StoppingDropped, nodekit::PoolGrows};
 
 // Rows in the first block of the two resorting transforms: the odd-first
 // order starts with the ceil(h/2) rows 0, 2, 4, ..., the even-first order
@@ -54,16 +51,6 @@ QString CxDeinterlaceCnbl::title() const
     return tr("Deinterlace");
 }
 
-bool CxDeinterlaceCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxDeinterlaceCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxDeinterlaceCnbl::clone()
 {
     auto* copy = new CxDeinterlaceCnbl;
@@ -74,11 +61,6 @@ CxChainable* CxDeinterlaceCnbl::clone()
 QWidget* CxDeinterlaceCnbl::configurationWidget()
 {
     return new CxDeinterlaceWidget(this);
-}
-
-bool CxDeinterlaceCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxDeinterlaceCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -116,14 +98,8 @@ bool CxDeinterlaceCnbl::saveSettings(QDomDocument& doc, QDomElement& element) co
 bool CxDeinterlaceCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    if (element.hasAttribute(kTransformAttribute))
-        m_transform = ExTransformType(element.attribute(kTransformAttribute, QString()).toInt(nullptr, 10));
+    m_transform = nodekit::attribute(element, kTransformAttribute, m_transform);
     return result;
-}
-
-bool CxDeinterlaceCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxDeinterlaceCnbl::help(QString& anchor)
@@ -138,19 +114,16 @@ void CxDeinterlaceCnbl::setTransform(ExTransformType transform, bool restart)
 
 bool CxDeinterlaceCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    const quint32 h = in.height;
-    if (m_transform == TransformOddRows)
-        out.height = (h >> 1) + (h & 1);
-    else if (m_transform == TransformEvenRows)
-        out.height = h >> 1;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        const quint32 h = in.height;
+        if (m_transform == TransformOddRows)
+            out.height = (h >> 1) + (h & 1);
+        else if (m_transform == TransformEvenRows)
+            out.height = h >> 1;
+        return true;
+    });
 }
 
 void CxDeinterlaceCnbl::deinterlaceRows(const SxPicBuf& in, SxPicBuf& out, ExTransformType transform)
@@ -181,39 +154,9 @@ void CxDeinterlaceCnbl::deinterlaceRows(const SxPicBuf& in, SxPicBuf& out, ExTra
 }
 
 IxChainData* CxDeinterlaceCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return nullptr;
-
-    const SxPicBuf* inPic = input->picBuf();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta) || !inPic->data)
-        return nullptr;
-
-    // The output height follows the transform, which may change between
-    // restarts, so the pool slot is allowed to grow.
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, true))
-        return nullptr;
-
-    deinterlaceRows(*inPic, outPic, m_transform);
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+{
+    return nodekit::processFrame(this, data, kFrame, [this](nodekit::Frame& f) {
+        deinterlaceRows(f.in, f.out, m_transform);
+        return nodekit::Go;
+    });
 }

@@ -1,7 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-
-struct SxPicBuf;
+#include "NodeKit.h"
 
 // Keeps or reorders the rows of a picture by the parity of their index: it can
 // keep every other row, or stack the two fields of an interlaced frame one
@@ -41,17 +39,15 @@ public:
     ~CxDeinterlaceCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

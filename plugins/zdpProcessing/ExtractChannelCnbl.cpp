@@ -1,25 +1,19 @@
 #include "ExtractChannelCnbl.h"
 #include "ExtractChannelWidget.h"
-#include "NodeKit.h"
-
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
-#include <SxPicBuf.h>
 
 #include <KitDispatch.h>
 #include <KitMosaic.h>
 
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cstring>
 #include <limits>
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kChannelAttribute = QStringLiteral("channelIdx");
+
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed};
 
 // Cell (cx, cy) of each 2x2 cell. The output is filled over its whole size;
 // cells the input does not have complete (only an output taller or wider
@@ -62,24 +56,6 @@ bool extractHsiBand(SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata* me
     });
 }
 
-enum ExCellColour { Red, Green, Blue, Cyan, Magenta, Yellow };
-
-struct SxCellName
-{
-    ExCellColour colour;
-    int number;  // 0: the only cell of its colour; 1, 2: first and second
-};
-
-// The 2x2 cells of filter arrays 1..6, row by row from the top-left.
-const SxCellName kCellNames[6][4] = {
-    {{Red, 0}, {Green, 1}, {Green, 2}, {Blue, 0}},
-    {{Green, 1}, {Red, 0}, {Blue, 0}, {Green, 2}},
-    {{Green, 1}, {Blue, 0}, {Red, 0}, {Green, 2}},
-    {{Blue, 0}, {Green, 1}, {Green, 2}, {Red, 0}},
-    {{Cyan, 0}, {Magenta, 0}, {Yellow, 0}, {Green, 0}},
-    {{Red, 1}, {Green, 0}, {Blue, 0}, {Red, 2}},
-};
-
 } // namespace
 
 template <class T>
@@ -109,16 +85,6 @@ QString CxExtractChannelCnbl::title() const
     return tr("Extract");
 }
 
-bool CxExtractChannelCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxExtractChannelCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxExtractChannelCnbl::clone()
 {
     auto* copy = new CxExtractChannelCnbl;
@@ -129,11 +95,6 @@ CxChainable* CxExtractChannelCnbl::clone()
 QWidget* CxExtractChannelCnbl::configurationWidget()
 {
     return new CxExtractChannelWidget(this);
-}
-
-bool CxExtractChannelCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxExtractChannelCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -167,15 +128,9 @@ bool CxExtractChannelCnbl::saveSettings(QDomDocument& doc, QDomElement& element)
 bool CxExtractChannelCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    bool ok = false;
-    const uint value = element.attribute(kChannelAttribute, QStringLiteral("0")).toUInt(&ok, 10);
-    setChannel(ok ? value : 0u);
+    // Unlike most settings, a missing channel reads as 0.
+    setChannel(nodekit::attribute(element, kChannelAttribute, 0u));
     return result;
-}
-
-bool CxExtractChannelCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxExtractChannelCnbl::help(QString& anchor)
@@ -260,18 +215,8 @@ void CxExtractChannelCnbl::listOfAvailableChannels(QList<QString>& names, QList<
 
     const bool raw = info.storageFormat != DSF_NOT_RAW;
     if (raw && isTwoByTwoMosaic(info.colorFilterArray)) {
-        const QString colours[] = {tr("Red"), tr("Green"), tr("Blue"),
-                                   tr("Cyan"), tr("Magenta"), tr("Yellow")};
-        for (int cell = 0; cell < 4; ++cell) {
-            const SxCellName& c = kCellNames[info.colorFilterArray - CFA_BAYER_RGGB][cell];
-            const QString colour = colours[c.colour];
-            if (c.number == 1)
-                add(tr("%1 1").arg(colour), cell);
-            else if (c.number == 2)
-                add(tr("%1 2").arg(colour), cell);
-            else
-                add(colour, cell);
-        }
+        for (int cell = 0; cell < 4; ++cell)
+            add(nodekit::cellColourName(staticMetaObject.className(), info.colorFilterArray, cell), cell);
         return;
     }
     const CxHsiCameraParams& hsi = meta.hsiCameraParams();
@@ -291,96 +236,61 @@ void CxExtractChannelCnbl::listOfAvailableChannels(QList<QString>& names, QList<
 
 bool CxExtractChannelCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    out.channels = 1;
-    out.isColor = false;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        out.channels = 1;
+        out.isColor = false;
 
-    if (in.channels == 1 && in.colorFilterArray != CFA_NONE && in.storageFormat != DSF_NOT_RAW) {
-        if (isTwoByTwoMosaic(in.colorFilterArray)) {
-            out.width = in.width / 2;
-            out.height = in.height / 2;
-            out.colorFilterArray = CFA_NONE;
-            if (outMeta) {
-                outMeta->setColorFilterArray(CFA_NONE);
-                outMeta->setChannelNames(QStringList());
-            }
-        } else if (in.colorFilterArray == CFA_HSI_MOSAIC) {
-            const unsigned int k = extractingComponentIndex(in, inMeta);
-            const CxHsiCameraParams::CxFilterZone* zone =
-                inMeta && k <= unsigned(std::numeric_limits<int>::max())
-                    ? inMeta->hsiCameraParams().filterZoneWithTotalBandIdx(int(k), nullptr)
-                    : nullptr;
-            if (zone)
-                nodekit::bandSize(*zone, in.width, in.height, out.width, out.height);
-            out.colorFilterArray = CFA_NONE;
-            if (outMeta) {
-                outMeta->setColorFilterArray(CFA_NONE);
-                outMeta->setHsiCameraParams(CxHsiCameraParams());
+        if (in.channels == 1 && in.colorFilterArray != CFA_NONE && in.storageFormat != DSF_NOT_RAW) {
+            if (isTwoByTwoMosaic(in.colorFilterArray)) {
+                out.width = in.width / 2;
+                out.height = in.height / 2;
+                out.colorFilterArray = CFA_NONE;
+                if (outMeta) {
+                    outMeta->setColorFilterArray(CFA_NONE);
+                    outMeta->setChannelNames(QStringList());
+                }
+            } else if (in.colorFilterArray == CFA_HSI_MOSAIC) {
+                const unsigned int k = extractingComponentIndex(in, inMeta);
+                const CxHsiCameraParams::CxFilterZone* zone =
+                    inMeta && k <= unsigned(std::numeric_limits<int>::max())
+                        ? inMeta->hsiCameraParams().filterZoneWithTotalBandIdx(int(k), nullptr)
+                        : nullptr;
+                if (zone)
+                    nodekit::bandSize(*zone, in.width, in.height, out.width, out.height);
+                out.colorFilterArray = CFA_NONE;
+                if (outMeta) {
+                    outMeta->setColorFilterArray(CFA_NONE);
+                    outMeta->setHsiCameraParams(CxHsiCameraParams());
+                }
             }
         }
-    }
 
-    const quint64 pitch = (quint64(out.bytesPerSample()) * out.channels * out.width + 3) & ~quint64(3);
-    // A row too long for the field is left to the allocator, which refuses it.
-    out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+        const quint64 pitch = (quint64(out.bytesPerSample()) * out.channels * out.width + 3) & ~quint64(3);
+        // A row too long for the field is left to the allocator, which refuses it.
+        out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
+        return true;
+    });
 }
 
 IxChainData* CxExtractChannelCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-
-    const SxPicBuf* inPic = input->picBuf();
-    const CxImageMetadata* inMeta = input->metadata();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, inMeta, &outMeta) || !inPic->data)
-        return nullptr;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    const unsigned int k = extractingComponentIndex(*inPic, inMeta);
-    bool done = false;
-    if (inPic->channels == 1 && inPic->storageFormat != DSF_NOT_RAW) {
-        if (isTwoByTwoMosaic(inPic->colorFilterArray))
-            done = extractBayerCell(outPic, *inPic, k);
-        else if (inPic->colorFilterArray == CFA_HSI_MOSAIC && inMeta && inMeta->hsiCameraParams().isValid())
-            done = extractHsiBand(outPic, *inPic, inMeta, k);
-        if (done && outPic.dataType == IDT_FLOAT)
-            CxPicBufAPI::CalcFloatDataMinMax(outPic, outPic.floatMin, outPic.floatMax, false);
-    }
-    if (!done)
-        done = CxPicBufAPI::ExtractChannel(*inPic, outPic, k);
-    if (!done) {
+{
+    return nodekit::processFrame(this, data, kFrame, [this](nodekit::Frame& f) {
+        const SxPicBuf& in = f.in;
+        const unsigned int k = extractingComponentIndex(in, f.meta);
+        bool done = false;
+        if (in.channels == 1 && in.storageFormat != DSF_NOT_RAW) {
+            if (isTwoByTwoMosaic(in.colorFilterArray))
+                done = extractBayerCell(f.out, in, k);
+            else if (in.colorFilterArray == CFA_HSI_MOSAIC && f.meta && f.meta->hsiCameraParams().isValid())
+                done = extractHsiBand(f.out, in, f.meta, k);
+            if (done && f.out.dataType == IDT_FLOAT)
+                CxPicBufAPI::CalcFloatDataMinMax(f.out, f.out.floatMin, f.out.floatMax, false);
+        }
+        if (!done)
+            done = CxPicBufAPI::ExtractChannel(in, f.out, k);
         // A picture of undefined content must not travel on as if extracted.
-        CxPicBufAPI::FreePicBuf(outPic, false);
-        return nullptr;
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+        return done ? nodekit::Go : nodekit::Drop;
+    });
 }

@@ -1,10 +1,7 @@
 #pragma once
-#include <CxImageProvider.h>
+#include "NodeKit.h"
 
 #include <QtCore/QList>
-#include <QtCore/QString>
-
-struct SxPicBuf;
 
 // Turns every picture into a one-channel picture holding one component of it:
 // a plane of a multi-channel picture, one of the four cells of a 2x2 raw
@@ -83,17 +80,15 @@ public:
     ~CxExtractChannelCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
@@ -120,11 +115,3 @@ private:
     unsigned int m_channel = 0;
     QString m_channelName;
 };
-
-// Band totalBandIdx of a hyperspectral mosaic into out, for T in unsigned
-// char, unsigned short, unsigned int and float. False, with out untouched,
-// when the band has no zone, the zone has no usable pattern, or either
-// picture lacks pixels or holds samples of another width than T.
-template <class T>
-bool extr_extractHsiChannel_T(SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata* meta,
-                              int totalBandIdx);

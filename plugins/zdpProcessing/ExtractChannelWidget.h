@@ -2,7 +2,6 @@
 #include <QtWidgets/QWidget>
 
 class QListWidget;
-class QListWidgetItem;
 class CxExtractChannelCnbl;
 
 // Configuration panel of the extract channel node: the channels the current
@@ -13,9 +12,6 @@ class CxExtractChannelWidget : public QWidget
 {
     Q_OBJECT
 public:
-    // Role under which each row keeps the channel index it stands for.
-    static constexpr int ChannelIndexRole = 256;
-
     explicit CxExtractChannelWidget(CxExtractChannelCnbl* node);
     ~CxExtractChannelWidget() override;
 
@@ -23,8 +19,6 @@ private slots:
     void on_lstChannelClicked(int row);
 
 private:
-    QListWidgetItem* createChannelItem(QListWidget* list, const QString& name, int index, int current);
-
     CxExtractChannelCnbl* m_node;
     QListWidget* m_list = nullptr;
 };

@@ -1,16 +1,10 @@
 #include "FFT1DCnbl.h"
 #include "FFT1DWidget.h"
 #include "FFT2DCnbl.h"
-#include "NodeKit.h"
 
 #include <CxFFT.h>
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 
-#include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <algorithm>
 #include <cmath>
@@ -18,7 +12,6 @@
 
 namespace {
 
-// Chain document attributes; the names are part of the saved-file format.
 const QString kChannel = QStringLiteral("channel");
 const QString kTransType = QStringLiteral("transtype");
 const QString kIncludeDC = QStringLiteral("includeDC");
@@ -33,12 +26,7 @@ const QString kMaxY = QStringLiteral("maxY");
 // every partial exact before it is widened.
 constexpr quint32 kBlock = 65536;
 
-int readInt(const QDomElement& element, const QString& name, int current)
-{
-    if (!element.hasAttribute(name))
-        return current;
-    return element.attribute(name).toInt(nullptr, 10);
-}
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingPassed, nodekit::PoolFixed};
 
 bool alignedSamples(const SxPicBuf& pic)
 {
@@ -143,16 +131,6 @@ QString CxFFT1DCnbl::title() const
     return tr("FFT 1D(%1, %2)").arg(name, transformType() == rows ? tr("rows") : tr("cols"));
 }
 
-bool CxFFT1DCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxFFT1DCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxFFT1DCnbl::clone()
 {
     auto* copy = new CxFFT1DCnbl;
@@ -164,11 +142,6 @@ CxChainable* CxFFT1DCnbl::clone()
 QWidget* CxFFT1DCnbl::configurationWidget()
 {
     return new CxFFT1DWidget(this);
-}
-
-bool CxFFT1DCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 bool CxFFT1DCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
@@ -189,23 +162,18 @@ bool CxFFT1DCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxFFT1DCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    setChannel(readInt(element, kChannel, channel()));
-    setTranformType(ExTransformType(readInt(element, kTransType, transformType())));
-    setIncludeDC(readInt(element, kIncludeDC, includeDC()) != 0);
-    setAxisYLogarithmic(readInt(element, kLogarY, axisYLogarithmic()) != 0);
-    setGridXVisible(readInt(element, kGridX, gridXVisible()) != 0);
-    setGridYVisible(readInt(element, kGridY, gridYVisible()) != 0);
-    setAutoScaleY(readInt(element, kAutoScaleY, autoScaleY()) != 0);
-    if (element.hasAttribute(kMinY))
-        setMinY(element.attribute(kMinY).toDouble());
-    if (element.hasAttribute(kMaxY))
-        setMaxY(element.attribute(kMaxY).toDouble());
+    using nodekit::attribute;
+    using nodekit::On;
+    setChannel(attribute(element, kChannel, channel()));
+    setTranformType(attribute(element, kTransType, transformType()));
+    setIncludeDC(attribute(element, kIncludeDC, includeDC(), On::NonZero));
+    setAxisYLogarithmic(attribute(element, kLogarY, axisYLogarithmic(), On::NonZero));
+    setGridXVisible(attribute(element, kGridX, gridXVisible(), On::NonZero));
+    setGridYVisible(attribute(element, kGridY, gridYVisible(), On::NonZero));
+    setAutoScaleY(attribute(element, kAutoScaleY, autoScaleY(), On::NonZero));
+    setMinY(attribute(element, kMinY, minY()));
+    setMaxY(attribute(element, kMaxY, maxY()));
     return result;
-}
-
-bool CxFFT1DCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxFFT1DCnbl::help(QString& anchor)
@@ -216,128 +184,23 @@ QString CxFFT1DCnbl::help(QString& anchor)
 
 void CxFFT1DCnbl::setChannel(int channel)
 {
-    {
-        QMutexLocker lock(nodeMutex());
-        if (m_channel == channel)
-            return;
-        m_channel = channel;
-    }
-    emit titleChanged(this);
-}
-
-int CxFFT1DCnbl::channel() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_channel;
+    if (nodekit::lockedSet(this, m_channel, channel))
+        emit titleChanged(this);
 }
 
 void CxFFT1DCnbl::setTranformType(ExTransformType type)
 {
-    {
-        QMutexLocker lock(nodeMutex());
-        if (m_transformType == type)
-            return;
-        m_transformType = type;
-    }
-    emit titleChanged(this);
-}
-
-CxFFT1DCnbl::ExTransformType CxFFT1DCnbl::transformType() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_transformType;
-}
-
-void CxFFT1DCnbl::setIncludeDC(bool on)
-{
-    QMutexLocker lock(nodeMutex());
-    m_includeDC = on;
-}
-
-bool CxFFT1DCnbl::includeDC() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_includeDC;
-}
-
-void CxFFT1DCnbl::setAxisYLogarithmic(bool on)
-{
-    QMutexLocker lock(nodeMutex());
-    m_plot->setAxisYLogarithmic(on);
-}
-
-bool CxFFT1DCnbl::axisYLogarithmic() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_plot->axisYLogarithmic();
-}
-
-void CxFFT1DCnbl::setGridXVisible(bool on)
-{
-    QMutexLocker lock(nodeMutex());
-    m_plot->setGridXVisible(on);
-}
-
-bool CxFFT1DCnbl::gridXVisible() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_plot->gridXVisible();
-}
-
-void CxFFT1DCnbl::setGridYVisible(bool on)
-{
-    QMutexLocker lock(nodeMutex());
-    m_plot->setGridYVisible(on);
-}
-
-bool CxFFT1DCnbl::gridYVisible() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_plot->gridYVisible();
-}
-
-void CxFFT1DCnbl::setAutoScaleY(bool on)
-{
-    QMutexLocker lock(nodeMutex());
-    m_autoScaleY = on;
-}
-
-bool CxFFT1DCnbl::autoScaleY() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_autoScaleY;
-}
-
-void CxFFT1DCnbl::setMinY(double v)
-{
-    QMutexLocker lock(nodeMutex());
-    m_minY = v;
-}
-
-double CxFFT1DCnbl::minY() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_minY;
-}
-
-void CxFFT1DCnbl::setMaxY(double v)
-{
-    QMutexLocker lock(nodeMutex());
-    m_maxY = v;
-}
-
-double CxFFT1DCnbl::maxY() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_maxY;
+    if (nodekit::lockedSet(this, m_transformType, type))
+        emit titleChanged(this);
 }
 
 void CxFFT1DCnbl::inputFormat(SxPicBufInfo& info, CxImageMetadata* meta) const
 {
-    QMutexLocker lock(nodeMutex());
-    info = m_inInfo;
-    if (meta)
-        *meta = m_inMeta;
+    nodekit::locked(this, [&] {
+        info = m_inInfo;
+        if (meta)
+            *meta = m_inMeta;
+    });
 }
 
 bool CxFFT1DCnbl::canDraw() const
@@ -371,83 +234,82 @@ bool CxFFT1DCnbl::picInfoForExtract(SxPicBufInfo& info) const
 
 bool CxFFT1DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                        const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    if (!CxFFT2DCnbl::isTransformableFormat(in))
-        return false;
-    out = in;
-    out.width = OutputWidth;
-    out.height = OutputHeight;
-    out.linePitch = OutputWidth * 4;
-    out.channels = 4;
-    out.bitsPerSample = 8;
-    out.dataType = IDT_UINT8;
-    out.storageFormat = DSF_PACKED;
-    out.colorFilterArray = CFA_NONE;
-    out.isColor = true;
-    if (inMeta && outMeta) {
-        *outMeta = *inMeta;
-        // The plot's colour order is the host's convention for colour
-        // pictures, told by isColor; the description stays the input's.
-        outMeta->setColorFilterArray(CFA_NONE);
-    }
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        if (!CxFFT2DCnbl::isTransformableFormat(in))
+            return false;
+        out = in;
+        out.width = OutputWidth;
+        out.height = OutputHeight;
+        out.linePitch = OutputWidth * 4;
+        out.channels = 4;
+        out.bitsPerSample = 8;
+        out.dataType = IDT_UINT8;
+        out.storageFormat = DSF_PACKED;
+        out.colorFilterArray = CFA_NONE;
+        out.isColor = true;
+        if (inMeta && outMeta) {
+            *outMeta = *inMeta;
+            // The plot's colour order is the host's convention for colour
+            // pictures, told by isColor; the description stays the input's.
+            outMeta->setColorFilterArray(CFA_NONE);
+        }
+        return true;
+    });
 }
 
 void CxFFT1DCnbl::setupStart()
-try {
-    setupStop();
-    SxPicBufInfo in, out;
-    CxImageMetadata inMeta;
-    if (!currentInputImageInfo(in, &inMeta))
-        return;
-    {
+{
+    nodekit::guarded(this, "setupStart", [&] {
+        setupStop();
+        SxPicBufInfo in, out;
+        CxImageMetadata inMeta;
+        if (!currentInputImageInfo(in, &inMeta))
+            return;
+        {
+            QMutexLocker lock(nodeMutex());
+            if (m_channel < 0)
+                m_channel = 0;
+            m_inInfo = in;
+            m_inMeta = inMeta;
+        }
+        emit titleChanged(this);
+        if (!queryOutputImageInfo(in, out, &inMeta, nullptr))
+            return;
+
+        SxPicBufInfo analysed;
+        if (!picInfoForExtract(analysed))
+            return;
+        const int ch = channel();
+        if (in.channels >= 2 || (in.colorFilterArray != CFA_NONE && ch >= 0))
+            CxPicBufAPI::AllocPicBufFromHeap(m_extract, analysed, true, 0);
+
+        const quint32 n = transformType() == rows ? analysed.width : analysed.height;
+        if (n == 0 || n > quint32(std::numeric_limits<int>::max()))
+            return;
+        if (!CxFFT::Alloc1D(int(n), m_fft1, m_fft2, m_fft3)) {
+            CxFFT::Free1D(m_fft1, m_fft2, m_fft3);
+            m_fft1 = m_fft2 = m_fft3 = nullptr;
+            return;
+        }
+        m_n = int(n);
+        m_meanLine.reset(new float[n]);
+        m_re.reset(new float[n]);
+        m_im.reset(new float[n]);
+        m_columnSums.assign(analysed.width, 0);
+        m_columnBlock.assign(analysed.width, 0);
+
+        // Fixed for the run: the bins shown must match the keys made here.
+        m_runIncludeDC = includeDC();
+        const int dispLen = std::max(0, calc_disp_fft_len(m_n, m_runIncludeDC));
+        m_keys.resize(dispLen);
+        m_amplitudes.resize(dispLen);
+        for (int i = 0; i < dispLen; ++i)
+            m_keys[i] = double(i) / (2.0 * dispLen);
+
         QMutexLocker lock(nodeMutex());
-        if (m_channel < 0)
-            m_channel = 0;
-        m_inInfo = in;
-        m_inMeta = inMeta;
-    }
-    emit titleChanged(this);
-    if (!queryOutputImageInfo(in, out, &inMeta, nullptr))
-        return;
-
-    SxPicBufInfo analysed;
-    if (!picInfoForExtract(analysed))
-        return;
-    const int ch = channel();
-    if (in.channels >= 2 || (in.colorFilterArray != CFA_NONE && ch >= 0))
-        CxPicBufAPI::AllocPicBufFromHeap(m_extract, analysed, true, 0);
-
-    const quint32 n = transformType() == rows ? analysed.width : analysed.height;
-    if (n == 0 || n > quint32(std::numeric_limits<int>::max()))
-        return;
-    if (!CxFFT::Alloc1D(int(n), m_fft1, m_fft2, m_fft3)) {
-        CxFFT::Free1D(m_fft1, m_fft2, m_fft3);
-        m_fft1 = m_fft2 = m_fft3 = nullptr;
-        return;
-    }
-    m_n = int(n);
-    m_meanLine.reset(new float[n]);
-    m_re.reset(new float[n]);
-    m_im.reset(new float[n]);
-    m_columnSums.assign(analysed.width, 0);
-    m_columnBlock.assign(analysed.width, 0);
-
-    // Fixed for the run: the bins shown must match the keys made here.
-    m_runIncludeDC = includeDC();
-    const int dispLen = std::max(0, calc_disp_fft_len(m_n, m_runIncludeDC));
-    m_keys.resize(dispLen);
-    m_amplitudes.resize(dispLen);
-    for (int i = 0; i < dispLen; ++i)
-        m_keys[i] = double(i) / (2.0 * dispLen);
-
-    QMutexLocker lock(nodeMutex());
-    m_plot->scaleTo(int(out.width), int(out.height));
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "setupStart", e);
+        m_plot->scaleTo(int(out.width), int(out.height));
+    });
 }
 
 void CxFFT1DCnbl::setupStop()
@@ -463,81 +325,55 @@ void CxFFT1DCnbl::setupStop()
 }
 
 IxChainData* CxFFT1DCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return data;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-
-    const SxPicBuf* inPic = input->picBuf();
-    const auto complain = [&](const QString& message) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(message);
-        return data;
-    };
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if ((inPic->dataType != IDT_UINT8 && inPic->dataType != IDT_UINT16)
-        || !queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta))
-        return complain(tr("The input image data type is not supported."));
-    if (!canDraw())
-        return complain(tr("The spectrum cannot be drawn in a program without a graphical user interface."));
-    if (!inPic->data)
-        return nullptr;
-
-    const int ch = channel();
-    const SxPicBuf* pic = fft_selectChannel(*inPic, input->metadata(), ch, m_extract);
-    if (!pic)
-        return complain(tr("The input image has no channel %1.").arg(ch));
-    // A filter zone that misses the picture leaves nothing to analyse.
-    if (pic->width == 0 || pic->height == 0)
-        return complain(tr("Channel %1 has no samples inside the input image.").arg(ch));
+{
+    const SxPicBuf* pic = nullptr;
     const ExTransformType type = transformType();
-    const quint64 n = type == rows ? pic->width : pic->height;
-    if (m_n == 0 || n != quint64(m_n) || pic->width == 0 || pic->height == 0 || !alignedSamples(*pic)
-        || (type == rows && m_columnSums.size() < pic->width))
-        return nullptr;
+    const auto admit = [&](const nodekit::Frame& f) {
+        const auto complain = [&](const QString& message) {
+            nodekit::tell(this, message);
+            return nodekit::PassOn;
+        };
+        SxPicBufInfo outInfo;
+        if ((f.in.dataType != IDT_UINT8 && f.in.dataType != IDT_UINT16)
+            || !queryOutputImageInfo(f.in, outInfo, f.meta, nullptr))
+            return complain(tr("The input image data type is not supported."));
+        if (!canDraw())
+            return complain(tr("The spectrum cannot be drawn in a program without a graphical user interface."));
+        if (!f.in.data)
+            return nodekit::Drop;
+        const int ch = channel();
+        pic = fft_selectChannel(f.in, f.meta, ch, m_extract);
+        if (!pic)
+            return complain(tr("The input image has no channel %1.").arg(ch));
+        // A filter zone that misses the picture leaves nothing to analyse.
+        if (pic->width == 0 || pic->height == 0)
+            return complain(tr("Channel %1 has no samples inside the input image.").arg(ch));
+        const quint64 n = type == rows ? pic->width : pic->height;
+        if (m_n == 0 || n != quint64(m_n) || !alignedSamples(*pic)
+            || (type == rows && m_columnSums.size() < pic->width))
+            return nodekit::Drop;
+        return nodekit::Go;
+    };
+    return nodekit::processFrame(this, data, kFrame, admit, [&](nodekit::Frame& f) {
+        if (pic->dataType == IDT_UINT8)
+            fft1d_meanProfile_T<quint8>(*pic, type, m_meanLine.get(), m_columnSums.data(), m_columnBlock.data());
+        else
+            fft1d_meanProfile_T<quint16>(*pic, type, m_meanLine.get(), m_columnSums.data(), m_columnBlock.data());
+        if (!CxFFT::Calc1D(m_meanLine.get(), m_re.get(), m_im.get(), m_fft1, m_fft2, m_fft3))
+            return nodekit::Drop;
+        const int start = calc_disp_fft_start_idx(m_n, m_runIncludeDC);
+        const int dispLen = int(m_amplitudes.size());
+        double max = 0.0, min = 0.0;
+        calc_amplitude(m_re.get(), m_im.get(), m_amplitudes, dispLen + start, max, min, start);
 
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    if (pic->dataType == IDT_UINT8)
-        fft1d_meanProfile_T<quint8>(*pic, type, m_meanLine.get(), m_columnSums.data(), m_columnBlock.data());
-    else
-        fft1d_meanProfile_T<quint16>(*pic, type, m_meanLine.get(), m_columnSums.data(), m_columnBlock.data());
-    if (!CxFFT::Calc1D(m_meanLine.get(), m_re.get(), m_im.get(), m_fft1, m_fft2, m_fft3)) {
-        CxPicBufAPI::FreePicBuf(outPic, true);
-        return nullptr;
-    }
-    const int start = calc_disp_fft_start_idx(m_n, m_runIncludeDC);
-    const int dispLen = int(m_amplitudes.size());
-    double max = 0.0, min = 0.0;
-    calc_amplitude(m_re.get(), m_im.get(), m_amplitudes, dispLen + start, max, min, start);
-
-    {
         QMutexLocker lock(nodeMutex());
         const double lower = m_autoScaleY ? min : m_minY;
         const double upper = m_autoScaleY ? max : m_maxY;
         QList<double> ticks;
         QList<QString> labels;
         getYTicksAndLabels(lower, upper, m_plot->axisYLogarithmic(), ticks, labels);
-        m_plot->render(outPic.data, int(outPic.width), int(outPic.height), qsizetype(outPic.effectiveLinePitch()),
+        m_plot->render(f.out.data, int(f.out.width), int(f.out.height), qsizetype(f.out.effectiveLinePitch()),
                        m_keys, m_amplitudes, lower, upper, ticks, labels);
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+        return nodekit::Go;
+    });
 }

@@ -1,8 +1,7 @@
 #pragma once
 #include "FFT1DPlot.h"
 
-#include <CxImageProvider.h>
-#include <SxPicBuf.h>
+#include "NodeKit.h"
 
 #include <QtCore/QList>
 
@@ -57,14 +56,12 @@ public:
     ~CxFFT1DCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     void setupStart() override;
     void setupStop() override;
@@ -73,24 +70,24 @@ public:
                               const CxImageMetadata* inMeta, CxImageMetadata* outMeta) override;
 
     void setChannel(int channel);
-    int channel() const;
+    int channel() const { return nodekit::lockedGet(this, m_channel); }
     // "Tranform" is the name the host's panels call.
     void setTranformType(ExTransformType type);
-    ExTransformType transformType() const;
-    void setIncludeDC(bool on);
-    bool includeDC() const;
-    void setAxisYLogarithmic(bool on);
-    bool axisYLogarithmic() const;
-    void setGridXVisible(bool on);
-    bool gridXVisible() const;
-    void setGridYVisible(bool on);
-    bool gridYVisible() const;
-    void setAutoScaleY(bool on);
-    bool autoScaleY() const;
-    void setMinY(double v);
-    double minY() const;
-    void setMaxY(double v);
-    double maxY() const;
+    ExTransformType transformType() const { return nodekit::lockedGet(this, m_transformType); }
+    void setIncludeDC(bool on) { nodekit::lockedSet(this, m_includeDC, on); }
+    bool includeDC() const { return nodekit::lockedGet(this, m_includeDC); }
+    void setAxisYLogarithmic(bool on) { nodekit::locked(this, [&] { m_plot->setAxisYLogarithmic(on); }); }
+    bool axisYLogarithmic() const { return nodekit::locked(this, [&] { return m_plot->axisYLogarithmic(); }); }
+    void setGridXVisible(bool on) { nodekit::locked(this, [&] { m_plot->setGridXVisible(on); }); }
+    bool gridXVisible() const { return nodekit::locked(this, [&] { return m_plot->gridXVisible(); }); }
+    void setGridYVisible(bool on) { nodekit::locked(this, [&] { m_plot->setGridYVisible(on); }); }
+    bool gridYVisible() const { return nodekit::locked(this, [&] { return m_plot->gridYVisible(); }); }
+    void setAutoScaleY(bool on) { nodekit::lockedSet(this, m_autoScaleY, on); }
+    bool autoScaleY() const { return nodekit::lockedGet(this, m_autoScaleY); }
+    void setMinY(double v) { nodekit::lockedSet(this, m_minY, v); }
+    double minY() const { return nodekit::lockedGet(this, m_minY); }
+    void setMaxY(double v) { nodekit::lockedSet(this, m_maxY, v); }
+    double maxY() const { return nodekit::lockedGet(this, m_maxY); }
 
     // The input format of the current (or last) run; zero before the first.
     void inputFormat(SxPicBufInfo& info, CxImageMetadata* meta) const;

@@ -1,7 +1,6 @@
 #include "FFT1DWidget.h"
 #include "FFT1DCnbl.h"
-#include "FFT2DWidget.h"
-#include "NodeKit.h"
+#include "FFT2DCnbl.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>
@@ -24,7 +23,10 @@ CxFFT1DWidget::CxFFT1DWidget(CxFFT1DCnbl* node)
     SxPicBufInfo info;
     CxImageMetadata meta;
     node->inputFormat(info, &meta);
-    CxFFT2DWidget::fillChannelList(m_list, node->channel(), info, meta);
+    QList<QString> names;
+    QList<int> indices;
+    CxFFT2DCnbl::channelList(info, meta.hsiCameraParams(), names, indices);
+    nodekit::fillChannelList(m_list, names, indices, node->channel());
 
     int row = 0;
     auto* type = new QComboBox;
@@ -70,16 +72,6 @@ CxFFT1DWidget::CxFFT1DWidget(CxFFT1DCnbl* node)
 
 CxFFT1DWidget::~CxFFT1DWidget() = default;
 
-QListWidgetItem* CxFFT1DWidget::createChannelItem(QListWidget* list, const QString& name, int index, int current)
-{
-    return CxFFT2DWidget::createChannelItem(list, name, index, current);
-}
-
-void CxFFT1DWidget::apply(const std::function<void()>& set)
-{
-    nodekit::setWithRestart(m_node, true, set);
-}
-
 void CxFFT1DWidget::updateYScaling()
 {
     const bool fixed = !m_node->autoScaleY();
@@ -94,7 +86,7 @@ void CxFFT1DWidget::on_lstChannelClicked(int row)
     if (!item)
         return;
     const int index = item->data(Qt::UserRole).toInt();
-    apply([&] { m_node->setChannel(index); });
+    nodekit::setWithRestart(m_node, true, [&] { m_node->setChannel(index); });
 }
 
 void CxFFT1DWidget::on_cbCurrentIndexChanged(int index)
@@ -103,49 +95,49 @@ void CxFFT1DWidget::on_cbCurrentIndexChanged(int index)
     if (!combo || index < 0)
         return;
     const auto type = CxFFT1DCnbl::ExTransformType(combo->itemData(index).toInt());
-    apply([&] { m_node->setTranformType(type); });
+    nodekit::setWithRestart(m_node, true, [&] { m_node->setTranformType(type); });
 }
 
 void CxFFT1DWidget::on_chkIncludeDcStateChanged(int state)
 {
     if (qobject_cast<QCheckBox*>(sender()))
-        apply([&] { m_node->setIncludeDC(state != Qt::Unchecked); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setIncludeDC(state != Qt::Unchecked); });
 }
 
 void CxFFT1DWidget::on_chkLogarithmicYStateChanged(int state)
 {
     if (qobject_cast<QCheckBox*>(sender()))
-        apply([&] { m_node->setAxisYLogarithmic(state != Qt::Unchecked); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setAxisYLogarithmic(state != Qt::Unchecked); });
 }
 
 void CxFFT1DWidget::on_chkShowGridXStateChanged(int state)
 {
     if (qobject_cast<QCheckBox*>(sender()))
-        apply([&] { m_node->setGridXVisible(state != Qt::Unchecked); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setGridXVisible(state != Qt::Unchecked); });
 }
 
 void CxFFT1DWidget::on_chkShowGridYStateChanged(int state)
 {
     if (qobject_cast<QCheckBox*>(sender()))
-        apply([&] { m_node->setGridYVisible(state != Qt::Unchecked); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setGridYVisible(state != Qt::Unchecked); });
 }
 
 void CxFFT1DWidget::on_chkAutoScaleYStateChanged(int state)
 {
     if (!qobject_cast<QCheckBox*>(sender()))
         return;
-    apply([&] { m_node->setAutoScaleY(state != Qt::Unchecked); });
+    nodekit::setWithRestart(m_node, true, [&] { m_node->setAutoScaleY(state != Qt::Unchecked); });
     updateYScaling();
 }
 
 void CxFFT1DWidget::on_spinMinYValueChanged(double value)
 {
     if (qobject_cast<QDoubleSpinBox*>(sender()))
-        apply([&] { m_node->setMinY(value); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setMinY(value); });
 }
 
 void CxFFT1DWidget::on_spinMaxYValueChanged(double value)
 {
     if (qobject_cast<QDoubleSpinBox*>(sender()))
-        apply([&] { m_node->setMaxY(value); });
+        nodekit::setWithRestart(m_node, true, [&] { m_node->setMaxY(value); });
 }

@@ -1,12 +1,9 @@
 #pragma once
 #include <QtWidgets/QWidget>
 
-#include <functional>
-
 class QComboBox;
 class QDoubleSpinBox;
 class QListWidget;
-class QListWidgetItem;
 class CxFFT1DCnbl;
 
 // Configuration panel of the 1D spectrum node: the channel list of the input
@@ -19,8 +16,6 @@ class CxFFT1DWidget : public QWidget
 public:
     explicit CxFFT1DWidget(CxFFT1DCnbl* node);
     ~CxFFT1DWidget() override;
-
-    static QListWidgetItem* createChannelItem(QListWidget* list, const QString& name, int index, int current);
 
 private slots:
     void on_lstChannelClicked(int row);
@@ -35,7 +30,6 @@ private slots:
 
 private:
     void updateYScaling();
-    void apply(const std::function<void()>& set);
 
     CxFFT1DCnbl* m_node;
     QListWidget* m_list = nullptr;

@@ -1,26 +1,23 @@
 #include "FFT2DCnbl.h"
 #include "FFT2DWidget.h"
-#include "NodeKit.h"
 
 #include <CxFFT.h>
 #include <CxFFTImageData.h>
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 
 #include <KitDispatch.h>
 #include <KitMosaic.h>
 
-#include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cstring>
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kChannelAttribute = QStringLiteral("channel");
+
+// The output is a spectrum packet of two pool pictures, so only the packet
+// checks of the frame scaffold apply.
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingPassed, nodekit::PoolFixed};
 
 // Only the top-left part of out that the cell fills is written; the rest
 // keeps what it holds.
@@ -42,33 +39,6 @@ bool fitsSamples(const SxPicBuf& pic)
         && pic.effectiveLinePitch() % pic.bytesPerSample() == 0
         && quintptr(pic.data) % pic.bytesPerSample() == 0;
 }
-
-QString cellColourName(quint32 cfa, int cell)
-{
-    struct SxCell
-    {
-        const char* colour;
-        int number;  // 0: the only cell of its colour
-    };
-    static const SxCell cells[6][4] = {
-        {{"Red", 0}, {"Green", 1}, {"Green", 2}, {"Blue", 0}},
-        {{"Green", 1}, {"Red", 0}, {"Blue", 0}, {"Green", 2}},
-        {{"Green", 1}, {"Blue", 0}, {"Red", 0}, {"Green", 2}},
-        {{"Blue", 0}, {"Green", 1}, {"Green", 2}, {"Red", 0}},
-        {{"Cyan", 0}, {"Magenta", 0}, {"Yellow", 0}, {"Green", 0}},
-        {{"Red", 1}, {"Green", 0}, {"Blue", 0}, {"Red", 2}},
-    };
-    const SxCell& c = cells[cfa - CFA_BAYER_RGGB][cell];
-    const QString name = CxFFT2DCnbl::tr(c.colour);
-    return c.number == 0 ? name : name + QLatin1Char(' ') + QString::number(c.number);
-}
-
-// The literal texts above, for the translation tools.
-[[maybe_unused]] const char* const kColourTexts[] = {
-    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Red"),     QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Green"),
-    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Blue"),    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Cyan"),
-    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Magenta"), QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Yellow"),
-};
 
 // The top-left part of work that the cut-out of channel fills: a 2x2 cell,
 // or a band as far as its own filter zone reaches (the size Extract Channel
@@ -161,16 +131,6 @@ QString CxFFT2DCnbl::title() const
     return tr("FFT 2D (%1)").arg(channelNameForIndex(channel(), info, &meta.hsiCameraParams()));
 }
 
-bool CxFFT2DCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxFFT2DCnbl::buffersCountInMemoryPool() const
-{
-    return 2;
-}
-
 CxChainable* CxFFT2DCnbl::clone()
 {
     auto* copy = new CxFFT2DCnbl;
@@ -201,14 +161,8 @@ bool CxFFT2DCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxFFT2DCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    if (element.hasAttribute(kChannelAttribute))
-        setChannel(element.attribute(kChannelAttribute, QStringLiteral("0")).toInt(nullptr, 10));
+    setChannel(nodekit::attribute(element, kChannelAttribute, channel()));
     return result;
-}
-
-bool CxFFT2DCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxFFT2DCnbl::help(QString& anchor)
@@ -219,27 +173,22 @@ QString CxFFT2DCnbl::help(QString& anchor)
 
 int CxFFT2DCnbl::channel() const
 {
-    QMutexLocker lock(nodeMutex());
-    return m_channel;
+    return nodekit::lockedGet(this, m_channel);
 }
 
 void CxFFT2DCnbl::setChannel(int channel)
 {
-    {
-        QMutexLocker lock(nodeMutex());
-        if (m_channel == channel)
-            return;
-        m_channel = channel;
-    }
-    emit titleChanged(this);
+    if (nodekit::lockedSet(this, m_channel, channel))
+        emit titleChanged(this);
 }
 
 void CxFFT2DCnbl::inputFormat(SxPicBufInfo& info, CxImageMetadata* meta) const
 {
-    QMutexLocker lock(nodeMutex());
-    info = m_inInfo;
-    if (meta)
-        *meta = m_inMeta;
+    nodekit::locked(this, [&] {
+        info = m_inInfo;
+        if (meta)
+            *meta = m_inMeta;
+    });
 }
 
 QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, const CxHsiCameraParams* hsi)
@@ -252,7 +201,8 @@ QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, co
     if (info.colorFilterArray == CFA_NONE || info.storageFormat == DSF_NOT_RAW)
         return tr("Mono");
     if (isTwoByTwoMosaic(info.colorFilterArray))
-        return index >= 0 && index < 4 ? cellColourName(info.colorFilterArray, index) : tr("Whole image");
+        return index >= 0 && index < 4 ? nodekit::cellColourName(staticMetaObject.className(), info.colorFilterArray, index)
+                                       : tr("Whole image");
     if (info.colorFilterArray == CFA_HSI_MOSAIC) {
         const qint64 bands = hsi ? qint64(hsi->bandsAcross()) * hsi->bandsDown() : 0;
         CxHsiCameraParams::SxBandIdx idx;
@@ -263,6 +213,29 @@ QString CxFFT2DCnbl::channelNameForIndex(int index, const SxPicBufInfo& info, co
         return tr("Mono");
     }
     return QString();
+}
+
+void CxFFT2DCnbl::channelList(const SxPicBufInfo& info, const CxHsiCameraParams& hsi, QList<QString>& names,
+                              QList<int>& indices)
+{
+    const auto add = [&](int index) {
+        names.append(channelNameForIndex(index, info, &hsi));
+        indices.append(index);
+    };
+    if (info.channels > 1) {
+        for (int i = 0; i < int(qMin<quint32>(info.channels, 4)); ++i)
+            add(i);
+    } else if (info.channels == 1 && info.storageFormat != DSF_NOT_RAW) {
+        if (isTwoByTwoMosaic(info.colorFilterArray)) {
+            for (int i = -1; i < 4; ++i)
+                add(i);
+        } else if (info.colorFilterArray == CFA_HSI_MOSAIC) {
+            // As many rows as channelNameForIndex has names for.
+            const int bands = hsi.bandsAcross() * hsi.bandsDown();
+            for (int i = -1; i < bands; ++i)
+                add(i);
+        }
+    }
 }
 
 bool CxFFT2DCnbl::isSupportedInput(const SxPicBufInfo& info)
@@ -279,62 +252,61 @@ bool CxFFT2DCnbl::isTransformableFormat(const SxPicBufInfo& info)
 
 bool CxFFT2DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                        const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    if (!isTransformableFormat(in))
-        return false;
-    out = in;
-    out.linePitch = 0;
-    out.channels = 1;
-    // 32-bit integers by type, floats by content: the host sizes and labels
-    // the pool by this format, and spectrum consumers read the parts as floats.
-    out.bitsPerSample = 32;
-    out.dataType = IDT_INT32;
-    out.storageFormat = DSF_PACKED;
-    out.colorFilterArray = CFA_NONE;
-    out.isColor = false;
-    if (outMeta && inMeta)
-        *outMeta = *inMeta;
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        if (!isTransformableFormat(in))
+            return false;
+        out = in;
+        out.linePitch = 0;
+        out.channels = 1;
+        // 32-bit integers by type, floats by content: the host sizes and labels
+        // the pool by this format, and spectrum consumers read the parts as floats.
+        out.bitsPerSample = 32;
+        out.dataType = IDT_INT32;
+        out.storageFormat = DSF_PACKED;
+        out.colorFilterArray = CFA_NONE;
+        out.isColor = false;
+        if (outMeta && inMeta)
+            *outMeta = *inMeta;
+        return true;
+    });
 }
 
 void CxFFT2DCnbl::setupStart()
-try {
-    setupStop();
-    SxPicBufInfo in, out;
-    CxImageMetadata inMeta;
-    if (!currentInputImageInfo(in, &inMeta))
-        return;
-    {
-        QMutexLocker lock(nodeMutex());
-        m_inInfo = in;
-        m_inMeta = inMeta;
-    }
-    emit titleChanged(this);
-    if (!queryOutputImageInfo(in, out, &inMeta, nullptr))
-        return;
-    if (!CxFFT::Alloc2D(out, m_fft1, m_fft2, m_fft3)) {
-        CxFFT::Free2D(m_fft1, m_fft2, m_fft3);
-        m_fft1 = m_fft2 = m_fft3 = nullptr;
-        return;
-    }
-    // Only layouts that can name a channel need the cut-out; a plain mono
-    // camera frame would waste a picture's worth of memory on it.
-    if (in.channels > 1 || in.colorFilterArray != CFA_NONE) {
-        SxPicBufInfo work = in;
-        work.width = out.width;
-        work.height = out.height;
-        work.channels = 1;
-        work.linePitch = 0;
-        work.isColor = false;
-        work.colorFilterArray = CFA_NONE;
-        // Cleared once: a cell or band fills only the top-left corner.
-        CxPicBufAPI::AllocPicBufFromHeap(m_extract, work, true, 0);
-    }
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "setupStart", e);
+{
+    nodekit::guarded(this, "setupStart", [&] {
+        setupStop();
+        SxPicBufInfo in, out;
+        CxImageMetadata inMeta;
+        if (!currentInputImageInfo(in, &inMeta))
+            return;
+        {
+            QMutexLocker lock(nodeMutex());
+            m_inInfo = in;
+            m_inMeta = inMeta;
+        }
+        emit titleChanged(this);
+        if (!queryOutputImageInfo(in, out, &inMeta, nullptr))
+            return;
+        if (!CxFFT::Alloc2D(out, m_fft1, m_fft2, m_fft3)) {
+            CxFFT::Free2D(m_fft1, m_fft2, m_fft3);
+            m_fft1 = m_fft2 = m_fft3 = nullptr;
+            return;
+        }
+        // Only layouts that can name a channel need the cut-out; a plain mono
+        // camera frame would waste a picture's worth of memory on it.
+        if (in.channels > 1 || in.colorFilterArray != CFA_NONE) {
+            SxPicBufInfo work = in;
+            work.width = out.width;
+            work.height = out.height;
+            work.channels = 1;
+            work.linePitch = 0;
+            work.isColor = false;
+            work.colorFilterArray = CFA_NONE;
+            // Cleared once: a cell or band fills only the top-left corner.
+            CxPicBufAPI::AllocPicBufFromHeap(m_extract, work, true, 0);
+        }
+    });
 }
 
 void CxFFT2DCnbl::setupStop()
@@ -346,63 +318,50 @@ void CxFFT2DCnbl::setupStop()
 }
 
 IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return data;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
+{
+    return nodekit::guarded(this, "processData", [&]() -> IxChainData* {
+        IxChainData* answer = nullptr;
+        const CxImageData* input = nodekit::pictureOf(this, data, kFrame, answer);
+        if (!input)
+            return answer;
 
-    const SxPicBuf* inPic = input->picBuf();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!isSupportedInput(*inPic) || !queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta)) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(tr("The input image data type is not supported."));
-        return data;
-    }
-    if (!inPic->data)
-        return nullptr;
+        const SxPicBuf* inPic = input->picBuf();
+        SxPicBufInfo outInfo;
+        CxImageMetadata outMeta;
+        if (!isSupportedInput(*inPic) || !queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta)) {
+            nodekit::tell(this, tr("The input image data type is not supported."));
+            return data;
+        }
+        if (!inPic->data)
+            return nullptr;
 
-    const int ch = channel();
-    SxPicBuf cut = cutOutArea(*inPic, input->metadata(), ch, m_extract);
-    const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, cut);
-    if (source == &cut) {
-        clearAround(m_extract, cut.width, cut.height);
-        source = &m_extract;
-    }
-    if (!source) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(tr("The input image has no channel %1.").arg(ch));
-        return data;
-    }
+        const int ch = channel();
+        SxPicBuf cut = cutOutArea(*inPic, input->metadata(), ch, m_extract);
+        const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, cut);
+        if (source == &cut) {
+            clearAround(m_extract, cut.width, cut.height);
+            source = &m_extract;
+        }
+        if (!source) {
+            nodekit::tell(this, tr("The input image has no channel %1.").arg(ch));
+            return data;
+        }
 
-    SxPicBuf re, im;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, re, outInfo, false))
-        return nullptr;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, im, outInfo, false)) {
-        CxPicBufAPI::FreePicBuf(re, true);
-        return nullptr;
-    }
-    if (!CxFFT::Calc2D(*source, re, im, m_fft1, m_fft2, m_fft3)) {
-        CxPicBufAPI::FreePicBuf(re, true);
-        CxPicBufAPI::FreePicBuf(im, true);
-        return nullptr;
-    }
-    for (SxPicBuf* part : {&re, &im}) {
-        part->exposureTimeUs = inPic->exposureTimeUs;
-        part->timestampMs = inPic->timestampMs;
-        part->copyPicAdditionalData(*inPic);
-    }
-
-    auto* output = new CxFFTImageData;
-    output->setPicBufReIm(re, im, nullptr);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+        SxPicBuf re, im;
+        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, re, outInfo, kFrame.pool))
+            return nullptr;
+        if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, im, outInfo, kFrame.pool)
+            || !CxFFT::Calc2D(*source, re, im, m_fft1, m_fft2, m_fft3)) {
+            CxPicBufAPI::FreePicBuf(re, true);
+            CxPicBufAPI::FreePicBuf(im, true);
+            return nullptr;
+        }
+        nodekit::stamp(re, *inPic);
+        nodekit::stamp(im, *inPic);
+        auto* output = new CxFFTImageData;
+        output->setPicBufReIm(re, im, nullptr);
+        output->setMetadata(&outMeta);
+        delete data;
+        return output;
+    });
 }

@@ -1,6 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-#include <SxPicBuf.h>
+#include "NodeKit.h"
 
 class CxHsiCameraParams;
 
@@ -48,14 +47,13 @@ public:
     ~CxFFT2DCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_TAKES_PICTURES(2)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
     bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     void setupStart() override;
     void setupStop() override;
@@ -72,6 +70,9 @@ public:
     // Display name of channel index for pictures of this layout; used by both
     // spectrum nodes and their panels.
     static QString channelNameForIndex(int index, const SxPicBufInfo& info, const CxHsiCameraParams* hsi);
+    // The channels both spectrum panels offer for pictures of this layout.
+    static void channelList(const SxPicBufInfo& info, const CxHsiCameraParams& hsi, QList<QString>& names,
+                            QList<int>& indices);
     static bool isSupportedInput(const SxPicBufInfo& info);
     // Packed, at most 4 channels, samples of at most 2 bytes.
     static bool isTransformableFormat(const SxPicBufInfo& info);

@@ -1,17 +1,10 @@
 #include "FilterImagesCnbl.h"
 #include "FilterImagesWidget.h"
-#include "NodeKit.h"
 
-#include <CxImageData.h>
-#include <SxPicBuf.h>
-
-#include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 namespace {
 
-// Chain document attributes; the names are part of the saved-file format.
 const QString kModuloAttribute = QStringLiteral("filterModulo");
 const QString kRemainderAttribute = QStringLiteral("filterRemainder");
 
@@ -31,16 +24,6 @@ QString CxFilterImagesCnbl::title() const
     return tr("Filter Images") + QStringLiteral(" n%") + tr("%1=%2").arg(modulo).arg(remainder);
 }
 
-bool CxFilterImagesCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxFilterImagesCnbl::buffersCountInMemoryPool() const
-{
-    return 0;
-}
-
 CxChainable* CxFilterImagesCnbl::clone()
 {
     auto* copy = new CxFilterImagesCnbl;
@@ -51,11 +34,6 @@ CxChainable* CxFilterImagesCnbl::clone()
 QWidget* CxFilterImagesCnbl::configurationWidget()
 {
     return new CxFilterImagesWidget(this);
-}
-
-bool CxFilterImagesCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 bool CxFilterImagesCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
@@ -71,31 +49,29 @@ bool CxFilterImagesCnbl::saveSettings(QDomDocument& doc, QDomElement& element) c
 bool CxFilterImagesCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    QMutexLocker lock(nodeMutex());
-    if (element.hasAttribute(kModuloAttribute))
-        m_modulo = element.attribute(kModuloAttribute, QString()).toInt(nullptr, 10);
-    if (element.hasAttribute(kRemainderAttribute))
-        m_remainder = element.attribute(kRemainderAttribute, QString()).toInt(nullptr, 10);
+    nodekit::locked(this, [&] {
+        m_modulo = nodekit::attribute(element, kModuloAttribute, m_modulo);
+        m_remainder = nodekit::attribute(element, kRemainderAttribute, m_remainder);
+    });
     return result;
 }
 
 int CxFilterImagesCnbl::filterModulo() const
 {
-    QMutexLocker lock(nodeMutex());
-    return m_modulo;
+    return nodekit::lockedGet(this, m_modulo);
 }
 
 int CxFilterImagesCnbl::filterRemainder() const
 {
-    QMutexLocker lock(nodeMutex());
-    return m_remainder;
+    return nodekit::lockedGet(this, m_remainder);
 }
 
 void CxFilterImagesCnbl::values(int& modulo, int& remainder) const
 {
-    QMutexLocker lock(nodeMutex());
-    modulo = m_modulo;
-    remainder = m_remainder;
+    nodekit::locked(this, [&] {
+        modulo = m_modulo;
+        remainder = m_remainder;
+    });
 }
 
 void CxFilterImagesCnbl::setFilterModulo(int modulo, int remainder, bool restart)
@@ -103,13 +79,12 @@ void CxFilterImagesCnbl::setFilterModulo(int modulo, int remainder, bool restart
     // The lock is held for the store only: a restart waits for processData,
     // which takes the same lock.
     nodekit::setWithRestart(this, restart, [this, modulo, remainder] {
-        {
-            QMutexLocker lock(nodeMutex());
+        nodekit::locked(this, [&] {
             if (modulo > 0)
                 m_modulo = modulo;
             if (remainder >= 0)
                 m_remainder = remainder;
-        }
+        });
         emit titleChanged(this);
     });
 }
@@ -121,18 +96,16 @@ bool CxFilterImagesCnbl::passes(qint32 frameNumber, int modulo, int remainder)
 
 bool CxFilterImagesCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                               const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        return true;
+    });
 }
 
+// Packets pass on as they are, so none of the frame scaffold applies.
 IxChainData* CxFilterImagesCnbl::processData(IxChainData* data)
-try {
+{
     auto* input = qobject_cast<CxImageData*>(data);
     if (!input || !input->picBuf())
         return data;
@@ -140,7 +113,4 @@ try {
     values(modulo, remainder);
     // A dropped packet is freed by the host.
     return passes(input->picBuf()->frameNumber, modulo, remainder) ? data : nullptr;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
 }

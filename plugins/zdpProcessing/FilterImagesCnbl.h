@@ -1,5 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
+#include "NodeKit.h"
 
 // Lets through only the frames whose frame number leaves the stored remainder
 // modulo M, so that a stream is thinned to every M-th frame. Packets pass on
@@ -27,11 +27,9 @@ public:
     ~CxFilterImagesCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(0)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
     IxChainData* processData(IxChainData* data) override;

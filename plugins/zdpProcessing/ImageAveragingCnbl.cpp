@@ -1,25 +1,18 @@
 #include "ImageAveragingCnbl.h"
-#include "NodeKit.h"
 #include "ImageAveragingKernels.h"
 #include "ImageAveragingWidget.h"
 
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 #include <CxPicBufMeas.h>
 
 #include <QtCore/QDebug>
-#include <QtCore/QMutexLocker>
 #include <QtCore/QRect>
 #include <QtCore/QThread>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cstring>
 
 namespace {
 
-// Chain document attributes; the names (misspelling included) are part of
-// the saved-file format.
 const QString kAverageCountAttr = QStringLiteral("averageCount");
 const QString kCountInfiniteAttr = QStringLiteral("countInfinite");
 const QString kModeAttr = QStringLiteral("mode");
@@ -31,21 +24,10 @@ const QString kLineAveragingAttr = QStringLiteral("lineAveraing");
 const CxHistoData::ExHistoDataFlags kHistogramFlags =
     CxHistoData::ExHistoDataFlags(CxHistoData::HDF_MinMax | CxHistoData::HDF_Mean | CxHistoData::HDF_StdDev);
 
-bool readBool(const QDomElement& element, const QString& name, bool& value)
-{
-    if (!element.hasAttribute(name))
-        return false;
-    value = element.attribute(name, QString()) != QLatin1String("0");
-    return true;
-}
-
-bool readInt(const QDomElement& element, const QString& name, int& value, bool* converted = nullptr)
-{
-    if (!element.hasAttribute(name))
-        return false;
-    value = element.attribute(name, QString()).toInt(converted, 10);
-    return true;
-}
+// Between the ends of a series the node answers nothing, and a pool picture
+// is taken only for the frames that make one.
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed,
+                                     nodekit::OutputSomeFrames};
 
 // Log lines keep the numbers the support team greps for, whatever this file
 // looks like now.
@@ -134,16 +116,6 @@ QString CxImageAveragingCnbl::title() const
     return word + QStringLiteral(" (%1/%2)").arg(counted).arg(of);
 }
 
-bool CxImageAveragingCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxImageAveragingCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxImageAveragingCnbl::clone()
 {
     auto* copy = new CxImageAveragingCnbl;
@@ -160,11 +132,6 @@ CxChainable* CxImageAveragingCnbl::clone()
 QWidget* CxImageAveragingCnbl::configurationWidget()
 {
     return new CxAveratingConfigurationWgt(this);
-}
-
-bool CxImageAveragingCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxImageAveragingCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -199,23 +166,17 @@ bool CxImageAveragingCnbl::loadSettings(const QDomElement& element)
     // The base's answer is deliberately not part of the result: a chain
     // document counts as loaded exactly when it holds a usable count.
     CxChainable::loadSettings(element);
+    using nodekit::attribute;
+    const auto on = nodekit::On::UnlessTextIsZero;
     QMutexLocker lock(nodeMutex());
     bool countOk = false;
-    const bool hasCount = readInt(element, kAverageCountAttr, m_countToAverage, &countOk);
-    readBool(element, kCountInfiniteAttr, m_countInfinite);
-    int value = 0;
-    if (readInt(element, kModeAttr, value))
-        m_mode = ExMode(value);
-    readBool(element, kAllModesAttr, m_calcAllModes);
-    readInt(element, kStDevScalingAttr, m_stDevScaling);
-    if (readInt(element, kLineAveragingAttr, value))
-        m_lineAveraging = ExLineAveraging(value);
-    return hasCount && countOk;
-}
-
-bool CxImageAveragingCnbl::hasHelp() const
-{
-    return true;
+    m_countToAverage = attribute(element, kAverageCountAttr, m_countToAverage, &countOk);
+    m_countInfinite = attribute(element, kCountInfiniteAttr, m_countInfinite, on);
+    m_mode = attribute(element, kModeAttr, m_mode);
+    m_calcAllModes = attribute(element, kAllModesAttr, m_calcAllModes, on);
+    m_stDevScaling = attribute(element, kStDevScalingAttr, m_stDevScaling);
+    m_lineAveraging = attribute(element, kLineAveragingAttr, m_lineAveraging);
+    return element.hasAttribute(kAverageCountAttr) && countOk;
 }
 
 QString CxImageAveragingCnbl::help(QString& anchor)
@@ -228,106 +189,30 @@ QString CxImageAveragingCnbl::help(QString& anchor)
               "static images are not averaged.</li></ul>");
 }
 
-int CxImageAveragingCnbl::countToAverage() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_countToAverage;
-}
-
-void CxImageAveragingCnbl::setCountToAverage(int count)
-{
-    {
-        QMutexLocker lock(nodeMutex());
-        m_countToAverage = count;
-    }
-    emit titleChanged(this);
-}
-
-bool CxImageAveragingCnbl::isCountingToInfinite() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_countInfinite;
-}
-
-void CxImageAveragingCnbl::setCountingToInfinite(bool infinite)
-{
-    {
-        QMutexLocker lock(nodeMutex());
-        m_countInfinite = infinite;
-    }
-    emit titleChanged(this);
-}
-
-CxImageAveragingCnbl::ExMode CxImageAveragingCnbl::mode() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_mode;
-}
-
 void CxImageAveragingCnbl::setMode(ExMode mode)
 {
-    {
-        QMutexLocker lock(nodeMutex());
+    nodekit::locked(this, [&] {
         m_mode = mode;
         // Without the other statistics running along, the last average
         // belongs to an old run of the subtraction.
         if (!m_calcAllModes)
             m_lastAverageValid = false;
-    }
+    });
     emit titleChanged(this);
-}
-
-void CxImageAveragingCnbl::setCalcAllModesTogether(bool all)
-{
-    QMutexLocker lock(nodeMutex());
-    m_calcAllModes = all;
-}
-
-void CxImageAveragingCnbl::setStDevValuesScaling(int scaling)
-{
-    QMutexLocker lock(nodeMutex());
-    m_stDevScaling = scaling;
-}
-
-CxImageAveragingCnbl::ExLineAveraging CxImageAveragingCnbl::lineAveraging() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_lineAveraging;
-}
-
-void CxImageAveragingCnbl::setLineAveraging(ExLineAveraging lineAveraging)
-{
-    QMutexLocker lock(nodeMutex());
-    m_lineAveraging = lineAveraging;
-}
-
-void CxImageAveragingCnbl::averagingReset()
-{
-    QMutexLocker lock(nodeMutex());
-    m_frameCounter = 0;
-}
-
-int CxImageAveragingCnbl::frameCounter() const
-{
-    QMutexLocker lock(nodeMutex());
-    return m_frameCounter;
 }
 
 bool CxImageAveragingCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (m_mode == ModeMinTouches) {
-        out.dataType = IDT_UINT16;
-        out.bitsPerSample = 16;
-        out.linePitch = quint32((quint64(in.width) * in.channels * 2 + 255) & ~quint64(255));
-    }
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        if (m_mode == ModeMinTouches) {
+            out.dataType = IDT_UINT16;
+            out.bitsPerSample = 16;
+            out.linePitch = quint32((quint64(in.width) * in.channels * 2 + 255) & ~quint64(255));
+        }
+        return true;
+    });
 }
 
 CxImageAveragingCnbl::SxNeeds CxImageAveragingCnbl::needs() const
@@ -346,48 +231,48 @@ CxImageAveragingCnbl::SxNeeds CxImageAveragingCnbl::needs() const
 }
 
 void CxImageAveragingCnbl::setupStart()
-try {
-    QMutexLocker lock(nodeMutex());
-    SxPicBufInfo in;
-    if (!currentInputImageInfo(in, nullptr))
-        return;
-    const SxNeeds need = needs();
+{
+    nodekit::guarded(this, "setupStart", [&] {
+        QMutexLocker lock(nodeMutex());
+        SxPicBufInfo in;
+        if (!currentInputImageInfo(in, nullptr))
+            return;
+        const SxNeeds need = needs();
 
-    ExImageDataType sumType = in.dataType;
-    if (in.dataType == IDT_UINT8 || in.dataType == IDT_UINT16)
-        sumType = IDT_UINT32;
-    else if (in.dataType == IDT_INT8 || in.dataType == IDT_INT16)
-        sumType = IDT_INT32;
-    ExImageDataType sqType = in.dataType;
-    if (in.dataType == IDT_INT8 || in.dataType == IDT_UINT8)
-        sqType = IDT_UINT32;
-    else if (in.dataType >= IDT_INT16 && in.dataType <= IDT_UINT32)
-        sqType = IDT_UINT64;
+        ExImageDataType sumType = in.dataType;
+        if (in.dataType == IDT_UINT8 || in.dataType == IDT_UINT16)
+            sumType = IDT_UINT32;
+        else if (in.dataType == IDT_INT8 || in.dataType == IDT_INT16)
+            sumType = IDT_INT32;
+        ExImageDataType sqType = in.dataType;
+        if (in.dataType == IDT_INT8 || in.dataType == IDT_UINT8)
+            sqType = IDT_UINT32;
+        else if (in.dataType >= IDT_INT16 && in.dataType <= IDT_UINT32)
+            sqType = IDT_UINT64;
 
-    SxPicBufInfo sumFormat = withType(in, sumType);
-    sumFormat.linePitch = 0;
-    if (avgk::hasMarkedAlpha(in))
-        sumFormat.channels = 3;
-    SxPicBufInfo sqFormat = withType(sumFormat, sqType);
-    SxPicBufInfo touchesFormat = withType(in, IDT_UINT16);
-    touchesFormat.linePitch = 0;
+        SxPicBufInfo sumFormat = withType(in, sumType);
+        sumFormat.linePitch = 0;
+        if (avgk::hasMarkedAlpha(in))
+            sumFormat.channels = 3;
+        SxPicBufInfo sqFormat = withType(sumFormat, sqType);
+        SxPicBufInfo touchesFormat = withType(in, IDT_UINT16);
+        touchesFormat.linePitch = 0;
 
-    if (preparePicture(m_sum, need.sum, sumFormat, 495, "Sum pic allocation failed."))
-        m_frameCounter = 0;
-    if (preparePicture(m_subtractSum, need.subtractSum, sumFormat, 510, "SumSubtract pic allocation failed."))
-        m_subtractCounter = 0;
-    if (preparePicture(m_lastAverage, need.lastAverage, in, 519, "LastAvg pic allocation failed."))
-        m_lastAverageValid = false;
-    if (preparePicture(m_sumSq, need.sumSq, sqFormat, 538, "SumSq pic allocation failed."))
-        m_frameCounter = 0;
-    if (preparePicture(m_min, need.min, in, 553, "Min pic allocation failed."))
-        m_frameCounter = 0;
-    if (preparePicture(m_max, need.max, in, 568, "Max pic allocation failed."))
-        m_frameCounter = 0;
-    if (preparePicture(m_minTouches, need.minTouches, touchesFormat, 583, "MinTouches pic allocation failed."))
-        m_frameCounter = 0;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "setupStart", e);
+        if (preparePicture(m_sum, need.sum, sumFormat, 495, "Sum pic allocation failed."))
+            m_frameCounter = 0;
+        if (preparePicture(m_subtractSum, need.subtractSum, sumFormat, 510, "SumSubtract pic allocation failed."))
+            m_subtractCounter = 0;
+        if (preparePicture(m_lastAverage, need.lastAverage, in, 519, "LastAvg pic allocation failed."))
+            m_lastAverageValid = false;
+        if (preparePicture(m_sumSq, need.sumSq, sqFormat, 538, "SumSq pic allocation failed."))
+            m_frameCounter = 0;
+        if (preparePicture(m_min, need.min, in, 553, "Min pic allocation failed."))
+            m_frameCounter = 0;
+        if (preparePicture(m_max, need.max, in, 568, "Max pic allocation failed."))
+            m_frameCounter = 0;
+        if (preparePicture(m_minTouches, need.minTouches, touchesFormat, 583, "MinTouches pic allocation failed."))
+            m_frameCounter = 0;
+    });
 }
 
 void CxImageAveragingCnbl::setupStop()
@@ -476,99 +361,66 @@ bool CxImageAveragingCnbl::computePassThrough(const SxPicBuf& frame, SxPicBuf& o
 }
 
 IxChainData* CxImageAveragingCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-
-    const SxPicBuf* inPic = input->picBuf();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta) || !inPic->data)
-        return nullptr;
-
-    QMutexLocker lock(nodeMutex());
-    SxPicBuf out;
-    bool haveOut = false;
-    auto takePoolPicture = [&] {
-        return CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, out, outInfo, false);
-    };
-    auto fail = [&] {
-        CxPicBufAPI::FreePicBuf(out, false);
-        return nullptr;
-    };
-
-    if (m_countToAverage < 2 && !m_countInfinite) {
-        m_frameCounter = 1;
-        if (!takePoolPicture())
-            return nullptr;
-        const bool ok = computeStatistic(*inPic, 1, out);
-        m_frameCounter = 0;
-        if (!ok)
-            return fail();
-        haveOut = true;
-    } else {
-        if (!accumulate(*inPic))
-            return nullptr;
-        ++m_frameCounter;
-        emit titleChanged(this);
-
-        if (m_mode == ModeSubtractAverage && m_lastAverageValid) {
-            if (!takePoolPicture() || !CxPicBufAPI::CopyPicBuf(out, *inPic, false))
-                return fail();
-            if (m_histogram.channels() >= int(colourChannels(out))
-                && !SubtractWithOffset(m_lastAverage, out, m_histogram))
-                return fail();
+{
+    return nodekit::processFrame(this, data, kFrame, [this](nodekit::Frame& f) {
+        const SxPicBuf& in = f.in;
+        QMutexLocker lock(nodeMutex());
+        bool haveOut = false;
+        if (m_countToAverage < 2 && !m_countInfinite) {
+            m_frameCounter = 1;
+            if (!f.take())
+                return nodekit::Drop;
+            const bool ok = computeStatistic(in, 1, f.out);
+            m_frameCounter = 0;
+            if (!ok)
+                return nodekit::Drop;
             haveOut = true;
-        }
-        if (m_mode == ModeSubtractAverage && m_subtractCounter >= m_countToAverage
-            && CxPicBufAPI::DivideByValue(m_subtractSum, m_subtractCounter, m_lastAverage)) {
-            m_lastAverageValid = true;
-            CxPicBufMeas::measureHistogram(m_histogram, m_lastAverage, QRect(0, 0, -1, -1), kHistogramFlags,
-                                           nullptr);
-            m_subtractCounter = 0;
-        }
+        } else {
+            if (!accumulate(in))
+                return nodekit::Drop;
+            ++m_frameCounter;
+            emit titleChanged(this);
 
-        const bool seriesOpen = m_frameCounter < m_countToAverage;
-        if (seriesOpen && !(m_countInfinite && m_frameCounter >= 2)) {
-            if (!haveOut) {
-                if (data->isLiveData())
-                    return nullptr;
-                if (!takePoolPicture() || !computePassThrough(*inPic, out))
-                    return fail();
+            if (m_mode == ModeSubtractAverage && m_lastAverageValid) {
+                if (!f.take() || !CxPicBufAPI::CopyPicBuf(f.out, in, false))
+                    return nodekit::Drop;
+                if (m_histogram.channels() >= int(colourChannels(f.out))
+                    && !SubtractWithOffset(m_lastAverage, f.out, m_histogram))
+                    return nodekit::Drop;
                 haveOut = true;
             }
-        } else if (m_mode == ModeSubtractAverage) {
-            if (!m_countInfinite)
-                m_frameCounter = 0;
-        } else {
-            const int frames = m_frameCounter;
-            if (!m_countInfinite)
-                m_frameCounter = 0;
-            if (!takePoolPicture())
-                return nullptr;
-            if (!computeStatistic(*inPic, frames, out))
-                return fail();
-            haveOut = true;
-        }
-    }
-    if (!haveOut)
-        return nullptr;
+            if (m_mode == ModeSubtractAverage && m_subtractCounter >= m_countToAverage
+                && CxPicBufAPI::DivideByValue(m_subtractSum, m_subtractCounter, m_lastAverage)) {
+                m_lastAverageValid = true;
+                CxPicBufMeas::measureHistogram(m_histogram, m_lastAverage, QRect(0, 0, -1, -1), kHistogramFlags,
+                                               nullptr);
+                m_subtractCounter = 0;
+            }
 
-    LineAveraging(out, m_lineAveraging);
-    out.exposureTimeUs = inPic->exposureTimeUs;
-    out.timestampMs = inPic->timestampMs;
-    out.copyPicAdditionalData(*inPic);
-    auto* output = new CxImageData;
-    output->setPicBuf(out);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+            const bool seriesOpen = m_frameCounter < m_countToAverage;
+            if (seriesOpen && !(m_countInfinite && m_frameCounter >= 2)) {
+                if (!haveOut) {
+                    if (f.packet.isLiveData())
+                        return nodekit::Drop;
+                    if (!f.take() || !computePassThrough(in, f.out))
+                        return nodekit::Drop;
+                    haveOut = true;
+                }
+            } else if (m_mode == ModeSubtractAverage) {
+                if (!m_countInfinite)
+                    m_frameCounter = 0;
+            } else {
+                const int frames = m_frameCounter;
+                if (!m_countInfinite)
+                    m_frameCounter = 0;
+                if (!f.take() || !computeStatistic(in, frames, f.out))
+                    return nodekit::Drop;
+                haveOut = true;
+            }
+        }
+        if (!haveOut)
+            return nodekit::Drop;
+        LineAveraging(f.out, m_lineAveraging);
+        return nodekit::Go;
+    });
 }

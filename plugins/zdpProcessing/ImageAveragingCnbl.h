@@ -1,7 +1,7 @@
 #pragma once
+#include "NodeKit.h"
+
 #include <CxHistoData.h>
-#include <CxImageProvider.h>
-#include <SxPicBuf.h>
 
 // Collects a series of frames into per-pixel statistics and emits one picture
 // per completed series: average, standard deviation, minimum, maximum, the
@@ -86,17 +86,15 @@ public:
     ~CxImageAveragingCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     void setupStart() override;
     void setupStop() override;
@@ -104,24 +102,32 @@ public:
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                               const CxImageMetadata* inMeta, CxImageMetadata* outMeta) override;
 
-    int countToAverage() const;
-    void setCountToAverage(int count);
-    bool isCountingToInfinite() const;
-    void setCountingToInfinite(bool infinite);
-    ExMode mode() const;
+    int countToAverage() const { return nodekit::lockedGet(this, m_countToAverage); }
+    void setCountToAverage(int count)
+    {
+        nodekit::lockedSet(this, m_countToAverage, count);
+        emit titleChanged(this);
+    }
+    bool isCountingToInfinite() const { return nodekit::lockedGet(this, m_countInfinite); }
+    void setCountingToInfinite(bool infinite)
+    {
+        nodekit::lockedSet(this, m_countInfinite, infinite);
+        emit titleChanged(this);
+    }
+    ExMode mode() const { return nodekit::lockedGet(this, m_mode); }
     // Takes effect on the next frame; the panel restarts a running chain so
     // that the pictures of the new mode are made.
     void setMode(ExMode mode);
     bool isCalcAllModesTogether() const { return m_calcAllModes; }
-    void setCalcAllModesTogether(bool all);
+    void setCalcAllModesTogether(bool all) { nodekit::lockedSet(this, m_calcAllModes, all); }
     int stDevValuesScaling() const { return m_stDevScaling; }
-    void setStDevValuesScaling(int scaling);
-    ExLineAveraging lineAveraging() const;
-    void setLineAveraging(ExLineAveraging lineAveraging);
+    void setStDevValuesScaling(int scaling) { nodekit::lockedSet(this, m_stDevScaling, scaling); }
+    ExLineAveraging lineAveraging() const { return nodekit::lockedGet(this, m_lineAveraging); }
+    void setLineAveraging(ExLineAveraging lineAveraging) { nodekit::lockedSet(this, m_lineAveraging, lineAveraging); }
     // Starts a new series with the next frame.
-    void averagingReset();
+    void averagingReset() { nodekit::lockedSet(this, m_frameCounter, 0); }
 
-    int frameCounter() const;
+    int frameCounter() const { return nodekit::lockedGet(this, m_frameCounter); }
 
 private:
     // What the current mode needs accumulated.

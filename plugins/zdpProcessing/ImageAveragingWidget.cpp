@@ -1,6 +1,5 @@
 #include "ImageAveragingWidget.h"
 #include "ImageAveragingCnbl.h"
-#include "NodeKit.h"
 
 #include <CxSegmentedControl.h>
 

@@ -1,24 +1,18 @@
 #include "LutInmapCnbl.h"
 #include "LutInmapWidget.h"
-#include "NodeKit.h"
 
 #include <CxHistoData.h>
-#include <CxImageData.h>
 #include <CxLut.h>
-#include <CxPicBufAPI.h>
 #include <CxPicBufMeas.h>
-#include <SxPicBuf.h>
 
 #include <QtCore/QRect>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cmath>
 #include <limits>
 
 namespace {
 
-// Chain document attributes; the names are part of the saved-file format.
 const QString kMapToRgbAttribute = QStringLiteral("MapToRGB");
 const QString kPseudoColorAttribute = QStringLiteral("PseudoColor");
 const QString kAutoMinMaxAttribute = QStringLiteral("AutoMinMax");
@@ -31,20 +25,13 @@ const QString kGammaAttribute = QStringLiteral("Gamma");
 // host asks for too, so the measurement code path is the common one.
 constexpr int kHistogramFlags = 15;
 
-bool positiveInteger(const QString& text)
-{
-    bool ok = false;
-    const int v = text.toInt(&ok, 10);
-    return ok && v > 0;
-}
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed};
 
-// Truncated towards zero; texts that are no number, NaN included, give 0 and
-// values beyond the 32-bit range stop at its ends.
-int truncatedInt(const QString& text)
+// Truncated towards zero; NaN gives 0 and values beyond the 32-bit range
+// stop at its ends.
+int truncatedInt(double v)
 {
-    bool ok = false;
-    const double v = text.toDouble(&ok);
-    if (!ok || std::isnan(v))
+    if (std::isnan(v))
         return 0;
     if (v >= double(std::numeric_limits<int>::max()))
         return std::numeric_limits<int>::max();
@@ -68,16 +55,6 @@ QString CxLutInmapCnbl::title() const
     return tr("LUT Mapping");
 }
 
-bool CxLutInmapCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxLutInmapCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxLutInmapCnbl::clone()
 {
     auto* copy = new CxLutInmapCnbl;
@@ -96,11 +73,6 @@ QWidget* CxLutInmapCnbl::configurationWidget()
     return new CxLutInmapCnblWidget(this);
 }
 
-bool CxLutInmapCnbl::hasConfigurationWidget() const
-{
-    return true;
-}
-
 bool CxLutInmapCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 {
     const bool result = CxChainable::saveSettings(doc, element);
@@ -117,28 +89,17 @@ bool CxLutInmapCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxLutInmapCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    auto text = [&element](const QString& name) { return element.attribute(name, QString()); };
-    if (element.hasAttribute(kMapToRgbAttribute))
-        m_mapToRgb = positiveInteger(text(kMapToRgbAttribute));
-    if (element.hasAttribute(kPseudoColorAttribute))
-        m_pseudoColor = text(kPseudoColorAttribute).toInt(nullptr, 10);
-    if (element.hasAttribute(kAutoMinMaxAttribute))
-        m_autoMinMax = positiveInteger(text(kAutoMinMaxAttribute));
-    if (element.hasAttribute(kAutoToleranceAttribute))
-        m_autoTolerance = truncatedInt(text(kAutoToleranceAttribute));
-    if (element.hasAttribute(kSrcMinAttribute))
-        m_srcMin = text(kSrcMinAttribute).toLongLong(nullptr, 10);
-    if (element.hasAttribute(kSrcMaxAttribute))
-        m_srcMax = text(kSrcMaxAttribute).toLongLong(nullptr, 10);
-    if (element.hasAttribute(kGammaAttribute))
-        m_gamma = text(kGammaAttribute).toDouble();
+    using nodekit::attribute;
+    m_mapToRgb = attribute(element, kMapToRgbAttribute, m_mapToRgb, nodekit::On::AboveZero);
+    m_pseudoColor = attribute(element, kPseudoColorAttribute, m_pseudoColor);
+    m_autoMinMax = attribute(element, kAutoMinMaxAttribute, m_autoMinMax, nodekit::On::AboveZero);
+    // A tolerance may be written with decimals; it is cut to an integer.
+    m_autoTolerance = truncatedInt(attribute(element, kAutoToleranceAttribute, double(m_autoTolerance)));
+    m_srcMin = attribute(element, kSrcMinAttribute, m_srcMin);
+    m_srcMax = attribute(element, kSrcMaxAttribute, m_srcMax);
+    m_gamma = attribute(element, kGammaAttribute, m_gamma);
     invalidateLuts();
     return result;
-}
-
-bool CxLutInmapCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxLutInmapCnbl::help(QString& anchor)
@@ -239,92 +200,54 @@ bool CxLutInmapCnbl::maximizeContrastForHisto(const CxHistoData* histo)
 
 bool CxLutInmapCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    if (m_mapToRgb) {
-        out.channels = 4;
-        out.bitsPerSample = 8;
-        out.dataType = IDT_UINT8;
-        out.storageFormat = DSF_PACKED;
-        out.colorFilterArray = CFA_NONE;
-        out.isColor = true;
-        const quint64 pitch = quint64(in.width) * 4;
-        // A row too long for the field is left to the allocator, which refuses it.
-        out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
-        if (outMeta) {
-            outMeta->setColorFilterArray(CFA_NONE);
-            outMeta->setChannelNames(QStringList());
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        if (m_mapToRgb) {
+            out.channels = 4;
+            out.bitsPerSample = 8;
+            out.dataType = IDT_UINT8;
+            out.storageFormat = DSF_PACKED;
+            out.colorFilterArray = CFA_NONE;
+            out.isColor = true;
+            const quint64 pitch = quint64(in.width) * 4;
+            // A row too long for the field is left to the allocator, which refuses it.
+            out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
+            if (outMeta) {
+                outMeta->setColorFilterArray(CFA_NONE);
+                outMeta->setChannelNames(QStringList());
+            }
         }
-    }
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+        return true;
+    });
 }
 
 IxChainData* CxLutInmapCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-
-    const SxPicBuf* inPic = input->picBuf();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta) || !inPic->data)
-        return nullptr;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    if (m_lut && !m_lut->isCompatibleWith(&outPic, inPic))
-        invalidateLuts();
-
-    if (m_autoMinMax && m_measureTimer.elapsed() > MeasureIntervalMs) {
-        m_measureTimer.restart();
-        CxHistoData histo;
-        const qint64 oldMin = m_srcMin, oldMax = m_srcMax;
-        if (CxPicBufMeas::measureHistogram(histo, input, QRect(),
-                                           QFlags<CxHistoData::ExHistoDataFlag>(kHistogramFlags))
-            && maximizeContrastForHisto(&histo) && (m_srcMin != oldMin || m_srcMax != oldMax))
+{
+    return nodekit::processFrame(this, data, kFrame, [this](nodekit::Frame& f) {
+        if (m_lut && !m_lut->isCompatibleWith(&f.out, &f.in))
             invalidateLuts();
-    }
 
-    if (!m_lut)
-        createLuts(inPic->bitsPerSample, inPic->channels, inPic->isColor, inPic->dataType);
+        if (m_autoMinMax && m_measureTimer.elapsed() > MeasureIntervalMs) {
+            m_measureTimer.restart();
+            CxHistoData histo;
+            const qint64 oldMin = m_srcMin, oldMax = m_srcMax;
+            if (CxPicBufMeas::measureHistogram(histo, &f.packet, QRect(),
+                                               QFlags<CxHistoData::ExHistoDataFlag>(kHistogramFlags))
+                && maximizeContrastForHisto(&histo) && (m_srcMin != oldMin || m_srcMax != oldMax))
+                invalidateLuts();
+        }
 
-    // A table that refuses this picture (rows not aligned to the sample size)
-    // leaves it unmapped rather than unwritten.
-    bool done = m_lut && m_lut->apply(&outPic, inPic, input->metadata());
-    if (!done) {
-        done = m_mapToRgb ? CxPicBufAPI::ConvertPicToRGB(*inPic, outPic)
-                          : CxPicBufAPI::CopyPicBuf(outPic, *inPic, false);
-    }
-    if (!done) {
-        CxPicBufAPI::FreePicBuf(outPic, false);
-        if (errorMessage().isEmpty())
-            setErrorMessage(tr("LUT Mapping cannot convert images of this format (%1).")
-                                .arg(nodekit::describe(*inPic)));
-        return data;
-    }
+        if (!m_lut)
+            createLuts(f.in.bitsPerSample, f.in.channels, f.in.isColor, f.in.dataType);
 
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+        // A table that refuses this picture (rows not aligned to the sample
+        // size) leaves it unmapped rather than unwritten.
+        if (m_lut && m_lut->apply(&f.out, &f.in, f.meta))
+            return nodekit::Go;
+        if (m_mapToRgb ? CxPicBufAPI::ConvertPicToRGB(f.in, f.out) : CxPicBufAPI::CopyPicBuf(f.out, f.in, false))
+            return nodekit::Go;
+        nodekit::tell(this, tr("LUT Mapping cannot convert images of this format (%1).").arg(nodekit::describe(f.in)));
+        return nodekit::PassOn;
+    });
 }

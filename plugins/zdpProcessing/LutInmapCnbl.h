@@ -1,5 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
+#include "NodeKit.h"
 #include <ExImageDataType.h>
 
 #include <QtCore/QElapsedTimer>
@@ -52,14 +52,12 @@ public:
     ~CxLutInmapCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
@@ -88,7 +86,6 @@ public:
     // when the host cannot build it.
     void createLuts(unsigned int bitsPerSample, unsigned int channels, bool isColor,
                     ExImageDataType dataType);
-    bool hasLut() const { return m_lut != nullptr; }
     // Sets SrcMin/SrcMax from a histogram; false, settings untouched, for a
     // histogram without channels or bins.
     bool maximizeContrastForHisto(const CxHistoData* histo);

@@ -1,6 +1,5 @@
 #include "LutInmapWidget.h"
 #include "LutInmapCnbl.h"
-#include "NodeKit.h"
 
 #include <CxLut.h>
 #include <CxPicBufAPI.h>

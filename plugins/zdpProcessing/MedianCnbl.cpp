@@ -1,15 +1,8 @@
 #include "MedianCnbl.h"
 #include "MedianWidget.h"
-#include "NodeKit.h"
-
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 
 #include <QtCore/QDebug>
-#include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <algorithm>
 #include <cstring>
@@ -18,8 +11,9 @@
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kKernelSizeAttribute = QStringLiteral("kernelSize");
+
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingPassed, nodekit::PoolFixed};
 
 bool isSupportedType(ExImageDataType t)
 {
@@ -234,16 +228,6 @@ QString CxMedianCnbl::title() const
     return tr("Median") + QStringLiteral(" (%1x%1)").arg(size);
 }
 
-bool CxMedianCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxMedianCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxMedianCnbl::clone()
 {
     auto* copy = new CxMedianCnbl;
@@ -256,11 +240,6 @@ QWidget* CxMedianCnbl::configurationWidget()
     return new CxMedianWidget(this);
 }
 
-bool CxMedianCnbl::hasConfigurationWidget() const
-{
-    return true;
-}
-
 bool CxMedianCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 {
     const bool result = CxChainable::saveSettings(doc, element);
@@ -271,19 +250,12 @@ bool CxMedianCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxMedianCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
+    // Unlike most nodes, a missing size fails the load.
     if (!element.hasAttribute(kKernelSizeAttribute))
         return false;
-    bool ok = false;
-    int size = element.attribute(kKernelSizeAttribute, QStringLiteral("3")).toInt(&ok, 10);
-    if (!ok)
-        size = 0;
+    const int size = nodekit::attribute(element, kKernelSizeAttribute, 0);
     setKernelRadius(size < 3 ? 1 : (size - 1) / 2);
     return result;
-}
-
-bool CxMedianCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxMedianCnbl::help(QString& anchor)
@@ -294,19 +266,13 @@ QString CxMedianCnbl::help(QString& anchor)
 
 int CxMedianCnbl::kernelRadius() const
 {
-    QMutexLocker locker(nodeMutex());
-    return m_radius;
+    return nodekit::lockedGet(this, m_radius);
 }
 
 void CxMedianCnbl::setKernelRadius(int radius)
 {
-    {
-        QMutexLocker locker(nodeMutex());
-        if (m_radius == radius)
-            return;
-        m_radius = radius;
-    }
-    emit titleChanged(this);
+    if (nodekit::lockedSet(this, m_radius, radius))
+        emit titleChanged(this);
 }
 
 CxMedianCnbl::SxPlaneLayout CxMedianCnbl::planeLayout(const SxPicBufInfo& info, const CxImageMetadata* meta)
@@ -328,42 +294,42 @@ CxMedianCnbl::SxPlaneLayout CxMedianCnbl::planeLayout(const SxPicBufInfo& info, 
 }
 
 void CxMedianCnbl::setupStart()
-try {
-    CxImageProvider::setupStart();
-    freePlanes();
+{
+    nodekit::guarded(this, "setupStart", [&] {
+        CxImageProvider::setupStart();
+        freePlanes();
 
-    SxPicBufInfo in;
-    CxImageMetadata meta;
-    if (!currentInputImageInfo(in, &meta) || !isSupportedType(in.dataType))
-        return;
-    const SxPlaneLayout layout = planeLayout(in, &meta);
-    const int radius = kernelRadius();
-    // The work buffer depends on the sample type and radius only.
-    if (!CxPicBufAPI::MedianAllocBuffer(planeFormat(in, layout, 0, radius), radius, &m_work))
-        m_work = nullptr;
-    m_setupFormat = in;
-    m_setupRadius = radius;
-    m_layout = layout;
-    if (layout.count() == 1)
-        return;
-
-    const int n = layout.count();
-    m_inPlanes.assign(size_t(n), SxPicBuf());
-    m_outPlanes.assign(size_t(n), SxPicBuf());
-    m_planeCount = n;
-    for (int i = 0; i < n; ++i) {
-        const SxPicBufInfo f = planeFormat(in, layout, i, radius);
-        m_inPlanes[size_t(i)].setPicFormat(f);
-        m_outPlanes[size_t(i)].setPicFormat(f);
-        if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
-            || !CxPicBufAPI::AllocPicBufFromHeap(m_outPlanes[size_t(i)], f, false, 0)) {
-            qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
-            freePlanes();
+        SxPicBufInfo in;
+        CxImageMetadata meta;
+        if (!currentInputImageInfo(in, &meta) || !isSupportedType(in.dataType))
             return;
+        const SxPlaneLayout layout = planeLayout(in, &meta);
+        const int radius = kernelRadius();
+        // The work buffer depends on the sample type and radius only.
+        if (!CxPicBufAPI::MedianAllocBuffer(planeFormat(in, layout, 0, radius), radius, &m_work))
+            m_work = nullptr;
+        m_setupFormat = in;
+        m_setupRadius = radius;
+        m_layout = layout;
+        if (layout.count() == 1)
+            return;
+
+        const int n = layout.count();
+        m_inPlanes.assign(size_t(n), SxPicBuf());
+        m_outPlanes.assign(size_t(n), SxPicBuf());
+        m_planeCount = n;
+        for (int i = 0; i < n; ++i) {
+            const SxPicBufInfo f = planeFormat(in, layout, i, radius);
+            m_inPlanes[size_t(i)].setPicFormat(f);
+            m_outPlanes[size_t(i)].setPicFormat(f);
+            if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
+                || !CxPicBufAPI::AllocPicBufFromHeap(m_outPlanes[size_t(i)], f, false, 0)) {
+                qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
+                freePlanes();
+                return;
+            }
         }
-    }
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "setupStart", e);
+    });
 }
 
 void CxMedianCnbl::setupStop()
@@ -394,14 +360,11 @@ bool CxMedianCnbl::planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) co
 
 bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                         const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        return true;
+    });
 }
 
 bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius)
@@ -412,61 +375,30 @@ bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta,
 }
 
 IxChainData* CxMedianCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return data;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-
-    const SxPicBuf* inPic = input->picBuf();
-    const CxImageMetadata* inMeta = input->metadata();
-    if (!isSupportedType(inPic->dataType)) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(tr("The input image data type is not supported."));
-        return data;
-    }
-    if (isRaw(*inPic) && inPic->colorFilterArray == CFA_HSI_MOSAIC
-        && !(inMeta && inMeta->hsiCameraParams().isSimpleMosaicFilter())) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(tr("Only the simple mosaic HSI images are supported."));
-        return data;
-    }
-
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, inMeta, &outMeta) || !inPic->data)
-        return nullptr;
-    // Set up for another format, or for a kernel the host cannot filter with.
-    const SxPlaneLayout layout = planeLayout(*inPic, inMeta);
-    const bool planar = layout.count() > 1;
+{
+    SxPlaneLayout layout;
     const int radius = m_radius;
-    if (!m_work || (planar && (!planesFit(*inPic, layout) || radius != m_setupRadius)))
-        return data;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    const bool done = planar ? filterPlanes(*inPic, inMeta, outPic, radius)
-                             : CxPicBufAPI::Median(*inPic, outPic, radius, m_work);
-    if (!done) {
-        CxPicBufAPI::FreePicBuf(outPic, false);
-        return data;
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+    const auto admit = [&](const nodekit::Frame& f) {
+        if (!isSupportedType(f.in.dataType)) {
+            nodekit::tell(this, tr("The input image data type is not supported."));
+            return nodekit::PassOn;
+        }
+        if (isRaw(f.in) && f.in.colorFilterArray == CFA_HSI_MOSAIC
+            && !(f.meta && f.meta->hsiCameraParams().isSimpleMosaicFilter())) {
+            nodekit::tell(this, tr("Only the simple mosaic HSI images are supported."));
+            return nodekit::PassOn;
+        }
+        if (!f.in.data)
+            return nodekit::Drop;
+        // Set up for another format, or for a kernel the host cannot filter with.
+        layout = planeLayout(f.in, f.meta);
+        if (!m_work || (layout.count() > 1 && (!planesFit(f.in, layout) || radius != m_setupRadius)))
+            return nodekit::PassOn;
+        return nodekit::Go;
+    };
+    return nodekit::processFrame(this, data, kFrame, admit, [&](nodekit::Frame& f) {
+        const bool done = layout.count() > 1 ? filterPlanes(f.in, f.meta, f.out, radius)
+                                             : CxPicBufAPI::Median(f.in, f.out, radius, m_work);
+        return done ? nodekit::Go : nodekit::PassOn;
+    });
 }

@@ -1,7 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-
-#include <SxPicBuf.h>
+#include "NodeKit.h"
 
 #include <vector>
 
@@ -48,14 +46,12 @@ public:
     ~CxMedianCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     void setupStart() override;
     void setupStop() override;

@@ -1,6 +1,5 @@
 #include "MedianWidget.h"
 #include "MedianCnbl.h"
-#include "NodeKit.h"
 
 #include <QtWidgets/QFormLayout>
 #include <QtWidgets/QHBoxLayout>

@@ -1,23 +1,16 @@
 #include "MosaicStatFilterChnbl.h"
 #include "MosaicStatFilterWidget.h"
-#include "NodeKit.h"
 
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
-#include <SxPicBuf.h>
-
-#include <QtCore/QMutexLocker>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <limits>
 
 namespace {
 
-// Chain document attributes; the names are part of the saved-file format.
 const QString kStatFilterAttribute = QStringLiteral("statFilter");
 const QString kInterpolationAttribute = QStringLiteral("interpolation");
+
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignDropped, nodekit::StoppingDropped, nodekit::PoolFixed};
 
 constexpr quint64 kRowAlignment = 256;
 
@@ -125,36 +118,24 @@ QString CxMosaicStatFilterChnbl::statString(ExMosaicFilter filter)
 
 CxMosaicStatFilterChnbl::ExMosaicFilter CxMosaicStatFilterChnbl::statFilter() const
 {
-    QMutexLocker locker(nodeMutex());
-    return m_statFilter;
+    return nodekit::lockedGet(this, m_statFilter);
 }
 
 void CxMosaicStatFilterChnbl::setStatFilter(ExMosaicFilter filter)
 {
-    {
-        QMutexLocker locker(nodeMutex());
-        if (m_statFilter == filter)
-            return;
-        m_statFilter = filter;
-    }
-    emit titleChanged(this);
+    if (nodekit::lockedSet(this, m_statFilter, filter))
+        emit titleChanged(this);
 }
 
 bool CxMosaicStatFilterChnbl::interpolation() const
 {
-    QMutexLocker locker(nodeMutex());
-    return m_interpolation;
+    return nodekit::lockedGet(this, m_interpolation);
 }
 
 void CxMosaicStatFilterChnbl::setInterpolation(bool on)
 {
-    {
-        QMutexLocker locker(nodeMutex());
-        if (m_interpolation == on)
-            return;
-        m_interpolation = on;
-    }
-    emit titleChanged(this);
+    if (nodekit::lockedSet(this, m_interpolation, on))
+        emit titleChanged(this);
 }
 
 QString CxMosaicStatFilterChnbl::title() const
@@ -164,16 +145,6 @@ QString CxMosaicStatFilterChnbl::title() const
     if (interpolation() && filter != Normalize)
         text += QStringLiteral(" (") + tr("interpolation") + QStringLiteral(")");
     return text;
-}
-
-bool CxMosaicStatFilterChnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxMosaicStatFilterChnbl::buffersCountInMemoryPool() const
-{
-    return 1;
 }
 
 CxChainable* CxMosaicStatFilterChnbl::clone()
@@ -189,11 +160,6 @@ QWidget* CxMosaicStatFilterChnbl::configurationWidget()
     return new CxMosaicStatFilterWidget(this);
 }
 
-bool CxMosaicStatFilterChnbl::hasConfigurationWidget() const
-{
-    return true;
-}
-
 bool CxMosaicStatFilterChnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 {
     const bool result = CxChainable::saveSettings(doc, element);
@@ -205,24 +171,12 @@ bool CxMosaicStatFilterChnbl::saveSettings(QDomDocument& doc, QDomElement& eleme
 bool CxMosaicStatFilterChnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    bool failed = false;
-    bool ok = false;
-    if (element.hasAttribute(kStatFilterAttribute)) {
-        const int value = element.attribute(kStatFilterAttribute, QStringLiteral("0")).toInt(&ok, 10);
-        failed |= !ok;
-        setStatFilter(ExMosaicFilter(ok ? value : 0));
-    }
-    if (element.hasAttribute(kInterpolationAttribute)) {
-        const int value = element.attribute(kInterpolationAttribute, QStringLiteral("1")).toInt(&ok, 10);
-        failed |= !ok;
-        setInterpolation(ok && value != 0);
-    }
-    return result && !failed;
-}
-
-bool CxMosaicStatFilterChnbl::hasHelp() const
-{
-    return true;
+    // Text that is not a number makes the load answer false.
+    bool filterOk = false, interpolationOk = false;
+    setStatFilter(nodekit::attribute(element, kStatFilterAttribute, statFilter(), &filterOk));
+    setInterpolation(nodekit::attribute(element, kInterpolationAttribute, interpolation(), nodekit::On::NonZero,
+                                        &interpolationOk));
+    return result && filterOk && interpolationOk;
 }
 
 QString CxMosaicStatFilterChnbl::help(QString& anchor)
@@ -240,84 +194,52 @@ QString CxMosaicStatFilterChnbl::help(QString& anchor)
 
 bool CxMosaicStatFilterChnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                    const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    return outputFormat(statFilter(), interpolation(), in, out, inMeta, outMeta);
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        return nodekit::locked(this,
+                               [&] { return outputFormat(m_statFilter, m_interpolation, in, out, inMeta, outMeta); });
+    });
 }
 
 IxChainData* CxMosaicStatFilterChnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return nullptr;
-
-    const SxPicBuf* inPic = input->picBuf();
-    const CxImageMetadata* inMeta = input->metadata();
-    auto tell = [this](const QString& message) {
-        if (errorMessage().isEmpty())
-            setErrorMessage(message);
+{
+    // Held over the frame: the format negotiated and the statistic computed
+    // come from one reading of the settings, which the panel may change.
+    QMutexLocker lock(nodeMutex());
+    const auto admit = [this](const nodekit::Frame& f) {
+        if (!isRawMosaic(f.in)) {
+            nodekit::tell(this, tr("The input image is not in RAW format."));
+            return nodekit::PassOn;
+        }
+        if (isHyperspectral(f.in, f.meta) && !(f.meta && f.meta->hsiCameraParams().isSimpleMosaicFilter())) {
+            nodekit::tell(this, tr("Only the simple mosaic HSI images are supported."));
+            return nodekit::PassOn;
+        }
+        return nodekit::Go;
     };
-    if (!isRawMosaic(*inPic)) {
-        tell(tr("The input image is not in RAW format."));
-        return data;
-    }
-    if (isHyperspectral(*inPic, inMeta) && !(inMeta && inMeta->hsiCameraParams().isSimpleMosaicFilter())) {
-        tell(tr("Only the simple mosaic HSI images are supported."));
-        return data;
-    }
-
-    // One reading of the settings for the whole frame: the widget may change
-    // them meanwhile.
-    const ExMosaicFilter filter = statFilter();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!outputFormat(filter, interpolation(), *inPic, outInfo, inMeta, &outMeta) || !inPic->data)
-        return nullptr;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    const SxCells cells = cellsOf(*inPic, inMeta);
-    bool done = false;
-    switch (filter) {
-    case Minimum:
-        done = CxPicBufAPI::FilterMinOnMosaicPicBuf(*inPic, cells.rect, cells.periodX, cells.periodY, outPic);
-        break;
-    case Maximum:
-        done = CxPicBufAPI::FilterMaxOnMosaicPicBuf(*inPic, cells.rect, cells.periodX, cells.periodY, outPic);
-        break;
-    case Average:
-        done = CxPicBufAPI::FilterAvgOnMosaicPicBuf(*inPic, cells.rect, cells.periodX, cells.periodY, outPic);
-        break;
-    case Normalize:
-        done = CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(*inPic, cells.rect, cells.periodX, cells.periodY, outPic);
-        break;
-    }
-    if (!done) {
-        tell(tr("The processing failed."));
-        CxPicBufAPI::FreePicBuf(outPic, true);
-        return data;
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    if (!errorMessage().isEmpty())
-        clearErrorMessage();
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+    return nodekit::processFrame(this, data, kFrame, admit, [this](nodekit::Frame& f) {
+        const SxCells cells = cellsOf(f.in, f.meta);
+        bool done = false;
+        switch (m_statFilter) {
+        case Minimum:
+            done = CxPicBufAPI::FilterMinOnMosaicPicBuf(f.in, cells.rect, cells.periodX, cells.periodY, f.out);
+            break;
+        case Maximum:
+            done = CxPicBufAPI::FilterMaxOnMosaicPicBuf(f.in, cells.rect, cells.periodX, cells.periodY, f.out);
+            break;
+        case Average:
+            done = CxPicBufAPI::FilterAvgOnMosaicPicBuf(f.in, cells.rect, cells.periodX, cells.periodY, f.out);
+            break;
+        case Normalize:
+            done = CxPicBufAPI::FilterNormalizeOnMosaicPicBuf(f.in, cells.rect, cells.periodX, cells.periodY, f.out);
+            break;
+        }
+        if (!done) {
+            nodekit::tell(this, tr("The processing failed."));
+            return nodekit::PassOn;
+        }
+        if (!errorMessage().isEmpty())
+            clearErrorMessage();
+        return nodekit::Go;
+    });
 }

@@ -1,8 +1,7 @@
 #pragma once
-#include <CxImageProvider.h>
+#include "NodeKit.h"
 
 #include <QtCore/QRect>
-#include <QtCore/QString>
 
 // Reduces every hyperpixel (the repeating cell of a mosaic) of a one-channel
 // raw picture to its minimum, maximum or average, or stretches each
@@ -60,14 +59,12 @@ public:
     ~CxMosaicStatFilterChnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

@@ -1,6 +1,5 @@
 #include "MosaicStatFilterWidget.h"
 #include "MosaicStatFilterChnbl.h"
-#include "NodeKit.h"
 
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QComboBox>
@@ -44,7 +43,7 @@ void CxMosaicStatFilterWidget::onStatCurrentIndexChanged(int index)
 {
     const auto filter = CxMosaicStatFilterChnbl::ExMosaicFilter(m_cbStat->itemData(index).toInt());
     if (index >= 0 && filter != m_node->statFilter())
-        applyToNode([this, filter] { m_node->setStatFilter(filter); });
+        nodekit::setWithRestart(m_node, true, [this, filter] { m_node->setStatFilter(filter); });
     updateInterpolationChk();
 }
 
@@ -52,15 +51,10 @@ void CxMosaicStatFilterWidget::onInterpolationStateClicked()
 {
     const bool on = m_chkInterpolation->isChecked();
     if (on != m_node->interpolation())
-        applyToNode([this, on] { m_node->setInterpolation(on); });
+        nodekit::setWithRestart(m_node, true, [this, on] { m_node->setInterpolation(on); });
 }
 
 void CxMosaicStatFilterWidget::updateInterpolationChk()
 {
     m_chkInterpolation->setEnabled(m_cbStat->currentData().toInt() != CxMosaicStatFilterChnbl::Normalize);
-}
-
-void CxMosaicStatFilterWidget::applyToNode(const std::function<void()>& store)
-{
-    nodekit::setWithRestart(m_node, true, store);
 }

@@ -1,8 +1,6 @@
 #pragma once
 #include <QtWidgets/QWidget>
 
-#include <functional>
-
 class QCheckBox;
 class QComboBox;
 class CxMosaicStatFilterChnbl;
@@ -24,7 +22,6 @@ private slots:
 
 private:
     void updateInterpolationChk();
-    void applyToNode(const std::function<void()>& store);
 
     CxMosaicStatFilterChnbl* m_node;
     QComboBox* m_cbStat = nullptr;

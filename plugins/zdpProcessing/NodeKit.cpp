@@ -2,10 +2,96 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtWidgets/QListWidget>
 
 #include <limits>
 
 namespace nodekit {
+
+CxImageData* pictureOf(CxChainable* node, IxChainData* data, const FrameRules& rules, IxChainData*& answer)
+{
+    answer = nullptr;
+    if (!data)
+        return nullptr;
+    if (node->state() == CxChainable::StateStopping) {
+        answer = rules.stopping == StoppingPassed ? data : nullptr;
+        return nullptr;
+    }
+    auto* input = qobject_cast<CxImageData*>(data);
+    if (!input)
+        answer = rules.foreign == ForeignPassed ? data : nullptr;
+    return input;
+}
+
+CxImageData* wrap(const SxPicBuf& out, const CxImageMetadata& meta)
+{
+    auto* packet = new CxImageData;
+    packet->setPicBuf(out);
+    packet->setMetadata(&meta);
+    return packet;
+}
+
+IxChainData* deliver(IxChainData* data, SxPicBuf& out, const SxPicBuf& in, const CxImageMetadata& meta)
+{
+    stamp(out, in);
+    CxImageData* packet = wrap(out, meta);
+    delete data;
+    return packet;
+}
+
+void tell(CxChainable* node, const QString& message)
+{
+    if (node->errorMessage().isEmpty())
+        node->setErrorMessage(message);
+}
+
+bool attribute(const QDomElement& element, const QString& name, bool current, On rule, bool* ok)
+{
+    if (ok)
+        *ok = true;
+    if (!element.hasAttribute(name))
+        return current;
+    const QString text = element.attribute(name, QString());
+    switch (rule) {
+    case On::AboveZero: return text.toInt(ok, 10) > 0;
+    case On::NonZero: return text.toInt(ok, 10) != 0;
+    case On::UnlessTextIsZero: return text != QLatin1String("0");
+    }
+    return current;
+}
+
+QString cellColourName(const char* context, quint32 cfa, int cell)
+{
+    struct SxCell
+    {
+        const char* colour;
+        int number;  // 0: the only cell of its colour; 1, 2: first and second
+    };
+    static const SxCell cells[6][4] = {
+        {{"Red", 0}, {"Green", 1}, {"Green", 2}, {"Blue", 0}},
+        {{"Green", 1}, {"Red", 0}, {"Blue", 0}, {"Green", 2}},
+        {{"Green", 1}, {"Blue", 0}, {"Red", 0}, {"Green", 2}},
+        {{"Blue", 0}, {"Green", 1}, {"Green", 2}, {"Red", 0}},
+        {{"Cyan", 0}, {"Magenta", 0}, {"Yellow", 0}, {"Green", 0}},
+        {{"Red", 1}, {"Green", 0}, {"Blue", 0}, {"Red", 2}},
+    };
+    if (!isTwoByTwoMosaic(cfa) || cell < 0 || cell > 3)
+        return QString();
+    const SxCell& c = cells[cfa - CFA_BAYER_RGGB][cell];
+    const QString name = QCoreApplication::translate(context, c.colour);
+    return c.number == 0 ? name : name + QLatin1Char(' ') + QString::number(c.number);
+}
+
+// The colour names above, for the translation tools, in the contexts of the
+// nodes that show them.
+[[maybe_unused]] const char* const kColourTexts[] = {
+    QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Red"),     QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Green"),
+    QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Blue"),    QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Cyan"),
+    QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Magenta"), QT_TRANSLATE_NOOP("CxExtractChannelCnbl", "Yellow"),
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Red"),              QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Green"),
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Blue"),             QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Cyan"),
+    QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Magenta"),          QT_TRANSLATE_NOOP("CxFFT2DCnbl", "Yellow"),
+};
 
 QString describe(const SxPicBufInfo& f)
 {
@@ -28,6 +114,19 @@ QString describe(const SxPicBufInfo& f)
     if (f.isColor)
         s += QStringLiteral(" colour");
     return s;
+}
+
+void fillChannelList(QListWidget* list, const QList<QString>& names, const QList<int>& indices, int current)
+{
+    for (int i = 0; i < names.size() && i < indices.size(); ++i) {
+        auto* item = new QListWidgetItem(names.at(i));
+        item->setData(Qt::UserRole, indices.at(i));
+        list->addItem(item);
+        if (indices.at(i) == current)
+            list->setCurrentItem(item);
+    }
+    if (QListWidgetItem* item = list->currentItem())
+        list->scrollToItem(item);
 }
 
 bool firstFilterZone(const CxHsiCameraParams& hsi, CxHsiCameraParams::CxFilterZone& zone)

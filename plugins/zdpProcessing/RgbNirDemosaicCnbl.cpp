@@ -1,16 +1,9 @@
 #include "RgbNirDemosaicCnbl.h"
-#include "NodeKit.h"
 #include "RgbNirDemosaicWidget.h"
 
 #include <KitCpu.h>
 
-#include <CxHsiCameraParams.h>
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
-#include <SxPicBuf.h>
-
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <cstring>
 #ifdef __SSE2__
@@ -27,8 +20,9 @@
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kChannelAttribute = QStringLiteral("channel");
+
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed};
 
 // The layout of a sensor without description: NIR, B / R, G.
 constexpr unsigned kFixedNir = 0, kFixedB = 1, kFixedR = 2, kFixedG = 3;
@@ -410,16 +404,6 @@ QString CxRgbNirDemosaicCnbl::title() const
     return tr("RGB-NIR Demosaic");
 }
 
-bool CxRgbNirDemosaicCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxRgbNirDemosaicCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxRgbNirDemosaicCnbl::clone()
 {
     auto* copy = new CxRgbNirDemosaicCnbl;
@@ -430,11 +414,6 @@ CxChainable* CxRgbNirDemosaicCnbl::clone()
 QWidget* CxRgbNirDemosaicCnbl::configurationWidget()
 {
     return new CxRgbNirDemosaicWidget(this);
-}
-
-bool CxRgbNirDemosaicCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxRgbNirDemosaicCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -461,15 +440,11 @@ bool CxRgbNirDemosaicCnbl::saveSettings(QDomDocument& doc, QDomElement& element)
 bool CxRgbNirDemosaicCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
+    // Unlike most nodes, a missing channel fails the load.
     if (!element.hasAttribute(kChannelAttribute))
         return false;
-    m_channel = ExChannel(element.attribute(kChannelAttribute, QStringLiteral("0")).toInt(nullptr, 10));
+    m_channel = nodekit::attribute(element, kChannelAttribute, m_channel);
     return result;
-}
-
-bool CxRgbNirDemosaicCnbl::hasHelp() const
-{
-    return true;
 }
 
 QString CxRgbNirDemosaicCnbl::help(QString& anchor)
@@ -499,99 +474,71 @@ int CxRgbNirDemosaicCnbl::pixelIndexInMosaic(const CxImageMetadata* meta, const 
 
 bool CxRgbNirDemosaicCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                                 const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    if (in.channels != 1 || in.colorFilterArray == CFA_NONE || in.storageFormat == DSF_NOT_RAW)
-        return true;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        if (in.channels != 1 || in.colorFilterArray == CFA_NONE || in.storageFormat == DSF_NOT_RAW)
+            return true;
 
-    if (m_channel != NIR) {
-        out.channels = 4;
-        out.bitsPerSample = 8;
-        out.dataType = IDT_UINT8;
-        out.storageFormat = DSF_PACKED;
-        out.isColor = true;
-        const quint64 pitch = quint64(in.width) * 4;
-        // A row too long for the field is left to the allocator, which refuses it.
-        out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
-    }
-    out.colorFilterArray = CFA_NONE;
-    if (outMeta) {
-        outMeta->setColorFilterArray(CFA_NONE);
-        outMeta->setHsiCameraParams(CxHsiCameraParams());
-    }
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+        if (m_channel != NIR) {
+            out.channels = 4;
+            out.bitsPerSample = 8;
+            out.dataType = IDT_UINT8;
+            out.storageFormat = DSF_PACKED;
+            out.isColor = true;
+            const quint64 pitch = quint64(in.width) * 4;
+            // A row too long for the field is left to the allocator, which refuses it.
+            out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;
+        }
+        out.colorFilterArray = CFA_NONE;
+        if (outMeta) {
+            outMeta->setColorFilterArray(CFA_NONE);
+            outMeta->setHsiCameraParams(CxHsiCameraParams());
+        }
+        return true;
+    });
 }
 
 IxChainData* CxRgbNirDemosaicCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return data;
-    const SxPicBuf* inPic = input->picBuf();
-    if (inPic->channels != 1 || inPic->colorFilterArray == CFA_NONE || inPic->storageFormat == DSF_NOT_RAW)
-        return data;
-
-    const CxImageMetadata* inMeta = input->metadata();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, inMeta, &outMeta) || !inPic->data)
-        return nullptr;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, false))
-        return nullptr;
-
-    unsigned kNir = kFixedNir, kB = kFixedB, kR = kFixedR, kG = kFixedG;
-    if (inMeta && inMeta->hsiCameraParams().isRgbNirCamera()) {
-        kR = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("R")));
-        kG = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("G")));
-        kB = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("B")));
-        kNir = unsigned(pixelIndexInMosaic(inMeta, QStringLiteral("NIR")));
-    }
-
-    bool done = false;
-    if (m_channel != NIR) {
-        switch (inPic->dataType) {
-        case IDT_UINT8: done = rgbnir_demosaicRgb_T<uchar>(outPic, *inPic, kB, kG, kR); break;
-        case IDT_UINT16: done = rgbnir_demosaicRgb_T<ushort>(outPic, *inPic, kB, kG, kR); break;
-        case IDT_UINT32: done = rgbnir_demosaicRgb_T<uint>(outPic, *inPic, kB, kG, kR); break;
-        default: break;
+{
+    const auto admit = [](const nodekit::Frame& f) {
+        const bool mosaic = f.in.channels == 1 && f.in.colorFilterArray != CFA_NONE
+            && f.in.storageFormat != DSF_NOT_RAW;
+        return mosaic ? nodekit::Go : nodekit::PassOn;
+    };
+    return nodekit::processFrame(this, data, kFrame, admit, [this](nodekit::Frame& f) {
+        const SxPicBuf& in = f.in;
+        unsigned kNir = kFixedNir, kB = kFixedB, kR = kFixedR, kG = kFixedG;
+        if (f.meta && f.meta->hsiCameraParams().isRgbNirCamera()) {
+            kR = unsigned(pixelIndexInMosaic(f.meta, QStringLiteral("R")));
+            kG = unsigned(pixelIndexInMosaic(f.meta, QStringLiteral("G")));
+            kB = unsigned(pixelIndexInMosaic(f.meta, QStringLiteral("B")));
+            kNir = unsigned(pixelIndexInMosaic(f.meta, QStringLiteral("NIR")));
         }
-    } else {
-        switch (inPic->dataType) {
-        case IDT_UINT8: done = rgbnir_extractChannel_T<uchar, uchar>(outPic, 0, *inPic, kNir); break;
-        case IDT_UINT16: done = rgbnir_extractChannel_T<ushort, ushort>(outPic, 0, *inPic, kNir); break;
-        case IDT_UINT32: done = rgbnir_extractChannel_T<uint, uint>(outPic, 0, *inPic, kNir); break;
-        default: break;
+
+        bool done = false;
+        if (m_channel != NIR) {
+            switch (in.dataType) {
+            case IDT_UINT8: done = rgbnir_demosaicRgb_T<uchar>(f.out, in, kB, kG, kR); break;
+            case IDT_UINT16: done = rgbnir_demosaicRgb_T<ushort>(f.out, in, kB, kG, kR); break;
+            case IDT_UINT32: done = rgbnir_demosaicRgb_T<uint>(f.out, in, kB, kG, kR); break;
+            default: break;
+            }
+        } else {
+            switch (in.dataType) {
+            case IDT_UINT8: done = rgbnir_extractChannel_T<uchar, uchar>(f.out, 0, in, kNir); break;
+            case IDT_UINT16: done = rgbnir_extractChannel_T<ushort, ushort>(f.out, 0, in, kNir); break;
+            case IDT_UINT32: done = rgbnir_extractChannel_T<uint, uint>(f.out, 0, in, kNir); break;
+            default: break;
+            }
         }
-    }
-    if (!done) {
-        // A pool picture still holds an earlier frame: never pass that on as
-        // this frame's result.
-        CxPicBufAPI::FillChannelsValue(outPic, 0);
-        if (m_channel != NIR)
-            CxPicBufAPI::FillChannelWithValue(outPic, 3, 255);
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+        if (!done) {
+            // A pool picture still holds an earlier frame: never pass that on
+            // as this frame's result.
+            CxPicBufAPI::FillChannelsValue(f.out, 0);
+            if (m_channel != NIR)
+                CxPicBufAPI::FillChannelWithValue(f.out, 3, 255);
+        }
+        return nodekit::Go;
+    });
 }

@@ -1,10 +1,7 @@
 #pragma once
-#include <CxImageProvider.h>
+#include "NodeKit.h"
 
 #include <QtCore/QList>
-#include <QtCore/QString>
-
-struct SxPicBuf;
 
 // Splits the raw frame of an RGB-NIR camera, whose 2x2 cell holds one red,
 // one green, one blue and one near-infrared pixel, into either a full-size
@@ -60,17 +57,15 @@ public:
     ~CxRgbNirDemosaicCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;
     bool saveSettings(QDomDocument& doc, QDomElement& element) const override;
     bool loadSettings(const QDomElement& element) override;
-    bool hasHelp() const override;
+    bool hasHelp() const override { return true; }
     QString help(QString& anchor) override;
     IxChainData* processData(IxChainData* data) override;
     bool queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,

@@ -1,16 +1,10 @@
 #include "RotateImageCnbl.h"
-#include "NodeKit.h"
 #include "RotateImageWidget.h"
-
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
-#include <SxPicBuf.h>
 
 #include <KitDispatch.h>
 #include <KitRows.h>
 
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <algorithm>
 #include <cstdint>
@@ -23,8 +17,10 @@
 
 namespace {
 
-// Chain document attribute; the name is part of the saved-file format.
 const QString kClockwiseAttribute = QStringLiteral("rotClockwise");
+
+// Width and height swap with the setting, so the pool picture may grow.
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignDropped, nodekit::StoppingDropped, nodekit::PoolGrows};
 
 // A pixel of K samples moved as one value. Only the size matters, so signed
 // and unsigned types share one instantiation.
@@ -319,16 +315,6 @@ QString CxRotateImageCnbl::title() const
     return tr("Rotate");
 }
 
-bool CxRotateImageCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxRotateImageCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxRotateImageCnbl::clone()
 {
     auto* copy = new CxRotateImageCnbl;
@@ -339,11 +325,6 @@ CxChainable* CxRotateImageCnbl::clone()
 QWidget* CxRotateImageCnbl::configurationWidget()
 {
     return new CxRotateConfigurationWidget(this);
-}
-
-bool CxRotateImageCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxRotateImageCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -370,8 +351,7 @@ bool CxRotateImageCnbl::saveSettings(QDomDocument& doc, QDomElement& element) co
 bool CxRotateImageCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    if (element.hasAttribute(kClockwiseAttribute))
-        m_clockwise = element.attribute(kClockwiseAttribute, QString()).toInt(nullptr, 10) > 0;
+    m_clockwise = nodekit::attribute(element, kClockwiseAttribute, m_clockwise, nodekit::On::AboveZero);
     return result;
 }
 
@@ -394,20 +374,17 @@ ExColorFilterArray CxRotateImageCnbl::rotatedColorFilterArray(ExColorFilterArray
 
 bool CxRotateImageCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                              const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    out.width = in.height;
-    out.height = in.width;
-    out.linePitch = quint32(out.packedLineBytes());
-    out.colorFilterArray = rotatedColorFilterArray(in.colorFilterArray, m_clockwise);
-    if (outMeta) {
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-        outMeta->updateFromPicBufInfo(&out);
-    }
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        out.width = in.height;
+        out.height = in.width;
+        out.linePitch = quint32(out.packedLineBytes());
+        out.colorFilterArray = rotatedColorFilterArray(in.colorFilterArray, m_clockwise);
+        if (outMeta)
+            outMeta->updateFromPicBufInfo(&out);
+        return true;
+    });
 }
 
 bool CxRotateImageCnbl::rotatePicture(const SxPicBuf& in, SxPicBuf& out, bool clockwise)
@@ -428,44 +405,14 @@ bool CxRotateImageCnbl::rotatePicture(const SxPicBuf& in, SxPicBuf& out, bool cl
 }
 
 IxChainData* CxRotateImageCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input)
-        return nullptr;
-
-    const SxPicBuf* inPic = input->picBuf();
-    SxPicBufInfo outInfo;
-    CxImageMetadata outMeta;
-    if (!queryOutputImageInfo(*inPic, outInfo, input->metadata(), &outMeta) || !inPic->data)
-        return nullptr;
+{
+    const bool clockwise = m_clockwise;
     // Checked before a pool picture is taken, so that a dropped frame costs
     // nothing.
-    const bool clockwise = m_clockwise;
-    if (!canRotateInput(*inPic, clockwise))
-        return nullptr;
-
-    SxPicBuf outPic;
-    if (!CxPicBufAPI::AllocPicBufFromPool(memoryPool(), this, outPic, outInfo, true))
-        return nullptr;
-    if (!rotatePicture(*inPic, outPic, clockwise)) {
-        CxPicBufAPI::FreePicBuf(outPic, false);
-        return nullptr;
-    }
-
-    outPic.exposureTimeUs = inPic->exposureTimeUs;
-    outPic.timestampMs = inPic->timestampMs;
-    outPic.copyPicAdditionalData(*inPic);
-
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+    const auto admit = [clockwise](const nodekit::Frame& f) {
+        return canRotateInput(f.in, clockwise) ? nodekit::Go : nodekit::Drop;
+    };
+    return nodekit::processFrame(this, data, kFrame, admit, [clockwise](nodekit::Frame& f) {
+        return rotatePicture(f.in, f.out, clockwise) ? nodekit::Go : nodekit::Drop;
+    });
 }

@@ -1,7 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-
-struct SxPicBuf;
+#include "NodeKit.h"
 
 // Turns every picture by a quarter turn, clockwise or counter-clockwise. The
 // output has width and height swapped and packed rows; input pixel (x, r) of a
@@ -44,11 +42,9 @@ public:
     ~CxRotateImageCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;

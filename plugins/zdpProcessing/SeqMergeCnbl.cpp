@@ -1,28 +1,20 @@
 #include "SeqMergeCnbl.h"
-#include "NodeKit.h"
 #include "SeqMergeWidget.h"
-
-#include <CxImageData.h>
-#include <CxPicBufAPI.h>
 
 #include <QtCore/QDebug>
 #include <QtXml/QDomDocument>
-#include <QtXml/QDomElement>
 
 #include <limits>
 
 namespace {
 
-// Chain document attributes; the names are part of the saved-file format.
 const QString kModeAttribute = QStringLiteral("mergeSeqMode");
 const QString kCountAttribute = QStringLiteral("mergeSeqCount");
 const QString kPassCompleteAttribute = QStringLiteral("mergeSeqPassComplete");
 
-// Text that is not a decimal 32-bit number loads as 0.
-int attributeInt(const QDomElement& element, const QString& name)
-{
-    return element.attribute(name, QString()).toInt(nullptr, 10);
-}
+// Only the packet checks apply: the node answers nothing while it collects,
+// and an output is a copy of its working picture.
+constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingDropped, nodekit::PoolFixed};
 
 quint64 placesMask(int places)
 {
@@ -48,16 +40,6 @@ QString CxSeqMergeCnbl::title() const
     return tr("Merge %1 Images").arg(m_count);
 }
 
-bool CxSeqMergeCnbl::acceptsDataFrom(CxChainable* predecessor)
-{
-    return qobject_cast<CxImageProvider*>(predecessor) != nullptr;
-}
-
-int CxSeqMergeCnbl::buffersCountInMemoryPool() const
-{
-    return 1;
-}
-
 CxChainable* CxSeqMergeCnbl::clone()
 {
     auto* copy = new CxSeqMergeCnbl;
@@ -70,11 +52,6 @@ CxChainable* CxSeqMergeCnbl::clone()
 QWidget* CxSeqMergeCnbl::configurationWidget()
 {
     return new CxSeqMergeWidget(this);
-}
-
-bool CxSeqMergeCnbl::hasConfigurationWidget() const
-{
-    return true;
 }
 
 void CxSeqMergeCnbl::simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
@@ -105,14 +82,12 @@ bool CxSeqMergeCnbl::saveSettings(QDomDocument& doc, QDomElement& element) const
 bool CxSeqMergeCnbl::loadSettings(const QDomElement& element)
 {
     const bool result = CxChainable::loadSettings(element);
-    if (element.hasAttribute(kModeAttribute))
-        m_mode = ExMode(attributeInt(element, kModeAttribute));
+    m_mode = nodekit::attribute(element, kModeAttribute, m_mode);
     // Not range-checked: the document's value is kept so that saving writes
     // it back; counts the node cannot merge with pass frames through.
-    if (element.hasAttribute(kCountAttribute))
-        m_count = attributeInt(element, kCountAttribute);
-    if (element.hasAttribute(kPassCompleteAttribute))
-        m_passCompleteOnly = attributeInt(element, kPassCompleteAttribute) > 0;
+    m_count = nodekit::attribute(element, kCountAttribute, m_count);
+    m_passCompleteOnly =
+        nodekit::attribute(element, kPassCompleteAttribute, m_passCompleteOnly, nodekit::On::AboveZero);
     return result;
 }
 
@@ -133,70 +108,67 @@ void CxSeqMergeCnbl::setPassCompleteOnly(bool passCompleteOnly, bool restart)
 
 bool CxSeqMergeCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
                                           const CxImageMetadata* inMeta, CxImageMetadata* outMeta)
-try {
-    out = in;
-    if (outMeta)
-        *outMeta = inMeta ? *inMeta : CxImageMetadata();
-    if (!usableCount())
-        return true;
-    if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
-        const quint64 width = quint64(in.width) * 2;
-        const quint64 height = quint64(in.height) * (m_count == 4 ? 2 : 1);
-        // Rows start on 256-byte boundaries.
-        const quint64 pitch = (width * in.channels * in.bytesPerSample() + 255) & ~quint64(255);
-        if (width <= kMaxExtent && height <= kMaxExtent && pitch <= kMaxExtent) {
-            out.width = quint32(width);
-            out.height = quint32(height);
-            out.linePitch = quint32(pitch);
+{
+    return nodekit::guarded(this, "queryOutputImageInfo", [&] {
+        nodekit::passFormat(in, out, inMeta, outMeta);
+        if (!usableCount())
+            return true;
+        if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
+            const quint64 width = quint64(in.width) * 2;
+            const quint64 height = quint64(in.height) * (m_count == 4 ? 2 : 1);
+            // Rows start on 256-byte boundaries.
+            const quint64 pitch = (width * in.channels * in.bytesPerSample() + 255) & ~quint64(255);
+            if (width <= kMaxExtent && height <= kMaxExtent && pitch <= kMaxExtent) {
+                out.width = quint32(width);
+                out.height = quint32(height);
+                out.linePitch = quint32(pitch);
+            }
+        } else if (m_mode == ModeRows) {
+            const quint64 height = quint64(in.height) * quint64(m_count);
+            if (height <= kMaxExtent)
+                out.height = quint32(height);
         }
-    } else if (m_mode == ModeRows) {
-        const quint64 height = quint64(in.height) * quint64(m_count);
-        if (height <= kMaxExtent)
-            out.height = quint32(height);
-    }
-    return true;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "queryOutputImageInfo", e);
-    return false;
+        return true;
+    });
 }
 
 void CxSeqMergeCnbl::setupStart()
-try {
-    CxImageProvider::setupStart();
-    freeWorkingPic();
-    SxPicBufInfo in, out;
-    if (!usableCount() || !currentInputImageInfo(in, nullptr) || !queryOutputImageInfo(in, out, nullptr, nullptr))
-        return;
-    if (!CxPicBufAPI::AllocPicBufFromHeap(m_working, out, false, 0)) {
-        qCritical() << title() << "could not allocate its working picture of" << nodekit::describe(out);
-        return;
-    }
-    CxPicBufAPI::FillChannelsValue(m_working, 1);
+{
+    nodekit::guarded(this, "setupStart", [&] {
+        CxImageProvider::setupStart();
+        freeWorkingPic();
+        SxPicBufInfo in, out;
+        if (!usableCount() || !currentInputImageInfo(in, nullptr) || !queryOutputImageInfo(in, out, nullptr, nullptr))
+            return;
+        if (!CxPicBufAPI::AllocPicBufFromHeap(m_working, out, false, 0)) {
+            qCritical() << title() << "could not allocate its working picture of" << nodekit::describe(out);
+            return;
+        }
+        CxPicBufAPI::FillChannelsValue(m_working, 1);
 
-    int cols = 0, rows = 0;
-    if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
-        cols = 2;
-        rows = m_count / 2;
-    } else if (m_mode == ModeRows) {
-        cols = 1;
-        rows = m_count;
-    }
-    if (!cols || !in.width || !in.height || quint64(in.width) * cols != out.width
-        || quint64(in.height) * rows != out.height)
-        return;
-    SxPicBufInfo place = out;
-    place.width = in.width;
-    place.height = in.height;
-    place.linePitch = 0;
-    if (!CxPicBufAPI::AllocPicBufFromHeap(m_blankPlace, place, false, 0))
-        return;  // the picture is then painted whole after each output
-    CxPicBufAPI::FillChannelsValue(m_blankPlace, 1);
-    m_tileWidth = in.width;
-    m_tileHeight = in.height;
-    m_tileCols = cols;
-    m_tileRows = rows;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "setupStart", e);
+        int cols = 0, rows = 0;
+        if (m_mode == ModeTiles && (m_count == 2 || m_count == 4)) {
+            cols = 2;
+            rows = m_count / 2;
+        } else if (m_mode == ModeRows) {
+            cols = 1;
+            rows = m_count;
+        }
+        if (!cols || !in.width || !in.height || quint64(in.width) * cols != out.width
+            || quint64(in.height) * rows != out.height)
+            return;
+        SxPicBufInfo place = out;
+        place.width = in.width;
+        place.height = in.height;
+        place.linePitch = 0;
+        if (!CxPicBufAPI::AllocPicBufFromHeap(m_blankPlace, place, false, 0))
+            return;  // the picture is then painted whole after each output
+        CxPicBufAPI::FillChannelsValue(m_blankPlace, 1);
+        m_tileWidth = in.width;
+        m_tileHeight = in.height;
+        m_tileCols = cols;
+        m_tileRows = rows;
+    });
 }
 
 void CxSeqMergeCnbl::setupStop()
@@ -263,11 +235,8 @@ void CxSeqMergeCnbl::placeFrame(const SxPicBuf& frame, int index)
             m_staleMask &= ~(quint64(1) << ((y / m_tileHeight) * quint64(m_tileCols) + x / m_tileWidth));
     }
 
-    if (m_lastIndex == -1) {
-        m_working.exposureTimeUs = frame.exposureTimeUs;
-        m_working.timestampMs = frame.timestampMs;
-        m_working.copyPicAdditionalData(frame);
-    }
+    if (m_lastIndex == -1)
+        nodekit::stamp(m_working, frame);
 }
 
 CxImageData* CxSeqMergeCnbl::createOutputDataAndResetWorkingPic(CxImageData* input)
@@ -284,47 +253,42 @@ CxImageData* CxSeqMergeCnbl::createOutputDataAndResetWorkingPic(CxImageData* inp
     SxPicBufInfo outInfo;
     CxImageMetadata outMeta;
     queryOutputImageInfo(*input->picBuf(), outInfo, input->metadata(), &outMeta);
-    auto* output = new CxImageData;
-    output->setPicBuf(outPic);
-    output->setMetadata(&outMeta);
-
+    CxImageData* output = nodekit::wrap(outPic, outMeta);
     resetWorkingPic();
     return output;
 }
 
 IxChainData* CxSeqMergeCnbl::processData(IxChainData* data)
-try {
-    if (!data)
-        return nullptr;
-    if (state() == StateStopping)
-        return nullptr;
-    auto* input = qobject_cast<CxImageData*>(data);
-    if (!input || !m_working.data || !usableCount())
-        return data;
-    const SxPicBuf* frame = input->picBuf();
-    if (!frame->data)
-        return nullptr;
+{
+    return nodekit::guarded(this, "processData", [&]() -> IxChainData* {
+        IxChainData* answer = nullptr;
+        CxImageData* input = nodekit::pictureOf(this, data, kFrame, answer);
+        if (!input)
+            return answer;
+        if (!m_working.data || !usableCount())
+            return data;
+        const SxPicBuf* frame = input->picBuf();
+        if (!frame->data)
+            return nullptr;
 
-    const int count = m_count;
-    const int index = frame->frameNumber % count;
+        const int count = m_count;
+        const int index = frame->frameNumber % count;
 
-    CxImageData* output = nullptr;
-    if (m_lastIndex >= index && !m_passCompleteOnly)
-        output = createOutputDataAndResetWorkingPic(input);
+        CxImageData* output = nullptr;
+        if (m_lastIndex >= index && !m_passCompleteOnly)
+            output = createOutputDataAndResetWorkingPic(input);
 
-    if (index >= 0) {
-        placeFrame(*frame, index);
-        m_receivedMask |= quint64(1) << index;
-    }
-    m_lastIndex = index;
+        if (index >= 0) {
+            placeFrame(*frame, index);
+            m_receivedMask |= quint64(1) << index;
+        }
+        m_lastIndex = index;
 
-    if (index != count - 1 || (m_passCompleteOnly && m_receivedMask != placesMask(count)))
+        if (index != count - 1 || (m_passCompleteOnly && m_receivedMask != placesMask(count)))
+            return output;
+        if (!output)
+            output = createOutputDataAndResetWorkingPic(input);
+        delete data;
         return output;
-    if (!output)
-        output = createOutputDataAndResetWorkingPic(input);
-    delete data;
-    return output;
-} catch (const std::exception& e) {
-    nodekit::tellFailure(this, "processData", e);
-    return nullptr;
+    });
 }

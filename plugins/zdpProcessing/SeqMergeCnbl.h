@@ -1,9 +1,5 @@
 #pragma once
-#include <CxImageProvider.h>
-
-#include <SxPicBuf.h>
-
-class CxImageData;
+#include "NodeKit.h"
 
 // Collects a run of consecutive frames into one picture: two tiles side by
 // side, 2 x 2 tiles, or count frames stacked in rows. A frame's place is its
@@ -55,11 +51,9 @@ public:
     ~CxSeqMergeCnbl() override;
 
     QString title() const override;
-    bool acceptsDataFrom(CxChainable* predecessor) override;
-    int buffersCountInMemoryPool() const override;
+    NODEKIT_PICTURE_NODE(1)
     CxChainable* clone() override;
     QWidget* configurationWidget() override;
-    bool hasConfigurationWidget() const override;
     void simpleStateConfigButtons(QList<CxSimpleStateConfigButton>& buttons,
                                   bool& hasButtons) override;
     void simpleStateConfigButtonPressed(int id) override;
