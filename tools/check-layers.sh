@@ -15,11 +15,10 @@ LAYERS=(kernels base records ops packets analysis chain registry camera)
 
 # Includes of another node that the node contract itself asks for.
 ALLOWED_NODE_INCLUDES=(
-    # CxFFT2DCnbl::channelNameForIndex names the channels of both FFT nodes.
+    # CxFFT2DCnbl::channelNameForIndex names the channels of both FFT nodes,
+    # in the node and in its panel's channel list.
     "FFT1DCnbl.cpp:FFT2DCnbl.h"
-    # The FFT 1D panel lists the channels with the FFT 2D panel's list, which
-    # is built on the same channel names.
-    "FFT1DWidget.cpp:FFT2DWidget.h"
+    "FFT1DWidget.cpp:FFT2DCnbl.h"
 )
 
 set -u

@@ -3,6 +3,7 @@
 #include "FFT2DCnbl.h"
 
 #include <CxFFT.h>
+#include <KitPicture.h>
 
 #include <QtXml/QDomDocument>
 
@@ -30,9 +31,7 @@ constexpr nodekit::FrameRules kFrame{nodekit::ForeignPassed, nodekit::StoppingPa
 
 bool alignedSamples(const SxPicBuf& pic)
 {
-    const unsigned s = pic.bytesPerSample();
-    return pic.data && quintptr(pic.data) % s == 0 && pic.effectiveLinePitch() % s == 0
-        && pic.effectiveLinePitch() >= pic.packedLineBytes();
+    return pic.data && pixelkit::samplesAligned(pic) && pixelkit::rowsFit(pic);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 
 #include <KitDispatch.h>
 #include <KitMosaic.h>
+#include <KitPicture.h>
 
 #include <QtXml/QDomDocument>
 
@@ -35,9 +36,7 @@ void copyMosaicCell_T(const SxPicBuf& in, SxPicBuf& out, quint32 rowOffset, quin
 
 bool fitsSamples(const SxPicBuf& pic)
 {
-    return pic.data && pic.channels == 1 && pic.effectiveLinePitch() >= pic.packedLineBytes()
-        && pic.effectiveLinePitch() % pic.bytesPerSample() == 0
-        && quintptr(pic.data) % pic.bytesPerSample() == 0;
+    return pic.data && pic.channels == 1 && pixelkit::rowsFit(pic) && pixelkit::samplesAligned(pic);
 }
 
 // The top-left part of work that the cut-out of channel fills: a 2x2 cell,

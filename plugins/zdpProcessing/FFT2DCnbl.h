@@ -28,8 +28,9 @@ class CxHsiCameraParams;
 //    (W + 1) / 2 columns or (H + 1) / 2 rows, the others W / 2 and H / 2.
 //    (Extract Channel leaves such a row or column out.)
 //
-// The parts are announced as 32-bit float pictures (the sample type they
-// hold), not as integers, so that every consumer reads them as what they are.
+// The parts are announced as 32-bit pictures of data type 5 (signed 32-bit),
+// as the host's viewers expect of a spectrum, yet their samples are floats:
+// host programs read them through CxFFTImageData::floatView.
 //
 // Accepted inputs: packed storage, at most 4 channels, samples of at most
 // 2 bytes. Several channels need the colour flag; a one-channel picture with

@@ -15,6 +15,8 @@
 #include <CxPicBufAPI.h>
 #include <SxPicBuf.h>
 
+#include <KitPicture.h>
+
 #include <QtCore/QMutexLocker>
 #include <QtCore/QString>
 #include <QtXml/QDomElement>
@@ -255,28 +257,10 @@ bool attribute(const QDomElement& element, const QString& name, bool current, On
 
 // ---- Pictures ----
 
-// Bytes the pixels span: every row's pitch but the last, which needs only its
-// samples (a picture cut out of a larger one ends right after them).
-inline quint64 requiredBytes(const SxPicBufInfo& f)
-{
-    if (f.width == 0 || f.height == 0)
-        return 0;
-    return f.effectiveLinePitch() * (f.height - 1) + f.packedLineBytes();
-}
-
-// Rows no shorter than their samples, and all of them inside the memory the
-// picture says it has (a capacity of 0 is not known and not checked).
-inline bool rowsFit(const SxPicBuf& pic)
-{
-    return pic.effectiveLinePitch() >= pic.packedLineBytes()
-        && (pic.memCapacity == 0 || requiredBytes(pic) <= pic.memCapacity);
-}
-
-// Full scale of a sample, (1 << bitsPerSample) - 1, saturated at 32 bits.
-inline quint64 fullScale(const SxPicBufInfo& f)
-{
-    return (quint64(1) << qMin<quint32>(f.bitsPerSample, 32)) - 1;
-}
+// The picture predicates every kernel shares (host and plug-in alike).
+using pixelkit::fullScale;
+using pixelkit::requiredBytes;
+using pixelkit::rowsFit;
 
 // "640x480 u16 x1 (12 bits) mosaic RGGB" for logs and messages.
 QString describe(const SxPicBufInfo& f);

@@ -2,6 +2,8 @@
 #include "RgbNirDemosaicWidget.h"
 
 #include <KitCpu.h>
+#include <KitDispatch.h>
+#include <KitPicture.h>
 
 #include <QtXml/QDomDocument>
 
@@ -40,7 +42,7 @@ constexpr bool isSampleOf(ExImageDataType t)
 
 bool rowsFit(const SxPicBuf& pic)
 {
-    return pic.data && nodekit::rowsFit(pic);
+    return pic.data && pixelkit::rowsFit(pic);
 }
 
 bool alignedFor(const SxPicBuf& pic, size_t size)
@@ -516,22 +518,12 @@ IxChainData* CxRgbNirDemosaicCnbl::processData(IxChainData* data)
             kNir = unsigned(pixelIndexInMosaic(f.meta, QStringLiteral("NIR")));
         }
 
-        bool done = false;
-        if (m_channel != NIR) {
-            switch (in.dataType) {
-            case IDT_UINT8: done = rgbnir_demosaicRgb_T<uchar>(f.out, in, kB, kG, kR); break;
-            case IDT_UINT16: done = rgbnir_demosaicRgb_T<ushort>(f.out, in, kB, kG, kR); break;
-            case IDT_UINT32: done = rgbnir_demosaicRgb_T<uint>(f.out, in, kB, kG, kR); break;
-            default: break;
-            }
-        } else {
-            switch (in.dataType) {
-            case IDT_UINT8: done = rgbnir_extractChannel_T<uchar, uchar>(f.out, 0, in, kNir); break;
-            case IDT_UINT16: done = rgbnir_extractChannel_T<ushort, ushort>(f.out, 0, in, kNir); break;
-            case IDT_UINT32: done = rgbnir_extractChannel_T<uint, uint>(f.out, 0, in, kNir); break;
-            default: break;
-            }
-        }
+        using Samples = pixelkit::Only<quint8, quint16, quint32>;
+        const bool done = pixelkit::withSampleTypeIn<Samples>(in.dataType, [&](auto tag) {
+            using T = typename decltype(tag)::type;
+            return m_channel != NIR ? rgbnir_demosaicRgb_T<T>(f.out, in, kB, kG, kR)
+                                    : rgbnir_extractChannel_T<T, T>(f.out, 0, in, kNir);
+        });
         if (!done) {
             // A pool picture still holds an earlier frame: never pass that on
             // as this frame's result.

@@ -391,17 +391,17 @@ bool CxRotateImageCnbl::rotatePicture(const SxPicBuf& in, SxPicBuf& out, bool cl
 {
     if (!canRotateInput(in, clockwise) || !fitsOutput(in, out))
         return false;
-    switch (in.dataType) {
-    case IDT_INT8: clockwise ? rotateImageClock<qint8>(in, out) : rotateImageCounterClock<qint8>(in, out); break;
-    case IDT_UINT8: clockwise ? rotateImageClock<quint8>(in, out) : rotateImageCounterClock<quint8>(in, out); break;
-    case IDT_INT16: clockwise ? rotateImageClock<qint16>(in, out) : rotateImageCounterClock<qint16>(in, out); break;
-    case IDT_UINT16: clockwise ? rotateImageClock<quint16>(in, out) : rotateImageCounterClock<quint16>(in, out); break;
-    case IDT_INT32: rotateImageClock<qint32>(in, out); break;
-    case IDT_UINT32: clockwise ? rotateImageClock<quint32>(in, out) : rotateImageCounterClock<quint32>(in, out); break;
-    case IDT_FLOAT: clockwise ? rotateImageClock<float>(in, out) : rotateImageCounterClock<float>(in, out); break;
-    default: return false;
-    }
-    return true;
+    // canRotateInput has refused every other type, and signed 32-bit
+    // counter-clockwise; only the sample width matters from here on.
+    return pixelkit::withSampleBytes(in.bytesPerSample(), [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (sizeof(T) == 8) {
+            return false;
+        } else {
+            clockwise ? rotateImageClock<T>(in, out) : rotateImageCounterClock<T>(in, out);
+            return true;
+        }
+    });
 }
 
 IxChainData* CxRotateImageCnbl::processData(IxChainData* data)
