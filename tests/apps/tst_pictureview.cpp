@@ -258,15 +258,12 @@ void TestPictureView::rectStatistics()
     QFETCH(bool, colour);
     QFETCH(QRect, rect);
 
-    const auto value = [type](quint32 x, quint32 y, quint32 c) -> double {
+    const auto t = ExImageDataType(type);  // integers over the whole type
+    const auto value = [t](quint32 x, quint32 y, quint32 c) -> double {
         const quint32 n = noise(x, y, c);
-        switch (type) {
-        case IDT_UINT8: return n % 256;
-        case IDT_UINT16: return n % 65536;
-        case IDT_INT16: return double(n % 65536) - 32768;
-        case IDT_INT32: return double(qint32(n));
-        default: return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
-        }
+        if (kit::isFloat(t))
+            return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
+        return double(kit::lowest(t) + std::fmod((long double)n, kit::highest(t) - kit::lowest(t) + 1));
     };
     const ViewFramePtr frame = makeFrame({ExImageDataType(type), quint32(channels), 0, colour}, 31, 17, value);
     const QList<PictureMeasure::SxChannelStatistics> got = PictureMeasure::rectStatistics(*frame, rect);
