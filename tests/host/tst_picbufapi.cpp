@@ -69,17 +69,6 @@ private slots:
         QVERIFY(!p.data);
     }
 
-    void longOverloadFillsFields()
-    {
-        SxPicBuf p;
-        QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(p, 80, 16, 1, IDT_UINT8, 0, 0, 0, DSF_PACKED, CFA_NONE, false, false, 0));
-        QCOMPARE(p.width, 80u);
-        QCOMPARE(p.height, 16u);
-        QCOMPARE(p.linePitch, 80u);
-        QCOMPARE(p.bitsPerSample, 8u);
-        CxPicBufAPI::FreePicBuf(p, true);
-    }
-
     void poolExhaustionAndReturn()
     {
         void* pool = CxPicBufAPI::CreateMemoryPool(format(16, 4), 2, "t");
