@@ -2,7 +2,7 @@
 // Shared by the command-line host's tests: running the built binary, making
 // pictures over the whole range of their type, comparing pictures exactly, and
 // writing TIFFs with libtiff itself, as another program would.
-#include "../host/TestPictures.h"
+#include <PictureKit.h>
 
 #include <ImageFileReader.h>
 
@@ -56,14 +56,15 @@ inline SxRun runQlarrun(const QStringList& args, const QString& workDir = QStrin
 
 // A picture of the format over the whole range of the type, a -0, an
 // infinity and a NaN among the floats; rows padded by padding bytes.
-inline SxTstPic makePicture(ExImageDataType type, quint32 w, quint32 h, quint32 channels, quint32 padding = 0,
-                            quint32 seed = 0)
+inline kit::CxPicture makePicture(ExImageDataType type, quint32 w, quint32 h, quint32 channels, quint32 padding = 0,
+                                  quint32 seed = 0)
 {
-    SxTstPic p(tstFormat(w, h, type, channels, channels >= 3), padding);
-    tstFillRandom(p.pic, seed);
-    const TstNum special[] = {-0.L, INFINITY, NAN};
+    const SxPicBufInfo f = kit::format(w, h, channels, type, 0, CFA_NONE, DSF_PACKED, channels >= 3);
+    kit::CxPicture p(padding ? kit::padded(f, padding) : f);
+    kit::fillRandom(p.pic(), seed);
+    const long double special[] = {-0.L, INFINITY, NAN};
     for (quint32 i = 1; type == IDT_FLOAT && i < 4 && i < w * h * channels; ++i)
-        tstSetSample(p.pic, i / channels % w, i / channels / w, i % channels, special[i - 1]);
+        kit::setSample(p.pic(), i / channels % w, i / channels / w, i % channels, special[i - 1]);
     return p;
 }
 
@@ -82,12 +83,12 @@ inline void maskToBits(SxPicBuf& pic, quint32 bits)
 }
 
 // Through the program's own reader, as a run would read the file.
-inline bool readPicture(const QString& path, SxTstPic& p, CxImageMetadata* meta = nullptr,
+inline bool readPicture(const QString& path, kit::CxPicture& p, CxImageMetadata* meta = nullptr,
                         QString* error = nullptr)
 {
     CxImageMetadata scratch;
     QString scratchError;
-    return CxImageFileReader::read(path, SxReadOptions(), p.pic, meta ? *meta : scratch,
+    return CxImageFileReader::read(path, SxReadOptions(), p.pic(), meta ? *meta : scratch,
                                    error ? error : &scratchError);
 }
 

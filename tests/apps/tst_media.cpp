@@ -69,10 +69,10 @@ struct SxRig
 void writeFrames(const QString& dir, int first, int count, quint32 width, ExImageDataType type, bool pages = false)
 {
     for (int i = first; i < first + count; ++i) {
-        const SxTstPic p = makePicture(type, width, 8, 1, 0, quint32(i));
+        const kit::CxPicture p = makePicture(type, width, 8, 1, 0, quint32(i));
         QString error;
-        QVERIFY(pages ? writeWithLibtiff(dir + "/stack.tif", p.pic, SxTiffLayout(i > first ? "append" : ""))
-                      : TiffIo::write(QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0')), p.pic, nullptr, false, &error));
+        QVERIFY(pages ? writeWithLibtiff(dir + "/stack.tif", p.pic(), SxTiffLayout(i > first ? "append" : ""))
+                      : TiffIo::write(QString("%1/f%2.tif").arg(dir).arg(i, 3, 10, QChar('0')), p.pic(), nullptr, false, &error));
     }
 }
 
@@ -225,7 +225,7 @@ private slots:
             for (const QString& sub : {folder, folder + "/input"}) {
                 QCOMPARE(QDir(sub).entryList({".*"}, QDir::Files | QDir::Hidden), QStringList());
                 for (const QString& name : QDir(sub).entryList({"frame_*"}, QDir::Files)) {
-                    SxTstPic p;
+                    kit::CxPicture p;
                     QVERIFY2(readPicture(sub + "/" + name, p), qPrintable(name));
                 }
             }
@@ -242,10 +242,10 @@ private slots:
         QCOMPARE(recorded.size(), files);
         QCOMPARE(QDir(folder + "/replay").entryList({"frame_*.tif"}, QDir::Files, QDir::Name), recorded);
         for (const QString& name : recorded) {
-            SxTstPic a, b;
+            kit::CxPicture a, b;
             QString why;
             QVERIFY(readPicture(folder + "/" + name, a) && readPicture(folder + "/replay/" + name, b));
-            QVERIFY2(samePixels(a.pic, b.pic, &why), qPrintable(name + ": " + why));
+            QVERIFY2(kit::samePixels(a.pic(), b.pic(), &why), qPrintable(name + ": " + why));
         }
 
         QVERIFY2(CxRecorder::snapshot(shot, dir.filePath("shot.tif"), &error), qPrintable(error));

@@ -3,7 +3,7 @@
 // against plain references, mosaic cell names, and the view and panel while
 // frames change. Frames sit in buffers of exactly the size their format
 // needs, so the sanitizer build catches any read past the last row.
-#include "../host/TestPictures.h"
+#include <PictureKit.h>
 
 #include <CxSyntheticCamera.h>
 #include <DisplayMapper.h>
@@ -37,19 +37,16 @@ ViewFramePtr makeFrame(const SxFormat& f, quint32 w, quint32 h,
                        const std::function<double(quint32, quint32, quint32)>& value, quint32 padding = 3,
                        const std::function<double(quint32, quint32, quint32)>& imaginary = nullptr)
 {
-    auto pictures = std::make_shared<std::vector<SxTstPic>>();
+    auto pictures = std::make_shared<std::vector<kit::CxPicture>>();
     pictures->reserve(2);
     auto* frame = new SxViewFrame;
     for (const auto* fill : {&value, &imaginary}) {
         if (!*fill)
             continue;
-        SxPicBufInfo info = tstFormat(w, h, f.type, f.channels, f.colour, f.bits);
-        info.colorFilterArray = f.cfa;
-        SxPicBuf& pic = pictures->emplace_back(info, padding, true).pic;
-        for (quint32 i = 0; i < w * h * f.channels; ++i)
-            tstSetSample(pic, i / f.channels % w, i / f.channels / w, i % f.channels,
-                         (*fill)(i / f.channels % w, i / f.channels / w, i % f.channels));
-        (fill == &value ? frame->pic : frame->im) = pic;
+        const SxPicBufInfo info = kit::format(w, h, f.channels, f.type, 0, f.cfa, DSF_PACKED, f.colour, f.bits);
+        kit::CxPicture& pic = pictures->emplace_back(kit::padded(info, padding));
+        pic.refill(*fill);
+        (fill == &value ? frame->pic : frame->im) = pic.pic();
     }
     frame->spectrum = bool(imaginary);
     return ViewFramePtr(frame, [pictures](const SxViewFrame* p) { delete p; });
@@ -261,15 +258,12 @@ void TestPictureView::rectStatistics()
     QFETCH(bool, colour);
     QFETCH(QRect, rect);
 
-    const auto value = [type](quint32 x, quint32 y, quint32 c) -> double {
+    const auto t = ExImageDataType(type);  // integers over the whole type
+    const auto value = [t](quint32 x, quint32 y, quint32 c) -> double {
         const quint32 n = noise(x, y, c);
-        switch (type) {
-        case IDT_UINT8: return n % 256;
-        case IDT_UINT16: return n % 65536;
-        case IDT_INT16: return double(n % 65536) - 32768;
-        case IDT_INT32: return double(qint32(n));
-        default: return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
-        }
+        if (kit::isFloat(t))
+            return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
+        return double(kit::lowest(t) + std::fmod((long double)n, kit::highest(t) - kit::lowest(t) + 1));
     };
     const ViewFramePtr frame = makeFrame({ExImageDataType(type), quint32(channels), 0, colour}, 31, 17, value);
     const QList<PictureMeasure::SxChannelStatistics> got = PictureMeasure::rectStatistics(*frame, rect);

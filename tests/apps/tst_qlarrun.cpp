@@ -60,11 +60,11 @@ quint32 channelsOf(CxSyntheticCamera::ExLayout layout)
     return layout == CxSyntheticCamera::LayoutRgb ? 3 : layout == CxSyntheticCamera::LayoutRgba ? 4 : 1;
 }
 
-SxTstPic renderCamera(const CxSyntheticCamera::SxConfig& c, qint64 n)
+kit::CxPicture renderCamera(const CxSyntheticCamera::SxConfig& c, qint64 n)
 {
     const quint32 ch = channelsOf(c.layout);
-    SxTstPic p(tstFormat(c.width, c.height, c.dataType, ch, ch > 1, c.bitsPerSample));
-    CxSyntheticCamera::renderFrame(c, n, p.pic);
+    kit::CxPicture p(kit::format(c.width, c.height, ch, c.dataType, 0, CFA_NONE, DSF_PACKED, ch > 1, c.bitsPerSample));
+    CxSyntheticCamera::renderFrame(c, n, p.pic());
     return p;
 }
 
@@ -285,11 +285,11 @@ void TestQlarrun::defaultRun()
     QList<QByteArray> green;
     QVERIFY(runInProcess(cameraFor("bayer8", 640, 480, 1, 8, 1), {"Extract Channel:channelIdx=1"}, 8, green));
     for (int n = 0; n < 8; ++n) {
-        SxTstPic tif, png;
+        kit::CxPicture tif, png;
         QVERIFY(readPicture(frameFile(out, n, "tif"), tif));
         QVERIFY(readPicture(frameFile(out, n, "png"), png));
-        QCOMPARE(packedBytes(tif.pic), green.at(n));
-        QCOMPARE(packedBytes(png.pic), green.at(n));
+        QCOMPARE(packedBytes(tif.pic()), green.at(n));
+        QCOMPARE(packedBytes(png.pic()), green.at(n));
     }
 
     // The spectrum plot: yellow graph on the palette's ground, colours in
@@ -365,11 +365,11 @@ void TestQlarrun::cameraChains()
     QList<QByteArray> expected;
     QVERIFY(runInProcess(config, nodes, 3, expected));
     for (int n = 0; n < 3; ++n) {
-        SxTstPic out;
+        kit::CxPicture out;
         QString error;
         QVERIFY2(readPicture(frameFile(dir.path(), n, "tif"), out, nullptr, &error), qPrintable(error));
-        QCOMPARE(out.pic.bitsPerSample, config.bitsPerSample);
-        QCOMPARE(packedBytes(out.pic), expected.at(n));
+        QCOMPARE(out.pic().bitsPerSample, config.bitsPerSample);
+        QCOMPARE(packedBytes(out.pic()), expected.at(n));
     }
 }
 
@@ -430,12 +430,12 @@ void TestQlarrun::cameraLayouts()
     }
 
     // Within the significant bits, using a good part of them, and moving.
-    const SxTstPic first = renderCamera(camera.config(), 0), next = renderCamera(camera.config(), 1);
-    QVERIFY(packedBytes(first.pic) != packedBytes(next.pic));
+    const kit::CxPicture first = renderCamera(camera.config(), 0), next = renderCamera(camera.config(), 1);
+    QVERIFY(packedBytes(first.pic()) != packedBytes(next.pic()));
     quint32 top = 0;
-    for (quint32 y = 0; y < first.pic.height; ++y)
-        for (quint32 i = 0; i < first.pic.width * first.pic.channels; ++i)
-            top = std::max<quint32>(top, c.type == IDT_UINT16 ? first.pic.row<quint16>(y)[i] : first.pic.rowPtr(y)[i]);
+    for (quint32 y = 0; y < first.pic().height; ++y)
+        for (quint32 i = 0; i < first.pic().width * first.pic().channels; ++i)
+            top = std::max<quint32>(top, c.type == IDT_UINT16 ? first.pic().row<quint16>(y)[i] : first.pic().rowPtr(y)[i]);
     QVERIFY2(top <= (1u << c.bits) - 1 && top > (1u << c.bits) / 4, qPrintable(QString::number(top)));
 }
 
@@ -622,12 +622,12 @@ void TestQlarrun::spectrumOutput()
 
     for (int n = 0; n < 2; ++n) {
         const QString base = dir.filePath(QString("frame_%1").arg(n, 6, 10, QChar('0')));
-        SxTstPic re, im;
+        kit::CxPicture re, im;
         QVERIFY(readPicture(base + "_re.tif", re));
         QVERIFY(readPicture(base + "_im.tif", im));
-        QCOMPARE(re.pic.dataType, IDT_FLOAT);
-        QCOMPARE(re.pic.row<float>(3)[1], -5.f);
-        QCOMPARE(im.pic.row<float>(0)[1], 3.f);
+        QCOMPARE(re.pic().dataType, IDT_FLOAT);
+        QCOMPARE(re.pic().row<float>(3)[1], -5.f);
+        QCOMPARE(im.pic().row<float>(0)[1], 3.f);
         const QImage view(base + "_logmag.png");
         QCOMPARE(view.size(), QSize(6, 4));
         // |re + i im| is largest at (0, 3): 6; zero at (0, 0) and (2, 1).

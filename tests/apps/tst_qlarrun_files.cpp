@@ -163,12 +163,12 @@ void TestQlarrunFiles::tiffRoundTrip()
     QFETCH(SxRoundTrip, c);
     const auto [type, channels, colour, padding, deflate, cfa, bits, storage] = c;
 
-    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), quint32(padding));
-    src.pic.isColor = colour;
-    src.pic.colorFilterArray = ExColorFilterArray(cfa);
-    src.pic.storageFormat = ExDataStorageFormat(storage);
+    kit::CxPicture src = makePicture(ExImageDataType(type), W, H, quint32(channels), quint32(padding));
+    src.pic().isColor = colour;
+    src.pic().colorFilterArray = ExColorFilterArray(cfa);
+    src.pic().storageFormat = ExDataStorageFormat(storage);
     if (bits)
-        src.pic.bitsPerSample = quint32(bits);
+        src.pic().bitsPerSample = quint32(bits);
     CxImageMetadata meta;
     if (cfa == CFA_HSI_MOSAIC)
         meta.setHsiCameraParams(CxSyntheticCamera::builtInHsiDescription(W, H));
@@ -176,15 +176,15 @@ void TestQlarrunFiles::tiffRoundTrip()
     QTemporaryDir dir;
     const QString path = dir.filePath("p.tif");
     QString error;
-    QVERIFY2(TiffIo::write(path, src.pic, &meta, deflate, &error), qPrintable(error));
-    SxTstPic back;
+    QVERIFY2(TiffIo::write(path, src.pic(), &meta, deflate, &error), qPrintable(error));
+    kit::CxPicture back;
     CxImageMetadata backMeta;
-    QVERIFY2(TiffIo::read(path, back.pic, backMeta, &error), qPrintable(error));
-    QVERIFY2(samePixels(src.pic, back.pic, &error), qPrintable(error));
-    QCOMPARE(back.pic.isColor, colour);
-    QCOMPARE(back.pic.bitsPerSample, src.pic.bitsPerSample);
-    QCOMPARE(int(back.pic.colorFilterArray), cfa);
-    QCOMPARE(int(back.pic.storageFormat), storage);
+    QVERIFY2(TiffIo::read(path, back.pic(), backMeta, &error), qPrintable(error));
+    QVERIFY2(kit::samePixels(src.pic(), back.pic(), &error), qPrintable(error));
+    QCOMPARE(back.pic().isColor, colour);
+    QCOMPARE(back.pic().bitsPerSample, src.pic().bitsPerSample);
+    QCOMPARE(int(back.pic().colorFilterArray), cfa);
+    QCOMPARE(int(back.pic().storageFormat), storage);
     QCOMPARE(backMeta.hsiCameraParams(), meta.hsiCameraParams());
 }
 
@@ -216,13 +216,13 @@ void TestQlarrunFiles::tiffFromOtherWriters()
     QFETCH(QString, layout);
     QFETCH(QString, refusal);
 
-    SxTstPic src = makePicture(ExImageDataType(type), W, H, quint32(channels), 3);
+    kit::CxPicture src = makePicture(ExImageDataType(type), W, H, quint32(channels), 3);
     QTemporaryDir dir;
     const QString path = dir.filePath("other.tif");
-    QVERIFY(writeWithLibtiff(path, src.pic, SxTiffLayout(layout)));
+    QVERIFY(writeWithLibtiff(path, src.pic(), SxTiffLayout(layout)));
     QCOMPARE(fileBytes(path).startsWith("MM"), layout.contains("be"));
 
-    SxTstPic back;
+    kit::CxPicture back;
     QString error;
     const bool ok = readPicture(path, back, nullptr, &error);
     if (!refusal.isEmpty()) {
@@ -232,10 +232,10 @@ void TestQlarrunFiles::tiffFromOtherWriters()
     }
     QVERIFY2(ok, qPrintable(error));
     const bool colour = channels == 3 || channels == 4;
-    QCOMPARE(int(back.pic.dataType), type);
-    QCOMPARE(packedBytes(back.pic), colour ? blueFirst(packedBytes(src.pic), channels, int(src.pic.bytesPerSample()))
-                                           : packedBytes(src.pic));
-    QCOMPARE(back.pic.isColor, colour);
+    QCOMPARE(int(back.pic().dataType), type);
+    QCOMPARE(packedBytes(back.pic()), colour ? blueFirst(packedBytes(src.pic()), channels, int(src.pic().bytesPerSample()))
+                                           : packedBytes(src.pic()));
+    QCOMPARE(back.pic().isColor, colour);
 }
 
 void TestQlarrunFiles::pngAndPnm_data()
@@ -310,14 +310,14 @@ void TestQlarrunFiles::pngAndPnm()
     QTemporaryDir dir;
     const QString path = dir.filePath("picture.dat");
     QVERIFY(writeFile(path, file));
-    SxTstPic pic;
+    kit::CxPicture pic;
     QString error;
     QVERIFY2(readPicture(path, pic, nullptr, &error), qPrintable(error));
-    QCOMPARE(int(pic.pic.dataType), type);
-    QCOMPARE(int(pic.pic.channels), channels);
-    QCOMPARE(int(pic.pic.bitsPerSample), bits);
-    QCOMPARE(pic.pic.isColor, channels > 1);
-    QCOMPARE(packedBytes(pic.pic), channels > 1 ? blueFirst(samples, channels, bits > 8 ? 2 : 1) : samples);
+    QCOMPARE(int(pic.pic().dataType), type);
+    QCOMPARE(int(pic.pic().channels), channels);
+    QCOMPARE(int(pic.pic().bitsPerSample), bits);
+    QCOMPARE(pic.pic().isColor, channels > 1);
+    QCOMPARE(packedBytes(pic.pic()), channels > 1 ? blueFirst(samples, channels, bits > 8 ? 2 : 1) : samples);
 }
 
 // One run over a folder holding every type and channel count, plus a 16-bit
@@ -332,9 +332,9 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
         cases.append({int(cases.size()) + 3, t, quint32((cases.size() + 3) % 3 == 2 ? 4 : (cases.size() + 3) % 3 == 1 ? 3 : 1)});
     QString error;
     for (const SxCase& c : cases) {
-        const SxTstPic p = makePicture(c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
+        const kit::CxPicture p = makePicture(c.type, 5 + quint32(c.number % 3), 3 + quint32(c.number % 2), c.channels, 1,
                                        quint32(c.number));
-        QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic, nullptr, false, &error),
+        QVERIFY2(TiffIo::write(dir.filePath(QString("in/shot_%1.tif").arg(c.number)), p.pic(), nullptr, false, &error),
                  qPrintable(error));
     }
     QImage rgba16(3, 2, QImage::Format_RGBA64);
@@ -351,23 +351,23 @@ void TestQlarrunFiles::everyTypeThroughTheBinary()
 
     for (const SxCase& c : cases) {
         const QString name = QString("shot_%1.tif").arg(c.number);
-        SxTstPic in, out;
+        kit::CxPicture in, out;
         QVERIFY2(readPicture(dir.filePath("in/" + name), in, nullptr, &error), qPrintable(error));
         const QString written = dir.filePath(QString("out/frame_%1").arg(c.number, 6, 10, QChar('0')));
         QVERIFY2(readPicture(written + ".tif", out, nullptr, &error), qPrintable(error));
-        QVERIFY2(samePixels(in.pic, out.pic, &error), qPrintable(name + ": " + error));
+        QVERIFY2(kit::samePixels(in.pic(), out.pic(), &error), qPrintable(name + ": " + error));
         const bool pngForm = c.type == IDT_UINT8 || c.type == IDT_UINT16;
         QCOMPARE(QFile::exists(written + ".png"), pngForm);
         if (pngForm) {
-            SxTstPic png;
+            kit::CxPicture png;
             QVERIFY2(readPicture(written + ".png", png, nullptr, &error), qPrintable(error));
-            QVERIFY2(samePixels(in.pic, png.pic, &error), qPrintable(name + " as PNG: " + error));
+            QVERIFY2(kit::samePixels(in.pic(), png.pic(), &error), qPrintable(name + " as PNG: " + error));
         }
     }
-    SxTstPic rgba;
+    kit::CxPicture rgba;
     QVERIFY(readPicture(dir.filePath("out/frame_000091.tif"), rgba));
-    QCOMPARE(rgba.pic.channels, 4u);
-    QCOMPARE(rgba.pic.row<quint16>(1)[2 * 4 + 3], quint16(4000));
+    QCOMPARE(rgba.pic().channels, 4u);
+    QCOMPARE(rgba.pic().row<quint16>(1)[2 * 4 + 3], quint16(4000));
     // The written files hold red first again, as other programs read them.
     QCOMPARE(QImage(dir.filePath("out/frame_000091.png")).pixelColor(2, 1), rgba16.pixelColor(2, 1));
     TIFF* tif = TIFFOpen(QFile::encodeName(dir.filePath("out/frame_000091.tif")).constData(), "r");
@@ -404,11 +404,11 @@ void TestQlarrunFiles::filesOfSeveralFrames()
     QFETCH(QStringList, frames);
 
     QTemporaryDir dir;
-    const SxTstPic grey = makePicture(IDT_UINT8, 5, 3, 1), thumb = makePicture(IDT_UINT8, 2, 2, 1),
+    const kit::CxPicture grey = makePicture(IDT_UINT8, 5, 3, 1), thumb = makePicture(IDT_UINT8, 2, 2, 1),
                    rgb = makePicture(IDT_UINT16, 4, 2, 3);
-    QVERIFY(writeWithLibtiff(dir.filePath("pages.tif"), grey.pic, SxTiffLayout(""))
-            && writeWithLibtiff(dir.filePath("pages.tif"), thumb.pic, SxTiffLayout("append thumb"))
-            && writeWithLibtiff(dir.filePath("pages.tif"), rgb.pic, SxTiffLayout("append")));
+    QVERIFY(writeWithLibtiff(dir.filePath("pages.tif"), grey.pic(), SxTiffLayout(""))
+            && writeWithLibtiff(dir.filePath("pages.tif"), thumb.pic(), SxTiffLayout("append thumb"))
+            && writeWithLibtiff(dir.filePath("pages.tif"), rgb.pic(), SxTiffLayout("append")));
     QList<quint16> samples;
     for (quint16 i = 0; i < 18; ++i)
         samples << quint16(0x0102 * i + 0x8000 * (i % 2));
@@ -430,13 +430,13 @@ void TestQlarrunFiles::filesOfSeveralFrames()
         return;
     // The last frame exactly, where it is read unchanged: the stack's in host
     // byte order, PPM colour blue first.
-    SxTstPic last;
+    kit::CxPicture last;
     const QString name = QString("out/frame_%1.tif").arg(frames.last().section(':', 0, 0).toInt(), 6, 10, QChar('0'));
     QVERIFY(readPicture(dir.filePath(name), last));
     if (frames.size() == 3 && frames.first() == "0: 3x2 u16 x1" && !args.contains("--node"))
-        QCOMPARE(packedBytes(last.pic), hostOrder16(samples.mid(12)));
+        QCOMPARE(packedBytes(last.pic()), hostOrder16(samples.mid(12)));
     else if (args.first().endsWith(".pnm"))
-        QCOMPARE(packedBytes(last.pic), hostOrder16({3, 2, 1}));
+        QCOMPARE(packedBytes(last.pic()), hostOrder16({3, 2, 1}));
 }
 
 void TestQlarrunFiles::frameNumbersFromNames_data()
@@ -501,10 +501,10 @@ void TestQlarrunFiles::rawFrames()
                                                               "</QlarCamera>").arg(cameraCfa).arg(hsi.toXmlString().section("?>", 1)).toUtf8()));
     QList<QByteArray> frames;
     for (int i = 0; i < names.size(); ++i) {
-        SxTstPic p = makePicture(ExImageDataType(type), 7, 5, 1, 0, quint32(i));
+        kit::CxPicture p = makePicture(ExImageDataType(type), 7, 5, 1, 0, quint32(i));
         if (bits < 32)
-            maskToBits(p.pic, quint32(bits));
-        frames << packedBytes(p.pic);
+            maskToBits(p.pic(), quint32(bits));
+        frames << packedBytes(p.pic());
         QVERIFY(writeFile(dir.filePath("in/" + names.at(i)), frames.last()));
     }
     args.replaceInStrings("@", dir.path());
@@ -512,13 +512,13 @@ void TestQlarrunFiles::rawFrames()
     QCOMPARE(run.status, 0);
     QVERIFY2(run.err.isEmpty(), qPrintable(run.err));
     for (int i = 0; i < outputs.size(); ++i) {
-        SxTstPic out;
+        kit::CxPicture out;
         CxImageMetadata meta;
         QString error;
         QVERIFY2(readPicture(dir.filePath("out/" + outputs.at(i) + ".tif"), out, &meta, &error), qPrintable(error));
-        QCOMPARE(packedBytes(out.pic), frames.at(i));
-        QCOMPARE(int(out.pic.bitsPerSample), bits);
-        QCOMPARE(int(out.pic.colorFilterArray), cfa);
+        QCOMPARE(packedBytes(out.pic()), frames.at(i));
+        QCOMPARE(int(out.pic().bitsPerSample), bits);
+        QCOMPARE(int(out.pic().colorFilterArray), cfa);
         QCOMPARE(meta.hsiCameraParams(), cfa == 7 ? hsi : CxHsiCameraParams());
     }
 }
@@ -663,12 +663,12 @@ void TestQlarrunFiles::failures()
     QFETCH(QStringList, culprits);
 
     QTemporaryDir dir;
-    const SxTstPic grey = makePicture(IDT_UINT8, 9, 7, 1), colour = makePicture(IDT_UINT8, 9, 7, 3),
+    const kit::CxPicture grey = makePicture(IDT_UINT8, 9, 7, 1), colour = makePicture(IDT_UINT8, 9, 7, 3),
                    floats = makePicture(IDT_FLOAT, 4, 3, 1);
     QString error;
-    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic, nullptr, false, &error)
-            && TiffIo::write(dir.filePath("colour.tif"), colour.pic, nullptr, false, &error)
-            && TiffIo::write(dir.filePath("float.tif"), floats.pic, nullptr, false, &error));
+    QVERIFY(TiffIo::write(dir.filePath("grey.tif"), grey.pic(), nullptr, false, &error)
+            && TiffIo::write(dir.filePath("colour.tif"), colour.pic(), nullptr, false, &error)
+            && TiffIo::write(dir.filePath("float.tif"), floats.pic(), nullptr, false, &error));
     QVERIFY(writeFile(dir.filePath("cut-samples.tif"), handmadeTiff(8, 4, QByteArray(32, 'x')).chopped(7)));
     QVERIFY(writeFile(dir.filePath("strip-in-header.tif"), handmadeTiff(8, 4, QByteArray(32, 'x'), 0)));
     // Our own TIFF, its ImageDescription (filter array, bits) claiming more
@@ -688,8 +688,8 @@ void TestQlarrunFiles::failures()
     QVERIFY(writeFile(dir.filePath("cut.png"), png.left(png.size() - 20)));
     QVERIFY(writeFile(dir.filePath("cut.pgm"), QByteArray("P5 4 3 255\n") + QByteArray(10, 'x')));
     QVERIFY(writeFile(dir.filePath("cut.pnm"), "P5 1 1 255\n\1P5 2 1 255\n\1"));
-    QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout(""))
-            && writeWithLibtiff(dir.filePath("bad.tif"), grey.pic, SxTiffLayout("append bits=12")));
+    QVERIFY(writeWithLibtiff(dir.filePath("bad.tif"), grey.pic(), SxTiffLayout(""))
+            && writeWithLibtiff(dir.filePath("bad.tif"), grey.pic(), SxTiffLayout("append bits=12")));
     QVERIFY(writeImageJ(dir.filePath("ij-short.tif"), QByteArray(12, 'x'), 3, 2, "ImageJ=1.54f\nimages=1000\n"));
     QByteArray noise;
     std::minstd_rand rng(7);

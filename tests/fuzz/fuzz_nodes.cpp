@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     kit::CxPicture picture(format, {}, meta);
     if (!picture.pic().data)
         return 0;
-    std::memcpy(picture.bytes(), in.data, qMin(in.size, picture.byteCount()));
+    std::memcpy(picture.bytes(), in.data, qMin(in.size, picture.memory().size()));
     for (int frame = 0; frame < 3; ++frame) {
         picture.pic().frameNumber = frame;
         delete chain.push(picture.packet());

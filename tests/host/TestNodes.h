@@ -7,7 +7,7 @@
 #include <CxPicBufAPI.h>
 #include <CxSyntheticCamera.h>
 
-#include "TestPictures.h"
+#include <PictureKit.h>
 
 #include <QtCore/QStringList>
 #include <QtXml/QDomElement>
@@ -197,14 +197,3 @@ public:
     using CxSyntheticCamera::CxSyntheticCamera;
     bool isLiveSource() const override { return false; }
 };
-
-inline CxImageData* tstPacket(const SxPicBufInfo& f, qint32 frameNumber, uchar fill)
-{
-    SxPicBuf p;
-    CxPicBufAPI::AllocPicBufFromHeap(p, f, false, 0);
-    std::memset(p.data, fill, size_t(p.dataSize()));
-    p.frameNumber = frameNumber;
-    auto* packet = new CxImageData;
-    packet->setPicBuf(p);
-    return packet;
-}

@@ -60,7 +60,7 @@ private slots:
     {
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(8, 8, IDT_UINT8, 3, true));
+        chain.setInputFormat(kit::format(8, 8, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
         auto* add = new CxTstAddNode;
         auto* mono = new CxTstMonoOnlyNode;
         chain.appendNode(add);
@@ -74,7 +74,7 @@ private slots:
         QVERIFY(!add->memoryPool());
 
         // The same chain starts once the input fits; old messages are gone.
-        chain.setInputFormat(tstFormat(8, 8));
+        chain.setInputFormat(kit::format(8, 8));
         QVERIFY2(chain.start(), qPrintable(chain.lastError()));
         QVERIFY(mono->errorMessage().isEmpty());
         chain.stop();
@@ -98,7 +98,7 @@ private slots:
         QFETCH(bool, live);
         CxChain chain;
         chain.setRunMode(live ? CxChain::RunLive : CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(8, 4));
+        chain.setInputFormat(kit::format(8, 4));
         std::atomic<int> delivered{0};
         chain.setOutputHandler([&](IxChainData* d) { delete d; ++delivered; });
         auto* a = new CxTstAddNode;
@@ -118,7 +118,7 @@ private slots:
                                                              : QStringList());
         } else {
             for (int i = 0; i < 3; ++i) {
-                IxChainData* packet = tstPacket(tstFormat(8, 4), i, 7);
+                IxChainData* packet = kit::heapPacket(kit::format(8, 4), i, 7);
                 if (live)
                     chain.post(packet);
                 else
@@ -143,7 +143,7 @@ private slots:
     {
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(9, 5));
+        chain.setInputFormat(kit::format(9, 5));
         auto* a = new CxTstAddNode;
         auto* b = new CxTstAddNode;
         a->setObjectName("a");
@@ -178,7 +178,7 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::ExRunMode(mode));
         chain.setQueueDepth(depth);
-        chain.setInputFormat(tstFormat(4, 4));
+        chain.setInputFormat(kit::format(4, 4));
         auto* add = new CxTstAddNode;
         auto* pass = new CxTstBehaviourNode;  // asks for no picture
         chain.appendNode(add);
@@ -213,12 +213,12 @@ private slots:
         QFETCH(QString, counted);
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(6, 3));
+        chain.setInputFormat(kit::format(6, 3));
         auto* node = new CxTstBehaviourNode;
         node->behaviour = CxTstBehaviourNode::ExBehaviour(behaviour);
         chain.appendNode(node);
         QVERIFY(chain.start());
-        CxImageData* in = tstPacket(tstFormat(6, 3), frame, 7);
+        CxImageData* in = kit::heapPacket(kit::format(6, 3), frame, 7);
         QPointer<CxImageData> guard(in);
         if (behaviour == CxTstBehaviourNode::Throw)
             QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("failed in processData: broken node"));
@@ -323,8 +323,8 @@ private slots:
         chain.appendNode(add);
         QVERIFY(!chain.start());
         QVERIFY(!chain.lastError().isEmpty());
-        chain.setInputFormat(tstFormat(4, 4));
-        QPointer<CxImageData> guard(tstPacket(tstFormat(4, 4), 0, 1));
+        chain.setInputFormat(kit::format(4, 4));
+        QPointer<CxImageData> guard(kit::heapPacket(kit::format(4, 4), 0, 1));
         QVERIFY(!chain.push(guard));
         QVERIFY(guard.isNull());
         add->setAddend(9, true);
@@ -356,13 +356,13 @@ private slots:
     {
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        chain.setInputFormat(tstFormat(4, 4));
+        chain.setInputFormat(kit::format(4, 4));
         auto* add = new CxTstAddNode;
         add->setMaxFps(1.0);
         chain.appendNode(add);
         QVERIFY(chain.start());
-        IxChainData* first = chain.push(tstPacket(tstFormat(4, 4), 0, 0));
-        IxChainData* second = chain.push(tstPacket(tstFormat(4, 4), 1, 0));
+        IxChainData* first = chain.push(kit::heapPacket(kit::format(4, 4), 0, 0));
+        IxChainData* second = chain.push(kit::heapPacket(kit::format(4, 4), 1, 0));
         QVERIFY(first);
         QVERIFY(!second);
         QCOMPARE(chain.stats().throttled, 1);
@@ -374,7 +374,7 @@ private slots:
     {
         CxTstAddNode node;
         for (int i = 0; i < CxChainable::MaxStoredOutputs + 3; ++i)
-            node.addToOutputData(tstPacket(tstFormat(2, 2), i, 0));
+            node.addToOutputData(kit::heapPacket(kit::format(2, 2), i, 0));
         auto* latest = qobject_cast<CxImageData*>(node.latestData(nullptr));
         QCOMPARE(latest->picBuf()->frameNumber, CxChainable::MaxStoredOutputs + 2);
         QCOMPARE(qobject_cast<CxImageData*>(node.data(nullptr, 0))->picBuf()->frameNumber, 3);

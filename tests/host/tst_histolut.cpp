@@ -4,7 +4,7 @@
 #include <CxLut.h>
 #include <CxPicBufMeas.h>
 
-#include "TestPictures.h"
+#include <PictureKit.h>
 
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
@@ -15,10 +15,10 @@ using H = CxHistoData;
 
 // Tight pictures: any read past the last row's samples is a sanitizer
 // report. pad counts samples.
-SxTstPic picture(ExImageDataType t, quint32 w, quint32 h, quint32 ch, quint32 pad = 0, quint32 bits = 0,
-                 bool colour = false)
+kit::CxPicture picture(ExImageDataType t, quint32 w, quint32 h, quint32 ch, quint32 pad = 0, quint32 bits = 0,
+                       bool colour = false)
 {
-    return SxTstPic(tstFormat(w, h, t, ch, colour, bits), pad * bytesPerSampleOf(t), true);
+    return kit::CxPicture(kit::format(w, h, ch, t, pad * bytesPerSampleOf(t), CFA_NONE, DSF_PACKED, colour, bits));
 }
 
 struct RefHisto
@@ -50,7 +50,7 @@ RefHisto reference(const SxPicBuf& p, QRect roi, bool perCell, const CxHsiCamera
                 } else if (perCell) {
                     rec = (y % 2) * 2 + x % 2;
                 }
-                const double v = double(tstSample(p, x, y, c));
+                const double v = kit::sampleValue(p, x, y, c);
                 if (rec >= 0 && rec < records && std::isfinite(v))
                     ref.values[size_t(rec)].push_back(v);
             }
@@ -95,11 +95,11 @@ private slots:
         QFETCH(HistoCase, c);
         const auto [type, channels, colour, size, pad, bits, roi, cfa] = c;
         const auto t = ExImageDataType(type);
-        SxTstPic p = picture(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour);
-        p.pic.colorFilterArray = ExColorFilterArray(cfa);
-        tstFillRandom(p.pic, uint(size.width() * 7919 + size.height() + type));
+        kit::CxPicture p = picture(t, quint32(size.width()), quint32(size.height()), channels, pad, bits, colour);
+        p.pic().colorFilterArray = ExColorFilterArray(cfa);
+        kit::fillRandom(p.pic(), uint(size.width() * 7919 + size.height() + type));
         if (t == IDT_FLOAT)  // neither counted nor spoiling the bins
-            tstSetSample(p.pic, 0, 0, 0, NAN), tstSetSample(p.pic, 0, p.pic.height - 1, 0, -INFINITY);
+            kit::setSample(p.pic(), 0, 0, 0, NAN), kit::setSample(p.pic(), 0, p.pic().height - 1, 0, -INFINITY);
         CxImageMetadata meta;
         CxHsiCameraParams::CxFilterZone z;
         z.rect = QRect(QPoint(3, 2), QPoint(36, 30));
@@ -111,9 +111,9 @@ private slots:
         H::ExHistoDataFlags flags = H::HDF_All;
         if (cfa)
             flags |= H::HDF_PerMosaicCell;
-        QVERIFY(CxPicBufMeas::measureHistogram(h, p.pic, roi, flags, &meta));
+        QVERIFY(CxPicBufMeas::measureHistogram(h, p.pic(), roi, flags, &meta));
         const QRect clipped = !roi.isValid() ? QRect(0, 0, size.width(), size.height()) : roi.intersected(QRect(QPoint(0, 0), size));
-        const RefHisto ref = reference(p.pic, clipped, cfa != 0, meta.hsiCameraParams());
+        const RefHisto ref = reference(p.pic(), clipped, cfa != 0, meta.hsiCameraParams());
         QCOMPARE(h.channels(), int(ref.values.size()));
 
         const int typeBits = int(bytesPerSampleOf(t)) * 8;
@@ -173,10 +173,10 @@ private slots:
         QFETCH(int, flags);
         QFETCH(QList<double>, stats);
         QFETCH(int, binCount);
-        SxTstPic p = picture(IDT_UINT8, 2, 2, 1);
-        p.pic.row<quint8>(0)[0] = 0, p.pic.row<quint8>(0)[1] = 10, p.pic.row<quint8>(1)[0] = 20, p.pic.row<quint8>(1)[1] = 30;
+        kit::CxPicture p = picture(IDT_UINT8, 2, 2, 1);
+        p.pic().row<quint8>(0)[0] = 0, p.pic().row<quint8>(0)[1] = 10, p.pic().row<quint8>(1)[0] = 20, p.pic().row<quint8>(1)[1] = 30;
         CxImageData packet;
-        packet.setPicBuf(p.pic);
+        packet.setPicBuf(p.pic());
         H h;
         QVERIFY(CxPicBufMeas::measureHistogram(h, &packet, QRect(0, 0, -1, -1), QFlags<H::ExHistoDataFlag>(flags)));
         QCOMPARE(h.channels(), 1);
@@ -204,12 +204,12 @@ private slots:
         QFETCH(int, type);
         QFETCH(QRect, roi);
         QFETCH(bool, noData);
-        SxTstPic p = picture(ExImageDataType(type), 8, 8, 1);
+        kit::CxPicture p = picture(ExImageDataType(type), 8, 8, 1);
         if (noData)
-            p.pic.data = nullptr;
+            p.pic().data = nullptr;
         H h;
         h.reset(2, 4, 0, H::HDF_All);
-        QVERIFY(!CxPicBufMeas::measureHistogram(h, p.pic, roi, H::HDF_All, nullptr));
+        QVERIFY(!CxPicBufMeas::measureHistogram(h, p.pic(), roi, H::HDF_All, nullptr));
         QVERIFY(h.isEmpty());
         QVERIFY(!CxPicBufMeas::measureHistogram(h, static_cast<const CxImageData*>(nullptr), QRect(), H::HDF_All));
     }
@@ -252,18 +252,18 @@ private slots:
         const quint32 n = in16 ? 65536 : 256;
         const quint32 w = in16 ? 509 : 131;  // 8-bit rows span whole 64-sample blocks and a tail
         const quint32 h = (n + w - 1) / w;
-        SxTstPic in = picture(t, w, h, 1, 3, bits);
+        kit::CxPicture in = picture(t, w, h, 1, 3, bits);
         for (quint32 i = 0; i < w * h; ++i) {
             const quint32 k = i % n;
             if (in16)
-                in.pic.row<quint16>(int(i / w))[i % w] = quint16(k);
+                in.pic().row<quint16>(int(i / w))[i % w] = quint16(k);
             else
-                in.pic.row<quint8>(int(i / w))[i % w] = quint8(k);
+                in.pic().row<quint8>(int(i / w))[i % w] = quint8(k);
         }
         const ExImageDataType outType = outBits > 8 ? IDT_UINT16 : IDT_UINT8;
-        SxTstPic out = picture(outType, w, h, 1, 5, outBits);
-        QVERIFY(lut.isCompatibleWith(&out.pic, &in.pic));
-        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+        kit::CxPicture out = picture(outType, w, h, 1, 5, outBits);
+        QVERIFY(lut.isCompatibleWith(&out.pic(), &in.pic()));
+        QVERIFY(lut.apply(&out.pic(), &in.pic(), nullptr));
 
         const double outFull = double((1 << outBits) - 1);
         const double g = rec[2] > 0 ? rec[2] : 1.0;
@@ -273,7 +273,7 @@ private slots:
             double u = rec[1] > rec[0] ? std::clamp((v - rec[0]) / (rec[1] - rec[0]), 0.0, 1.0) : (v > rec[0] ? 1.0 : 0.0);
             u = std::pow(u, 1.0 / g);
             const double want = std::clamp(std::floor(rec[3] + (rec[4] - rec[3]) * u + 0.5), 0.0, outFull);
-            const double got = outType == IDT_UINT16 ? out.pic.row<quint16>(int(i / w))[i % w] : out.pic.row<quint8>(int(i / w))[i % w];
+            const double got = outType == IDT_UINT16 ? out.pic().row<quint16>(int(i / w))[i % w] : out.pic().row<quint8>(int(i / w))[i % w];
             if (got != want)
                 QFAIL(qPrintable(QString("sample %1: got %2, want %3").arg(v).arg(got).arg(want)));
             QCOMPARE(double(lut.map(0, qint64(v))), want);
@@ -290,15 +290,15 @@ private slots:
         lut.compContrast(1) = {0, 127, 1, 0, 255};
         lut.compContrast(2) = {0, 255, 1, 0, 0};
         QVERIFY(lut.alloc());
-        SxTstPic in = picture(IDT_UINT8, 5, 3, 4, 2, 8, true), out = picture(IDT_UINT8, 5, 3, 4, 1, 8, true);
+        kit::CxPicture in = picture(IDT_UINT8, 5, 3, 4, 2, 8, true), out = picture(IDT_UINT8, 5, 3, 4, 1, 8, true);
         for (int y = 0; y < 3; ++y)
             for (int i = 0; i < 20; ++i)
-                in.pic.row<quint8>(y)[i] = quint8(y * 20 + i * 3);
-        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+                in.pic().row<quint8>(y)[i] = quint8(y * 20 + i * 3);
+        QVERIFY(lut.apply(&out.pic(), &in.pic(), nullptr));
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 5; ++x) {
-                const quint8* s = in.pic.row<quint8>(y) + 4 * x;
-                const quint8* d = out.pic.row<quint8>(y) + 4 * x;
+                const quint8* s = in.pic().row<quint8>(y) + 4 * x;
+                const quint8* d = out.pic().row<quint8>(y) + 4 * x;
                 QCOMPARE(int(d[0]), 255 - s[0]);
                 QCOMPARE(int(d[1]), std::min(255, int(std::floor(s[1] * 255.0 / 127.0 + 0.5))));
                 QCOMPARE(int(d[2]), 0);
@@ -347,24 +347,24 @@ private slots:
         CxLut lut(8, 1, false, IDT_UINT8);
         QVERIFY(lut.allocRgb(32));
         lut.setPseudoColor(CxLut::PseudoHot);
-        SxTstPic in = picture(IDT_UINT8, 80, 16, 1), out = picture(IDT_UINT8, 80, 16, 4);
+        kit::CxPicture in = picture(IDT_UINT8, 80, 16, 1), out = picture(IDT_UINT8, 80, 16, 4);
         for (int y = 0; y < 16; ++y)
             for (int x = 0; x < 80; ++x)
-                in.pic.row<quint8>(y)[x] = quint8(x * 255 / 80);
-        QVERIFY(lut.apply(&out.pic, &in.pic, nullptr));
+                in.pic().row<quint8>(y)[x] = quint8(x * 255 / 80);
+        QVERIFY(lut.apply(&out.pic(), &in.pic(), nullptr));
         for (int x : {0, 1, 40, 79})  // stored alpha too, not only what QImage shows
-            QCOMPARE(out.pic.row<quint32>(15)[x], CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
+            QCOMPARE(out.pic().row<quint32>(15)[x], CxLut::pseudoColorEntry(CxLut::PseudoHot, x * 255 / 80));
 
         // Colour input keeps its blue, green, red order; a 16-bit window maps to 8 bits.
         CxLut colour(12, 3, true, IDT_UINT16);
         colour.compContrast(0) = {0, 4095, 1, 0, 4095};
         QVERIFY(colour.allocRgb(32));
-        SxTstPic cin = picture(IDT_UINT16, 3, 1, 3, 1, 12, true), cout = picture(IDT_UINT8, 3, 1, 4);
+        kit::CxPicture cin = picture(IDT_UINT16, 3, 1, 3, 1, 12, true), cout = picture(IDT_UINT8, 3, 1, 4);
         const quint16 bgr[3] = {4095, 2048, 0};
         for (int x = 0; x < 3; ++x)
-            std::copy(bgr, bgr + 3, cin.pic.row<quint16>(0) + 3 * x);
-        QVERIFY(colour.apply(&cout.pic, &cin.pic, nullptr));
-        const QImage cimg(cout.pic.data, 3, 1, int(cout.pic.linePitch), QImage::Format_RGB32);
+            std::copy(bgr, bgr + 3, cin.pic().row<quint16>(0) + 3 * x);
+        QVERIFY(colour.apply(&cout.pic(), &cin.pic(), nullptr));
+        const QImage cimg(cout.pic().data, 3, 1, int(cout.pic().linePitch), QImage::Format_RGB32);
         QCOMPARE(cimg.pixel(2, 0), qRgb(0, 128, 255));
 
         QVERIFY(!CxLut(8, 1, false, IDT_UINT8).allocRgb(24));
@@ -392,17 +392,17 @@ private slots:
         QFETCH(CompatCase, c);
         const auto [rgb, inType, inChannels, inBits, outType, outChannels, outSize, compatible] = c;
         CxLut lut(12, 1, false, IDT_UINT16);
-        SxTstPic in = picture(ExImageDataType(inType), 9, 7, inChannels, 0, inBits);
-        SxTstPic out = picture(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels);
-        QVERIFY(!lut.isCompatibleWith(&out.pic, &in.pic));  // nothing built yet
+        kit::CxPicture in = picture(ExImageDataType(inType), 9, 7, inChannels, 0, inBits);
+        kit::CxPicture out = picture(ExImageDataType(outType), quint32(outSize.width()), quint32(outSize.height()), outChannels);
+        QVERIFY(!lut.isCompatibleWith(&out.pic(), &in.pic()));  // nothing built yet
         QVERIFY(rgb ? lut.allocRgb(32) : lut.alloc());
-        QCOMPARE(lut.isCompatibleWith(&out.pic, &in.pic), compatible);
-        std::fill(out.mem.begin(), out.mem.end(), uchar(0xA5));
-        QCOMPARE(lut.apply(&out.pic, &in.pic, nullptr), compatible);
+        QCOMPARE(lut.isCompatibleWith(&out.pic(), &in.pic()), compatible);
+        const kit::CxPicture before = out;
+        QCOMPARE(lut.apply(&out.pic(), &in.pic(), nullptr), compatible);
         if (!compatible)
-            QVERIFY(std::all_of(out.mem.begin(), out.mem.end(), [](uchar b) { return b == 0xA5; }));
-        QVERIFY(!lut.isCompatibleWith(nullptr, &in.pic));
-        QVERIFY(!lut.isCompatibleWith(&out.pic, nullptr));
+            QVERIFY(out.memory() == before.memory());
+        QVERIFY(!lut.isCompatibleWith(nullptr, &in.pic()));
+        QVERIFY(!lut.isCompatibleWith(&out.pic(), nullptr));
     }
 };
 

@@ -1,7 +1,7 @@
 // Picture operations against deliberately naive per-sample references (and
 // OpenCV's demosaic for Bayer interiors), on odd sizes, padded pitches and
 // pictures whose memory ends right after the last row's samples.
-#include "TestPictures.h"
+#include <PictureKit.h>
 
 #include <QtTest/QtTest>
 
@@ -15,28 +15,31 @@ const QSize shapes[] = {{1, 1}, {1, 9}, {9, 1}, {7, 5}, {33, 17}};
 SxPicBufInfo resized(SxPicBufInfo f, QSize s)
 {
     f.width = quint32(s.width()), f.height = quint32(s.height());
+    f.linePitch = quint32(f.packedLineBytes());
     return f;
 }
+using Num = long double;
 enum Layout { Packed, Padded, Tight };
-// Padded rows carry 8 to 15 bytes; tight ones end with the last row's samples.
-struct Pic : SxTstPic
+// Tight pictures are padded too, their memory ending with the last row's samples.
+struct Pic : kit::CxPicture
 {
-    explicit Pic(const SxPicBufInfo& f, Layout l = Packed) : SxTstPic(f, l == Packed ? 0 : 8, l == Tight) {}
+    explicit Pic(const SxPicBufInfo& f, Layout l = Packed)
+        : CxPicture(l == Packed ? f : kit::padded(f), {}, {}, l == Layout::Tight ? CxPicture::Tight : WholeRows) {}
 };
-TstNum get(const SxTstPic& p, quint32 x, quint32 y, quint32 c) { return tstSample(p.pic, x, y, c); }
-void set(SxTstPic& p, quint32 x, quint32 y, quint32 c, TstNum n) { tstSetSample(p.pic, x, y, c, n); }
+Num get(const Pic& p, quint32 x, quint32 y, quint32 c) { return kit::sampleValue<Num>(p.pic(), x, y, c); }
+void set(Pic& p, quint32 x, quint32 y, quint32 c, Num n) { kit::setSample(p.pic(), x, y, c, n); }
 // A value as a sample of type t would hold it: rounded to the float type, or
 // held inside the integer range.
-TstNum asSample(TstNum v, ExImageDataType t)
+Num asSample(Num v, ExImageDataType t)
 {
     if (t == IDT_FLOAT) return float(v);
     if (t == IDT_DOUBLE) return double(v);
-    return qBound(tstLowest(t), v, tstHighest(t));
+    return qBound(kit::lowest(t), v, kit::highest(t));
 }
 
 using Op = std::function<bool(SxPicBuf& out, const SxPicBuf& in)>;
 // Expected output sample from the output's previous value and the input picture.
-using Ref = std::function<TstNum(TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c)>;
+using Ref = std::function<Num(Num old, const Pic& in, quint32 x, quint32 y, quint32 c)>;
 const char* name(ExImageDataType t)
 {
     static const auto names = [] { QList<QByteArray> n; for (int i = 0; i < 12; ++i) n << dataTypeName(ExImageDataType(i)).toLatin1(); return n; }();
@@ -53,7 +56,6 @@ Q_DECLARE_METATYPE(MinMaxCase)
 Q_DECLARE_METATYPE(CopyCase)
 Q_DECLARE_METATYPE(Op)
 Q_DECLARE_METATYPE(Ref)
-Q_DECLARE_METATYPE(SxPicBufInfo)
 
 class TstPicBufOps : public QObject
 {
@@ -91,23 +93,23 @@ void TstPicBufOps::samplewise_data()
         for (const Pair& p : sq ? squares : sums)
             for (quint32 ch : {1u, 3u, 4u}) {
                 const Op op = [sq](SxPicBuf& o, const SxPicBuf& i) { return sq ? API::AddSquares(o, i) : API::Add(o, i); };
-                const Ref ref = [sq, t = p.out](TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
-                    const TstNum v = get(in, x, y, c);
+                const Ref ref = [sq, t = p.out](Num old, const Pic& in, quint32 x, quint32 y, quint32 c) {
+                    const Num v = get(in, x, y, c);
                     if (t == IDT_FLOAT)  // float sums add in their own precision, squares exactly
-                        return TstNum(sq ? float(double(old) + double(v) * double(v)) : float(old) + float(v));
+                        return Num(sq ? float(double(old) + double(v) * double(v)) : float(old) + float(v));
                     return asSample(old + (sq ? v * v : v), t);
                 };
                 // Four channels stand for colour RGBA, whose sums keep three.
                 QTest::addRow("%s %s+=%s x%u", sq ? "AddSquares" : "Add", name(p.out), name(p.in), ch)
-                    << op << ref << tstFormat(1, 1, p.out, qMin(ch, 3u)) << tstFormat(1, 1, p.in, ch, ch == 4);
+                    << op << ref << kit::format(1, 1, qMin(ch, 3u), p.out) << kit::format(1, 1, ch, p.in, 0, CFA_NONE, DSF_PACKED, ch == 4);
             }
     for (ExImageDataType t : {IDT_INT8, IDT_UINT8, IDT_INT16, IDT_UINT16, IDT_INT32, IDT_UINT32, IDT_INT64, IDT_UINT64, IDT_FLOAT, IDT_DOUBLE})
         for (bool isMin : {true, false})
             QTest::addRow("%s %s", isMin ? "Min" : "Max", name(t))
                 << Op([isMin](SxPicBuf& o, const SxPicBuf& i) { return isMin ? API::Min(o, i) : API::Max(o, i); })
-                << Ref([isMin](TstNum old, const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
+                << Ref([isMin](Num old, const Pic& in, quint32 x, quint32 y, quint32 c) {
                        return isMin ? qMin(old, get(in, x, y, c)) : qMax(old, get(in, x, y, c)); })
-                << tstFormat(1, 1, t, 2) << tstFormat(1, 1, t, 2);
+                << kit::format(1, 1, 2, t) << kit::format(1, 1, 2, t);
 
     const Pair quotients[] = {{IDT_UINT8, IDT_UINT32}, {IDT_UINT16, IDT_UINT32}, {IDT_UINT32, IDT_UINT32}, {IDT_INT8, IDT_INT32},
                               {IDT_INT32, IDT_INT32}, {IDT_UINT8, IDT_INT32}, {IDT_FLOAT, IDT_FLOAT}, {IDT_INT16, IDT_FLOAT},
@@ -115,19 +117,19 @@ void TstPicBufOps::samplewise_data()
     for (const Pair& p : quotients)
         for (int d : {1, 2, 3, 7, 65536, 1000003, 2147483647})
             for (quint32 ch : {1u, 4u}) {
-                const Ref ref = [d, t = p.out](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) -> TstNum {
-                    if (c == 3 && in.pic.channels == 3)  // opaque alpha; the u8 outputs have 7 significant bits
-                        return tstIsFloat(t) ? 1 : t == IDT_UINT8 ? 127 : tstHighest(t);
-                    const TstNum n = get(in, x, y, c);
+                const Ref ref = [d, t = p.out](Num, const Pic& in, quint32 x, quint32 y, quint32 c) -> Num {
+                    if (c == 3 && in.pic().channels == 3)  // opaque alpha; the u8 outputs have 7 significant bits
+                        return kit::isFloat(t) ? 1 : t == IDT_UINT8 ? 127 : kit::highest(t);
+                    const Num n = get(in, x, y, c);
                     if (t == IDT_FLOAT) return float(double(n) / d);
                     if (t == IDT_DOUBLE) return double(n) / d;
-                    if (tstIsFloat(in.pic.dataType)) return asSample(std::round(double(n) / d), t);
+                    if (kit::isFloat(in.pic().dataType)) return asSample(std::round(double(n) / d), t);
                     const __int128 m = (2 * __int128(std::fabs(n)) + d) / (2 * __int128(d));  // halves away from zero
-                    return asSample(n < 0 ? -TstNum(m) : TstNum(m), t);
+                    return asSample(n < 0 ? -Num(m) : Num(m), t);
                 };
                 QTest::addRow("DivideByValue %s/%d->%s x%u", name(p.in), d, name(p.out), ch)
                     << Op([d](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, d, o); }) << ref
-                    << tstFormat(1, 1, p.out, ch, ch == 4, p.out == IDT_UINT8 ? 7 : 0) << tstFormat(1, 1, p.in, qMin(ch, 3u));
+                    << kit::format(1, 1, ch, p.out, 0, CFA_NONE, DSF_PACKED, ch == 4, p.out == IDT_UINT8 ? 7 : 0) << kit::format(1, 1, qMin(ch, 3u), p.in);
             }
 
     for (ExImageDataType t : {IDT_UINT8, IDT_INT16, IDT_HALF, IDT_UINT32, IDT_FLOAT, IDT_DOUBLE})
@@ -135,10 +137,10 @@ void TstPicBufOps::samplewise_data()
             for (quint32 k : QSet<quint32>{0, ch / 2, ch - 1})
                 QTest::addRow("ExtractChannel %s x%u channel %u", name(t), ch, k)
                     << Op([k](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, k); })
-                    << Ref([k](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32) { return get(in, x, y, k); })
-                    << tstFormat(1, 1, t) << tstFormat(1, 1, t, ch);
+                    << Ref([k](Num, const Pic& in, quint32 x, quint32 y, quint32) { return get(in, x, y, k); })
+                    << kit::format(1, 1, 1, t) << kit::format(1, 1, ch, t);
 
-    struct Fill { ExImageDataType t; quint32 ch; int channel; uint value; TstNum stored; };  // channel -1: all
+    struct Fill { ExImageDataType t; quint32 ch; int channel; uint value; Num stored; };  // channel -1: all
     const Fill fills[] = {{IDT_UINT8, 3, -1, 300, 255}, {IDT_INT8, 1, -1, 200, 127}, {IDT_INT32, 2, -1, 4294967295u, 2147483647},
                           {IDT_UINT32, 1, -1, 4294967295u, 4294967295u}, {IDT_FLOAT, 4, -1, 1, 1}, {IDT_UINT8, 4, 3, 255, 255},
                           {IDT_INT8, 2, 0, 255, 127}, {IDT_DOUBLE, 2, 1, 9, 9}};
@@ -146,27 +148,27 @@ void TstPicBufOps::samplewise_data()
         QTest::addRow("Fill %s x%u channel %d with %u", name(f.t), f.ch, f.channel, f.value)
             << Op([f](SxPicBuf& o, const SxPicBuf&) {
                    return f.channel < 0 ? API::FillChannelsValue(o, f.value) : API::FillChannelWithValue(o, uint(f.channel), ushort(f.value)); })
-            << Ref([f](TstNum old, const SxTstPic&, quint32, quint32, quint32 c) { return f.channel < 0 || int(c) == f.channel ? f.stored : old; })
-            << tstFormat(1, 1, f.t, f.ch) << tstFormat(1, 1, IDT_UINT8);
+            << Ref([f](Num old, const Pic&, quint32, quint32, quint32 c) { return f.channel < 0 || int(c) == f.channel ? f.stored : old; })
+            << kit::format(1, 1, f.ch, f.t) << kit::format(1, 1);
 
     // Display RGB is B, G, R, A: integers lose their significant bits beyond 8.
     const Op toRgb = [](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); };
-    const auto level = [](const SxTstPic& in, quint32 x, quint32 y, quint32 c) {
-        const TstNum v = get(in, x, y, c);
-        if (tstIsFloat(in.pic.dataType))  // over 0..1 when the picture records no range
-            return v == v ? TstNum(qBound(0, int(std::floor(v * 255 + 0.5L)), 255)) : TstNum(0);
-        return v <= 0 ? TstNum(0) : qMin(TstNum(255), std::floor(std::ldexp(v, 8 - int(qMax(8u, in.pic.bitsPerSample)))));
+    const auto level = [](const Pic& in, quint32 x, quint32 y, quint32 c) {
+        const Num v = get(in, x, y, c);
+        if (kit::isFloat(in.pic().dataType))  // over 0..1 when the picture records no range
+            return v == v ? Num(qBound(0, int(std::floor(v * 255 + 0.5L)), 255)) : Num(0);
+        return v <= 0 ? Num(0) : qMin(Num(255), std::floor(std::ldexp(v, 8 - int(qMax(8u, in.pic().bitsPerSample)))));
     };
-    const Ref grey = [level](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 0); };
-    const Ref colour = [level](TstNum, const SxTstPic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, c); };
-    const SxPicBufInfo rgba = tstFormat(1, 1, IDT_UINT8, 4, true);
-    SxPicBufInfo cmyg = tstFormat(1, 1, IDT_UINT8);
+    const Ref grey = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, 0); };
+    const Ref colour = [level](Num, const Pic& in, quint32 x, quint32 y, quint32 c) { return c == 3 ? 255 : level(in, x, y, c); };
+    const SxPicBufInfo rgba = kit::format(1, 1, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true);
+    SxPicBufInfo cmyg = kit::format(1, 1);
     cmyg.colorFilterArray = CFA_CMYG;
-    QTest::newRow("ToRgb u16 of 12 bits") << toRgb << grey << rgba << tstFormat(1, 1, IDT_UINT16, 1, false, 12);
-    QTest::newRow("ToRgb s16") << toRgb << grey << rgba << tstFormat(1, 1, IDT_INT16);
-    QTest::newRow("ToRgb f64") << toRgb << grey << rgba << tstFormat(1, 1, IDT_DOUBLE);
-    QTest::newRow("ToRgb 3 numbered channels") << toRgb << grey << rgba << tstFormat(1, 1, IDT_UINT8, 3);
-    QTest::newRow("ToRgb rgba u16 of 10 bits") << toRgb << colour << rgba << tstFormat(1, 1, IDT_UINT16, 4, true, 10);
+    QTest::newRow("ToRgb u16 of 12 bits") << toRgb << grey << rgba << kit::format(1, 1, 1, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, false, 12);
+    QTest::newRow("ToRgb s16") << toRgb << grey << rgba << kit::format(1, 1, 1, IDT_INT16);
+    QTest::newRow("ToRgb f64") << toRgb << grey << rgba << kit::format(1, 1, 1, IDT_DOUBLE);
+    QTest::newRow("ToRgb 3 numbered channels") << toRgb << grey << rgba << kit::format(1, 1, 3, IDT_UINT8);
+    QTest::newRow("ToRgb rgba u16 of 10 bits") << toRgb << colour << rgba << kit::format(1, 1, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true, 10);
     QTest::newRow("ToRgb cmyg mosaic as grey") << toRgb << grey << rgba << cmyg;
 }
 
@@ -180,18 +182,18 @@ void TstPicBufOps::samplewise()
         for (Layout l : {Packed, Padded, Tight}) {
             const QString where = QStringLiteral("%1x%2 layout %3").arg(s.width()).arg(s.height()).arg(l);
             Pic out(resized(outFormat, s), l), in(resized(inFormat, s), Layout((l + 1) % 3));
-            tstFillRandom(out.pic, s.width() * 100 + s.height());
-            tstFillRandom(in.pic, s.width() + s.height() * 1000);
+            kit::fillRandom(out.pic(), s.width() * 100 + s.height());
+            kit::fillRandom(in.pic(), s.width() + s.height() * 1000);
             const Pic before = out;
-            QVERIFY2(op(out.pic, in.pic), qPrintable(where));
-            for (quint32 y = 0; y < out.pic.height; ++y)
-                for (quint32 x = 0; x < out.pic.width; ++x)
-                    for (quint32 c = 0; c < out.pic.channels; ++c) {
-                        const TstNum old = get(before, x, y, c), want = ref(old, in, x, y, c), got = get(out, x, y, c);
+            QVERIFY2(op(out.pic(), in.pic()), qPrintable(where));
+            for (quint32 y = 0; y < out.pic().height; ++y)
+                for (quint32 x = 0; x < out.pic().width; ++x)
+                    for (quint32 c = 0; c < out.pic().channels; ++c) {
+                        const Num old = get(before, x, y, c), want = ref(old, in, x, y, c), got = get(out, x, y, c);
                         QVERIFY2(got == want, qPrintable(QStringLiteral("%1 at (%2,%3,%4): %5 from %6 and %7, want %8").arg(where)
-                            .arg(x).arg(y).arg(c).arg(double(got)).arg(double(old)).arg(double(get(in, x, y, qMin(c, in.pic.channels - 1)))).arg(double(want))));
+                            .arg(x).arg(y).arg(c).arg(double(got)).arg(double(old)).arg(double(get(in, x, y, qMin(c, in.pic().channels - 1)))).arg(double(want))));
                     }
-            QVERIFY2(out.paddingIntact(), qPrintable(where));
+            QVERIFY2(out.padsIntact(), qPrintable(where));
         }
     }
 }
@@ -202,15 +204,15 @@ void TstPicBufOps::mosaicCells()
     for (ExImageDataType t : {IDT_INT8, IDT_INT16, IDT_DOUBLE})
         for (const QSize& s : shapes)
             for (quint32 k = 0; k < 4; ++k) {
-                SxPicBufInfo f = resized(tstFormat(1, 1, t), s);
+                SxPicBufInfo f = resized(kit::format(1, 1, 1, t), s);
                 f.colorFilterArray = CFA_BAYER_GBRG;
-                Pic in(f, Tight), out(resized(tstFormat(1, 1, t), QSize(s.width() / 2, s.height() / 2)), Padded);
-                tstFillRandom(in.pic, k);
-                QVERIFY(CxPicBufAPI::ExtractChannel(in.pic, out.pic, k));
-                for (quint32 y = 0; y < out.pic.height; ++y)
-                    for (quint32 x = 0; x < out.pic.width; ++x)
+                Pic in(f, Tight), out(resized(kit::format(1, 1, 1, t), QSize(s.width() / 2, s.height() / 2)), Padded);
+                kit::fillRandom(in.pic(), k);
+                QVERIFY(CxPicBufAPI::ExtractChannel(in.pic(), out.pic(), k));
+                for (quint32 y = 0; y < out.pic().height; ++y)
+                    for (quint32 x = 0; x < out.pic().width; ++x)
                         QCOMPARE(get(out, x, y, 0), get(in, 2 * x + k % 2, 2 * y + k / 2, 0));
-                QVERIFY(out.paddingIntact());
+                QVERIFY(out.padsIntact());
             }
 }
 
@@ -230,31 +232,31 @@ void TstPicBufOps::bayerToRgb()
     QFETCH(int, cvCode);
     const int colourAt[4][4] = {{0, 1, 1, 2}, {1, 0, 2, 1}, {1, 2, 0, 1}, {2, 1, 1, 0}};  // R, G, B per cell
     for (const QSize& s : shapes) {
-        SxPicBufInfo f = resized(tstFormat(1, 1, IDT_UINT8), s);
+        SxPicBufInfo f = resized(kit::format(1, 1), s);
         f.colorFilterArray = ExColorFilterArray(cfa);
-        Pic in(f, Tight), out(resized(tstFormat(1, 1, IDT_UINT8, 4, true), s), Padded);
+        Pic in(f, Tight), out(resized(kit::format(1, 1, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), s), Padded);
         // A flat scene comes out flat, borders included.
         const uchar rgb[3] = {200, 120, 40};
         for (quint32 y = 0; y < f.height; ++y)
             for (quint32 x = 0; x < f.width; ++x)
-                *in.at(x, y, 0) = rgb[colourAt[cfa - 1][(y & 1) * 2 + (x & 1)]];
-        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic, out.pic));
+                *kit::sampleAt(in.pic(), x, y) = rgb[colourAt[cfa - 1][(y & 1) * 2 + (x & 1)]];
+        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic(), out.pic()));
         for (quint32 y = 0; y < f.height && f.width > 1 && f.height > 1; ++y)
             for (quint32 x = 0; x < f.width; ++x)
-                QVERIFY(std::memcmp(out.at(x, y, 0), "\x28\x78\xc8\xff", 4) == 0);
+                QVERIFY(std::memcmp(kit::sampleAt(out.pic(), x, y), "\x28\x78\xc8\xff", 4) == 0);
         // Texture matches OpenCV's bilinear demosaic away from the border.
         std::mt19937 rng(cfa);
         for (quint32 y = 0; y < f.height; ++y)
-            std::generate_n(in.pic.rowPtr(y), f.width, [&] { return uchar(rng()); });
-        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic, out.pic));
-        QVERIFY(out.paddingIntact());
+            std::generate_n(in.pic().rowPtr(y), f.width, [&] { return uchar(rng()); });
+        QVERIFY(CxPicBufAPI::ConvertPicToRGB(in.pic(), out.pic()));
+        QVERIFY(out.padsIntact());
         if (s.width() < 3 || s.height() < 3)
             continue;
         cv::Mat bgr;
-        cv::cvtColor(cv::Mat(s.height(), s.width(), CV_8UC1, in.pic.data, in.pic.linePitch), bgr, cvCode);
+        cv::cvtColor(cv::Mat(s.height(), s.width(), CV_8UC1, in.pic().data, in.pic().linePitch), bgr, cvCode);
         for (int y = 1; y + 1 < s.height(); ++y)
             for (int x = 1; x + 1 < s.width(); ++x)
-                QVERIFY2(std::memcmp(out.at(x, y, 0), bgr.ptr(y, x), 3) == 0, qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
+                QVERIFY2(std::memcmp(kit::sampleAt(out.pic(), x, y), bgr.ptr(y, x), 3) == 0, qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
     }
 }
 
@@ -277,11 +279,11 @@ void TstPicBufOps::floatMinMax()
     QFETCH(MinMaxCase, c);
     const auto& [type, samples, ignoreNonFinite, found, min, max] = c;
     for (Layout l : {Packed, Padded, Tight}) {
-        Pic pic(tstFormat(7, 3, ExImageDataType(type)), l);  // padding reads as -2.9e-16, below every sample
+        Pic pic(kit::format(7, 3, 1, ExImageDataType(type)), l);  // padding reads as -2.9e-16, below every sample
         for (int i = 0; i < 21; ++i)
             set(pic, i % 7, i / 7, 0, i < samples.size() ? samples[i] : 1.5);
         float mn = 42.f, mx = 43.f;
-        QCOMPARE(CxPicBufAPI::CalcFloatDataMinMax(pic.pic, mn, mx, ignoreNonFinite), found);
+        QCOMPARE(CxPicBufAPI::CalcFloatDataMinMax(pic.pic(), mn, mx, ignoreNonFinite), found);
         QCOMPARE(mn, found ? min : 42.f);
         QCOMPARE(mx, found ? max : 43.f);
     }
@@ -303,10 +305,10 @@ void TstPicBufOps::copyRect()
 {
     QFETCH(CopyCase, k);
     const auto& [type, channels, samePicture, from, to] = k;
-    const SxPicBufInfo f = tstFormat(9, 7, ExImageDataType(type), channels);
+    const SxPicBufInfo f = kit::format(9, 7, channels, ExImageDataType(type));
     Pic src(f, Tight), other(f, Padded);
-    tstFillRandom(src.pic, 5);
-    tstFillRandom(other.pic, 6);
+    kit::fillRandom(src.pic(), 5);
+    kit::fillRandom(other.pic(), 6);
     Pic& dst = samePicture ? src : other;
     Pic want(f);
     for (quint32 y = 0; y < 7; ++y)
@@ -315,12 +317,12 @@ void TstPicBufOps::copyRect()
                 const bool inside = from.width() && QRect(to, from.size()).contains(int(x), int(y));
                 set(want, x, y, c, inside ? get(src, x - to.x() + from.x(), y - to.y() + from.y(), c) : get(dst, x, y, c));
             }
-    QVERIFY(CxPicBufAPI::CopyRect(dst.pic, to.x(), to.y(), src.pic, from.x(), from.y(), from.width(), from.height()));
+    QVERIFY(CxPicBufAPI::CopyRect(dst.pic(), to.x(), to.y(), src.pic(), from.x(), from.y(), from.width(), from.height()));
     for (quint32 y = 0; y < 7; ++y)
         for (quint32 x = 0; x < 9; ++x)
             for (quint32 c = 0; c < channels; ++c)
                 QVERIFY2(get(dst, x, y, c) == get(want, x, y, c), qPrintable(QStringLiteral("%1,%2").arg(x).arg(y)));
-    QVERIFY(dst.paddingIntact());
+    QVERIFY(dst.padsIntact());
 }
 
 enum Damage { Sound, OutNoPixels, InNoPixels, OutBeyondMemory, InBeyondMemory, OutPitchShort };
@@ -332,7 +334,7 @@ void TstPicBufOps::refusals_data()
     QTest::addColumn<SxPicBufInfo>("inFormat");
     QTest::addColumn<int>("damage");
     using API = CxPicBufAPI;
-    const auto f = [](ExImageDataType t, quint32 ch = 1, bool colour = false) { return tstFormat(5, 4, t, ch, colour); };
+    const auto f = [](ExImageDataType t, quint32 ch = 1, bool colour = false) { return kit::format(5, 4, ch, t, 0, CFA_NONE, DSF_PACKED, colour); };
     const Op add = [](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); };
     const Op squares = [](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); };
     const Op max = [](SxPicBuf& o, const SxPicBuf& i) { return API::Max(o, i); };
@@ -348,7 +350,7 @@ void TstPicBufOps::refusals_data()
     planar.storageFormat = DSF_PLANAR;
     QTest::newRow("Add u8 sum of u16") << add << f(IDT_UINT8) << f(IDT_UINT16) << int(Sound);
     QTest::newRow("Add u32 sum of f32") << add << f(IDT_UINT32) << f(IDT_FLOAT) << int(Sound);
-    QTest::newRow("Add size mismatch") << add << f(IDT_UINT32) << tstFormat(5, 3, IDT_UINT8) << int(Sound);
+    QTest::newRow("Add size mismatch") << add << f(IDT_UINT32) << kit::format(5, 3) << int(Sound);
     QTest::newRow("Add rgb of unmarked rgba") << add << f(IDT_UINT32, 3) << f(IDT_UINT8, 4) << int(Sound);
     QTest::newRow("AddSquares u32 of u32") << squares << f(IDT_UINT32) << f(IDT_UINT32) << int(Sound);
     QTest::newRow("Max rgba into rgb") << max << f(IDT_UINT8, 3) << f(IDT_UINT8, 4, true) << int(Sound);
@@ -357,7 +359,7 @@ void TstPicBufOps::refusals_data()
     QTest::newRow("Extract channel 4 of 4") << extract(4) << f(IDT_UINT8) << f(IDT_UINT8, 4, true) << int(Sound);
     QTest::newRow("Extract into another type") << extract(0) << f(IDT_UINT16) << f(IDT_UINT8, 4) << int(Sound);
     QTest::newRow("Extract planar") << extract(1) << f(IDT_UINT8) << planar << int(Sound);
-    SxPicBufInfo bayer = tstFormat(10, 8, IDT_UINT16), half = tstFormat(5, 4, IDT_UINT16);
+    SxPicBufInfo bayer = kit::format(10, 8, 1, IDT_UINT16), half = kit::format(5, 4, 1, IDT_UINT16);
     bayer.colorFilterArray = CFA_BAYER_RGGB;
     QTest::newRow("Extract mosaic cell 4") << extract(4) << half << bayer << int(Sound);
     bayer.storageFormat = DSF_NOT_RAW;
@@ -394,13 +396,13 @@ void TstPicBufOps::refusals()
     QFETCH(SxPicBufInfo, inFormat);
     QFETCH(int, damage);
     Pic out(outFormat, Tight), in(inFormat, Tight);
-    tstFillRandom(in.pic, 1);
-    const std::vector<uchar> before = out.mem;
+    kit::fillRandom(in.pic(), 1);
+    const std::vector<uchar> before = out.memory();
     if (damage != Sound) {
-        QVERIFY(op(out.pic, in.pic));
-        out.mem = before;
+        QVERIFY(op(out.pic(), in.pic()));
+        std::copy(before.begin(), before.end(), out.bytes());
     }
-    SxPicBuf o = out.pic, i = in.pic;
+    SxPicBuf o = out.pic(), i = in.pic();
     switch (damage) {
     case OutNoPixels: o.data = nullptr; break;
     case InNoPixels: i.data = nullptr; break;
@@ -409,7 +411,7 @@ void TstPicBufOps::refusals()
     case OutPitchShort: o.linePitch = quint32(o.packedLineBytes() - 1); break;
     }
     QVERIFY(!op(o, i));
-    QVERIFY(out.mem == before);
+    QVERIFY(out.memory() == before);
 }
 
 // Pictures big enough to be split over threads give what the same operation
@@ -419,33 +421,33 @@ void TstPicBufOps::largePicturesMatchRowByRow()
     using API = CxPicBufAPI;
     const quint32 w = 1021, h = 257;
     const struct { Op op; SxPicBufInfo out, in; } cases[] = {
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); }, tstFormat(w, h, IDT_UINT32), tstFormat(w, h, IDT_UINT8)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); }, tstFormat(w, h, IDT_UINT64, 3), tstFormat(w, h, IDT_UINT16, 4, true)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, 7, o); }, tstFormat(w, h, IDT_UINT16), tstFormat(w, h, IDT_UINT32)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, 1); }, tstFormat(w, h, IDT_FLOAT), tstFormat(w, h, IDT_FLOAT, 3)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); }, tstFormat(w, h, IDT_UINT8, 4, true), tstFormat(w, h, IDT_UINT16, 1, false, 12)},
-        {[](SxPicBuf& o, const SxPicBuf& i) { return API::CopyRect(o, 0, 0, i, 0, 0, i.width, i.height); }, tstFormat(w, h, IDT_UINT16, 2), tstFormat(w, h, IDT_UINT16, 2)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::Add(o, i); }, kit::format(w, h, 1, IDT_UINT32), kit::format(w, h)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::AddSquares(o, i); }, kit::format(w, h, 3, IDT_UINT64), kit::format(w, h, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::DivideByValue(i, 7, o); }, kit::format(w, h, 1, IDT_UINT16), kit::format(w, h, 1, IDT_UINT32)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ExtractChannel(i, o, 1); }, kit::format(w, h, 1, IDT_FLOAT), kit::format(w, h, 3, IDT_FLOAT)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::ConvertPicToRGB(i, o); }, kit::format(w, h, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), kit::format(w, h, 1, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, false, 12)},
+        {[](SxPicBuf& o, const SxPicBuf& i) { return API::CopyRect(o, 0, 0, i, 0, 0, i.width, i.height); }, kit::format(w, h, 2, IDT_UINT16), kit::format(w, h, 2, IDT_UINT16)},
     };
     for (const auto& k : cases) {
         Pic out(k.out, Tight), in(k.in, Padded);
-        tstFillRandom(out.pic, 1);
-        tstFillRandom(in.pic, 2);
+        kit::fillRandom(out.pic(), 1);
+        kit::fillRandom(in.pic(), 2);
         Pic rows = out;
-        QVERIFY(k.op(out.pic, in.pic));
+        QVERIFY(k.op(out.pic(), in.pic()));
         for (quint32 y = 0; y < h; ++y) {
             SxPicBuf o, i;
-            QVERIFY(CxPicBufAPI::WrapPicBuf(o, resized(k.out, QSize(w, 1)), rows.mem.data() + quint64(y) * out.pic.linePitch, out.pic.packedLineBytes()));
-            QVERIFY(CxPicBufAPI::WrapPicBuf(i, resized(k.in, QSize(w, 1)), in.pic.rowPtr(y), in.pic.packedLineBytes()));
+            QVERIFY(CxPicBufAPI::WrapPicBuf(o, resized(k.out, QSize(w, 1)), rows.bytes() + quint64(y) * out.pic().linePitch, out.pic().packedLineBytes()));
+            QVERIFY(CxPicBufAPI::WrapPicBuf(i, resized(k.in, QSize(w, 1)), in.pic().rowPtr(y), in.pic().packedLineBytes()));
             QVERIFY(k.op(o, i));
         }
-        QVERIFY(out.mem == rows.mem);
+        QVERIFY(out.memory() == rows.memory());
     }
-    Pic f(tstFormat(w, h, IDT_FLOAT, 2), Tight);
-    tstFillRandom(f.pic, 3);
+    Pic f(kit::format(w, h, 2, IDT_FLOAT), Tight);
+    kit::fillRandom(f.pic(), 3);
     set(f, w - 1, h - 1, 1, -5000);
     set(f, 0, h / 2, 0, 7000);
     float mn = 0, mx = 0;
-    QVERIFY(CxPicBufAPI::CalcFloatDataMinMax(f.pic, mn, mx, false));
+    QVERIFY(CxPicBufAPI::CalcFloatDataMinMax(f.pic(), mn, mx, false));
     QCOMPARE(mn, -5000.f);
     QCOMPARE(mx, 7000.f);
 }

@@ -15,8 +15,14 @@
 #include <QtCore/QRect>
 #include <QtCore/QtGlobal>
 
+#include <QtCore/QString>
+
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <functional>
+#include <limits>
+#include <random>
 #include <type_traits>
 #include <vector>
 
@@ -24,17 +30,17 @@ namespace kit {
 
 constexpr uchar kPad = 0xA5;
 
-// padding: bytes after each row's samples.
-inline SxPicBufInfo format(quint32 width, quint32 height, quint32 channels, ExImageDataType type,
+// padding: bytes after each row's samples; bits 0: all bits of the type.
+inline SxPicBufInfo format(quint32 width, quint32 height, quint32 channels = 1, ExImageDataType type = IDT_UINT8,
                            quint32 padding = 0, ExColorFilterArray cfa = CFA_NONE,
-                           ExDataStorageFormat storage = DSF_PACKED, bool isColor = false)
+                           ExDataStorageFormat storage = DSF_PACKED, bool isColor = false, quint32 bits = 0)
 {
     SxPicBufInfo f;
     f.width = width;
     f.height = height;
     f.channels = channels;
     f.dataType = type;
-    f.bitsPerSample = bytesPerSampleOf(type) * 8;
+    f.bitsPerSample = bits ? bits : bytesPerSampleOf(type) * 8;
     f.linePitch = quint32(f.packedLineBytes()) + padding;
     f.colorFilterArray = cfa;
     f.storageFormat = storage;
@@ -70,17 +76,27 @@ inline uchar* sampleAt(SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
     return p.data + y * p.linePitch + (x * p.channels + c) * p.bytesPerSample();
 }
 
-inline double sampleValue(const SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
+// At least bytes of padding, ending rows on whole 8 bytes, so that no sample
+// straddles its alignment.
+inline SxPicBufInfo padded(SxPicBufInfo f, quint32 bytes = 8)
+{
+    f.linePitch = quint32((f.packedLineBytes() + bytes + 7) / 8 * 8);
+    return f;
+}
+
+// Read as long double, every sample of every type is exact, 64-bit ones too.
+template <class N = double>
+N sampleValue(const SxPicBuf& p, quint64 x, quint64 y, quint64 c = 0)
 {
     return withSampleType(p.dataType, [&](auto zero) {
         decltype(zero) v;
         std::memcpy(&v, sampleAt(p, x, y, c), sizeof v);
-        return double(v);
+        return N(v);
     });
 }
 
 // Stores v converted the plain C++ way (the caller keeps it in range).
-inline void setSample(SxPicBuf& p, quint64 x, quint64 y, quint64 c, double v)
+inline void setSample(SxPicBuf& p, quint64 x, quint64 y, quint64 c, long double v)
 {
     withSampleType(p.dataType, [&](auto zero) {
         const auto s = decltype(zero)(v);
@@ -102,6 +118,70 @@ inline double positionCode(ExImageDataType t, quint32 x, quint32 y, quint32 c)
         else
             return double(v % 16777213u);
     });
+}
+
+// Half floats count as integers here, as withSampleType hands out their bits.
+inline bool isFloat(ExImageDataType t)
+{
+    return withSampleType(t, [](auto zero) { return std::is_floating_point_v<decltype(zero)>; });
+}
+
+// The sample range; floats are kept to -100..100.
+inline long double lowest(ExImageDataType t)
+{
+    return withSampleType(t, [](auto zero) -> long double {
+        using T = decltype(zero);
+        return std::is_integral_v<T> ? std::numeric_limits<T>::min() : -100;
+    });
+}
+inline long double highest(ExImageDataType t)
+{
+    return withSampleType(t, [](auto zero) -> long double {
+        using T = decltype(zero);
+        return std::is_integral_v<T> ? std::numeric_limits<T>::max() : 100;
+    });
+}
+
+// Integers near both ends of the type, small ones, and ones anywhere in the
+// type or within its significant bits, so that saturation, rounding and
+// overrange are all reached; floats anywhere in -100..100. With distinct,
+// only that many values: ties and flat runs.
+inline void fillRandom(SxPicBuf& p, quint32 seed, int distinct = 0)
+{
+    std::mt19937_64 rng(seed);
+    const ExImageDataType t = p.dataType;
+    const long double lo = lowest(t), hi = highest(t);
+    const long double bitsHi = std::min(hi, std::ldexp(1.0L, int(p.bitsPerSample)) - 1);
+    for (quint32 y = 0; y < p.height; ++y)
+        for (quint32 x = 0; x < p.width; ++x)
+            for (quint32 c = 0; c < p.channels; ++c) {
+                const quint64 r = rng();
+                const long double u = std::ldexp((long double)(r >> 11), -53), small = (r >> 8) % 300;
+                const long double v = isFloat(t)  ? u * (hi - lo) + lo
+                                      : distinct  ? lo + (long double)(r % quint64(distinct)) * 7
+                                      : r % 5 == 0 ? hi - small
+                                      : r % 5 == 1 ? lo + small
+                                      : r % 5 == 2 ? small
+                                      : r % 5 == 3 ? lo + std::floor(u * (hi - lo))
+                                                   : std::floor(u * bitsHi);
+                setSample(p, x, y, c, std::clamp(v, lo, hi));
+            }
+}
+
+// Same geometry and sample type and the same bytes in every row (pitches may
+// differ); why tells the first difference.
+inline bool samePixels(const SxPicBuf& a, const SxPicBuf& b, QString* why = nullptr)
+{
+    QString scratch;
+    QString& w = why ? *why : scratch;
+    if (a.width != b.width || a.height != b.height || a.channels != b.channels || a.dataType != b.dataType)
+        return w = QString("format %1 against %2").arg(a.describe(), b.describe()), false;
+    if (!a.data || !b.data)
+        return w = "no pixels", false;
+    for (quint32 y = 0; y < a.height; ++y)
+        if (std::memcmp(a.rowPtr(y), b.rowPtr(y), size_t(a.packedLineBytes())) != 0)
+            return w = QString("row %1 differs").arg(y), false;
+    return true;
 }
 
 // A zone of pw x ph bands of cell x cell pixels over rect (an invalid rect
@@ -143,8 +223,23 @@ inline CxImageData* packet(const SxPicBuf& pic, const CxImageMetadata& meta = Cx
     return p;
 }
 
+// A packet that owns its picture on the heap, as a camera's does: whoever
+// deletes it frees the memory.
+inline CxImageData* heapPacket(const SxPicBufInfo& f, qint32 frameNumber, uchar fill)
+{
+    SxPicBuf p;
+    CxPicBufAPI::AllocPicBufFromHeap(p, f, false, 0);
+    std::memset(p.data, fill, size_t(p.dataSize()));
+    p.frameNumber = frameNumber;
+    auto* packet = new CxImageData;
+    packet->setPicBuf(p);
+    return packet;
+}
+
 // A picture that owns its memory; packets only borrow it, so one picture can
 // feed any number of frames. Every frame carries the same per-frame values.
+// A default-constructed one is empty for the API to allocate into; that
+// memory is freed with it.
 class CxPicture
 {
 public:
@@ -169,9 +264,20 @@ public:
         m_pic.exposureTimeUs = ExposureUs;
         m_pic.timestampMs = TimestampMs;
     }
-    CxPicture(CxPicture&&) = default;  // the rows stay where they are
-    CxPicture(const CxPicture&) = delete;
+    CxPicture() = default;
+    // Only pictures over memory of their own are copied, bytes and all.
+    CxPicture(const CxPicture& o) : m_bytes(o.m_bytes), m_pic(o.m_pic), m_meta(o.m_meta)
+    {
+        Q_ASSERT(!m_bytes.empty() || !m_pic.data);
+        m_pic.data = m_bytes.empty() ? nullptr : m_bytes.data();
+    }
+    CxPicture(CxPicture&& o) noexcept  // the rows stay where they are
+        : m_bytes(std::move(o.m_bytes)), m_pic(o.m_pic), m_meta(std::move(o.m_meta))
+    {
+        o.m_pic = SxPicBuf();
+    }
     CxPicture& operator=(const CxPicture&) = delete;
+    ~CxPicture() { CxPicBufAPI::FreePicBuf(m_pic, true); }
 
     void refill(const Fill& fill)
     {
@@ -202,7 +308,7 @@ public:
     const SxPicBuf& pic() const { return m_pic; }
     CxImageMetadata& meta() { return m_meta; }
     uchar* bytes() { return m_bytes.data(); }
-    size_t byteCount() const { return m_bytes.size(); }
+    const std::vector<uchar>& memory() const { return m_bytes; }
 
 private:
     std::vector<uchar> m_bytes;

@@ -1,9 +1,16 @@
 #include "DeinterlaceCnbl.h"
 #include "NodeTestKit.h"
 
+#include <CxSyntheticCamera.h>
+
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QPointer>
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
 
 using namespace nodetest;
 
@@ -109,6 +116,7 @@ private slots:
     void rows();
     void quickButtonRestartsChain_data();
     void quickButtonRestartsChain();
+    void togglesWhileLiveFramesFlow();
 };
 
 void TestDeinterlace::rows_data()
@@ -225,6 +233,64 @@ void TestDeinterlace::quickButtonRestartsChain()
     QScopedPointer<CxImageData> out(run.process(CxPicture(f)));
     QVERIFY2(out, qPrintable(run.chain.lastError()));
     QCOMPARE(int(out->picBuf()->height), outHeight);
+}
+
+// Changes from the GUI thread restart a live chain under the frames' feet:
+// every output must still be one camera frame under one transform, and the
+// accounting and the pools must come out even.
+void TestDeinterlace::togglesWhileLiveFramesFlow()
+{
+    const qint64 poolsBefore = CxPicBufAPI::LivePoolCount();
+    CxSyntheticCamera::SxConfig config;  // 8-bit, endless, as fast as taken
+    config.layout = CxSyntheticCamera::LayoutMono;
+    config.width = 24;
+    config.height = 37;  // odd: the single-field transforms differ in height
+    std::mutex lock;
+    QStringList problems;
+    QSet<quint32> heights;
+    std::atomic<qint64> outputs{0};
+    {
+        CxChain chain;
+        auto* node = new CxDeinterlaceCnbl;
+        chain.setSource(new CxSyntheticCamera(config));
+        chain.appendNode(node);
+        chain.setOutputHandler([&](IxChainData* packet) {
+            const SxPicBuf* out = qobject_cast<CxImageData*>(packet)->picBuf();
+            CxPicture frame(format(config.width, config.height));
+            CxSyntheticCamera::renderFrame(config, out->frameNumber, frame.pic());
+            bool ok = false;
+            for (int t = 0; t < 4 && !ok; ++t) {
+                const QList<int> rows = expectedRows(t, int(config.height));
+                ok = rows.size() == int(out->height);
+                for (quint32 r = 0; ok && r < out->height; ++r)
+                    ok = std::memcmp(out->rowPtr(r), frame.pic().rowPtr(quint32(rows[int(r)])), config.width) == 0;
+            }
+            std::lock_guard<std::mutex> locker(lock);
+            if (!ok)
+                problems << QStringLiteral("frame %1 of height %2").arg(out->frameNumber).arg(out->height);
+            heights << out->height;
+            ++outputs;
+            delete packet;
+        });
+        QVERIFY2(chain.start(), qPrintable(chain.lastError()));
+        for (int i = 0; i < 200; ++i) {
+            node->setTransform(Transform(i % 4), true);
+            const qint64 seen = outputs.load();
+            QElapsedTimer wait;
+            wait.start();
+            while (outputs.load() == seen && wait.elapsed() < 500)
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            QVERIFY2(outputs.load() > seen, "no frame after a change");
+        }
+        chain.stop();
+        QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), qint64(0));
+        const CxChain::SxStats st = chain.stats();
+        QCOMPARE(st.grabbed, st.delivered + st.droppedAtSource + st.swallowed + st.discardedOnStop + st.throttled);
+        QCOMPARE(st.delivered, outputs.load());
+    }
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.join(", ")));
+    QCOMPARE(heights, (QSet<quint32>{18, 19, 37}));  // every change took
+    QCOMPARE(CxPicBufAPI::LivePoolCount(), poolsBefore);
 }
 
 QTEST_MAIN(TestDeinterlace)

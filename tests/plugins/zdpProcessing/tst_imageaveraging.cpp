@@ -2,8 +2,12 @@
 #include "ImageAveragingKernels.h"
 #include "NodeTestKit.h"
 
+#include <CxSegmentedControl.h>
+
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
+#include <QtWidgets/QPushButton>
+#include <QtWidgets/QSpinBox>
 #include <QtXml/QDomDocument>
 
 #include <cmath>
@@ -114,6 +118,8 @@ private slots:
     void singleFrameSeries_data();
     void singleFrameSeries();
     void allocationFailuresAreLogged();
+    void panelControls_data();
+    void panelControls();
 };
 
 void TestImageAveraging::series_data()
@@ -484,6 +490,55 @@ void TestImageAveraging::allocationFailuresAreLogged()
                                      .arg(QLatin1String(texts[i]))));
     }
     node.setupStop();
+}
+
+void TestImageAveraging::panelControls_data()
+{
+    QTest::addColumn<QString>("control");
+    QTest::addColumn<int>("restarts");
+    QTest::addColumn<QString>("field");
+    QTest::addColumn<int>("value");
+    QTest::newRow("touches") << "rbModeMinTouches" << 1 << "mode" << 4;
+    QTest::newRow("all stats") << "chkAllTogether" << 1 << "all" << 1;
+    QTest::newRow("infinite") << "chkInfinite" << 0 << "infinite" << 1;
+    QTest::newRow("count") << "spinCount" << 0 << "count" << 7;
+    QTest::newRow("scale 10x") << "10x" << 0 << "scaling" << 10;
+}
+
+// Which panel changes restart a running chain: the ones that change what
+// comes out (touches count in 16 bits), and only those.
+void TestImageAveraging::panelControls()
+{
+    QFETCH(QString, control);
+    QFETCH(int, restarts);
+    QFETCH(QString, field);
+    QFETCH(int, value);
+    SxNodeRun<CxImageAveragingCnbl> run(format(4, 4, 1, IDT_UINT8));
+    CxImageAveragingCnbl* node = run.node;
+    node->setStDevValuesScaling(1);
+    if (field == "scaling")  // the segments are enabled only in StDev mode
+        node->setMode(CxImageAveragingCnbl::ModeStDev);
+    QVERIFY(run.startCounted());
+    QScopedPointer<QWidget> w(node->configurationWidget());
+    if (auto* spin = w->findChild<QSpinBox*>(control))
+        spin->setValue(value);
+    else if (auto* button = w->findChild<QAbstractButton*>(control))
+        button->click();
+    for (QPushButton* b : w->findChild<CxSegmentedControl*>("segmScaling")->findChildren<QPushButton*>())
+        if (b->text() == control)
+            b->click();
+    QCOMPARE(run.starts, restarts);
+    const QMap<QString, int> got{{"mode", node->mode()}, {"all", node->isCalcAllModesTogether()},
+                                 {"infinite", node->isCountingToInfinite()}, {"count", node->countToAverage()},
+                                 {"scaling", node->stDevValuesScaling()}};
+    QCOMPARE(got.value(field), value);
+    SxPicBufInfo out;
+    QVERIFY(run.chain.negotiatedFormat(0, out));
+    QCOMPARE(out.dataType, field == "mode" ? IDT_UINT16 : IDT_UINT8);
+    if (field == "infinite") {  // greys out the count, offers "Reset"
+        QVERIFY(w->findChild<QPushButton*>("btnReset")->isEnabled());
+        QVERIFY(!w->findChild<QSpinBox*>("spinCount")->isEnabled());
+    }
 }
 
 QTEST_MAIN(TestImageAveraging)
