@@ -1,5 +1,7 @@
 #include "PictureStats.h"
 
+#include <KitDispatch.h>
+
 #include <cmath>
 #include <type_traits>
 #include <limits>
@@ -54,16 +56,11 @@ bool SxPictureStats::measure(const SxPicBuf& pic, SxPictureStats& stats)
     stats = SxPictureStats();
     if (!pic.data || pic.effectiveLinePitch() < pic.packedLineBytes())
         return false;
-    switch (pic.dataType) {
-    case IDT_INT8: measure_T<qint8>(pic, stats); return true;
-    case IDT_UINT8: measure_T<quint8>(pic, stats); return true;
-    case IDT_INT16: measure_T<qint16>(pic, stats); return true;
-    case IDT_UINT16: measure_T<quint16>(pic, stats); return true;
-    case IDT_INT32: measure_T<qint32>(pic, stats); return true;
-    case IDT_UINT32: measure_T<quint32>(pic, stats); return true;
-    case IDT_FLOAT: measure_T<float>(pic, stats); return true;
-    default: return false;
-    }
+    using Measured = pixelkit::Only<qint8, quint8, qint16, quint16, qint32, quint32, float>;
+    return pixelkit::withSampleTypeIn<Measured>(pic.dataType, [&](auto tag) {
+        measure_T<typename decltype(tag)::type>(pic, stats);
+        return true;
+    });
 }
 
 QString SxPictureStats::summaryLine(const SxPicBufInfo& format, const SxPictureStats& stats)

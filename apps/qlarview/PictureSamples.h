@@ -4,6 +4,8 @@
 // holds, so that no loop behind it ever reads outside the buffer.
 #include "ViewFrame.h"
 
+#include <KitDispatch.h>
+
 #include <QtCore/QList>
 
 #include <cmath>
@@ -59,16 +61,12 @@ struct SxLayout
     bool contains(qint64 x, qint64 y) const { return x >= 0 && y >= 0 && x < width && y < height; }
 };
 
+using ShownTypes = pixelkit::Only<qint8, quint8, qint16, quint16, qint32, quint32, float, double>;
+
 // The sample types the viewer shows and measures.
 inline bool isSupportedType(ExImageDataType t)
 {
-    switch (t) {
-    case IDT_INT8: case IDT_UINT8: case IDT_INT16: case IDT_UINT16:
-    case IDT_INT32: case IDT_UINT32: case IDT_FLOAT: case IDT_DOUBLE:
-        return true;
-    default:
-        return false;
-    }
+    return pixelkit::withSampleTypeIn<ShownTypes>(t, [](auto) { return true; });
 }
 
 inline int typeBits(ExImageDataType t) { return int(bytesPerSampleOf(t)) * 8; }
@@ -81,17 +79,7 @@ inline bool isFloatType(ExImageDataType t) { return t == IDT_FLOAT || t == IDT_D
 template <class F>
 inline void dispatchType(ExImageDataType t, F&& f)
 {
-    switch (t) {
-    case IDT_INT8: f(qint8()); break;
-    case IDT_UINT8: f(quint8()); break;
-    case IDT_INT16: f(qint16()); break;
-    case IDT_UINT16: f(quint16()); break;
-    case IDT_INT32: f(qint32()); break;
-    case IDT_UINT32: f(quint32()); break;
-    case IDT_FLOAT: f(float()); break;
-    case IDT_DOUBLE: f(double()); break;
-    default: break;
-    }
+    pixelkit::withSampleTypeIn<ShownTypes>(t, [&](auto tag) { f(typename decltype(tag)::type()); });
 }
 
 SxLayout layoutOf(const SxViewFrame& frame);

@@ -206,6 +206,11 @@ struct CxChain::Private
     IxChainData* runSynchronously(IxChainData* packet);
     void releasePools();
     void relink();
+    // The three jobs of start(), in order; each false with the error set and
+    // nothing of its own left behind.
+    bool negotiate(std::vector<Stage>& stages);
+    bool fillPools();
+    bool launch();
     void stopNode(CxChainable* node)
     {
         QString what;
@@ -606,38 +611,51 @@ bool CxChain::start()
     if (d->running.load())
         return true;
     d->setError(QString());
+    std::vector<Private::Stage> stages(size_t(d->nodes.size()));
+    if (!d->negotiate(stages))
+        return false;
+    d->stages = std::move(stages);
+    if (!d->fillPools())
+        return false;
+    d->negotiated = true;
+    if (!d->launch())
+        return false;
+    locker.unlock();
+    emit started();
+    return true;
+}
 
-    // Negotiate formats, node by node.
+bool CxChain::Private::negotiate(std::vector<Stage>& stages)
+{
     SxPicBufInfo fmt;
     CxImageMetadata meta;
-    if (d->source) {
-        d->source->clearErrorMessage();
-        if (!d->source->sourceFormat(fmt, &meta)) {
-            const QString why = d->source->errorMessage();
-            d->setError(tr("The source \"%1\" cannot deliver frames%2")
-                            .arg(d->source->title(), why.isEmpty() ? QString() : QStringLiteral(": ") + why));
+    if (source) {
+        source->clearErrorMessage();
+        if (!source->sourceFormat(fmt, &meta)) {
+            const QString why = source->errorMessage();
+            setError(tr("The source \"%1\" cannot deliver frames%2")
+                         .arg(source->title(), why.isEmpty() ? QString() : QStringLiteral(": ") + why));
             return false;
         }
-    } else if (d->hasInputFormat) {
-        fmt = d->inputFormat;
-        meta = d->inputMeta;
+    } else if (hasInputFormat) {
+        fmt = inputFormat;
+        meta = inputMeta;
     } else {
-        d->setError(tr("The chain has neither a source nor an input format"));
+        setError(tr("The chain has neither a source nor an input format"));
         return false;
     }
-    d->sourceFormat = fmt;
-    d->sourceMeta = meta;
+    sourceFormat = fmt;
+    sourceMeta = meta;
 
-    std::vector<Private::Stage> stages(size_t(d->nodes.size()));
-    CxChainable* prev = d->source;
-    for (int i = 0; i < d->nodes.size(); ++i) {
-        Private::Stage& s = stages[size_t(i)];
-        s.node = d->nodes[i];
-        s.counters = d->counters[size_t(i)].get();
+    CxChainable* prev = source;
+    for (int i = 0; i < nodes.size(); ++i) {
+        Stage& s = stages[size_t(i)];
+        s.node = nodes[i];
+        s.counters = counters[size_t(i)].get();
         s.provider = qobject_cast<CxImageProvider*>(s.node);
         s.node->clearErrorMessage();
         if (prev && !s.node->acceptsDataFrom(prev)) {
-            d->setError(tr("\"%1\" does not accept data from \"%2\"").arg(s.node->title(), prev->title()));
+            setError(tr("\"%1\" does not accept data from \"%2\"").arg(s.node->title(), prev->title()));
             return false;
         }
         s.in = fmt;
@@ -645,17 +663,16 @@ bool CxChain::start()
         if (s.provider) {
             bool accepted = false;
             QString what;
-            if (!Private::caught([&] { accepted = s.provider->queryOutputImageInfo(fmt, s.out, &meta, &s.outMeta); },
-                                 &what)) {
-                d->setError(Private::failureText(s.node, "queryOutputImageInfo", what));
-                qCCritical(lcChain).noquote() << lastError();
+            if (!caught([&] { accepted = s.provider->queryOutputImageInfo(fmt, s.out, &meta, &s.outMeta); }, &what)) {
+                setError(failureText(s.node, "queryOutputImageInfo", what));
+                qCCritical(lcChain).noquote() << q->lastError();
                 return false;
             }
             if (!accepted) {
                 const QString why = s.node->errorMessage();
-                d->setError(tr("\"%1\" refused the input format %2%3")
-                                .arg(s.node->title(), fmt.describe(),
-                                     why.isEmpty() ? QString() : QStringLiteral(": ") + why));
+                setError(tr("\"%1\" refused the input format %2%3")
+                             .arg(s.node->title(), fmt.describe(),
+                                  why.isEmpty() ? QString() : QStringLiteral(": ") + why));
                 return false;
             }
         } else {
@@ -666,9 +683,12 @@ bool CxChain::start()
         meta = s.outMeta;
         prev = s.node;
     }
+    return true;
+}
 
-    // Fill the pools.
-    const int extra = d->mode == RunLive ? d->queueDepth + 1 : 1;
+bool CxChain::Private::fillPools()
+{
+    const int extra = mode == RunLive ? queueDepth + 1 : 1;
     bool poolsOk = true;
     auto makePool = [&](CxImageProvider* p, const SxPicBufInfo& f) -> void* {
         const int wanted = p->queryImagesCountInMemoryPool(f, nullptr);
@@ -676,18 +696,17 @@ bool CxChain::start()
             return nullptr;
         void* pool = CxPicBufAPI::CreateMemoryPool(f, wanted + extra, p->title());
         if (!pool) {
-            d->setError(tr("Cannot allocate %1 pictures of %2 for \"%3\"").arg(wanted + extra).arg(f.describe(), p->title()));
+            setError(tr("Cannot allocate %1 pictures of %2 for \"%3\"").arg(wanted + extra).arg(f.describe(), p->title()));
             poolsOk = false;
         }
         return pool;
     };
-    d->stages = std::move(stages);
-    if (d->source) {
-        d->sourcePool = makePool(d->source, d->sourceFormat);
-        d->source->setMemoryPool(d->sourcePool);
-        d->source->setCurrentImageInfo(d->sourceFormat, d->sourceMeta, d->sourceFormat, d->sourceMeta);
+    if (source) {
+        sourcePool = makePool(source, sourceFormat);
+        source->setMemoryPool(sourcePool);
+        source->setCurrentImageInfo(sourceFormat, sourceMeta, sourceFormat, sourceMeta);
     }
-    for (Private::Stage& s : d->stages) {
+    for (Stage& s : stages) {
         if (!poolsOk)
             break;
         if (s.provider) {
@@ -696,58 +715,56 @@ bool CxChain::start()
             s.provider->setCurrentImageInfo(s.in, s.inMeta, s.out, s.outMeta);
         }
     }
-    if (!poolsOk) {
-        d->releasePools();
-        return false;
-    }
-    d->negotiated = true;
+    if (!poolsOk)
+        releasePools();
+    return poolsOk;
+}
 
-    // Set up the nodes and, for a live run, the threads.
-    if (d->source) {
-        d->source->setState(CxChainable::StateRunning);
-        d->source->setupStart();
-        d->source->onChainStarted(this);
+bool CxChain::Private::launch()
+{
+    if (source) {
+        source->setState(CxChainable::StateRunning);
+        source->setupStart();
+        source->onChainStarted(q);
     }
-    for (size_t i = 0; i < d->stages.size(); ++i) {
-        Private::Stage& s = d->stages[i];
+    for (size_t i = 0; i < stages.size(); ++i) {
+        Stage& s = stages[i];
         s.node->setState(CxChainable::StateRunning);
         QString what;
-        if (!Private::caught([&] { s.node->setupStart(); }, &what)) {
+        if (!caught([&] { s.node->setupStart(); }, &what)) {
             // Undone as far as it got: each node started, this one included,
             // frees what its setupStart took.
-            d->setError(Private::failureText(s.node, "setupStart", what));
-            qCCritical(lcChain).noquote() << lastError();
+            setError(failureText(s.node, "setupStart", what));
+            qCCritical(lcChain).noquote() << q->lastError();
             for (size_t k = 0; k <= i; ++k)
-                d->stopNode(d->stages[k].node);
-            if (d->source)
-                d->stopNode(d->source);
-            d->releasePools();
-            for (Private::Stage& t : d->stages)
+                stopNode(stages[k].node);
+            if (source)
+                stopNode(source);
+            releasePools();
+            for (Stage& t : stages)
                 t.node->setState(CxChainable::StateIdle);
-            if (d->source)
-                d->source->setState(CxChainable::StateIdle);
+            if (source)
+                source->setState(CxChainable::StateIdle);
             return false;
         }
-        s.node->onChainStarted(this);
+        s.node->onChainStarted(q);
         s.lastOutput = {};
     }
     {
-        std::lock_guard<std::mutex> lock(d->finishMutex);
-        d->finished = false;
+        std::lock_guard<std::mutex> lock(finishMutex);
+        finished = false;
     }
-    d->stopRequested = false;
-    d->faulted = false;
-    d->running = true;
-    if (d->mode == RunLive) {
-        for (Private::Stage& s : d->stages)
-            s.queue = std::make_unique<PacketQueue>(size_t(d->queueDepth));
-        for (size_t i = 0; i < d->stages.size(); ++i)
-            d->stages[i].thread = std::thread([this, i] { d->workerLoop(i); });
-        if (d->source)
-            d->sourceThread = std::thread([this] { d->sourceLoop(); });
+    stopRequested = false;
+    faulted = false;
+    running = true;
+    if (mode == RunLive) {
+        for (Stage& s : stages)
+            s.queue = std::make_unique<PacketQueue>(size_t(queueDepth));
+        for (size_t i = 0; i < stages.size(); ++i)
+            stages[i].thread = std::thread([this, i] { workerLoop(i); });
+        if (source)
+            sourceThread = std::thread([this] { sourceLoop(); });
     }
-    locker.unlock();
-    emit started();
     return true;
 }
 
