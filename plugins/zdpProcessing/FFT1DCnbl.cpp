@@ -241,12 +241,7 @@ bool CxFFT1DCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out
         out.width = OutputWidth;
         out.height = OutputHeight;
         out.linePitch = OutputWidth * 4;
-        out.channels = 4;
-        out.bitsPerSample = 8;
-        out.dataType = IDT_UINT8;
-        out.storageFormat = DSF_PACKED;
-        out.colorFilterArray = CFA_NONE;
-        out.isColor = true;
+        nodekit::makeColour8(out);
         if (inMeta && outMeta) {
             *outMeta = *inMeta;
             // The plot's colour order is the host's convention for colour

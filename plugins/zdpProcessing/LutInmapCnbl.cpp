@@ -204,12 +204,7 @@ bool CxLutInmapCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& 
     return nodekit::guarded(this, "queryOutputImageInfo", [&] {
         nodekit::passFormat(in, out, inMeta, outMeta);
         if (m_mapToRgb) {
-            out.channels = 4;
-            out.bitsPerSample = 8;
-            out.dataType = IDT_UINT8;
-            out.storageFormat = DSF_PACKED;
-            out.colorFilterArray = CFA_NONE;
-            out.isColor = true;
+            nodekit::makeColour8(out);
             const quint64 pitch = quint64(in.width) * 4;
             // A row too long for the field is left to the allocator, which refuses it.
             out.linePitch = pitch <= std::numeric_limits<quint32>::max() ? quint32(pitch) : 0;

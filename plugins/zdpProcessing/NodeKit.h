@@ -177,6 +177,18 @@ inline void passFormat(const SxPicBufInfo& in, SxPicBufInfo& out, const CxImageM
         *outMeta = inMeta ? *inMeta : CxImageMetadata();
 }
 
+// An 8-bit blue-first colour picture with alpha, the form in which nodes
+// show a result as colours; size and pitch stay the caller's.
+inline void makeColour8(SxPicBufInfo& f)
+{
+    f.channels = 4;
+    f.bitsPerSample = 8;
+    f.dataType = IDT_UINT8;
+    f.storageFormat = DSF_PACKED;
+    f.colorFilterArray = CFA_NONE;
+    f.isColor = true;
+}
+
 // ---- Settings ----
 
 // The setter with restart: with restart set and a running chain, the chain is
