@@ -111,6 +111,10 @@ struct SxRawCase
 Q_DECLARE_METATYPE(SxRoundTrip)
 Q_DECLARE_METATYPE(SxRawCase)
 
+// samples: packed, host byte order
+struct SxFileCase { QByteArray file; int type; int channels; int bits; QByteArray samples; };
+Q_DECLARE_METATYPE(SxFileCase)
+
 class TestQlarrunFiles : public QObject
 {
     Q_OBJECT
@@ -217,11 +221,7 @@ private slots:
 
     void pngAndPnm_data()
     {
-        QTest::addColumn<QByteArray>("file");
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("channels");
-        QTest::addColumn<int>("bits");
-        QTest::addColumn<QByteArray>("samples");  // packed, host byte order
+        QTest::addColumn<SxFileCase>("row");
 
         // QImage makes the PNGs; its own scan lines are what must come back.
         const auto patterned = [](QImage::Format format) {
@@ -239,8 +239,9 @@ private slots:
             {"png rgba 16", QImage::Format_RGBA64, 4, 16}};
         for (const auto& f : formats) {
             const QImage image = patterned(f.format);
-            QTest::newRow(f.name) << pngBytes(image) << int(f.bits == 8 ? IDT_UINT8 : IDT_UINT16) << f.channels << f.bits
-                                  << imageSamples(image, f.channels, f.bits / 8);
+            QTest::newRow(f.name)
+                << SxFileCase{pngBytes(image), int(f.bits == 8 ? IDT_UINT8 : IDT_UINT16), f.channels, f.bits,
+                    imageSamples(image, f.channels, f.bits / 8)};
         }
         QImage rgbx16 = patterned(QImage::Format_RGBX64);
         QByteArray rgb16Samples;
@@ -251,37 +252,38 @@ private slots:
                 rgb16Samples.append(reinterpret_cast<const char*>(line + 4 * x), 6);
             }
         }
-        QTest::newRow("png rgb 16") << pngBytes(rgbx16) << int(IDT_UINT16) << 3 << 16 << rgb16Samples;
+        QTest::newRow("png rgb 16") << SxFileCase{pngBytes(rgbx16), int(IDT_UINT16), 3, 16, rgb16Samples};
         QImage palette(2, 2, QImage::Format_Indexed8);
         palette.setColorTable({qRgb(10, 20, 30), qRgb(200, 100, 0)});
         palette.fill(0);
         palette.setPixel(1, 0, 1);
         palette.setPixel(0, 1, 1);
-        QTest::newRow("png palette") << pngBytes(palette) << int(IDT_UINT8) << 3 << 8
-                                     << QByteArray("\x0a\x14\x1e\xc8\x64\x00\xc8\x64\x00\x0a\x14\x1e", 12);
+        QTest::newRow("png palette")
+            << SxFileCase{pngBytes(palette), int(IDT_UINT8), 3, 8,
+                QByteArray("\x0a\x14\x1e\xc8\x64\x00\xc8\x64\x00\x0a\x14\x1e", 12)};
 
         QTest::newRow("pgm 8-bit with comments")
-            << QByteArray("P5\n# made by hand\n3 2 # width and height\n255\n\x01\x02\x03\xfd\xfe\xff")
-            << int(IDT_UINT8) << 1 << 8 << QByteArray("\x01\x02\x03\xfd\xfe\xff", 6);
+            << SxFileCase{QByteArray("P5\n# made by hand\n3 2 # width and height\n255\n\x01\x02\x03\xfd\xfe\xff"),
+                int(IDT_UINT8), 1, 8, QByteArray("\x01\x02\x03\xfd\xfe\xff", 6)};
         const QList<quint16> twelve{0, 1, 0x0abc, 4095, 2048, 0x0123};
-        QTest::newRow("pgm 16-bit big-endian, maxval 4095") << QByteArray("P5 3 2 4095\n") + bigEndian16(twelve)
-                                                           << int(IDT_UINT16) << 1 << 12 << hostOrder16(twelve);
-        QTest::newRow("ppm 8-bit") << QByteArray("P6\n2 1\n255\n\x01\x02\x03\x04\x05\x06") << int(IDT_UINT8) << 3 << 8
-                                   << QByteArray("\x01\x02\x03\x04\x05\x06", 6);
+        QTest::newRow("pgm 16-bit big-endian, maxval 4095")
+            << SxFileCase{QByteArray("P5 3 2 4095\n") + bigEndian16(twelve), int(IDT_UINT16), 1, 12,
+                hostOrder16(twelve)};
+        QTest::newRow("ppm 8-bit")
+            << SxFileCase{QByteArray("P6\n2 1\n255\n\x01\x02\x03\x04\x05\x06"), int(IDT_UINT8), 3, 8,
+                QByteArray("\x01\x02\x03\x04\x05\x06", 6)};
         const QList<quint16> wide{0xffff, 0x8001, 0x0102, 7, 0x7fff, 0xfffe};
-        QTest::newRow("ppm 16-bit, maxval 65535") << QByteArray("P6\n2 1\n65535\n") + bigEndian16(wide) << int(IDT_UINT16)
-                                                 << 3 << 16 << hostOrder16(wide);
-        QTest::newRow("pgm maxval 1000") << QByteArray("P5 1 1 1000\n") + bigEndian16({999}) << int(IDT_UINT16) << 1 << 10
-                                         << hostOrder16({999});
+        QTest::newRow("ppm 16-bit, maxval 65535")
+            << SxFileCase{QByteArray("P6\n2 1\n65535\n") + bigEndian16(wide), int(IDT_UINT16), 3, 16,
+                hostOrder16(wide)};
+        QTest::newRow("pgm maxval 1000")
+            << SxFileCase{QByteArray("P5 1 1 1000\n") + bigEndian16({999}), int(IDT_UINT16), 1, 10, hostOrder16({999})};
     }
 
     void pngAndPnm()
     {
-        QFETCH(QByteArray, file);
-        QFETCH(int, type);
-        QFETCH(int, channels);
-        QFETCH(int, bits);
-        QFETCH(QByteArray, samples);
+        QFETCH(SxFileCase, row);
+        const auto& [file, type, channels, bits, samples] = row;
 
         // The name says nothing: the reader goes by the content.
         QTemporaryDir dir;

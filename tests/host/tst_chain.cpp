@@ -45,6 +45,10 @@ qint64 accounted(const CxChain::SxStats& s)
 
 } // namespace
 
+// counted: which of the node's counters the packet went to
+struct SxOwnership { int behaviour; int frame; bool output; bool inputIsOutput; QString counted; };
+Q_DECLARE_METATYPE(SxOwnership)
+
 class TstChain : public QObject
 {
     Q_OBJECT
@@ -191,26 +195,19 @@ private slots:
 
     void synchronousOwnership_data()
     {
-        QTest::addColumn<int>("behaviour");
-        QTest::addColumn<int>("frame");
-        QTest::addColumn<bool>("output");
-        QTest::addColumn<bool>("inputIsOutput");
-        QTest::addColumn<QString>("counted");  // which of the node's counters the packet went to
-        QTest::newRow("pass through") << int(CxTstBehaviourNode::PassThrough) << 0 << true << true << "passedOn";
+        QTest::addColumn<SxOwnership>("row");
+        QTest::newRow("pass through") << SxOwnership{int(CxTstBehaviourNode::PassThrough), 0, true, true, "passedOn"};
         QTest::newRow("dropped, not freed by the node")
-            << int(CxTstBehaviourNode::DropOdd) << 1 << false << false << "withoutOutput";
-        QTest::newRow("kept") << int(CxTstBehaviourNode::DropOdd) << 2 << true << true << "passedOn";
+            << SxOwnership{int(CxTstBehaviourNode::DropOdd), 1, false, false, "withoutOutput"};
+        QTest::newRow("kept") << SxOwnership{int(CxTstBehaviourNode::DropOdd), 2, true, true, "passedOn"};
         QTest::newRow("new packet, input left to the host")
-            << int(CxTstBehaviourNode::NewKeepInput) << 0 << true << false << "outputs";
-        QTest::newRow("node throws") << int(CxTstBehaviourNode::Throw) << 0 << false << false << "withoutOutput";
+            << SxOwnership{int(CxTstBehaviourNode::NewKeepInput), 0, true, false, "outputs"};
+        QTest::newRow("node throws") << SxOwnership{int(CxTstBehaviourNode::Throw), 0, false, false, "withoutOutput"};
     }
     void synchronousOwnership()
     {
-        QFETCH(int, behaviour);
-        QFETCH(int, frame);
-        QFETCH(bool, output);
-        QFETCH(bool, inputIsOutput);
-        QFETCH(QString, counted);
+        QFETCH(SxOwnership, row);
+        const auto& [behaviour, frame, output, inputIsOutput, counted] = row;
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(kit::format(6, 3));

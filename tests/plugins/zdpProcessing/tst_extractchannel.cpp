@@ -70,6 +70,12 @@ void checkFloatRange(const SxPicBuf& out)
 
 } // namespace
 
+struct SxListCase { bool known; SxPicBufInfo in; CxImageMetadata meta; uint channel; QStringList names; QList<int> indices; int current; };
+Q_DECLARE_METATYPE(SxListCase)
+
+struct SxFormatCase { SxPicBufInfo in; CxImageMetadata meta; uint channel; uint component; QSize size; uint pitch; };
+Q_DECLARE_METATYPE(SxFormatCase)
+
 class TestExtractChannel : public QObject
 {
     Q_OBJECT
@@ -77,57 +83,50 @@ class TestExtractChannel : public QObject
 private slots:
     void outputFormat_data()
     {
-        QTest::addColumn<SxPicBufInfo>("in");
-        QTest::addColumn<CxImageMetadata>("meta");
-        QTest::addColumn<uint>("channel");
-        QTest::addColumn<uint>("component");
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<uint>("pitch");
+        QTest::addColumn<SxFormatCase>("row");
 
         const CxImageMetadata names3 = metaWith(CFA_NONE, {"x", "y", "z"});
         const CxImageMetadata hsi = metaWith(CFA_HSI_MOSAIC, {"raw"}, twoZoneCamera());
         const SxPicBufInfo hsiIn = format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC);
 
-        QTest::newRow("mono u8 321 wide") << format(321, 5, 1, IDT_UINT8, 7) << names3 << 4u << 0u
-                                          << QSize(321, 5) << 324u;
-        QTest::newRow("rgb channel 7 is plane 2") << format(10, 4, 3, IDT_UINT16, 2, CFA_NONE, DSF_PACKED, true)
-                                                  << names3 << 7u << 2u << QSize(10, 4) << 20u;
-        QTest::newRow("no channels keeps index") << format(4, 4, 0, IDT_UINT8) << names3 << 9u << 9u
-                                                 << QSize(4, 4) << 4u;
-        QTest::newRow("bayer 640x480 channel 5 is 3") << format(640, 480, 1, IDT_UINT16, 0, CFA_BAYER_RGGB)
-                                                      << metaWith(CFA_BAYER_RGGB, {"raw"}) << 5u << 3u
-                                                      << QSize(320, 240) << 640u;
-        QTest::newRow("bayer 5x3 u8") << format(5, 3, 1, IDT_UINT8, 0, CFA_RGBR) << metaWith(CFA_RGBR) << 1u
-                                      << 1u << QSize(2, 1) << 4u;
-        QTest::newRow("bayer not raw stays whole") << format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW)
-                                                   << metaWith(CFA_BAYER_RGGB, {"raw"}) << 3u << 0u
-                                                   << QSize(7, 5) << 8u;
-        QTest::newRow("unknown filter array is mono") << format(6, 2, 1, IDT_UINT8, 0, ExColorFilterArray(8))
-                                                      << CxImageMetadata() << 2u << 0u << QSize(6, 2) << 8u;
-        QTest::newRow("hsi 1x1 cells") << hsiIn << hsi << 5u << 5u << QSize(3, 8) << 4u;
-        QTest::newRow("hsi 2x2 cells u16") << format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC) << hsi << 9u
-                                           << 9u << QSize(6, 8) << 12u;
-        QTest::newRow("hsi index beyond the bands") << hsiIn << hsi << 99u << 11u << QSize(6, 8) << 8u;
+        QTest::newRow("mono u8 321 wide")
+            << SxFormatCase{format(321, 5, 1, IDT_UINT8, 7), names3, 4u, 0u, QSize(321, 5), 324u};
+        QTest::newRow("rgb channel 7 is plane 2")
+            << SxFormatCase{format(10, 4, 3, IDT_UINT16, 2, CFA_NONE, DSF_PACKED, true), names3, 7u, 2u, QSize(10, 4),
+                20u};
+        QTest::newRow("no channels keeps index")
+            << SxFormatCase{format(4, 4, 0, IDT_UINT8), names3, 9u, 9u, QSize(4, 4), 4u};
+        QTest::newRow("bayer 640x480 channel 5 is 3")
+            << SxFormatCase{format(640, 480, 1, IDT_UINT16, 0, CFA_BAYER_RGGB), metaWith(CFA_BAYER_RGGB, {"raw"}), 5u,
+                3u, QSize(320, 240), 640u};
+        QTest::newRow("bayer 5x3 u8")
+            << SxFormatCase{format(5, 3, 1, IDT_UINT8, 0, CFA_RGBR), metaWith(CFA_RGBR), 1u, 1u, QSize(2, 1), 4u};
+        QTest::newRow("bayer not raw stays whole")
+            << SxFormatCase{format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW),
+                metaWith(CFA_BAYER_RGGB, {"raw"}), 3u, 0u, QSize(7, 5), 8u};
+        QTest::newRow("unknown filter array is mono")
+            << SxFormatCase{format(6, 2, 1, IDT_UINT8, 0, ExColorFilterArray(8)), CxImageMetadata(), 2u, 0u,
+                QSize(6, 2), 8u};
+        QTest::newRow("hsi 1x1 cells") << SxFormatCase{hsiIn, hsi, 5u, 5u, QSize(3, 8), 4u};
+        QTest::newRow("hsi 2x2 cells u16")
+            << SxFormatCase{format(24, 16, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC), hsi, 9u, 9u, QSize(6, 8), 12u};
+        QTest::newRow("hsi index beyond the bands") << SxFormatCase{hsiIn, hsi, 99u, 11u, QSize(6, 8), 8u};
 
         CxHsiCameraParams wholeSensor = twoZoneCamera();
         QList<CxHsiCameraParams::CxFilterZone> zones = wholeSensor.filterZones();
         zones[0].rect = QRect();  // inverted: measured on the input
         wholeSensor.setFilterZones(zones);
-        QTest::newRow("hsi inverted zone") << format(30, 9, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
-                                           << metaWith(CFA_HSI_MOSAIC, {}, wholeSensor) << 0u << 0u
-                                           << QSize(7, 4) << 8u;
-        QTest::newRow("hsi without camera") << hsiIn << metaWith(CFA_HSI_MOSAIC) << 3u << 3u << QSize(24, 16)
-                                            << 24u;
+        QTest::newRow("hsi inverted zone")
+            << SxFormatCase{format(30, 9, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), metaWith(CFA_HSI_MOSAIC, {}, wholeSensor),
+                0u, 0u, QSize(7, 4), 8u};
+        QTest::newRow("hsi without camera")
+            << SxFormatCase{hsiIn, metaWith(CFA_HSI_MOSAIC), 3u, 3u, QSize(24, 16), 24u};
     }
 
     void outputFormat()
     {
-        QFETCH(SxPicBufInfo, in);
-        QFETCH(CxImageMetadata, meta);
-        QFETCH(uint, channel);
-        QFETCH(uint, component);
-        QFETCH(QSize, size);
-        QFETCH(uint, pitch);
+        QFETCH(SxFormatCase, row);
+        const auto& [in, meta, channel, component, size, pitch] = row;
 
         CxExtractChannelCnbl node;
         node.setChannel(channel);
@@ -251,38 +250,37 @@ private slots:
 
     void channelList_data()
     {
-        QTest::addColumn<bool>("known");
-        QTest::addColumn<SxPicBufInfo>("in");
-        QTest::addColumn<CxImageMetadata>("meta");
-        QTest::addColumn<uint>("channel");
-        QTest::addColumn<QStringList>("names");
-        QTest::addColumn<QList<int>>("indices");
-        QTest::addColumn<int>("current");
+        QTest::addColumn<SxListCase>("row");
 
         const CxImageMetadata none;
         const QList<int> four{0, 1, 2, 3};
         auto bayer = [](ExColorFilterArray cfa) { return format(8, 6, 1, IDT_UINT8, 0, cfa); };
         auto rgb = [](quint32 n, bool isColor) { return format(4, 4, n, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, isColor); };
 
-        QTest::newRow("no input yet") << false << SxPicBufInfo() << none << 2u << QStringList() << QList<int>() << 2;
-        QTest::newRow("mono") << true << format(4, 4, 1, IDT_UINT8) << none << 0u << QStringList{"Mono"}
-                              << QList<int>{0} << 0;
+        QTest::newRow("no input yet") << SxListCase{false, SxPicBufInfo(), none, 2u, QStringList(), QList<int>(), 2};
+        QTest::newRow("mono")
+            << SxListCase{true, format(4, 4, 1, IDT_UINT8), none, 0u, QStringList{"Mono"}, QList<int>{0}, 0};
         // Colour pictures are stored blue first.
-        QTest::newRow("rgb channel 7") << true << rgb(3, true) << none << 7u << QStringList{"Blue", "Green", "Red"}
-                                       << QList<int>{0, 1, 2} << 2;
-        QTest::newRow("rgba") << true << rgb(4, true) << none << 1u << QStringList{"Blue", "Green", "Red", "Alpha"}
-                              << four << 1;
-        QTest::newRow("three numbered") << true << rgb(3, false) << none << 0u
-                                        << QStringList{"Channel 0", "Channel 1", "Channel 2"} << QList<int>{0, 1, 2} << 0;
+        QTest::newRow("rgb channel 7")
+            << SxListCase{true, rgb(3, true), none, 7u, QStringList{"Blue", "Green", "Red"}, QList<int>{0, 1, 2}, 2};
+        QTest::newRow("rgba")
+            << SxListCase{true, rgb(4, true), none, 1u, QStringList{"Blue", "Green", "Red", "Alpha"}, four, 1};
+        QTest::newRow("three numbered")
+            << SxListCase{true, rgb(3, false), none, 0u, QStringList{"Channel 0", "Channel 1", "Channel 2"},
+                QList<int>{0, 1, 2}, 0};
         QTest::newRow("five colour channels numbered")
-            << true << rgb(5, true) << none << 4u
-            << QStringList{"Channel 0", "Channel 1", "Channel 2", "Channel 3", "Channel 4"} << QList<int>{0, 1, 2, 3, 4} << 4;
-        QTest::newRow("metadata names") << true << rgb(3, true) << metaWith(CFA_NONE, {"x", "y", "z"}) << 1u
-                                        << QStringList{"x", "y", "z"} << QList<int>{0, 1, 2} << 1;
-        QTest::newRow("metadata names of another count") << true << rgb(2, false) << metaWith(CFA_NONE, {"x", "y", "z"})
-                                                         << 1u << QStringList{"Channel 0", "Channel 1"} << QList<int>{0, 1} << 1;
-        QTest::newRow("one named channel") << true << bayer(CFA_BAYER_RGGB) << metaWith(CFA_BAYER_RGGB, {"raw"}) << 3u
-                                           << QStringList{"raw"} << QList<int>{0} << 3;
+            << SxListCase{true, rgb(5, true), none, 4u,
+                QStringList{"Channel 0", "Channel 1", "Channel 2", "Channel 3", "Channel 4"}, QList<int>{0, 1, 2, 3, 4},
+                4};
+        QTest::newRow("metadata names")
+            << SxListCase{true, rgb(3, true), metaWith(CFA_NONE, {"x", "y", "z"}), 1u, QStringList{"x", "y", "z"},
+                QList<int>{0, 1, 2}, 1};
+        QTest::newRow("metadata names of another count")
+            << SxListCase{true, rgb(2, false), metaWith(CFA_NONE, {"x", "y", "z"}), 1u,
+                QStringList{"Channel 0", "Channel 1"}, QList<int>{0, 1}, 1};
+        QTest::newRow("one named channel")
+            << SxListCase{true, bayer(CFA_BAYER_RGGB), metaWith(CFA_BAYER_RGGB, {"raw"}), 3u, QStringList{"raw"},
+                QList<int>{0}, 3};
         const struct {
             ExColorFilterArray cfa;
             QStringList names;
@@ -295,29 +293,28 @@ private slots:
             {CFA_RGBR, {"Red 1", "Green", "Blue", "Red 2"}},
         };
         for (const auto& c : cells)
-            QTest::addRow("mosaic %d channel 9", int(c.cfa)) << true << bayer(c.cfa) << none << 9u << c.names << four << 3;
-        QTest::newRow("mosaic not raw") << true << format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW) << none
-                                        << 2u << QStringList{"Mono"} << QList<int>{0} << 0;
-        QTest::newRow("unknown filter array") << true << bayer(ExColorFilterArray(9)) << none << 0u
-                                              << QStringList{"Mono"} << QList<int>{0} << 0;
+            QTest::addRow("mosaic %d channel 9", int(c.cfa))
+                << SxListCase{true, bayer(c.cfa), none, 9u, c.names, four, 3};
+        QTest::newRow("mosaic not raw")
+            << SxListCase{true, format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW), none, 2u,
+                QStringList{"Mono"}, QList<int>{0}, 0};
+        QTest::newRow("unknown filter array")
+            << SxListCase{true, bayer(ExColorFilterArray(9)), none, 0u, QStringList{"Mono"}, QList<int>{0}, 0};
         QTest::newRow("hsi by wavelength, zone by zone")
-            << true << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC) << metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera())
-            << 2u << QStringList{"A3", "A7", "A1", "A5", "A0", "A4", "A2", "A6", "B1", "B3", "B2", "B0"}
-            << QList<int>{3, 7, 1, 5, 0, 4, 2, 6, 9, 11, 10, 8} << 2;
-        QTest::newRow("hsi without camera") << true << format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC)
-                                            << metaWith(CFA_HSI_MOSAIC) << 2u << QStringList{"Mono"} << QList<int>{0} << 2;
+            << SxListCase{true, format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC),
+                metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera()), 2u,
+                QStringList{"A3", "A7", "A1", "A5", "A0", "A4", "A2", "A6", "B1", "B3", "B2", "B0"},
+                QList<int>{3, 7, 1, 5, 0, 4, 2, 6, 9, 11, 10, 8}, 2};
+        QTest::newRow("hsi without camera")
+            << SxListCase{true, format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), metaWith(CFA_HSI_MOSAIC), 2u,
+                QStringList{"Mono"}, QList<int>{0}, 2};
     }
 
     // The list the widget and the quick buttons offer, and the buttons themselves.
     void channelList()
     {
-        QFETCH(bool, known);
-        QFETCH(SxPicBufInfo, in);
-        QFETCH(CxImageMetadata, meta);
-        QFETCH(uint, channel);
-        QFETCH(QStringList, names);
-        QFETCH(QList<int>, indices);
-        QFETCH(int, current);
+        QFETCH(SxListCase, row);
+        const auto& [known, in, meta, channel, names, indices, current] = row;
 
         CxExtractChannelCnbl node;
         node.setChannel(channel);

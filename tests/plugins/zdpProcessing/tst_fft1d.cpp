@@ -32,6 +32,9 @@ CxPicture sinePicture(CxFFT1DCnbl::ExTransformType type, quint32 n, int cycles, 
 
 } // namespace
 
+struct SxTicks { double lower; double upper; bool logarithmic; QList<double> ticks; QStringList labels; };
+Q_DECLARE_METATYPE(SxTicks)
+
 class TestFFT1D : public QObject
 {
     Q_OBJECT
@@ -73,38 +76,36 @@ private slots:
 
     void yTicks_data()
     {
-        QTest::addColumn<double>("lower");
-        QTest::addColumn<double>("upper");
-        QTest::addColumn<bool>("logarithmic");
-        QTest::addColumn<QList<double>>("ticks");
-        QTest::addColumn<QStringList>("labels");
+        QTest::addColumn<SxTicks>("row");
 
         // Exponents in superscript digits, written out here.
         const QString sq = "\u00B2", cube = "\u00B3";
-        QTest::newRow("linear 4") << 0.0 << 4.0 << false << QList<double>{0, 1, 2, 3, 4} << QStringList{"0", "1", "2", "3", "4"};
-        QTest::newRow("linear 12") << 3.0 << 12.0 << false << QList<double>{0, 10} << QStringList{"0", "10"};
-        QTest::newRow("linear default max") << 0.0 << 400000.0 << false
-                                            << QList<double>{0, 100000, 200000, 300000, 400000}
-                                            << QStringList{"0", "100000", "200000", "300000", "400000"};
-        QTest::newRow("linear half") << 0.0 << 0.5 << false << QList<double>{0} << QStringList{"0"};
-        QTest::newRow("linear negative") << -9.0 << -1.0 << false << QList<double>{} << QStringList{};
-        QTest::newRow("log 1 to 1e6") << 1.0 << 1e6 << true << QList<double>{1, 10, 100, 1e3, 1e4, 1e5, 1e6}
-                                      << QStringList{"1", "10", "10" + sq, "10" + cube, "10\u2074", "10\u2075", "10\u2076"};
-        QTest::newRow("log 1e12, every other decade") << 0.0 << 1e12 << true << QList<double>{1, 1e2, 1e4, 1e6, 1e8, 1e10, 1e12}
-            << QStringList{"1", "10" + sq, "10\u2074", "10\u2076", "10\u2078", "10\u00B9\u2070", "10\u00B9\u00B2"};
-        QTest::newRow("log from 0") << 0.0 << 1000.0 << true << QList<double>{1, 10, 100, 1000}
-                                    << QStringList{"1", "10", "10" + sq, "10" + cube};
-        QTest::newRow("log negative lower") << -2.0 << 100.0 << true << QList<double>{0.01, 0.1, 1, 10, 100}
-                                            << QStringList{"10-" + sq, "10-\u00B9", "1", "10", "10" + sq};
+        QTest::newRow("linear 4")
+            << SxTicks{0.0, 4.0, false, QList<double>{0, 1, 2, 3, 4}, QStringList{"0", "1", "2", "3", "4"}};
+        QTest::newRow("linear 12") << SxTicks{3.0, 12.0, false, QList<double>{0, 10}, QStringList{"0", "10"}};
+        QTest::newRow("linear default max")
+            << SxTicks{0.0, 400000.0, false, QList<double>{0, 100000, 200000, 300000, 400000},
+                QStringList{"0", "100000", "200000", "300000", "400000"}};
+        QTest::newRow("linear half") << SxTicks{0.0, 0.5, false, QList<double>{0}, QStringList{"0"}};
+        QTest::newRow("linear negative") << SxTicks{-9.0, -1.0, false, QList<double>{}, QStringList{}};
+        QTest::newRow("log 1 to 1e6")
+            << SxTicks{1.0, 1e6, true, QList<double>{1, 10, 100, 1e3, 1e4, 1e5, 1e6},
+                QStringList{"1", "10", "10" + sq, "10" + cube, "10\u2074", "10\u2075", "10\u2076"}};
+        QTest::newRow("log 1e12, every other decade")
+            << SxTicks{0.0, 1e12, true, QList<double>{1, 1e2, 1e4, 1e6, 1e8, 1e10, 1e12},
+                QStringList{"1", "10" + sq, "10\u2074", "10\u2076", "10\u2078", "10\u00B9\u2070", "10\u00B9\u00B2"}};
+        QTest::newRow("log from 0")
+            << SxTicks{0.0, 1000.0, true, QList<double>{1, 10, 100, 1000},
+                QStringList{"1", "10", "10" + sq, "10" + cube}};
+        QTest::newRow("log negative lower")
+            << SxTicks{-2.0, 100.0, true, QList<double>{0.01, 0.1, 1, 10, 100},
+                QStringList{"10-" + sq, "10-\u00B9", "1", "10", "10" + sq}};
     }
 
     void yTicks()
     {
-        QFETCH(double, lower);
-        QFETCH(double, upper);
-        QFETCH(bool, logarithmic);
-        QFETCH(QList<double>, ticks);
-        QFETCH(QStringList, labels);
+        QFETCH(SxTicks, row);
+        const auto& [lower, upper, logarithmic, ticks, labels] = row;
         QList<double> gotTicks{42.0};
         QList<QString> gotLabels{QStringLiteral("stale")};
         CxFFT1DCnbl::getYTicksAndLabels(lower, upper, logarithmic, gotTicks, gotLabels);

@@ -97,6 +97,10 @@ void captureLog(QtMsgType, const QMessageLogContext&, const QString& msg)
 
 } // namespace
 
+// values: the last repeats to fill the frames
+struct SxWorked { ExImageDataType type; int mode; bool allModes; int scale; int frames; QList<double> values; double expected; };
+Q_DECLARE_METATYPE(SxWorked)
+
 class TestImageAveraging : public QObject
 {
     Q_OBJECT
@@ -170,33 +174,22 @@ private slots:
 
     void workedNumbers_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<bool>("allModes");
-        QTest::addColumn<int>("scale");
-        QTest::addColumn<int>("frames");
-        QTest::addColumn<QList<double>>("values");  // the last repeats to fill the frames
-        QTest::addColumn<double>("expected");
+        QTest::addColumn<SxWorked>("row");
         // mean 127, variance 32767, sqrt 181.0166, 18101 kept to its low 8 bits
-        QTest::newRow("stdev 0 and 255 at 100x") << IDT_UINT8 << 1 << false << 100 << 2 << QList<double>{0, 255} << 181.0;
-        QTest::newRow("stdev of equal frames") << IDT_UINT8 << 1 << false << 100 << 3 << QList<double>{9} << 0.0;
+        QTest::newRow("stdev 0 and 255 at 100x") << SxWorked{IDT_UINT8, 1, false, 100, 2, QList<double>{0, 255}, 181.0};
+        QTest::newRow("stdev of equal frames") << SxWorked{IDT_UINT8, 1, false, 100, 3, QList<double>{9}, 0.0};
         // 70000 mod 65536
-        QTest::newRow("min touches wrap") << IDT_UINT8 << 4 << false << 1 << 70000 << QList<double>{17} << 4464.0;
+        QTest::newRow("min touches wrap") << SxWorked{IDT_UINT8, 4, false, 1, 70000, QList<double>{17}, 4464.0};
         QTest::newRow("touches alone: a new minimum restarts at 1")
-            << IDT_INT16 << 4 << false << 1 << 4 << QList<double>{-5, -5, -7} << 2.0;
+            << SxWorked{IDT_INT16, 4, false, 1, 4, QList<double>{-5, -5, -7}, 2.0};
         QTest::newRow("touches with all modes: Min lowers first, so it counts on")
-            << IDT_INT16 << 4 << true << 1 << 4 << QList<double>{-5, -5, -7} << 4.0;
+            << SxWorked{IDT_INT16, 4, true, 1, 4, QList<double>{-5, -5, -7}, 4.0};
     }
 
     void workedNumbers()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(int, mode);
-        QFETCH(bool, allModes);
-        QFETCH(int, scale);
-        QFETCH(int, frames);
-        QFETCH(QList<double>, values);
-        QFETCH(double, expected);
+        QFETCH(SxWorked, row);
+        const auto& [type, mode, allModes, scale, frames, values, expected] = row;
         const SxPicBufInfo f = format(1, 1, 1, type);
         SxNodeRun<CxImageAveragingCnbl> run(f);
         run.node->setMode(Mode(mode));

@@ -41,6 +41,9 @@ struct SxMapCase { SxPicBufInfo in; bool rgb; int pseudo; qlonglong srcMin, srcM
 Q_DECLARE_METATYPE(SxAutoCase)
 Q_DECLARE_METATYPE(SxMapCase)
 
+struct SxWidgetCase { int min; int max; double tolerance; qlonglong srcMin; int autoTolerance; };
+Q_DECLARE_METATYPE(SxWidgetCase)
+
 class TestLutInmap : public QObject
 {
     Q_OBJECT
@@ -185,25 +188,18 @@ private slots:
 
     void widgetRules_data()
     {
-        QTest::addColumn<int>("min");
-        QTest::addColumn<int>("max");
-        QTest::addColumn<double>("tolerance");
-        QTest::addColumn<qlonglong>("srcMin");
-        QTest::addColumn<int>("autoTolerance");
+        QTest::addColumn<SxWidgetCase>("row");
 
-        QTest::newRow("max below min") << 100 << 50 << 2.0 << 49LL << 2;
-        QTest::newRow("max equal to min") << 300 << 300 << 2.0 << 299LL << 2;
-        QTest::newRow("tolerance decimal dropped") << 0 << 255 << 2.7 << 0LL << 2;
+        QTest::newRow("max below min") << SxWidgetCase{100, 50, 2.0, 49LL, 2};
+        QTest::newRow("max equal to min") << SxWidgetCase{300, 300, 2.0, 299LL, 2};
+        QTest::newRow("tolerance decimal dropped") << SxWidgetCase{0, 255, 2.7, 0LL, 2};
     }
 
     // Each change stops and restarts the running chain once and keeps Min below Max.
     void widgetRules()
     {
-        QFETCH(int, min);
-        QFETCH(int, max);
-        QFETCH(double, tolerance);
-        QFETCH(qlonglong, srcMin);
-        QFETCH(int, autoTolerance);
+        QFETCH(SxWidgetCase, row);
+        const auto& [min, max, tolerance, srcMin, autoTolerance] = row;
 
         const SxPicBufInfo f = withBits(format(8, 4, 1, IDT_UINT16), 12);
         SxNodeRun<CxLutInmapCnbl> run(f);

@@ -41,6 +41,10 @@ double cellStat(const SxPicBuf& in, int ax, int ay, int px, int py, Node::ExMosa
 
 } // namespace
 
+// cells: the zone; clipped to the picture when interpolating
+struct SxGeometry { SxPicBufInfo in; CxImageMetadata meta; int filter; bool interpolation; QRect cells; QSize period; QSize size; uint pitch; };
+Q_DECLARE_METATYPE(SxGeometry)
+
 class TestMosaicFilter : public QObject
 {
     Q_OBJECT
@@ -48,18 +52,11 @@ class TestMosaicFilter : public QObject
 private slots:
     void geometry_data()
     {
-        QTest::addColumn<SxPicBufInfo>("in");
-        QTest::addColumn<CxImageMetadata>("meta");
-        QTest::addColumn<int>("filter");
-        QTest::addColumn<bool>("interpolation");
-        QTest::addColumn<QRect>("cells");   // the zone; clipped to the picture when interpolating
-        QTest::addColumn<QSize>("period");
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<uint>("pitch");
+        QTest::addColumn<SxGeometry>("row");
         auto row = [](const char* name, const SxPicBufInfo& in, const CxImageMetadata& meta, Node::ExMosaicFilter filter,
                       bool interpolation, QRect cells, int period, QSize size, uint pitch) {
-            QTest::newRow(name) << in << meta << int(filter) << interpolation << cells << QSize(period, period)
-                                << size << pitch;
+            QTest::newRow(name)
+                << SxGeometry{in, meta, int(filter), interpolation, cells, QSize(period, period), size, pitch};
         };
 
         const SxPicBufInfo bayer = format(1000, 800, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
@@ -91,14 +88,8 @@ private slots:
     // reference, so that a wrong rectangle or period shows.
     void geometry()
     {
-        QFETCH(SxPicBufInfo, in);
-        QFETCH(CxImageMetadata, meta);
-        QFETCH(int, filter);
-        QFETCH(bool, interpolation);
-        QFETCH(QRect, cells);
-        QFETCH(QSize, period);
-        QFETCH(QSize, size);
-        QFETCH(uint, pitch);
+        QFETCH(SxGeometry, row);
+        const auto& [in, meta, filter, interpolation, cells, period, size, pitch] = row;
 
         CxPicture input(in, [](quint32 x, quint32 y, quint32) { return pattern(x, y); }, meta);
         SxNodeRun<Node> run(in, meta);

@@ -51,6 +51,9 @@ quint64 reference(const SxPicBuf& in, qint64 x, qint64 y, unsigned k)
 
 } // namespace
 
+struct SxInterpolation { QString layout; int channel; int type; int bits; QSize size; int padding; };
+Q_DECLARE_METATYPE(SxInterpolation)
+
 class TestRgbNir : public QObject
 {
     Q_OBJECT
@@ -58,17 +61,12 @@ class TestRgbNir : public QObject
 private slots:
     void interpolation_data()
     {
-        QTest::addColumn<QString>("layout");
-        QTest::addColumn<int>("channel");
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("bits");
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<int>("padding");
+        QTest::addColumn<SxInterpolation>("row");
 
         for (const char* layout : {"fixed", "described"}) {
             auto row = [&](const char* what, int channel, ExImageDataType t, int bits, QSize size, int padding) {
                 QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(layout), QLatin1String(what))))
-                    << QString::fromLatin1(layout) << channel << int(t) << bits << size << padding;
+                    << SxInterpolation{QString::fromLatin1(layout), channel, int(t), bits, size, padding};
             };
             row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
             row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
@@ -91,18 +89,14 @@ private slots:
     // the bits beyond 8.
     void interpolation()
     {
-        QFETCH(QString, layout);
-        QFETCH(int, channel);
-        QFETCH(int, type);
-        QFETCH(int, bits);
-        QFETCH(QSize, size);
-        QFETCH(int, padding);
+        QFETCH(SxInterpolation, row);
+        const auto& [layout, channel, type, bits, size, padding] = row;
 
         SxPicBufInfo f = format(quint32(size.width()), quint32(size.height()), 1, ExImageDataType(type),
                                 quint32(padding), CFA_HSI_MOSAIC);
         f.bitsPerSample = quint32(bits);
         const CxImageMetadata meta = layout == QLatin1String("described") ? describedCamera() : CxImageMetadata();
-        CxPicture input(f, [bits](quint32 x, quint32 y, quint32) { return pattern(x, y, quint32(bits)); }, meta);
+        CxPicture input(f, [b = quint32(bits)](quint32 x, quint32 y, quint32) { return pattern(x, y, b); }, meta);
         SxNodeRun<Node> run(f, meta);
         run.node->setChannel(Node::ExChannel(channel), false);
         QScopedPointer<CxImageData> out(run.process(input));

@@ -32,6 +32,12 @@ int frameInPlace(const SxPicBuf& out, quint32 tx, quint32 ty, quint32 w, quint32
 
 } // namespace
 
+struct SxFormatCase { int mode; int count; SxPicBufInfo in; quint32 width; quint32 height; quint32 pitch; };
+Q_DECLARE_METATYPE(SxFormatCase)
+
+struct SxSequence { int mode; int count; bool completeOnly; QList<int> frames; QStringList outputs; };
+Q_DECLARE_METATYPE(SxSequence)
+
 class TestSeqMerge : public QObject
 {
     Q_OBJECT
@@ -39,42 +45,36 @@ class TestSeqMerge : public QObject
 private slots:
     void sequences_data()
     {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<int>("count");
-        QTest::addColumn<bool>("completeOnly");
-        QTest::addColumn<QList<int>>("frames");
+        QTest::addColumn<SxSequence>("row");
         // Per output: "<index of the frame that made it>:<frame per place>#<its
         // frame number>", "-" for an unfilled place. An output carries the
         // number of the first frame stored since the output before.
-        QTest::addColumn<QStringList>("outputs");
 
-        QTest::newRow("tiles 2, numbers 10 11") << 0 << 2 << true << QList<int>{10, 11} << QStringList{"1:10 11#10"};
+        QTest::newRow("tiles 2, numbers 10 11")
+            << SxSequence{0, 2, true, QList<int>{10, 11}, QStringList{"1:10 11#10"}};
         QTest::newRow("tiles 4, dropped, complete only")
-            << 0 << 4 << true << QList<int>{0, 1, 3, 4, 5, 6, 7} << QStringList{"6:4 5 6 7#0"};
+            << SxSequence{0, 4, true, QList<int>{0, 1, 3, 4, 5, 6, 7}, QStringList{"6:4 5 6 7#0"}};
         QTest::newRow("tiles 4, dropped, any")
-            << 0 << 4 << false << QList<int>{0, 1, 3} << QStringList{"2:0 1 - 3#0"};
+            << SxSequence{0, 4, false, QList<int>{0, 1, 3}, QStringList{"2:0 1 - 3#0"}};
         // The place of frame 2 must not show frame 2 of the sequence before.
         QTest::newRow("tiles 4, drop after a full picture")
-            << 0 << 4 << false << QList<int>{0, 1, 2, 3, 4, 5, 7} << QStringList{"3:0 1 2 3#0", "6:4 5 - 7#4"};
+            << SxSequence{0, 4, false, QList<int>{0, 1, 2, 3, 4, 5, 7}, QStringList{"3:0 1 2 3#0", "6:4 5 - 7#4"}};
         QTest::newRow("rows 3, early flush")
-            << 1 << 3 << false << QList<int>{0, 1, 0, 1, 2} << QStringList{"2:0 1 -#0", "4:0 1 2#0"};
+            << SxSequence{1, 3, false, QList<int>{0, 1, 0, 1, 2}, QStringList{"2:0 1 -#0", "4:0 1 2#0"}};
         QTest::newRow("rows 3, gap waits for a full pass")
-            << 1 << 3 << true << QList<int>{0, 2, 3, 4, 5} << QStringList{"4:3 4 5#0"};
+            << SxSequence{1, 3, true, QList<int>{0, 2, 3, 4, 5}, QStringList{"4:3 4 5#0"}};
         QTest::newRow("rows 3, restart in the middle")
-            << 1 << 3 << true << QList<int>{1, 2, 3, 4, 5} << QStringList{"4:3 4 5#1"};
-        QTest::newRow("rows 1") << 1 << 1 << true << QList<int>{5, 6} << QStringList{"0:5#5", "1:6#6"};
+            << SxSequence{1, 3, true, QList<int>{1, 2, 3, 4, 5}, QStringList{"4:3 4 5#1"}};
+        QTest::newRow("rows 1") << SxSequence{1, 1, true, QList<int>{5, 6}, QStringList{"0:5#5", "1:6#6"}};
         // A frame of the same place again overwrites it.
         QTest::newRow("tiles 2, repeated place")
-            << 0 << 2 << true << QList<int>{0, 0, 2, 3} << QStringList{"3:2 3#0"};
+            << SxSequence{0, 2, true, QList<int>{0, 0, 2, 3}, QStringList{"3:2 3#0"}};
     }
 
     void sequences()
     {
-        QFETCH(int, mode);
-        QFETCH(int, count);
-        QFETCH(bool, completeOnly);
-        QFETCH(QList<int>, frames);
-        QFETCH(QStringList, outputs);
+        QFETCH(SxSequence, row);
+        const auto& [mode, count, completeOnly, frames, outputs] = row;
 
         const quint32 w = 3, h = 2;
         CxPicture input(format(w, h, 3, IDT_UINT16, 6));
@@ -87,7 +87,7 @@ private slots:
         QStringList seen;
         for (int k = 0; k < frames.size(); ++k) {
             input.pic().frameNumber = frames[k];
-            input.refill([&](quint32, quint32, quint32) { return frameValue(frames[k]); });
+            input.refill([v = frameValue(frames[k])](quint32, quint32, quint32) { return v; });
             QScopedPointer<CxImageData> out(run.process(input));
             if (!out)
                 continue;
@@ -144,30 +144,21 @@ private slots:
 
     void outputFormat_data()
     {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<int>("count");
-        QTest::addColumn<SxPicBufInfo>("in");
-        QTest::addColumn<quint32>("width");
-        QTest::addColumn<quint32>("height");
-        QTest::addColumn<quint32>("pitch");
+        QTest::addColumn<SxFormatCase>("row");
 
         const SxPicBufInfo rgb16 = format(21, 5, 3, IDT_UINT16, 2);
-        QTest::newRow("tiles 2") << 0 << 2 << rgb16 << 42u << 5u << 256u;
-        QTest::newRow("tiles 4") << 0 << 4 << rgb16 << 42u << 10u << 256u;
-        QTest::newRow("tiles 4, wide") << 0 << 4 << format(100, 1, 1, IDT_FLOAT) << 200u << 2u << 1024u;
-        QTest::newRow("tiles 3 keeps size") << 0 << 3 << rgb16 << 21u << 5u << rgb16.linePitch;
-        QTest::newRow("rows 3") << 1 << 3 << rgb16 << 21u << 15u << rgb16.linePitch;
-        QTest::newRow("unknown mode") << 7 << 2 << rgb16 << 21u << 5u << rgb16.linePitch;
+        QTest::newRow("tiles 2") << SxFormatCase{0, 2, rgb16, 42u, 5u, 256u};
+        QTest::newRow("tiles 4") << SxFormatCase{0, 4, rgb16, 42u, 10u, 256u};
+        QTest::newRow("tiles 4, wide") << SxFormatCase{0, 4, format(100, 1, 1, IDT_FLOAT), 200u, 2u, 1024u};
+        QTest::newRow("tiles 3 keeps size") << SxFormatCase{0, 3, rgb16, 21u, 5u, rgb16.linePitch};
+        QTest::newRow("rows 3") << SxFormatCase{1, 3, rgb16, 21u, 15u, rgb16.linePitch};
+        QTest::newRow("unknown mode") << SxFormatCase{7, 2, rgb16, 21u, 5u, rgb16.linePitch};
     }
 
     void outputFormat()
     {
-        QFETCH(int, mode);
-        QFETCH(int, count);
-        QFETCH(SxPicBufInfo, in);
-        QFETCH(quint32, width);
-        QFETCH(quint32, height);
-        QFETCH(quint32, pitch);
+        QFETCH(SxFormatCase, row);
+        const auto& [mode, count, in, width, height, pitch] = row;
 
         CxSeqMergeCnbl node;
         node.setCount(Mode(mode), count, false);
