@@ -35,6 +35,12 @@ CxPicture sinePicture(CxFFT1DCnbl::ExTransformType type, quint32 n, int cycles, 
 struct SxTicks { double lower; double upper; bool logarithmic; QList<double> ticks; QStringList labels; };
 Q_DECLARE_METATYPE(SxTicks)
 
+struct SxSineCase { int type; int n; bool dc; int peak; };
+Q_DECLARE_METATYPE(SxSineCase)
+
+struct SxBinsCase { int n; bool dc; int length; int start; };
+Q_DECLARE_METATYPE(SxBinsCase)
+
 class TestFFT1D : public QObject
 {
     Q_OBJECT
@@ -42,26 +48,21 @@ class TestFFT1D : public QObject
 private slots:
     void displayedBins_data()
     {
-        QTest::addColumn<int>("n");
-        QTest::addColumn<bool>("dc");
-        QTest::addColumn<int>("length");
-        QTest::addColumn<int>("start");
-        QTest::newRow("odd with dc") << 7 << true << 3 << 3;
-        QTest::newRow("odd without dc") << 7 << false << 3 << 4;
-        QTest::newRow("even with dc") << 8 << true << 4 << 4;
-        QTest::newRow("even without dc") << 8 << false << 3 << 5;
-        QTest::newRow("one sample") << 1 << true << 0 << 0;
-        QTest::newRow("two samples without dc") << 2 << false << 0 << 2;
+        QTest::addColumn<SxBinsCase>("row");
+        QTest::newRow("odd with dc") << SxBinsCase{7, true, 3, 3};
+        QTest::newRow("odd without dc") << SxBinsCase{7, false, 3, 4};
+        QTest::newRow("even with dc") << SxBinsCase{8, true, 4, 4};
+        QTest::newRow("even without dc") << SxBinsCase{8, false, 3, 5};
+        QTest::newRow("one sample") << SxBinsCase{1, true, 0, 0};
+        QTest::newRow("two samples without dc") << SxBinsCase{2, false, 0, 2};
     }
 
     // The shown bins never run past the centred spectrum, and nothing shown
     // leaves the amplitude range at its start values.
     void displayedBins()
     {
-        QFETCH(int, n);
-        QFETCH(bool, dc);
-        QFETCH(int, length);
-        QFETCH(int, start);
+        QFETCH(SxBinsCase, row);
+        const auto& [n, dc, length, start] = row;
         QCOMPARE(calc_disp_fft_len(n, dc), length);
         QCOMPARE(calc_disp_fft_start_idx(n, dc), start);
         QVERIFY(start + length <= n);
@@ -119,22 +120,17 @@ private slots:
     // cycles peaks at shown bin k with the zero frequency, k - 1 without it.
     void sineProfilePeaks_data()
     {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("n");
-        QTest::addColumn<bool>("dc");
-        QTest::addColumn<int>("peak");
-        QTest::newRow("rows even dc") << int(CxFFT1DCnbl::rows) << 64 << true << 5;
-        QTest::newRow("rows even no dc") << int(CxFFT1DCnbl::rows) << 64 << false << 4;
-        QTest::newRow("cols odd dc") << int(CxFFT1DCnbl::cols) << 63 << true << 5;
-        QTest::newRow("cols odd no dc") << int(CxFFT1DCnbl::cols) << 63 << false << 4;
+        QTest::addColumn<SxSineCase>("row");
+        QTest::newRow("rows even dc") << SxSineCase{int(CxFFT1DCnbl::rows), 64, true, 5};
+        QTest::newRow("rows even no dc") << SxSineCase{int(CxFFT1DCnbl::rows), 64, false, 4};
+        QTest::newRow("cols odd dc") << SxSineCase{int(CxFFT1DCnbl::cols), 63, true, 5};
+        QTest::newRow("cols odd no dc") << SxSineCase{int(CxFFT1DCnbl::cols), 63, false, 4};
     }
 
     void sineProfilePeaks()
     {
-        QFETCH(int, type);
-        QFETCH(int, n);
-        QFETCH(bool, dc);
-        QFETCH(int, peak);
+        QFETCH(SxSineCase, row);
+        const auto& [type, n, dc, peak] = row;
         const auto t = CxFFT1DCnbl::ExTransformType(type);
         CxPicture input = sinePicture(t, quint32(n), 5);
         const SxPicBuf& pic = input.pic();

@@ -101,6 +101,15 @@ void captureLog(QtMsgType, const QMessageLogContext&, const QString& msg)
 struct SxWorked { ExImageDataType type; int mode; bool allModes; int scale; int frames; QList<double> values; double expected; };
 Q_DECLARE_METATYPE(SxWorked)
 
+struct SxSeries { ExImageDataType type; int mode; bool rgba; int scale; };
+Q_DECLARE_METATYPE(SxSeries)
+
+struct SxPanelCase { QString control; int restarts; QString field; int value; };
+Q_DECLARE_METATYPE(SxPanelCase)
+
+struct SxLineCase { ExImageDataType type; int channels; bool isColor; int mode; };
+Q_DECLARE_METATYPE(SxLineCase)
+
 class TestImageAveraging : public QObject
 {
     Q_OBJECT
@@ -108,28 +117,23 @@ class TestImageAveraging : public QObject
 private slots:
     void series_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<bool>("rgba");
-        QTest::addColumn<int>("scale");
+        QTest::addColumn<SxSeries>("row");
         const ExImageDataType types[] = {IDT_UINT8, IDT_INT8, IDT_UINT16, IDT_INT16, IDT_UINT32, IDT_INT32, IDT_FLOAT};
         const char* modeNames[] = {"avg", "stdev", "min", "max", "touches"};
         for (ExImageDataType t : types)
             for (int m = 0; m <= 4; ++m)
-                QTest::addRow("%s %s", qPrintable(dataTypeName(t)), modeNames[m]) << t << m << false << 10;
+                QTest::addRow("%s %s", qPrintable(dataTypeName(t)), modeNames[m]) << SxSeries{t, m, false, 10};
         for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
             for (int m = 0; m <= 4; ++m)
-                QTest::addRow("rgba %s %s", qPrintable(dataTypeName(t)), modeNames[m]) << t << m << true << 1;
+                QTest::addRow("rgba %s %s", qPrintable(dataTypeName(t)), modeNames[m]) << SxSeries{t, m, true, 1};
     }
 
     // Four frames through a chain: nothing comes out for the first three live
     // frames, the fourth brings the statistic of all four.
     void series()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(int, mode);
-        QFETCH(bool, rgba);
-        QFETCH(int, scale);
+        QFETCH(SxSeries, row);
+        const auto& [type, mode, rgba, scale] = row;
         const int frames = 4;
         const SxPicBufInfo f = format(5, 3, rgba ? 4 : 1, type, 8, CFA_NONE, DSF_PACKED, rgba);
         SxNodeRun<CxImageAveragingCnbl> run(f);
@@ -141,7 +145,7 @@ private slots:
         CxPicture in(f);
         QScopedPointer<IxChainData> out;
         for (int k = 0; k < frames; ++k) {
-            in.refill([&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x, y, c, k); });
+            in.refill([t = type, k](quint32 x, quint32 y, quint32 c) { return frameValue(t, x, y, c, k); });
             out.reset(run.chain.push(livePacket(in)));
             if (k < frames - 1)
                 QVERIFY(!out);
@@ -279,30 +283,25 @@ private slots:
 
     void lineAveraging_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<int>("channels");
-        QTest::addColumn<bool>("isColor");
-        QTest::addColumn<int>("mode");
+        QTest::addColumn<SxLineCase>("row");
         for (int mode : {1, 2})
             for (ExImageDataType t : {IDT_UINT8, IDT_INT8, IDT_UINT16, IDT_INT16, IDT_UINT32, IDT_INT32, IDT_FLOAT}) {
-                QTest::addRow("%s mono mode %d", qPrintable(dataTypeName(t)), mode) << t << 1 << false << mode;
-                QTest::addRow("%s rgba mode %d", qPrintable(dataTypeName(t)), mode) << t << 4 << true << mode;
+                QTest::addRow("%s mono mode %d", qPrintable(dataTypeName(t)), mode) << SxLineCase{t, 1, false, mode};
+                QTest::addRow("%s rgba mode %d", qPrintable(dataTypeName(t)), mode) << SxLineCase{t, 4, true, mode};
             }
-        QTest::newRow("u16 two channels rows") << IDT_UINT16 << 2 << false << 1;
-        QTest::newRow("mode 3 leaves it") << IDT_UINT8 << 1 << false << 3;
-        QTest::newRow("double unsupported") << IDT_DOUBLE << 1 << false << 1;
+        QTest::newRow("u16 two channels rows") << SxLineCase{IDT_UINT16, 2, false, 1};
+        QTest::newRow("mode 3 leaves it") << SxLineCase{IDT_UINT8, 1, false, 3};
+        QTest::newRow("double unsupported") << SxLineCase{IDT_DOUBLE, 1, false, 1};
     }
 
     // Against the rule (sum + n / 2) / n per channel, on an odd size with padding.
     void lineAveraging()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(int, channels);
-        QFETCH(bool, isColor);
-        QFETCH(int, mode);
+        QFETCH(SxLineCase, row);
+        const auto& [type, channels, isColor, mode] = row;
         const quint32 w = 19, h = 5;
         CxPicture pic(format(w, h, quint32(channels), type, 8, CFA_NONE, DSF_PACKED, isColor));
-        auto value = [&](quint32 x, quint32 y, quint32 c) { return frameValue(type, x * 3, y, c, int(x + c)); };
+        auto value = [t = type](quint32 x, quint32 y, quint32 c) { return frameValue(t, x * 3, y, c, int(x + c)); };
         pic.refill(value);
         const int result = LineAveraging(pic.pic(), mode);
         QCOMPARE(result, type == IDT_DOUBLE ? 0 : 1);
@@ -467,25 +466,20 @@ private slots:
 
     void panelControls_data()
     {
-        QTest::addColumn<QString>("control");
-        QTest::addColumn<int>("restarts");
-        QTest::addColumn<QString>("field");
-        QTest::addColumn<int>("value");
-        QTest::newRow("touches") << "rbModeMinTouches" << 1 << "mode" << 4;
-        QTest::newRow("all stats") << "chkAllTogether" << 1 << "all" << 1;
-        QTest::newRow("infinite") << "chkInfinite" << 0 << "infinite" << 1;
-        QTest::newRow("count") << "spinCount" << 0 << "count" << 7;
-        QTest::newRow("scale 10x") << "10x" << 0 << "scaling" << 10;
+        QTest::addColumn<SxPanelCase>("row");
+        QTest::newRow("touches") << SxPanelCase{"rbModeMinTouches", 1, "mode", 4};
+        QTest::newRow("all stats") << SxPanelCase{"chkAllTogether", 1, "all", 1};
+        QTest::newRow("infinite") << SxPanelCase{"chkInfinite", 0, "infinite", 1};
+        QTest::newRow("count") << SxPanelCase{"spinCount", 0, "count", 7};
+        QTest::newRow("scale 10x") << SxPanelCase{"10x", 0, "scaling", 10};
     }
 
     // Which panel changes restart a running chain: the ones that change what
     // comes out (touches count in 16 bits), and only those.
     void panelControls()
     {
-        QFETCH(QString, control);
-        QFETCH(int, restarts);
-        QFETCH(QString, field);
-        QFETCH(int, value);
+        QFETCH(SxPanelCase, row);
+        const auto& [control, restarts, field, value] = row;
         SxNodeRun<CxImageAveragingCnbl> run(format(4, 4, 1, IDT_UINT8));
         CxImageAveragingCnbl* node = run.node;
         node->setStDevValuesScaling(1);
