@@ -4,25 +4,8 @@
 #include <QtCore/QScopedPointer>
 #include <QtTest/QSignalSpy>
 #include <QtTest/QtTest>
-#include <QtXml/QDomDocument>
 
 using namespace nodetest;
-
-namespace {
-
-// Values set the way a chain document sets them: as they are, unchecked.
-void load(CxFilterImagesCnbl& node, const QString& modulo, const QString& remainder)
-{
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    if (!modulo.isNull())
-        element.setAttribute(QStringLiteral("filterModulo"), modulo);
-    if (!remainder.isNull())
-        element.setAttribute(QStringLiteral("filterRemainder"), remainder);
-    QVERIFY(node.loadSettings(element));
-}
-
-} // namespace
 
 class TestFilterImages : public QObject
 {
@@ -54,7 +37,9 @@ private slots:
 
         CxPicture input(format(4, 3, 1, IDT_UINT8));
         SxNodeRun<CxFilterImagesCnbl> run(input.pic());
-        load(*run.node, QString::number(modulo), QString::number(remainder));
+        // As a chain document sets them: unchecked.
+        QVERIFY(run.node->loadSettings(
+            SxDocument().element({{"filterModulo", QString::number(modulo)}, {"filterRemainder", QString::number(remainder)}})));
         QVERIFY(run.chain.start());
         for (int frame = -6; frame <= 6; ++frame) {
             input.pic().frameNumber = frame;

@@ -25,15 +25,12 @@
 #include <QtWidgets/QListWidget>
 #include <QtWidgets/QRadioButton>
 #include <QtWidgets/QSpinBox>
-#include <QtXml/QDomDocument>
 
 #include <memory>
 
 using namespace nodetest;
 
 namespace {
-
-using Attributes = QMap<QString, QString>;
 
 // What processData does with a packet: answers null and leaves it to the
 // caller, or hands the very packet back.
@@ -169,29 +166,6 @@ std::unique_ptr<CxChainable> create(int node)
 {
     return std::unique_ptr<CxChainable>(qobject_cast<CxChainable*>(rule(node).cls->newInstance()));
 }
-
-struct SxDocument
-{
-    QDomDocument doc;
-    QDomElement element(const Attributes& attrs = {})
-    {
-        QDomElement e = doc.createElement(QStringLiteral("Chainable"));
-        for (auto it = attrs.cbegin(); it != attrs.cend(); ++it)
-            e.setAttribute(it.key(), it.value());
-        return e;
-    }
-    Attributes saved(CxChainable& node)
-    {
-        QDomElement e = element();
-        if (!node.saveSettings(doc, e))
-            return {{QStringLiteral("saveSettings"), QStringLiteral("false")}};
-        Attributes map;
-        const QDomNamedNodeMap all = e.attributes();
-        for (int i = 0; i < all.count(); ++i)
-            map.insert(all.item(i).toAttr().name(), all.item(i).toAttr().value());
-        return map;
-    }
-};
 
 class CxForeignData : public IxChainData
 {

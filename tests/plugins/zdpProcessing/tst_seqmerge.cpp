@@ -3,7 +3,6 @@
 
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtXml/QDomDocument>
 
 using namespace nodetest;
 using Mode = CxSeqMergeCnbl::ExMode;
@@ -50,25 +49,19 @@ private slots:
         // frame number>", "-" for an unfilled place. An output carries the
         // number of the first frame stored since the output before.
 
-        QTest::newRow("tiles 2, numbers 10 11")
-            << SxSequence{0, 2, true, QList<int>{10, 11}, QStringList{"1:10 11#10"}};
+        QTest::newRow("tiles 2, numbers 10 11") << SxSequence{0, 2, true, {10, 11}, {"1:10 11#10"}};
         QTest::newRow("tiles 4, dropped, complete only")
-            << SxSequence{0, 4, true, QList<int>{0, 1, 3, 4, 5, 6, 7}, QStringList{"6:4 5 6 7#0"}};
-        QTest::newRow("tiles 4, dropped, any")
-            << SxSequence{0, 4, false, QList<int>{0, 1, 3}, QStringList{"2:0 1 - 3#0"}};
+            << SxSequence{0, 4, true, {0, 1, 3, 4, 5, 6, 7}, {"6:4 5 6 7#0"}};
+        QTest::newRow("tiles 4, dropped, any") << SxSequence{0, 4, false, {0, 1, 3}, {"2:0 1 - 3#0"}};
         // The place of frame 2 must not show frame 2 of the sequence before.
         QTest::newRow("tiles 4, drop after a full picture")
-            << SxSequence{0, 4, false, QList<int>{0, 1, 2, 3, 4, 5, 7}, QStringList{"3:0 1 2 3#0", "6:4 5 - 7#4"}};
-        QTest::newRow("rows 3, early flush")
-            << SxSequence{1, 3, false, QList<int>{0, 1, 0, 1, 2}, QStringList{"2:0 1 -#0", "4:0 1 2#0"}};
-        QTest::newRow("rows 3, gap waits for a full pass")
-            << SxSequence{1, 3, true, QList<int>{0, 2, 3, 4, 5}, QStringList{"4:3 4 5#0"}};
-        QTest::newRow("rows 3, restart in the middle")
-            << SxSequence{1, 3, true, QList<int>{1, 2, 3, 4, 5}, QStringList{"4:3 4 5#1"}};
-        QTest::newRow("rows 1") << SxSequence{1, 1, true, QList<int>{5, 6}, QStringList{"0:5#5", "1:6#6"}};
+            << SxSequence{0, 4, false, {0, 1, 2, 3, 4, 5, 7}, {"3:0 1 2 3#0", "6:4 5 - 7#4"}};
+        QTest::newRow("rows 3, early flush") << SxSequence{1, 3, false, {0, 1, 0, 1, 2}, {"2:0 1 -#0", "4:0 1 2#0"}};
+        QTest::newRow("rows 3, gap waits for a full pass") << SxSequence{1, 3, true, {0, 2, 3, 4, 5}, {"4:3 4 5#0"}};
+        QTest::newRow("rows 3, restart in the middle") << SxSequence{1, 3, true, {1, 2, 3, 4, 5}, {"4:3 4 5#1"}};
+        QTest::newRow("rows 1") << SxSequence{1, 1, true, {5, 6}, {"0:5#5", "1:6#6"}};
         // A frame of the same place again overwrites it.
-        QTest::newRow("tiles 2, repeated place")
-            << SxSequence{0, 2, true, QList<int>{0, 0, 2, 3}, QStringList{"3:2 3#0"}};
+        QTest::newRow("tiles 2, repeated place") << SxSequence{0, 2, true, {0, 0, 2, 3}, {"3:2 3#0"}};
     }
 
     void sequences()
@@ -120,13 +113,11 @@ private slots:
         QFETCH(int, mode);
         QFETCH(QString, countText);
 
-        QDomDocument doc;
-        QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-        element.setAttribute(QStringLiteral("mergeSeqMode"), mode);
-        element.setAttribute(QStringLiteral("mergeSeqCount"), countText);
+        SxDocument doc;
         CxPicture input(format(4, 3, 1, IDT_UINT8), [](quint32 x, quint32 y, quint32) { return x + 4 * y; });
         SxNodeRun<CxSeqMergeCnbl> run(input.pic());
-        QVERIFY(run.node->loadSettings(element));
+        QVERIFY(run.node->loadSettings(
+            doc.element({{"mergeSeqMode", QString::number(mode)}, {"mergeSeqCount", countText}})));
         QCOMPARE(run.node->title(), QStringLiteral("Merge %1 Images").arg(countText));
 
         for (int frame = 0; frame < 3; ++frame) {
@@ -137,9 +128,7 @@ private slots:
             QCOMPARE(out->picBuf()->height, 3u);
             QCOMPARE(sampleValue(*out->picBuf(), 3, 2), 11.0);
         }
-        QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
-        run.node->saveSettings(doc, saved);
-        QCOMPARE(saved.attribute(QStringLiteral("mergeSeqCount")), countText);
+        QCOMPARE(doc.saved(*run.node).value("mergeSeqCount"), countText);
     }
 
     void outputFormat_data()
