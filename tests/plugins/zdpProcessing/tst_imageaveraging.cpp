@@ -8,7 +8,6 @@
 #include <QtTest/QtTest>
 #include <QtWidgets/QPushButton>
 #include <QtWidgets/QSpinBox>
-#include <QtXml/QDomDocument>
 
 #include <cmath>
 
@@ -66,20 +65,6 @@ CxImageData* livePacket(const CxPicture& in)
     return p;
 }
 
-// One sample value per frame (mono, 1 x 1) as live packets; the output of the
-// last one.
-QScopedPointer<CxImageData> pushValues(SxNodeRun<CxImageAveragingCnbl>& run, CxPicture& in,
-                                       const std::vector<double>& values)
-{
-    IxChainData* last = nullptr;
-    for (double v : values) {
-        delete last;
-        in.refill([v](quint32, quint32, quint32) { return v; });
-        last = run.chain.push(livePacket(in));
-    }
-    return QScopedPointer<CxImageData>(qobject_cast<CxImageData*>(last));
-}
-
 CxHistoData histogramWithLevels(const std::vector<double>& levels)
 {
     CxHistoData h;
@@ -97,9 +82,11 @@ void captureLog(QtMsgType, const QMessageLogContext&, const QString& msg)
 
 } // namespace
 
-// values: the last repeats to fill the frames
-struct SxWorked { ExImageDataType type; int mode; bool allModes; int scale; int frames; QList<double> values; double expected; };
+// count: frames to a series; values: one per frame, the last repeating
+struct SxWorked { ExImageDataType type; int mode; bool allModes; int scale, count, frames; QList<double> values; double expected; };
 Q_DECLARE_METATYPE(SxWorked)
+struct SxSubtract { ExImageDataType type; double frame, average, level, expected; };
+Q_DECLARE_METATYPE(SxSubtract)
 
 struct SxSeries { ExImageDataType type; int mode; bool rgba; int scale; };
 Q_DECLARE_METATYPE(SxSeries)
@@ -180,61 +167,66 @@ private slots:
     {
         QTest::addColumn<SxWorked>("row");
         // mean 127, variance 32767, sqrt 181.0166, 18101 kept to its low 8 bits
-        QTest::newRow("stdev 0 and 255 at 100x") << SxWorked{IDT_UINT8, 1, false, 100, 2, QList<double>{0, 255}, 181.0};
-        QTest::newRow("stdev of equal frames") << SxWorked{IDT_UINT8, 1, false, 100, 3, QList<double>{9}, 0.0};
+        QTest::newRow("stdev 0 and 255 at 100x") << SxWorked{IDT_UINT8, 1, false, 100, 2, 2, {0, 255}, 181.0};
+        QTest::newRow("stdev of equal frames") << SxWorked{IDT_UINT8, 1, false, 100, 3, 3, {9}, 0.0};
         // 70000 mod 65536
-        QTest::newRow("min touches wrap") << SxWorked{IDT_UINT8, 4, false, 1, 70000, QList<double>{17}, 4464.0};
+        QTest::newRow("min touches wrap") << SxWorked{IDT_UINT8, 4, false, 1, 70000, 70000, {17}, 4464.0};
         QTest::newRow("touches alone: a new minimum restarts at 1")
-            << SxWorked{IDT_INT16, 4, false, 1, 4, QList<double>{-5, -5, -7}, 2.0};
+            << SxWorked{IDT_INT16, 4, false, 1, 4, 4, {-5, -5, -7}, 2.0};
         QTest::newRow("touches with all modes: Min lowers first, so it counts on")
-            << SxWorked{IDT_INT16, 4, true, 1, 4, QList<double>{-5, -5, -7}, 4.0};
+            << SxWorked{IDT_INT16, 4, true, 1, 4, 4, {-5, -5, -7}, 4.0};
+        // Series of one frame.
+        QTest::newRow("avg count 1: copy") << SxWorked{IDT_UINT8, 0, false, 1, 1, 2, {77}, 77.0};
+        QTest::newRow("avg count 0: copy") << SxWorked{IDT_UINT8, 0, false, 1, 0, 2, {77}, 77.0};
+        QTest::newRow("stdev: zeros") << SxWorked{IDT_UINT8, 1, false, 1, 1, 2, {77}, 0.0};
+        QTest::newRow("touches: ones") << SxWorked{IDT_UINT8, 4, false, 1, 1, 2, {77}, 1.0};
+        QTest::newRow("subtract: copy") << SxWorked{IDT_UINT8, 5, false, 1, 1, 2, {77}, 77.0};
+        QTest::newRow("mode 7 at the end of a series: copy") << SxWorked{IDT_UINT8, 7, false, 1, 2, 2, {77}, 77.0};
     }
 
+    // Live frames of one value each (the last value repeats): a picture comes
+    // out when a series ends, every count frames (every frame for counts 0
+    // and 1); the last one is checked.
     void workedNumbers()
     {
         QFETCH(SxWorked, row);
-        const auto& [type, mode, allModes, scale, frames, values, expected] = row;
-        const SxPicBufInfo f = format(1, 1, 1, type);
+        const auto& [type, mode, allModes, scale, count, frames, values, expected] = row;
+        const SxPicBufInfo f = format(3, 2, 1, type);
         SxNodeRun<CxImageAveragingCnbl> run(f);
         run.node->setMode(Mode(mode));
         run.node->setCalcAllModesTogether(allModes);
-        run.node->setCountToAverage(frames);
+        run.node->setCountToAverage(count);
         run.node->setStDevValuesScaling(scale);
         QVERIFY(run.chain.start());
         CxPicture in(f);
-        std::vector<double> v(size_t(frames), values.back());
-        std::copy(values.begin(), values.end(), v.begin());
-        auto out = pushValues(run, in, v);
-        QVERIFY(out);
-        QCOMPARE(sampleValue(*out->picBuf(), 0, 0), expected);
+        for (int k = 1; k <= frames; ++k) {
+            const double v = values.value(k - 1, values.back());
+            in.refill([v](quint32, quint32, quint32) { return v; });
+            QScopedPointer<IxChainData> out(run.chain.push(livePacket(in)));
+            if (bool(out) != (k % qMax(count, 1) == 0))
+                QFAIL(qPrintable(QString("frame %1 of %2: output %3").arg(k).arg(frames).arg(out ? "a picture" : "none")));
+            if (k == frames)
+                QCOMPARE(sampleValue(*qobject_cast<CxImageData*>(out.data())->picBuf(), 2, 1), expected);
+        }
     }
 
     void subtractKernels_data()
     {
-        QTest::addColumn<ExImageDataType>("type");
-        QTest::addColumn<double>("frame");
-        QTest::addColumn<double>("average");
-        QTest::addColumn<double>("level");
-        QTest::addColumn<double>("expected");
-        QTest::newRow("u8 clamped at 0") << IDT_UINT8 << 10.0 << 200.0 << 127.6 << 0.0;   // 10 - 200 + 128
-        QTest::newRow("u8 clamped at top") << IDT_UINT8 << 250.0 << 10.0 << 100.0 << 255.0;
-        QTest::newRow("u16 in range") << IDT_UINT16 << 1000.0 << 900.0 << 49.4 << 149.0;
-        QTest::newRow("i8 negative to 0") << IDT_INT8 << -20.0 << 10.0 << 5.0 << 0.0;
-        QTest::newRow("i16 above signed range") << IDT_INT16 << 30000.0 << 0.0 << 9999.5 << -25536.0;
-        QTest::newRow("u32 wide") << IDT_UINT32 << 4000000000.0 << 1.0 << 2.0 << 4000000001.0;
-        QTest::newRow("float unclamped") << IDT_FLOAT << 1.0 << 3.0 << 0.25 << -1.25;
+        QTest::addColumn<SxSubtract>("row");
+        QTest::newRow("u8 clamped at 0") << SxSubtract{IDT_UINT8, 10.0, 200.0, 127.6, 0.0};  // 10 - 200 + 128
+        QTest::newRow("u8 clamped at top") << SxSubtract{IDT_UINT8, 250.0, 10.0, 100.0, 255.0};
+        QTest::newRow("u16 in range") << SxSubtract{IDT_UINT16, 1000.0, 900.0, 49.4, 149.0};
+        QTest::newRow("i8 negative to 0") << SxSubtract{IDT_INT8, -20.0, 10.0, 5.0, 0.0};
+        QTest::newRow("i16 above signed range") << SxSubtract{IDT_INT16, 30000.0, 0.0, 9999.5, -25536.0};
+        QTest::newRow("u32 wide") << SxSubtract{IDT_UINT32, 4000000000.0, 1.0, 2.0, 4000000001.0};
+        QTest::newRow("float unclamped") << SxSubtract{IDT_FLOAT, 1.0, 3.0, 0.25, -1.25};
     }
-
     void subtractKernels()
     {
-        QFETCH(ExImageDataType, type);
-        QFETCH(double, frame);
-        QFETCH(double, average);
-        QFETCH(double, level);
-        QFETCH(double, expected);
-        CxPicture out(format(3, 2, 1, type, 4)), avg(format(3, 2, 1, type, 4));
-        out.refill([&](quint32, quint32, quint32) { return frame; });
-        avg.refill([&](quint32, quint32, quint32) { return average; });
+        QFETCH(SxSubtract, row);
+        const auto& [type, frame, average, level, expected] = row;
+        CxPicture out(format(3, 2, 1, type, 4), [v = frame](quint32, quint32, quint32) { return v; });
+        CxPicture avg(format(3, 2, 1, type, 4), [v = average](quint32, quint32, quint32) { return v; });
         QVERIFY(SubtractWithOffset(avg.pic(), out.pic(), histogramWithLevels({level})));
         for (quint32 y = 0; y < 2; ++y)
             for (quint32 x = 0; x < 3; ++x)
@@ -403,41 +395,7 @@ private slots:
         QCOMPARE(sampleValue(*qobject_cast<CxImageData*>(out.data())->picBuf(), 1, 1), expectedMin);
     }
 
-    void singleFrameSeries_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<int>("count");
-        QTest::addColumn<double>("expected");
-        QTest::newRow("avg count 1: copy") << 0 << 1 << 77.0;
-        QTest::newRow("avg count 0: copy") << 0 << 0 << 77.0;
-        QTest::newRow("stdev: zeros") << 1 << 1 << 0.0;
-        QTest::newRow("touches: ones") << 4 << 1 << 1.0;
-        QTest::newRow("subtract: copy") << 5 << 1 << 77.0;
-        QTest::newRow("mode 7 at the end of a series: copy") << 7 << 2 << 77.0;
-    }
 
-    void singleFrameSeries()
-    {
-        QFETCH(int, mode);
-        QFETCH(int, count);
-        QFETCH(double, expected);
-        const SxPicBufInfo f = format(3, 2, 1, IDT_UINT8);
-        SxNodeRun<CxImageAveragingCnbl> run(f);
-        run.node->setMode(Mode(mode));
-        run.node->setCountToAverage(count);
-        QVERIFY(run.chain.start());
-        CxPicture in(f, [](quint32, quint32, quint32) { return 77.0; });
-        for (int k = 0; k < 2; ++k) {
-            QScopedPointer<IxChainData> out(run.chain.push(livePacket(in)));
-            if (count > 1 && k == 0) {
-                QVERIFY(!out);
-                continue;
-            }
-            auto* image = qobject_cast<CxImageData*>(out.data());
-            QVERIFY(image);
-            QCOMPARE(sampleValue(*image->picBuf(), 2, 1), expected);
-        }
-    }
 
     // No picture fits the allocator's limit: all seven are logged and the node
     // still runs (emitting nothing).
