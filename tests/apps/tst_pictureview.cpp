@@ -1,8 +1,6 @@
-// The viewer's picture part: what the display mapper makes of every sample
-// type and stretch, which source pixel each screen pixel shows, measurements
-// against plain references, mosaic cell names, and the view and panel while
-// frames change. Frames sit in buffers of exactly the size their format
-// needs, so the sanitizer build catches any read past the last row.
+// The viewer's picture part: the display mapper, measurements against plain
+// references, cell names, and the view and panel while frames change. Frames
+// end with their last row's samples, so the sanitizer catches reads past it.
 #include <PictureKit.h>
 
 #include <CxSyntheticCamera.h>
@@ -223,35 +221,32 @@ private slots:
 
     void rectStatistics_data()
     {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("channels");
-        QTest::addColumn<bool>("colour");
+        QTest::addColumn<SxFormat>("format");
         QTest::addColumn<QRect>("rect");
 
-        QTest::newRow("u8 inside") << int(IDT_UINT8) << 1 << false << QRect(3, 2, 10, 7);
-        QTest::newRow("bgr u16 past the bottom right") << int(IDT_UINT16) << 3 << true << QRect(20, 10, 40, 40);
-        QTest::newRow("s16 past the top left") << int(IDT_INT16) << 1 << false << QRect(-4, -9, 9, 12);
-        QTest::newRow("s32 two channels") << int(IDT_INT32) << 2 << false << QRect(0, 0, 31, 17);
-        QTest::newRow("float with NaN") << int(IDT_FLOAT) << 1 << false << QRect(1, 1, 29, 15);
-        QTest::newRow("outside") << int(IDT_UINT8) << 1 << false << QRect(31, 0, 5, 5);
-        QTest::newRow("empty") << int(IDT_UINT8) << 1 << false << QRect(4, 4, 0, 3);
+        QTest::newRow("u8 inside") << SxFormat{IDT_UINT8} << QRect(3, 2, 10, 7);
+        QTest::newRow("bgr u16 past the bottom right") << SxFormat{IDT_UINT16, 3, 0, true} << QRect(20, 10, 40, 40);
+        QTest::newRow("s16 past the top left") << SxFormat{IDT_INT16} << QRect(-4, -9, 9, 12);
+        QTest::newRow("s32 two channels") << SxFormat{IDT_INT32, 2} << QRect(0, 0, 31, 17);
+        QTest::newRow("float with NaN") << SxFormat{IDT_FLOAT} << QRect(1, 1, 29, 15);
+        QTest::newRow("outside") << SxFormat{IDT_UINT8} << QRect(31, 0, 5, 5);
+        QTest::newRow("empty") << SxFormat{IDT_UINT8} << QRect(4, 4, 0, 3);
     }
 
     void rectStatistics()
     {
-        QFETCH(int, type);
-        QFETCH(int, channels);
-        QFETCH(bool, colour);
+        QFETCH(SxFormat, format);
         QFETCH(QRect, rect);
 
-        const auto t = ExImageDataType(type);  // integers over the whole type
+        const ExImageDataType t = format.type;  // integers over the whole type
+        const int channels = int(format.channels);
         const auto value = [t](quint32 x, quint32 y, quint32 c) -> double {
             const quint32 n = noise(x, y, c);
             if (kit::isFloat(t))
                 return x == 7 && y == 3 ? NaN : double(float(1e4 + double(n % 1000) / 7));
             return double(kit::lowest(t) + std::fmod((long double)n, kit::highest(t) - kit::lowest(t) + 1));
         };
-        const ViewFramePtr frame = makeFrame({ExImageDataType(type), quint32(channels), 0, colour}, 31, 17, value);
+        const ViewFramePtr frame = makeFrame(format, 31, 17, value);
         const QList<PictureMeasure::SxChannelStatistics> got = PictureMeasure::rectStatistics(*frame, rect);
         const QRect r = rect & QRect(0, 0, 31, 17);
         if (r.isEmpty()) {
@@ -260,7 +255,7 @@ private slots:
         }
         QCOMPARE(got.size(), channels);
         for (int c = 0; c < channels; ++c) {
-            const quint32 stored = colour ? quint32(2 - c) : quint32(c);
+            const quint32 stored = format.colour ? quint32(2 - c) : quint32(c);
             std::vector<double> v;
             for (int y = r.top(); y <= r.bottom(); ++y)
                 for (int x = r.left(); x <= r.right(); ++x)
@@ -300,10 +295,8 @@ private slots:
         QFETCH(QList<double>, samples);
         QFETCH(QList<double>, bins);
         const PictureMeasure::SxHistogram h = PictureMeasure::histogram(*rowFrame(format, samples));
-        QCOMPARE(h.binCount(), int(bins[0]));
-        QCOMPARE(h.low, bins[1]);
-        QCOMPARE(h.binWidth, bins[2]);
-        QCOMPARE(h.counts.first().at(int(bins[3])), 1.0);
+        QCOMPARE((QList<double>{double(h.binCount()), h.low, h.binWidth, h.counts.first().at(int(bins[3]))}),
+                 bins.mid(0, 3) << 1.0);
     }
 
     void viewFollowsFrames()

@@ -1,15 +1,10 @@
-// Picture files in and out of the command-line host: every sample type and
-// channel count through our TIFF writer and reader and through the binary,
-// files made by other writers (libtiff directly, QImage, PGM/PPM bytes by
-// hand), files of several frames, raw frames with what the command line and
-// camera descriptions say about them, how inputs are listed, and broken
-// files, each of which must end a run with one line naming the file and
-// status 2.
+// Picture files in and out of the command-line host: every sample type through
+// our TIFF writer, reader and the binary, files of other writers and of several
+// frames, raw frames, input lists, and runs that fail with one line naming why.
 #include "AppTestSupport.h"
 
 #include <CxSyntheticCamera.h>
 #include <ImageFileReader.h>
-#include <PngIo.h>
 #include <TiffIo.h>
 
 #include <QtCore/QBuffer>
@@ -18,8 +13,6 @@
 #include <QtCore/QTemporaryDir>
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
-
-#include <vector>
 
 namespace {
 

@@ -258,28 +258,26 @@ private slots:
         auto rgb = [](quint32 n, bool isColor) { return format(4, 4, n, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, isColor); };
 
         QTest::newRow("no input yet") << SxListCase{false, SxPicBufInfo(), none, 2u, QStringList(), QList<int>(), 2};
-        QTest::newRow("mono")
-            << SxListCase{true, format(4, 4, 1, IDT_UINT8), none, 0u, QStringList{"Mono"}, QList<int>{0}, 0};
+        QTest::newRow("mono") << SxListCase{true, format(4, 4, 1, IDT_UINT8), none, 0u, {"Mono"}, {0}, 0};
         // Colour pictures are stored blue first.
         QTest::newRow("rgb channel 7")
-            << SxListCase{true, rgb(3, true), none, 7u, QStringList{"Blue", "Green", "Red"}, QList<int>{0, 1, 2}, 2};
-        QTest::newRow("rgba")
-            << SxListCase{true, rgb(4, true), none, 1u, QStringList{"Blue", "Green", "Red", "Alpha"}, four, 1};
+            << SxListCase{true, rgb(3, true), none, 7u, {"Blue", "Green", "Red"}, {0, 1, 2}, 2};
+        QTest::newRow("rgba") << SxListCase{true, rgb(4, true), none, 1u, {"Blue", "Green", "Red", "Alpha"}, four, 1};
         QTest::newRow("three numbered")
-            << SxListCase{true, rgb(3, false), none, 0u, QStringList{"Channel 0", "Channel 1", "Channel 2"},
+            << SxListCase{true, rgb(3, false), none, 0u, {"Channel 0", "Channel 1", "Channel 2"},
                 QList<int>{0, 1, 2}, 0};
         QTest::newRow("five colour channels numbered")
             << SxListCase{true, rgb(5, true), none, 4u,
-                QStringList{"Channel 0", "Channel 1", "Channel 2", "Channel 3", "Channel 4"}, QList<int>{0, 1, 2, 3, 4},
+                QStringList{"Channel 0", "Channel 1", "Channel 2", "Channel 3", "Channel 4"}, {0, 1, 2, 3, 4},
                 4};
         QTest::newRow("metadata names")
-            << SxListCase{true, rgb(3, true), metaWith(CFA_NONE, {"x", "y", "z"}), 1u, QStringList{"x", "y", "z"},
+            << SxListCase{true, rgb(3, true), metaWith(CFA_NONE, {"x", "y", "z"}), 1u, {"x", "y", "z"},
                 QList<int>{0, 1, 2}, 1};
         QTest::newRow("metadata names of another count")
             << SxListCase{true, rgb(2, false), metaWith(CFA_NONE, {"x", "y", "z"}), 1u,
-                QStringList{"Channel 0", "Channel 1"}, QList<int>{0, 1}, 1};
+                QStringList{"Channel 0", "Channel 1"}, {0, 1}, 1};
         QTest::newRow("one named channel")
-            << SxListCase{true, bayer(CFA_BAYER_RGGB), metaWith(CFA_BAYER_RGGB, {"raw"}), 3u, QStringList{"raw"},
+            << SxListCase{true, bayer(CFA_BAYER_RGGB), metaWith(CFA_BAYER_RGGB, {"raw"}), 3u, {"raw"},
                 QList<int>{0}, 3};
         const struct {
             ExColorFilterArray cfa;
@@ -297,9 +295,9 @@ private slots:
                 << SxListCase{true, bayer(c.cfa), none, 9u, c.names, four, 3};
         QTest::newRow("mosaic not raw")
             << SxListCase{true, format(8, 6, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW), none, 2u,
-                QStringList{"Mono"}, QList<int>{0}, 0};
+                QStringList{"Mono"}, {0}, 0};
         QTest::newRow("unknown filter array")
-            << SxListCase{true, bayer(ExColorFilterArray(9)), none, 0u, QStringList{"Mono"}, QList<int>{0}, 0};
+            << SxListCase{true, bayer(ExColorFilterArray(9)), none, 0u, {"Mono"}, {0}, 0};
         QTest::newRow("hsi by wavelength, zone by zone")
             << SxListCase{true, format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC),
                 metaWith(CFA_HSI_MOSAIC, {}, twoZoneCamera()), 2u,
@@ -307,7 +305,7 @@ private slots:
                 QList<int>{3, 7, 1, 5, 0, 4, 2, 6, 9, 11, 10, 8}, 2};
         QTest::newRow("hsi without camera")
             << SxListCase{true, format(24, 16, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), metaWith(CFA_HSI_MOSAIC), 2u,
-                QStringList{"Mono"}, QList<int>{0}, 2};
+                QStringList{"Mono"}, {0}, 2};
     }
 
     // The list the widget and the quick buttons offer, and the buttons themselves.

@@ -81,25 +81,24 @@ private slots:
 
         // Exponents in superscript digits, written out here.
         const QString sq = "\u00B2", cube = "\u00B3";
-        QTest::newRow("linear 4")
-            << SxTicks{0.0, 4.0, false, QList<double>{0, 1, 2, 3, 4}, QStringList{"0", "1", "2", "3", "4"}};
-        QTest::newRow("linear 12") << SxTicks{3.0, 12.0, false, QList<double>{0, 10}, QStringList{"0", "10"}};
+        QTest::newRow("linear 4") << SxTicks{0.0, 4.0, false, {0, 1, 2, 3, 4}, {"0", "1", "2", "3", "4"}};
+        QTest::newRow("linear 12") << SxTicks{3.0, 12.0, false, {0, 10}, {"0", "10"}};
         QTest::newRow("linear default max")
-            << SxTicks{0.0, 400000.0, false, QList<double>{0, 100000, 200000, 300000, 400000},
+            << SxTicks{0.0, 400000.0, false, {0, 100000, 200000, 300000, 400000},
                 QStringList{"0", "100000", "200000", "300000", "400000"}};
-        QTest::newRow("linear half") << SxTicks{0.0, 0.5, false, QList<double>{0}, QStringList{"0"}};
-        QTest::newRow("linear negative") << SxTicks{-9.0, -1.0, false, QList<double>{}, QStringList{}};
+        QTest::newRow("linear half") << SxTicks{0.0, 0.5, false, {0}, {"0"}};
+        QTest::newRow("linear negative") << SxTicks{-9.0, -1.0, false, {}, {}};
         QTest::newRow("log 1 to 1e6")
-            << SxTicks{1.0, 1e6, true, QList<double>{1, 10, 100, 1e3, 1e4, 1e5, 1e6},
+            << SxTicks{1.0, 1e6, true, {1, 10, 100, 1e3, 1e4, 1e5, 1e6},
                 QStringList{"1", "10", "10" + sq, "10" + cube, "10\u2074", "10\u2075", "10\u2076"}};
         QTest::newRow("log 1e12, every other decade")
-            << SxTicks{0.0, 1e12, true, QList<double>{1, 1e2, 1e4, 1e6, 1e8, 1e10, 1e12},
+            << SxTicks{0.0, 1e12, true, {1, 1e2, 1e4, 1e6, 1e8, 1e10, 1e12},
                 QStringList{"1", "10" + sq, "10\u2074", "10\u2076", "10\u2078", "10\u00B9\u2070", "10\u00B9\u00B2"}};
         QTest::newRow("log from 0")
-            << SxTicks{0.0, 1000.0, true, QList<double>{1, 10, 100, 1000},
+            << SxTicks{0.0, 1000.0, true, {1, 10, 100, 1000},
                 QStringList{"1", "10", "10" + sq, "10" + cube}};
         QTest::newRow("log negative lower")
-            << SxTicks{-2.0, 100.0, true, QList<double>{0.01, 0.1, 1, 10, 100},
+            << SxTicks{-2.0, 100.0, true, {0.01, 0.1, 1, 10, 100},
                 QStringList{"10-" + sq, "10-\u00B9", "1", "10", "10" + sq}};
     }
 
