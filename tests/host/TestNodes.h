@@ -189,6 +189,17 @@ public:
     Q_INVOKABLE CxTstClashingNode() = default;
 };
 
+// Appends a node the chain then owns; the name tells nodes apart in TestLog.
+template <class N>
+N* appendNew(CxChain& chain, const char* name = nullptr)
+{
+    auto* n = new N;
+    if (name)
+        n->setObjectName(QLatin1String(name));
+    chain.appendNode(n);
+    return n;
+}
+
 // A finite source that waits for room instead of dropping frames.
 class CxTstFileLikeSource : public CxSyntheticCamera
 {

@@ -45,6 +45,10 @@ qint64 accounted(const CxChain::SxStats& s)
 
 } // namespace
 
+// counted: which of the node's counters the packet went to
+struct SxOwnership { int behaviour; int frame; bool output; bool inputIsOutput; QString counted; };
+Q_DECLARE_METATYPE(SxOwnership)
+
 class TstChain : public QObject
 {
     Q_OBJECT
@@ -61,10 +65,8 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(kit::format(8, 8, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true));
-        auto* add = new CxTstAddNode;
-        auto* mono = new CxTstMonoOnlyNode;
-        chain.appendNode(add);
-        chain.appendNode(mono);
+        auto* add = appendNew<CxTstAddNode>(chain);
+        auto* mono = appendNew<CxTstMonoOnlyNode>(chain);
         QVERIFY(!chain.start());
         QVERIFY(chain.stopped());
         QVERIFY2(chain.lastError().contains("Mono only"), qPrintable(chain.lastError()));
@@ -101,13 +103,9 @@ private slots:
         chain.setInputFormat(kit::format(8, 4));
         std::atomic<int> delivered{0};
         chain.setOutputHandler([&](IxChainData* d) { delete d; ++delivered; });
-        auto* a = new CxTstAddNode;
-        auto* b = new CxTstAddNode;
-        a->setObjectName("a");
-        b->setObjectName("b");
+        appendNew<CxTstAddNode>(chain, "a");
+        auto* b = appendNew<CxTstAddNode>(chain, "b");
         b->throwIn = where;
-        chain.appendNode(a);
-        chain.appendNode(b);
         QSignalSpy failed(&chain, &CxChain::failed);
         const bool atStart = where == "queryOutputImageInfo" || where == "setupStart";
         QCOMPARE(chain.start(), !atStart);
@@ -144,12 +142,8 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(kit::format(9, 5));
-        auto* a = new CxTstAddNode;
-        auto* b = new CxTstAddNode;
-        a->setObjectName("a");
-        b->setObjectName("b");
-        chain.appendNode(a);
-        chain.appendNode(b);
+        auto* a = appendNew<CxTstAddNode>(chain, "a");
+        auto* b = appendNew<CxTstAddNode>(chain, "b");
         QVERIFY(chain.start());
         QCOMPARE(TestLog::lines(), QStringList({"start a", "start b"}));
         QCOMPARE(b->inAtStart.width, 9u);
@@ -179,10 +173,8 @@ private slots:
         chain.setRunMode(CxChain::ExRunMode(mode));
         chain.setQueueDepth(depth);
         chain.setInputFormat(kit::format(4, 4));
-        auto* add = new CxTstAddNode;
-        auto* pass = new CxTstBehaviourNode;  // asks for no picture
-        chain.appendNode(add);
-        chain.appendNode(pass);
+        auto* add = appendNew<CxTstAddNode>(chain);
+        auto* pass = appendNew<CxTstBehaviourNode>(chain);  // asks for no picture
         QVERIFY(chain.start());
         QCOMPARE(CxPicBufAPI::MemoryPoolSize(add->memoryPool()), expected);
         QVERIFY(!pass->memoryPool());
@@ -191,32 +183,23 @@ private slots:
 
     void synchronousOwnership_data()
     {
-        QTest::addColumn<int>("behaviour");
-        QTest::addColumn<int>("frame");
-        QTest::addColumn<bool>("output");
-        QTest::addColumn<bool>("inputIsOutput");
-        QTest::addColumn<QString>("counted");  // which of the node's counters the packet went to
-        QTest::newRow("pass through") << int(CxTstBehaviourNode::PassThrough) << 0 << true << true << "passedOn";
+        QTest::addColumn<SxOwnership>("row");
+        QTest::newRow("pass through") << SxOwnership{int(CxTstBehaviourNode::PassThrough), 0, true, true, "passedOn"};
         QTest::newRow("dropped, not freed by the node")
-            << int(CxTstBehaviourNode::DropOdd) << 1 << false << false << "withoutOutput";
-        QTest::newRow("kept") << int(CxTstBehaviourNode::DropOdd) << 2 << true << true << "passedOn";
+            << SxOwnership{int(CxTstBehaviourNode::DropOdd), 1, false, false, "withoutOutput"};
+        QTest::newRow("kept") << SxOwnership{int(CxTstBehaviourNode::DropOdd), 2, true, true, "passedOn"};
         QTest::newRow("new packet, input left to the host")
-            << int(CxTstBehaviourNode::NewKeepInput) << 0 << true << false << "outputs";
-        QTest::newRow("node throws") << int(CxTstBehaviourNode::Throw) << 0 << false << false << "withoutOutput";
+            << SxOwnership{int(CxTstBehaviourNode::NewKeepInput), 0, true, false, "outputs"};
+        QTest::newRow("node throws") << SxOwnership{int(CxTstBehaviourNode::Throw), 0, false, false, "withoutOutput"};
     }
     void synchronousOwnership()
     {
-        QFETCH(int, behaviour);
-        QFETCH(int, frame);
-        QFETCH(bool, output);
-        QFETCH(bool, inputIsOutput);
-        QFETCH(QString, counted);
+        QFETCH(SxOwnership, row);
+        const auto& [behaviour, frame, output, inputIsOutput, counted] = row;
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(kit::format(6, 3));
-        auto* node = new CxTstBehaviourNode;
-        node->behaviour = CxTstBehaviourNode::ExBehaviour(behaviour);
-        chain.appendNode(node);
+        appendNew<CxTstBehaviourNode>(chain)->behaviour = CxTstBehaviourNode::ExBehaviour(behaviour);
         QVERIFY(chain.start());
         CxImageData* in = kit::heapPacket(kit::format(6, 3), frame, 7);
         QPointer<CxImageData> guard(in);
@@ -244,9 +227,7 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setSource(new CxSyntheticCamera(cameraConfig(3)));
-        auto* add = new CxTstAddNode;
-        add->addend = 0;
-        chain.appendNode(add);
+        appendNew<CxTstAddNode>(chain)->addend = 0;
         QVERIFY(chain.start());
         for (int i = 0; i < 3; ++i) {
             IxChainData* out = chain.step();
@@ -266,11 +247,9 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunLive);
         chain.setSource(new CxTstFileLikeSource(cameraConfig(300)));
-        auto* slow = new CxTstAddNode;
-        slow->sleepUs = 200;
-        chain.appendNode(new CxTstAddNode);
-        chain.appendNode(slow);
-        chain.appendNode(new CxTstBehaviourNode);
+        appendNew<CxTstAddNode>(chain);
+        appendNew<CxTstAddNode>(chain)->sleepUs = 200;
+        appendNew<CxTstBehaviourNode>(chain);
         Collector c;
         chain.setOutputHandler(c.handler());
         QSignalSpy finished(&chain, &CxChain::finished);
@@ -291,8 +270,7 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunLive);
         chain.setSource(new CxSyntheticCamera(cameraConfig(0)));
-        auto* add = new CxTstAddNode;
-        chain.appendNode(add);
+        auto* add = appendNew<CxTstAddNode>(chain);
         Collector c;
         chain.setOutputHandler(c.handler());
         QVERIFY(chain.start());
@@ -319,8 +297,7 @@ private slots:
     {
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
-        auto* add = new CxTstAddNode;
-        chain.appendNode(add);
+        auto* add = appendNew<CxTstAddNode>(chain);
         QVERIFY(!chain.start());
         QVERIFY(!chain.lastError().isEmpty());
         chain.setInputFormat(kit::format(4, 4));
@@ -357,9 +334,7 @@ private slots:
         CxChain chain;
         chain.setRunMode(CxChain::RunSynchronous);
         chain.setInputFormat(kit::format(4, 4));
-        auto* add = new CxTstAddNode;
-        add->setMaxFps(1.0);
-        chain.appendNode(add);
+        appendNew<CxTstAddNode>(chain)->setMaxFps(1.0);
         QVERIFY(chain.start());
         IxChainData* first = chain.push(kit::heapPacket(kit::format(4, 4), 0, 0));
         IxChainData* second = chain.push(kit::heapPacket(kit::format(4, 4), 1, 0));

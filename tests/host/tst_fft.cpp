@@ -73,6 +73,9 @@ struct Pic : kit::CxPicture
 
 } // namespace
 
+struct SxTransform { int type; int w; int h; int inPad; int outPad; };
+Q_DECLARE_METATYPE(SxTransform)
+
 class TstFFT : public QObject
 {
     Q_OBJECT
@@ -111,33 +114,26 @@ private slots:
 
     void transform2D_data()
     {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<int>("w");
-        QTest::addColumn<int>("h");
-        QTest::addColumn<int>("inPad");
-        QTest::addColumn<int>("outPad");
-        QTest::newRow("u8 1x1") << int(IDT_UINT8) << 1 << 1 << 0 << 0;
-        QTest::newRow("u8 2x2") << int(IDT_UINT8) << 2 << 2 << 0 << 0;
-        QTest::newRow("s8 5x3 padded") << int(IDT_INT8) << 5 << 3 << 3 << 0;
-        QTest::newRow("u16 8x6") << int(IDT_UINT16) << 8 << 6 << 0 << 0;
-        QTest::newRow("s16 7x9 padded") << int(IDT_INT16) << 7 << 9 << 6 << 12;
-        QTest::newRow("u32 9x4 padded") << int(IDT_UINT32) << 9 << 4 << 4 << 4;
-        QTest::newRow("s32 6x7") << int(IDT_INT32) << 6 << 7 << 0 << 8;
-        QTest::newRow("float 7x9 padded") << int(IDT_FLOAT) << 7 << 9 << 20 << 0;
-        QTest::newRow("u16 one column 1x7") << int(IDT_UINT16) << 1 << 7 << 2 << 4;
-        QTest::newRow("u8 one row 9x1") << int(IDT_UINT8) << 9 << 1 << 0 << 0;
+        QTest::addColumn<SxTransform>("row");
+        QTest::newRow("u8 1x1") << SxTransform{int(IDT_UINT8), 1, 1, 0, 0};
+        QTest::newRow("u8 2x2") << SxTransform{int(IDT_UINT8), 2, 2, 0, 0};
+        QTest::newRow("s8 5x3 padded") << SxTransform{int(IDT_INT8), 5, 3, 3, 0};
+        QTest::newRow("u16 8x6") << SxTransform{int(IDT_UINT16), 8, 6, 0, 0};
+        QTest::newRow("s16 7x9 padded") << SxTransform{int(IDT_INT16), 7, 9, 6, 12};
+        QTest::newRow("u32 9x4 padded") << SxTransform{int(IDT_UINT32), 9, 4, 4, 4};
+        QTest::newRow("s32 6x7") << SxTransform{int(IDT_INT32), 6, 7, 0, 8};
+        QTest::newRow("float 7x9 padded") << SxTransform{int(IDT_FLOAT), 7, 9, 20, 0};
+        QTest::newRow("u16 one column 1x7") << SxTransform{int(IDT_UINT16), 1, 7, 2, 4};
+        QTest::newRow("u8 one row 9x1") << SxTransform{int(IDT_UINT8), 9, 1, 0, 0};
         // Several column blocks, the last one short.
-        QTest::newRow("float 37x20 padded") << int(IDT_FLOAT) << 37 << 20 << 12 << 4;
+        QTest::newRow("float 37x20 padded") << SxTransform{int(IDT_FLOAT), 37, 20, 12, 4};
         // Large enough to be split over threads.
-        QTest::newRow("u16 401x331 threaded") << int(IDT_UINT16) << 401 << 331 << 2 << 4;
+        QTest::newRow("u16 401x331 threaded") << SxTransform{int(IDT_UINT16), 401, 331, 2, 4};
     }
     void transform2D()
     {
-        QFETCH(int, type);
-        QFETCH(int, w);
-        QFETCH(int, h);
-        QFETCH(int, inPad);
-        QFETCH(int, outPad);
+        QFETCH(SxTransform, row);
+        const auto& [type, w, h, inPad, outPad] = row;
         Pic in(w, h, ExImageDataType(type), inPad), re(w, h, IDT_FLOAT, outPad), im(w, h, IDT_FLOAT, outPad);
         const std::vector<double> f = pattern(w, h, ExImageDataType(type));
         in.fill(f);

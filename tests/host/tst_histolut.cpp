@@ -9,7 +9,6 @@
 #include <QtGui/QImage>
 #include <QtTest/QtTest>
 
-
 namespace {
 using H = CxHistoData;
 
@@ -100,12 +99,8 @@ private slots:
         kit::fillRandom(p.pic(), uint(size.width() * 7919 + size.height() + type));
         if (t == IDT_FLOAT)  // neither counted nor spoiling the bins
             kit::setSample(p.pic(), 0, 0, 0, NAN), kit::setSample(p.pic(), 0, p.pic().height - 1, 0, -INFINITY);
-        CxImageMetadata meta;
-        CxHsiCameraParams::CxFilterZone z;
-        z.rect = QRect(QPoint(3, 2), QPoint(36, 30));
-        z.patternWidth = 3, z.patternHeight = 2, z.cellWidth = 2, z.cellHeight = 2;
-        z.bands = {{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}, {"e", 5}, {"f", 6}};
-        meta.hsiCameraParams().addFilterZone(z);
+        const CxImageMetadata meta =
+            kit::mosaicMeta(CFA_HSI_MOSAIC, {kit::filterZone(QRect(QPoint(3, 2), QPoint(36, 30)), 3, 2, 2)});
 
         H h;
         H::ExHistoDataFlags flags = H::HDF_All;

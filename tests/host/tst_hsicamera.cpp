@@ -44,31 +44,32 @@ CxHsiCameraParams simpleCamera(QRect rect = QRect())
 }
 } // namespace
 
+struct SxLayoutKind { CxHsiCameraParams params; bool valid; bool simple; bool rgbNir; };
+Q_DECLARE_METATYPE(SxLayoutKind)
+
+struct SxBandCase { int total; int zone; int band; QString name; };
+Q_DECLARE_METATYPE(SxBandCase)
+
 class TstHsiCamera : public QObject
 {
     Q_OBJECT
 private slots:
     void bandLookup_data()
     {
-        QTest::addColumn<int>("total");
-        QTest::addColumn<int>("zone");
-        QTest::addColumn<int>("band");
-        QTest::addColumn<QString>("name");
-        QTest::newRow("first band") << 0 << 0 << 0 << "B600";
-        QTest::newRow("last of first zone") << 3 << 0 << 3 << "B550";
-        QTest::newRow("first of second zone") << 4 << 1 << 0 << "N900";
-        QTest::newRow("last band") << 6 << 1 << 2 << "N850";
-        QTest::newRow("one past the end") << 7 << -1 << -1 << "";
-        QTest::newRow("far past the end") << INT_MAX << -1 << -1 << "";
-        QTest::newRow("minus one") << -1 << -1 << -1 << "";
-        QTest::newRow("most negative") << INT_MIN << -1 << -1 << "";
+        QTest::addColumn<SxBandCase>("row");
+        QTest::newRow("first band") << SxBandCase{0, 0, 0, "B600"};
+        QTest::newRow("last of first zone") << SxBandCase{3, 0, 3, "B550"};
+        QTest::newRow("first of second zone") << SxBandCase{4, 1, 0, "N900"};
+        QTest::newRow("last band") << SxBandCase{6, 1, 2, "N850"};
+        QTest::newRow("one past the end") << SxBandCase{7, -1, -1, ""};
+        QTest::newRow("far past the end") << SxBandCase{INT_MAX, -1, -1, ""};
+        QTest::newRow("minus one") << SxBandCase{-1, -1, -1, ""};
+        QTest::newRow("most negative") << SxBandCase{INT_MIN, -1, -1, ""};
     }
     void bandLookup()
     {
-        QFETCH(int, total);
-        QFETCH(int, zone);
-        QFETCH(int, band);
-        QFETCH(QString, name);
+        QFETCH(SxBandCase, row);
+        const auto& [total, zone, band, name] = row;
         const CxHsiCameraParams p = twoZoneCamera();
         QVERIFY(p.isValid());
         QCOMPARE(p.totalBandCountInAllZones(), 7);
@@ -117,10 +118,7 @@ private slots:
 
     void layoutKinds_data()
     {
-        QTest::addColumn<CxHsiCameraParams>("params");
-        QTest::addColumn<bool>("valid");
-        QTest::addColumn<bool>("simple");
-        QTest::addColumn<bool>("rgbNir");
+        QTest::addColumn<SxLayoutKind>("row");
         CxHsiCameraParams rgbNirPermuted;
         rgbNirPermuted.addFilterZone(zone(QRect(), 2, 2, 1, 1, {Band("G", 0), Band("R", 0), Band("NIR", 0), Band("B", 0)}));
         CxHsiCameraParams noNir;
@@ -133,25 +131,23 @@ private slots:
         CxHsiCameraParams zeroPattern;
         zeroPattern.addFilterZone(zone(QRect(), 0, 1, 1, 1, {}));
 
-        QTest::newRow("empty") << CxHsiCameraParams() << false << false << false;
-        QTest::newRow("two zones") << twoZoneCamera() << true << false << false;
-        QTest::newRow("one zone, whole sensor") << simpleCamera() << true << true << false;
-        QTest::newRow("one zone at origin") << simpleCamera(QRect(0, 0, 16, 8)) << true << true << false;
-        QTest::newRow("one zone off origin") << simpleCamera(QRect(4, 0, 16, 8)) << true << false << false;
-        QTest::newRow("standard rgb-nir") << CxHsiCameraParams::standardRgbNir() << true << true << true;
-        QTest::newRow("rgb-nir permuted") << rgbNirPermuted << true << true << true;
-        QTest::newRow("rgb-nir without nir") << noNir << true << true << false;
-        QTest::newRow("rgb-nir names on big cells") << bigCells << true << false << false;
-        QTest::newRow("pattern not filled") << shortPattern << false << false << false;
-        QTest::newRow("zone starts left of sensor") << negativeOrigin << false << false << false;
-        QTest::newRow("zero pattern") << zeroPattern << false << false << false;
+        QTest::newRow("empty") << SxLayoutKind{CxHsiCameraParams(), false, false, false};
+        QTest::newRow("two zones") << SxLayoutKind{twoZoneCamera(), true, false, false};
+        QTest::newRow("one zone, whole sensor") << SxLayoutKind{simpleCamera(), true, true, false};
+        QTest::newRow("one zone at origin") << SxLayoutKind{simpleCamera(QRect(0, 0, 16, 8)), true, true, false};
+        QTest::newRow("one zone off origin") << SxLayoutKind{simpleCamera(QRect(4, 0, 16, 8)), true, false, false};
+        QTest::newRow("standard rgb-nir") << SxLayoutKind{CxHsiCameraParams::standardRgbNir(), true, true, true};
+        QTest::newRow("rgb-nir permuted") << SxLayoutKind{rgbNirPermuted, true, true, true};
+        QTest::newRow("rgb-nir without nir") << SxLayoutKind{noNir, true, true, false};
+        QTest::newRow("rgb-nir names on big cells") << SxLayoutKind{bigCells, true, false, false};
+        QTest::newRow("pattern not filled") << SxLayoutKind{shortPattern, false, false, false};
+        QTest::newRow("zone starts left of sensor") << SxLayoutKind{negativeOrigin, false, false, false};
+        QTest::newRow("zero pattern") << SxLayoutKind{zeroPattern, false, false, false};
     }
     void layoutKinds()
     {
-        QFETCH(CxHsiCameraParams, params);
-        QFETCH(bool, valid);
-        QFETCH(bool, simple);
-        QFETCH(bool, rgbNir);
+        QFETCH(SxLayoutKind, row);
+        const auto& [params, valid, simple, rgbNir] = row;
         QCOMPARE(params.isValid(), valid);
         QCOMPARE(params.isSimpleMosaicFilter(), simple);
         QCOMPARE(params.isRgbNirCamera(), rgbNir);

@@ -18,6 +18,9 @@ SxPicBufInfo withPitch(SxPicBufInfo f, quint32 pitch)
 } // namespace
 using kit::format;
 
+struct SxPitchCase { int type; uint channels; uint width; uint askedPitch; uint pitch; };
+Q_DECLARE_METATYPE(SxPitchCase)
+
 class TstPicBufApi : public QObject
 {
     Q_OBJECT
@@ -30,24 +33,17 @@ private slots:
 
     void heapPitch_data()
     {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<uint>("channels");
-        QTest::addColumn<uint>("width");
-        QTest::addColumn<uint>("askedPitch");
-        QTest::addColumn<uint>("pitch");
-        QTest::newRow("u8 packed odd width") << int(IDT_UINT8) << 1u << 7u << 0u << 7u;
-        QTest::newRow("u16 rgb") << int(IDT_UINT16) << 3u << 5u << 0u << 30u;
-        QTest::newRow("f32 kept pitch") << int(IDT_FLOAT) << 1u << 3u << 64u << 64u;
-        QTest::newRow("s64") << int(IDT_INT64) << 2u << 3u << 0u << 48u;
-        QTest::newRow("unknown type counts one byte") << 77 << 1u << 9u << 0u << 9u;
+        QTest::addColumn<SxPitchCase>("row");
+        QTest::newRow("u8 packed odd width") << SxPitchCase{int(IDT_UINT8), 1u, 7u, 0u, 7u};
+        QTest::newRow("u16 rgb") << SxPitchCase{int(IDT_UINT16), 3u, 5u, 0u, 30u};
+        QTest::newRow("f32 kept pitch") << SxPitchCase{int(IDT_FLOAT), 1u, 3u, 64u, 64u};
+        QTest::newRow("s64") << SxPitchCase{int(IDT_INT64), 2u, 3u, 0u, 48u};
+        QTest::newRow("unknown type counts one byte") << SxPitchCase{77, 1u, 9u, 0u, 9u};
     }
     void heapPitch()
     {
-        QFETCH(int, type);
-        QFETCH(uint, channels);
-        QFETCH(uint, width);
-        QFETCH(uint, askedPitch);
-        QFETCH(uint, pitch);
+        QFETCH(SxPitchCase, row);
+        const auto& [type, channels, width, askedPitch, pitch] = row;
         SxPicBuf p;
         QVERIFY(CxPicBufAPI::AllocPicBufFromHeap(p, withPitch(format(width, 3, channels, ExImageDataType(type)), askedPitch), true, 0));
         QCOMPARE(p.linePitch, pitch);

@@ -6,7 +6,9 @@
 #include <CxChain.h>
 #include <CxChainable.h>
 
+#include <QtCore/QMap>
 #include <QtCore/QObject>
+#include <QtXml/QDomDocument>
 
 namespace nodetest {
 
@@ -48,6 +50,33 @@ struct SxNodeRun
         return chain.push(input.packet());
     }
     CxImageData* process(const CxPicture& input) { return qobject_cast<CxImageData*>(push(input)); }
+};
+
+using Attributes = QMap<QString, QString>;
+
+// Settings elements as a chain document holds them, and a node's settings as
+// it saves them.
+struct SxDocument
+{
+    QDomDocument doc;
+    QDomElement element(const Attributes& attrs = {})
+    {
+        QDomElement e = doc.createElement(QStringLiteral("Chainable"));
+        for (auto it = attrs.cbegin(); it != attrs.cend(); ++it)
+            e.setAttribute(it.key(), it.value());
+        return e;
+    }
+    Attributes saved(CxChainable& node)
+    {
+        QDomElement e = element();
+        if (!node.saveSettings(doc, e))
+            return {{QStringLiteral("saveSettings"), QStringLiteral("false")}};
+        Attributes map;
+        const QDomNamedNodeMap all = e.attributes();
+        for (int i = 0; i < all.count(); ++i)
+            map.insert(all.item(i).toAttr().name(), all.item(i).toAttr().value());
+        return map;
+    }
 };
 
 } // namespace nodetest

@@ -45,71 +45,71 @@ double referenceMedian(const SxPicBuf& in, quint32 x, quint32 y, quint32 c, int 
 
 } // namespace
 
+struct SxPlaneCase { SxPicBufInfo in; CxImageMetadata meta; int radius; int pw; int ph; };
+Q_DECLARE_METATYPE(SxPlaneCase)
+
 class TestMedian : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void filtersEachPlane_data();
-    void filtersEachPlane();
+    void filtersEachPlane_data()
+    {
+        QTest::addColumn<SxPlaneCase>("row");
+
+        const CxImageMetadata none;
+        QTest::newRow("mono u8") << SxPlaneCase{format(9, 7, 1, IDT_UINT8), none, 1, 1, 1};
+        QTest::newRow("mono u16 padded r2") << SxPlaneCase{format(9, 7, 1, IDT_UINT16, 6), none, 2, 1, 1};
+        QTest::newRow("rgb u8")
+            << SxPlaneCase{format(6, 5, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+        QTest::newRow("rgba u16")
+            << SxPlaneCase{format(5, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+        QTest::newRow("bayer u8 odd") << SxPlaneCase{format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB), none, 1, 2, 2};
+        QTest::newRow("cmyg u16 even") << SxPlaneCase{format(8, 6, 1, IDT_UINT16, 0, CFA_CMYG), none, 1, 2, 2};
+        // Rows long enough for the vector loops, with an odd last column.
+        QTest::newRow("bayer u8 wide r2") << SxPlaneCase{format(41, 9, 1, IDT_UINT8, 3, CFA_BAYER_GBRG), none, 2, 2, 2};
+        QTest::newRow("bayer u16 wide") << SxPlaneCase{format(35, 4, 1, IDT_UINT16, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
+        QTest::newRow("bayer u16 odd pitch")
+            << SxPlaneCase{format(9, 5, 1, IDT_UINT16, 1, CFA_BAYER_GRBG), none, 1, 2, 2};
+        QTest::newRow("bayer one row") << SxPlaneCase{format(9, 1, 1, IDT_UINT8, 0, CFA_BAYER_RGGB), none, 1, 2, 2};
+        QTest::newRow("bayer one column") << SxPlaneCase{format(1, 6, 1, IDT_UINT16, 0, CFA_BAYER_RGGB), none, 1, 2, 2};
+        QTest::newRow("bayer not raw is plain")
+            << SxPlaneCase{format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW), none, 1, 1, 1};
+        // Wide enough that the planes are filtered a band of rows at a time:
+        // every band must see its neighbours' rows.
+        QTest::newRow("bayer u8 in bands")
+            << SxPlaneCase{format(65536, 40, 1, IDT_UINT8, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
+        QTest::newRow("bayer u16 in bands r2")
+            << SxPlaneCase{format(32768, 37, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
+        QTest::newRow("hsi 3x2 u8")
+            << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
+        QTest::newRow("hsi 4x4 u16 r2")
+            << SxPlaneCase{format(18, 9, 1, IDT_UINT16, 2, CFA_HSI_MOSAIC), hsiMeta(4, 4), 2, 4, 4};
+    }
+
+    void filtersEachPlane()
+    {
+        QFETCH(SxPlaneCase, row);
+        const auto& [in, meta, radius, pw, ph] = row;
+
+        const ExImageDataType type = in.dataType;
+        CxPicture input(in, [type](quint32 x, quint32 y, quint32 c) { return scrambled(x, y, c, type); }, meta);
+        SxNodeRun<CxMedianCnbl> run(in, meta);
+        run.node->setKernelRadius(radius);
+        QScopedPointer<CxImageData> out(run.process(input));
+        QVERIFY(out);
+        const SxPicBuf& pic = *out->picBuf();
+        QVERIFY(pic.sameFormat(in));
+        // Wide pictures: every row, a prime stride through the columns.
+        for (quint32 y = 0; y < in.height; ++y)
+            for (quint32 x = 0; x < in.width; x += in.width > 4096 && x > 4 ? 61 : 1)
+                for (quint32 c = 0; c < in.channels; ++c)
+                    if (sampleValue(pic, x, y, c) != referenceMedian(input.pic(), x, y, c, pw, ph, radius))
+                        QFAIL(qPrintable(QStringLiteral("wrong median at (%1, %2, %3)").arg(x).arg(y).arg(c)));
+        QCOMPARE(out->metadata()->colorFilterArray(), meta.colorFilterArray());
+        QVERIFY(run.node->errorMessage().isEmpty());
+    }
 };
-
-void TestMedian::filtersEachPlane_data()
-{
-    QTest::addColumn<SxPicBufInfo>("in");
-    QTest::addColumn<CxImageMetadata>("meta");
-    QTest::addColumn<int>("radius");
-    QTest::addColumn<int>("pw");
-    QTest::addColumn<int>("ph");
-
-    const CxImageMetadata none;
-    QTest::newRow("mono u8") << format(9, 7, 1, IDT_UINT8) << none << 1 << 1 << 1;
-    QTest::newRow("mono u16 padded r2") << format(9, 7, 1, IDT_UINT16, 6) << none << 2 << 1 << 1;
-    QTest::newRow("rgb u8") << format(6, 5, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true) << none << 1 << 1 << 1;
-    QTest::newRow("rgba u16") << format(5, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true) << none << 1 << 1 << 1;
-    QTest::newRow("bayer u8 odd") << format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) << none << 1 << 2 << 2;
-    QTest::newRow("cmyg u16 even") << format(8, 6, 1, IDT_UINT16, 0, CFA_CMYG) << none << 1 << 2 << 2;
-    // Rows long enough for the vector loops, with an odd last column.
-    QTest::newRow("bayer u8 wide r2") << format(41, 9, 1, IDT_UINT8, 3, CFA_BAYER_GBRG) << none << 2 << 2 << 2;
-    QTest::newRow("bayer u16 wide") << format(35, 4, 1, IDT_UINT16, 0, CFA_BAYER_BGGR) << none << 1 << 2 << 2;
-    QTest::newRow("bayer u16 odd pitch") << format(9, 5, 1, IDT_UINT16, 1, CFA_BAYER_GRBG) << none << 1 << 2 << 2;
-    QTest::newRow("bayer one row") << format(9, 1, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) << none << 1 << 2 << 2;
-    QTest::newRow("bayer one column") << format(1, 6, 1, IDT_UINT16, 0, CFA_BAYER_RGGB) << none << 1 << 2 << 2;
-    QTest::newRow("bayer not raw is plain")
-        << format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB, DSF_NOT_RAW) << none << 1 << 1 << 1;
-    // Wide enough that the planes are filtered a band of rows at a time:
-    // every band must see its neighbours' rows.
-    QTest::newRow("bayer u8 in bands") << format(65536, 40, 1, IDT_UINT8, 0, CFA_BAYER_BGGR) << none << 1 << 2 << 2;
-    QTest::newRow("bayer u16 in bands r2") << format(32768, 37, 1, IDT_UINT16, 2, CFA_BAYER_RGGB) << none << 2 << 2 << 2;
-    QTest::newRow("hsi 3x2 u8") << format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC) << hsiMeta(3, 2) << 1 << 3 << 2;
-    QTest::newRow("hsi 4x4 u16 r2") << format(18, 9, 1, IDT_UINT16, 2, CFA_HSI_MOSAIC) << hsiMeta(4, 4) << 2 << 4 << 4;
-}
-
-void TestMedian::filtersEachPlane()
-{
-    QFETCH(SxPicBufInfo, in);
-    QFETCH(CxImageMetadata, meta);
-    QFETCH(int, radius);
-    QFETCH(int, pw);
-    QFETCH(int, ph);
-
-    const ExImageDataType type = in.dataType;
-    CxPicture input(in, [type](quint32 x, quint32 y, quint32 c) { return scrambled(x, y, c, type); }, meta);
-    SxNodeRun<CxMedianCnbl> run(in, meta);
-    run.node->setKernelRadius(radius);
-    QScopedPointer<CxImageData> out(run.process(input));
-    QVERIFY(out);
-    const SxPicBuf& pic = *out->picBuf();
-    QVERIFY(pic.sameFormat(in));
-    // Wide pictures: every row, a prime stride through the columns.
-    for (quint32 y = 0; y < in.height; ++y)
-        for (quint32 x = 0; x < in.width; x += in.width > 4096 && x > 4 ? 61 : 1)
-            for (quint32 c = 0; c < in.channels; ++c)
-                if (sampleValue(pic, x, y, c) != referenceMedian(input.pic(), x, y, c, pw, ph, radius))
-                    QFAIL(qPrintable(QStringLiteral("wrong median at (%1, %2, %3)").arg(x).arg(y).arg(c)));
-    QCOMPARE(out->metadata()->colorFilterArray(), meta.colorFilterArray());
-    QVERIFY(run.node->errorMessage().isEmpty());
-}
 
 QTEST_MAIN(TestMedian)
 #include "tst_median.moc"

@@ -25,15 +25,12 @@
 #include <QtWidgets/QListWidget>
 #include <QtWidgets/QRadioButton>
 #include <QtWidgets/QSpinBox>
-#include <QtXml/QDomDocument>
 
 #include <memory>
 
 using namespace nodetest;
 
 namespace {
-
-using Attributes = QMap<QString, QString>;
 
 // What processData does with a packet: answers null and leaves it to the
 // caller, or hands the very packet back.
@@ -170,29 +167,6 @@ std::unique_ptr<CxChainable> create(int node)
     return std::unique_ptr<CxChainable>(qobject_cast<CxChainable*>(rule(node).cls->newInstance()));
 }
 
-struct SxDocument
-{
-    QDomDocument doc;
-    QDomElement element(const Attributes& attrs = {})
-    {
-        QDomElement e = doc.createElement(QStringLiteral("Chainable"));
-        for (auto it = attrs.cbegin(); it != attrs.cend(); ++it)
-            e.setAttribute(it.key(), it.value());
-        return e;
-    }
-    Attributes saved(CxChainable& node)
-    {
-        QDomElement e = element();
-        if (!node.saveSettings(doc, e))
-            return {{QStringLiteral("saveSettings"), QStringLiteral("false")}};
-        Attributes map;
-        const QDomNamedNodeMap all = e.attributes();
-        for (int i = 0; i < all.count(); ++i)
-            map.insert(all.item(i).toAttr().name(), all.item(i).toAttr().value());
-        return map;
-    }
-};
-
 class CxForeignData : public IxChainData
 {
 };
@@ -236,339 +210,329 @@ class TestNodeContract : public QObject
 
 private slots:
     void frame_data() { addNodeRows(); }
-    void frame();
-    void refusals_data();
-    void refusals();
     void settings_data() { addNodeRows(); }
-    void settings();
-    void loadRules_data();
-    void loadRules();
     void quickButtons_data() { addNodeRows(); }
-    void quickButtons();
     void panel_data() { addNodeRows(); }
-    void panel();
     void identity_data() { addNodeRows(); }
-    void identity();
-};
-
-// A picture made from a frame comes from the node's pool and carries the
-// frame's acquisition values and attachments (of the first frame in it); the
-// node frees the frame and writes nothing into it.
-void TestNodeContract::frame()
-{
-    QFETCH(int, node);
-    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
-    CxChainable* n = run.node;
-    QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
-    CxPicture input(kInput, {}, inputMeta());
-    input.fillPositions();
-    input.pic().attachments.insert(QStringLiteral("gain"), 3);
-
-    std::unique_ptr<IxChainData> out;
-    for (qint32 number = 0; number < 3 && !out; ++number) {
-        input.pic().frameNumber = number;
-        QPointer<IxChainData> packet(input.packet());
-        out.reset(n->processData(packet));
-        if (out.get() == packet.data()) {
-            out.release();
-            delete packet.data();
-            return;  // passed on as it came
-        }
-        QVERIFY(packet.isNull() == bool(out));
-        delete packet.data();
-    }
-    QVERIFY(out);
-    QVERIFY(input.padsIntact());
-    if (auto* image = qobject_cast<CxImageData*>(out.get())) {
-        const SxPicBuf& pic = *image->picBuf();
-        QCOMPARE(pic.memOrigin, SxPicBuf::MemPool);
-        QCOMPARE(pic.frameNumber, 0);
-        QCOMPARE(pic.exposureTimeUs, CxPicture::ExposureUs);
-        QCOMPARE(pic.timestampMs, CxPicture::TimestampMs);
-        QCOMPARE(pic.attachments, input.pic().attachments);
-    }
-}
-
-void TestNodeContract::refusals_data()
-{
-    QTest::addColumn<int>("node");
-    QTest::addColumn<QString>("packetCase");
-    QTest::addColumn<char>("outcome");
-    QTest::addColumn<SxPicBufInfo>("picture");
-    QTest::addColumn<QString>("settings");
-    QTest::addColumn<bool>("tellsUser");
-
-    const char* const cases[] = {"null", "foreign", "stopping", "no pixels", "0 x 0", "exhausted"};
-    for (int n = 0; n < int(std::size(kNodes)); ++n) {
-        for (int c = 0; c < 6; ++c)
-            QTest::addRow("%s %s", qPrintable(className(n)), cases[c])
-                << n << QString::fromLatin1(cases[c]) << (c ? rule(n).refusals[c - 1] : char(Null)) << kInput
-                << QString() << false;
-        for (const SxUnsupported& u : rule(n).unsupported)
-            QTest::addRow("%s %s %s", qPrintable(className(n)), qPrintable(u.format.describe()), u.settings)
-                << n << QStringLiteral("unsupported") << u.outcome << u.format << QString::fromLatin1(u.settings)
-                << u.tellsUser;
-    }
-}
-
-// Handed straight to processData, as the host does, on a started chain so
-// that the node has its pool: the packet comes back or stays the caller's,
-// and no pool picture is kept.
-void TestNodeContract::refusals()
-{
-    QFETCH(int, node);
-    QFETCH(QString, packetCase);
-    QFETCH(char, outcome);
-    QFETCH(SxPicBufInfo, picture);
-    QFETCH(QString, settings);
-    QFETCH(bool, tellsUser);
-
-    SxDocument doc;
-    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
-    CxChainable* n = run.node;
-    n->loadSettings(doc.element(attributes(settings.toLatin1())));
-    QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
-    const qint64 outstanding = CxPicBufAPI::OutstandingPoolPictures();
-
-    CxPicture input(picture, {}, inputMeta());
-    input.fillPositions();
-    input.pic().frameNumber = 0;
-    IxChainData* packet = nullptr;
-    if (packetCase == QLatin1String("foreign")) {
-        packet = new CxForeignData;
-    } else if (packetCase != QLatin1String("null")) {
-        CxImageData* image = input.packet();
-        packet = image;
-        if (packetCase == QLatin1String("no pixels") || packetCase == QLatin1String("0 x 0")) {
-            image->setPicBuf(SxPicBuf());
-            image->picBuf()->setPicFormat(packetCase == QLatin1String("0 x 0") ? format(0, 0, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) : kInput);
-        } else if (packetCase == QLatin1String("stopping")) {
-            n->setState(CxChainable::StateStopping);
-        }
-    }
-    std::vector<SxPicBuf> held;
-    SxPicBufInfo pooled;
-    void* pool = qobject_cast<CxImageProvider*>(n)->memoryPool();
-    for (SxPicBuf p; packetCase == QLatin1String("exhausted") && pool && run.chain.negotiatedFormat(0, pooled)
-         && CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, p, pooled, false); p = SxPicBuf())
-        held.push_back(p);
-
-    // Unsupported pictures twice: a message already shown stays.
-    const int rounds = packetCase == QLatin1String("unsupported") ? 2 : 1;
-    for (int round = 0; round < rounds; ++round) {
-        IxChainData* in = round ? input.packet() : packet;
-        QPointer<IxChainData> guard(in);
-        IxChainData* result = n->processData(in);
-        QCOMPARE(result, outcome == Passed ? in : nullptr);
-        QCOMPARE(guard.data(), in);
-        delete in;
-        if (!tellsUser)
-            QVERIFY2(n->errorMessage().isEmpty(), qPrintable(n->errorMessage()));
-        else if (round)
-            QCOMPARE(n->errorMessage(), QStringLiteral("earlier"));
-        else
-            QVERIFY(!n->errorMessage().isEmpty());
-        if (tellsUser)
-            n->setErrorMessage(QStringLiteral("earlier"));
-    }
-    n->setState(CxChainable::StateRunning);
-    for (SxPicBuf& p : held)
-        CxPicBufAPI::FreePicBuf(p, false);
-    QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), outstanding);
-}
-
-// Saved settings load into a fresh node and save again the same; a clone
-// carries them; a missing attribute keeps its value and junk text loads by
-// the node's rule, each attribute on its own.
-void TestNodeContract::settings()
-{
-    QFETCH(int, node);
-    const SxNodeRule& r = rule(node);
-    SxDocument doc;
-
-    std::unique_ptr<CxChainable> fresh = create(node);
-    const Attributes defaults = doc.saved(*fresh);
-    std::unique_ptr<CxChainable> set = create(node);
-    QVERIFY(set->loadSettings(doc.element(attributes(r.settings))));
-    const Attributes saved = doc.saved(*set);
-    const Attributes wanted = attributes(r.settings);
-    for (auto it = wanted.cbegin(); it != wanted.cend(); ++it) {
-        QCOMPARE(saved.value(it.key()), it.value());
-        QVERIFY2(defaults.value(it.key()) != it.value(), qPrintable(it.key()));
-    }
-
-    std::unique_ptr<CxChainable> reloaded = create(node);
-    QVERIFY(reloaded->loadSettings(doc.element(saved)));
-    QCOMPARE(doc.saved(*reloaded), saved);
-
-    std::unique_ptr<CxChainable> clone(set->clone());
-    QVERIFY(clone && clone.get() != set.get());
-    QCOMPARE(clone->metaObject(), set->metaObject());
-    Attributes cloned = saved;
-    if (*r.cloneOnly) {
-        cloned = defaults;
-        for (const QString& name : QString::fromLatin1(r.cloneOnly).split(' '))
-            cloned[name] = saved.value(name);
-    } else {
-        QCOMPARE(clone->title(), set->title());
-    }
-    QCOMPARE(doc.saved(*clone), cloned);
-
-    QCOMPARE(set->loadSettings(doc.element()), r.loadsWithoutAttributes);
-    Attributes kept = saved;
-    kept.insert(attributes(r.afterEmptyLoad));
-    QCOMPARE(doc.saved(*set), kept);
-
-    const Attributes junk = attributes(r.junk);
-    const QStringList refused = QString::fromLatin1(r.junkRefused).split(' ', Qt::SkipEmptyParts);
-    for (const QString& name : saved.keys()) {
-        if (name == QLatin1String("maxFps"))  // the base class's
-            continue;
-        std::unique_ptr<CxChainable> target = create(node);
-        target->loadSettings(doc.element(saved));
-        const bool answer = target->loadSettings(doc.element({{name, QStringLiteral("x1")}}));
-        QVERIFY2(answer == !(refused.contains(name) || refused.contains(QStringLiteral("*"))), qPrintable(name));
-        Attributes after = saved;
-        after[name] = junk.value(name, QStringLiteral("0"));
-        QCOMPARE(doc.saved(*target), after);
-    }
-}
-
-void TestNodeContract::loadRules_data()
-{
-    QTest::addColumn<int>("node");
-    QTest::addColumn<bool>("onSettings");
-    QTest::addColumn<QString>("attribute");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("saved");
-    for (int n = 0; n < int(std::size(kNodes)); ++n)
-        for (const QString& load : QString::fromLatin1(rule(n).loads).split(' ', Qt::SkipEmptyParts)) {
-            const bool onSettings = load.startsWith('+');
-            const QString body = load.mid(onSettings ? 1 : 0);
-            QTest::addRow("%s %s", qPrintable(className(n)), qPrintable(load))
-                << n << onSettings << body.section('=', 0, 0) << body.section('=', 1).section('>', 0, 0)
-                << body.section('>', 1);
-        }
-}
-
-// Each load on its own: what the attribute's text becomes, as saved.
-void TestNodeContract::loadRules()
-{
-    QFETCH(int, node);
-    QFETCH(bool, onSettings);
-    QFETCH(QString, attribute);
-    QFETCH(QString, text);
-    QFETCH(QString, saved);
-    SxDocument doc;
-    std::unique_ptr<CxChainable> n = create(node);
-    if (onSettings)
-        n->loadSettings(doc.element(attributes(rule(node).settings)));
-    n->loadSettings(doc.element({{attribute, text}}));
-    QCOMPARE(doc.saved(*n).value(attribute), saved);
-}
-
-// Each button not checked yet changes the setting, restarts the running
-// chain once, and is the one checked afterwards.
-void TestNodeContract::quickButtons()
-{
-    QFETCH(int, node);
-    const SxNodeRule& r = rule(node);
-    SxDocument doc;
-
-    for (int pressed = 0; pressed < qMax(r.buttons, 1); ++pressed) {
+    // A picture made from a frame comes from the node's pool and carries the
+    // frame's acquisition values and attachments (of the first frame in it); the
+    // node frees the frame and writes nothing into it.
+    void frame()
+    {
+        QFETCH(int, node);
         SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
         CxChainable* n = run.node;
-        n->loadSettings(doc.element(attributes(r.buttonSettings)));
-        QVERIFY(run.chain.start());
+        QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
+        CxPicture input(kInput, {}, inputMeta());
+        input.fillPositions();
+        input.pic().attachments.insert(QStringLiteral("gain"), 3);
 
-        auto buttons = [n, &r] {
-            // Appended after what the host collected before.
-            QList<CxChainable::CxSimpleStateConfigButton> list{{QStringLiteral("host"), -99, false, false}};
-            bool has = !r.hasButtons;
-            n->simpleStateConfigButtons(list, has);
-            return has == r.hasButtons && list.first().id() == -99 ? list.mid(1) : list;
-        };
-        const auto before = buttons();
-        QCOMPARE(before.size(), r.buttons);
-        if (!r.buttons)
-            break;
-        if (r.buttonsRestart) {
-            QCOMPARE(std::count_if(before.cbegin(), before.cend(), [](const auto& b) { return b.isChecked(); }), 1);
-            for (const auto& b : before)
-                QVERIFY(b.isCheckable());
+        std::unique_ptr<IxChainData> out;
+        for (qint32 number = 0; number < 3 && !out; ++number) {
+            input.pic().frameNumber = number;
+            QPointer<IxChainData> packet(input.packet());
+            out.reset(n->processData(packet));
+            if (out.get() == packet.data()) {
+                out.release();
+                delete packet.data();
+                return;  // passed on as it came
+            }
+            QVERIFY(packet.isNull() == bool(out));
+            delete packet.data();
         }
-        if (before[pressed].isChecked())
-            continue;
-
-        const Attributes settings = doc.saved(*n);
-        run.starts = run.stops = 0;
-        n->simpleStateConfigButtonPressed(before[pressed].id());
-        QCOMPARE(run.starts, int(r.buttonsRestart));
-        QCOMPARE(run.stops, int(r.buttonsRestart));
-        QVERIFY(!run.chain.stopped());
-        if (!r.buttonsRestart)
-            continue;
-        QVERIFY(doc.saved(*n) != settings);
-        const auto after = buttons();
-        QCOMPARE(after.size(), before.size());
-        for (int i = 0; i < after.size(); ++i)
-            QCOMPARE(after[i].isChecked(), i == pressed);
+        QVERIFY(out);
+        QVERIFY(input.padsIntact());
+        if (auto* image = qobject_cast<CxImageData*>(out.get())) {
+            const SxPicBuf& pic = *image->picBuf();
+            QCOMPARE(pic.memOrigin, SxPicBuf::MemPool);
+            QCOMPARE(pic.frameNumber, 0);
+            QCOMPARE(pic.exposureTimeUs, CxPicture::ExposureUs);
+            QCOMPARE(pic.timestampMs, CxPicture::TimestampMs);
+            QCOMPARE(pic.attachments, input.pic().attachments);
+        }
     }
-}
 
-// The panel belongs to the caller and changes the node at once; every
-// control of it is tried in turn on a running chain.
-void TestNodeContract::panel()
-{
-    QFETCH(int, node);
-    const SxNodeRule& r = rule(node);
-    SxDocument doc;
-    SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
-    CxChainable* n = run.node;
-    QVERIFY(run.startCounted());
-    QVERIFY(n->hasConfigurationWidget());
-    std::unique_ptr<QWidget> panel(n->configurationWidget());
-    QVERIFY(panel && !panel->parent());
+    void refusals_data()
+    {
+        QTest::addColumn<int>("node");
+        QTest::addColumn<QString>("packetCase");
+        QTest::addColumn<char>("outcome");
+        QTest::addColumn<SxPicBufInfo>("picture");
+        QTest::addColumn<QString>("settings");
+        QTest::addColumn<bool>("tellsUser");
 
-    int changes = 0;
-    for (QWidget* control : panel->findChildren<QWidget*>()) {
-        const Attributes before = doc.saved(*n);
-        run.starts = run.stops = 0;
-        if (!control->isEnabled() || control->isHidden() || !poke(control))
-            continue;
-        const bool changed = doc.saved(*n) != before;
-        changes += changed;
-        const QString what = QString::fromLatin1(control->metaObject()->className()) + ' ' + control->objectName();
-        QVERIFY2(!run.chain.stopped() && run.starts == run.stops, qPrintable(what));
-        if (changed && r.panel != 'M')
-            QVERIFY2(run.starts == (r.panel == 'R' ? 1 : 0), qPrintable(what));
+        const char* const cases[] = {"null", "foreign", "stopping", "no pixels", "0 x 0", "exhausted"};
+        for (int n = 0; n < int(std::size(kNodes)); ++n) {
+            for (int c = 0; c < 6; ++c)
+                QTest::addRow("%s %s", qPrintable(className(n)), cases[c])
+                    << n << QString::fromLatin1(cases[c]) << (c ? rule(n).refusals[c - 1] : char(Null)) << kInput
+                    << QString() << false;
+            for (const SxUnsupported& u : rule(n).unsupported)
+                QTest::addRow("%s %s %s", qPrintable(className(n)), qPrintable(u.format.describe()), u.settings)
+                    << n << QStringLiteral("unsupported") << u.outcome << u.format << QString::fromLatin1(u.settings)
+                    << u.tellsUser;
+        }
     }
-    QVERIFY(changes > 0);
-}
 
-// The host lists a node by its class's CustomName; the titles that are no
-// more than that name must show it. Help is there exactly when announced.
-// Nodes take data from picture makers only.
-void TestNodeContract::identity()
-{
-    QFETCH(int, node);
-    std::unique_ptr<CxChainable> n = create(node);
-    const QMetaObject* mo = rule(node).cls;
-    const QString name = QString::fromLatin1(mo->classInfo(mo->indexOfClassInfo("CustomName")).value());
-    QVERIFY(!name.isEmpty());
-    QVERIFY(!n->title().isEmpty());
-    if (rule(node).titleIsName)
-        QCOMPARE(n->title(), name);
-    QString anchor;
-    QCOMPARE(n->hasHelp(), rule(node).hasHelp);
-    QCOMPARE(!n->help(anchor).isEmpty(), rule(node).hasHelp);
+    // Handed straight to processData, as the host does, on a started chain so
+    // that the node has its pool: the packet comes back or stays the caller's,
+    // and no pool picture is kept.
+    void refusals()
+    {
+        QFETCH(int, node);
+        QFETCH(QString, packetCase);
+        QFETCH(char, outcome);
+        QFETCH(SxPicBufInfo, picture);
+        QFETCH(QString, settings);
+        QFETCH(bool, tellsUser);
 
-    std::unique_ptr<CxChainable> provider = create((node + 1) % int(std::size(kNodes)));
-    CxChainable plain;
-    QVERIFY(n->acceptsDataFrom(provider.get()));
-    QVERIFY(!n->acceptsDataFrom(&plain));
-    QVERIFY(!n->acceptsDataFrom(nullptr));
-}
+        SxDocument doc;
+        SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+        CxChainable* n = run.node;
+        n->loadSettings(doc.element(attributes(settings.toLatin1())));
+        QVERIFY2(run.chain.start(), qPrintable(run.chain.lastError()));
+        const qint64 outstanding = CxPicBufAPI::OutstandingPoolPictures();
+
+        CxPicture input(picture, {}, inputMeta());
+        input.fillPositions();
+        input.pic().frameNumber = 0;
+        IxChainData* packet = nullptr;
+        if (packetCase == QLatin1String("foreign")) {
+            packet = new CxForeignData;
+        } else if (packetCase != QLatin1String("null")) {
+            CxImageData* image = input.packet();
+            packet = image;
+            if (packetCase == QLatin1String("no pixels") || packetCase == QLatin1String("0 x 0")) {
+                image->setPicBuf(SxPicBuf());
+                image->picBuf()->setPicFormat(packetCase == QLatin1String("0 x 0") ? format(0, 0, 1, IDT_UINT8, 0, CFA_BAYER_RGGB) : kInput);
+            } else if (packetCase == QLatin1String("stopping")) {
+                n->setState(CxChainable::StateStopping);
+            }
+        }
+        std::vector<SxPicBuf> held;
+        SxPicBufInfo pooled;
+        void* pool = qobject_cast<CxImageProvider*>(n)->memoryPool();
+        for (SxPicBuf p; packetCase == QLatin1String("exhausted") && pool && run.chain.negotiatedFormat(0, pooled)
+             && CxPicBufAPI::AllocPicBufFromPool(pool, nullptr, p, pooled, false); p = SxPicBuf())
+            held.push_back(p);
+
+        // Unsupported pictures twice: a message already shown stays.
+        const int rounds = packetCase == QLatin1String("unsupported") ? 2 : 1;
+        for (int round = 0; round < rounds; ++round) {
+            IxChainData* in = round ? input.packet() : packet;
+            QPointer<IxChainData> guard(in);
+            IxChainData* result = n->processData(in);
+            QCOMPARE(result, outcome == Passed ? in : nullptr);
+            QCOMPARE(guard.data(), in);
+            delete in;
+            if (!tellsUser)
+                QVERIFY2(n->errorMessage().isEmpty(), qPrintable(n->errorMessage()));
+            else if (round)
+                QCOMPARE(n->errorMessage(), QStringLiteral("earlier"));
+            else
+                QVERIFY(!n->errorMessage().isEmpty());
+            if (tellsUser)
+                n->setErrorMessage(QStringLiteral("earlier"));
+        }
+        n->setState(CxChainable::StateRunning);
+        for (SxPicBuf& p : held)
+            CxPicBufAPI::FreePicBuf(p, false);
+        QCOMPARE(CxPicBufAPI::OutstandingPoolPictures(), outstanding);
+    }
+
+    // Saved settings load into a fresh node and save again the same; a clone
+    // carries them; a missing attribute keeps its value and junk text loads by
+    // the node's rule, each attribute on its own.
+    void settings()
+    {
+        QFETCH(int, node);
+        const SxNodeRule& r = rule(node);
+        SxDocument doc;
+
+        std::unique_ptr<CxChainable> fresh = create(node);
+        const Attributes defaults = doc.saved(*fresh);
+        std::unique_ptr<CxChainable> set = create(node);
+        QVERIFY(set->loadSettings(doc.element(attributes(r.settings))));
+        const Attributes saved = doc.saved(*set);
+        const Attributes wanted = attributes(r.settings);
+        for (auto it = wanted.cbegin(); it != wanted.cend(); ++it) {
+            QCOMPARE(saved.value(it.key()), it.value());
+            QVERIFY2(defaults.value(it.key()) != it.value(), qPrintable(it.key()));
+        }
+
+        std::unique_ptr<CxChainable> reloaded = create(node);
+        QVERIFY(reloaded->loadSettings(doc.element(saved)));
+        QCOMPARE(doc.saved(*reloaded), saved);
+
+        std::unique_ptr<CxChainable> clone(set->clone());
+        QVERIFY(clone && clone.get() != set.get());
+        QCOMPARE(clone->metaObject(), set->metaObject());
+        Attributes cloned = saved;
+        if (*r.cloneOnly) {
+            cloned = defaults;
+            for (const QString& name : QString::fromLatin1(r.cloneOnly).split(' '))
+                cloned[name] = saved.value(name);
+        } else {
+            QCOMPARE(clone->title(), set->title());
+        }
+        QCOMPARE(doc.saved(*clone), cloned);
+
+        QCOMPARE(set->loadSettings(doc.element()), r.loadsWithoutAttributes);
+        Attributes kept = saved;
+        kept.insert(attributes(r.afterEmptyLoad));
+        QCOMPARE(doc.saved(*set), kept);
+
+        const Attributes junk = attributes(r.junk);
+        const QStringList refused = QString::fromLatin1(r.junkRefused).split(' ', Qt::SkipEmptyParts);
+        for (const QString& name : saved.keys()) {
+            if (name == QLatin1String("maxFps"))  // the base class's
+                continue;
+            std::unique_ptr<CxChainable> target = create(node);
+            target->loadSettings(doc.element(saved));
+            const bool answer = target->loadSettings(doc.element({{name, QStringLiteral("x1")}}));
+            QVERIFY2(answer == !(refused.contains(name) || refused.contains(QStringLiteral("*"))), qPrintable(name));
+            Attributes after = saved;
+            after[name] = junk.value(name, QStringLiteral("0"));
+            QCOMPARE(doc.saved(*target), after);
+        }
+    }
+
+    void loadRules_data()
+    {
+        QTest::addColumn<int>("node");
+        QTest::addColumn<bool>("onSettings");
+        QTest::addColumn<QString>("attribute");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("saved");
+        for (int n = 0; n < int(std::size(kNodes)); ++n)
+            for (const QString& load : QString::fromLatin1(rule(n).loads).split(' ', Qt::SkipEmptyParts)) {
+                const bool onSettings = load.startsWith('+');
+                const QString body = load.mid(onSettings ? 1 : 0);
+                QTest::addRow("%s %s", qPrintable(className(n)), qPrintable(load))
+                    << n << onSettings << body.section('=', 0, 0) << body.section('=', 1).section('>', 0, 0)
+                    << body.section('>', 1);
+            }
+    }
+
+    // Each load on its own: what the attribute's text becomes, as saved.
+    void loadRules()
+    {
+        QFETCH(int, node);
+        QFETCH(bool, onSettings);
+        QFETCH(QString, attribute);
+        QFETCH(QString, text);
+        QFETCH(QString, saved);
+        SxDocument doc;
+        std::unique_ptr<CxChainable> n = create(node);
+        if (onSettings)
+            n->loadSettings(doc.element(attributes(rule(node).settings)));
+        n->loadSettings(doc.element({{attribute, text}}));
+        QCOMPARE(doc.saved(*n).value(attribute), saved);
+    }
+
+    // Each button not checked yet changes the setting, restarts the running
+    // chain once, and is the one checked afterwards.
+    void quickButtons()
+    {
+        QFETCH(int, node);
+        const SxNodeRule& r = rule(node);
+        SxDocument doc;
+
+        for (int pressed = 0; pressed < qMax(r.buttons, 1); ++pressed) {
+            SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+            CxChainable* n = run.node;
+            n->loadSettings(doc.element(attributes(r.buttonSettings)));
+            QVERIFY(run.chain.start());
+
+            auto buttons = [n, &r] {
+                // Appended after what the host collected before.
+                QList<CxChainable::CxSimpleStateConfigButton> list{{QStringLiteral("host"), -99, false, false}};
+                bool has = !r.hasButtons;
+                n->simpleStateConfigButtons(list, has);
+                return has == r.hasButtons && list.first().id() == -99 ? list.mid(1) : list;
+            };
+            const auto before = buttons();
+            QCOMPARE(before.size(), r.buttons);
+            if (!r.buttons)
+                break;
+            if (r.buttonsRestart) {
+                QCOMPARE(std::count_if(before.cbegin(), before.cend(), [](const auto& b) { return b.isChecked(); }), 1);
+                for (const auto& b : before)
+                    QVERIFY(b.isCheckable());
+            }
+            if (before[pressed].isChecked())
+                continue;
+
+            const Attributes settings = doc.saved(*n);
+            run.starts = run.stops = 0;
+            n->simpleStateConfigButtonPressed(before[pressed].id());
+            QCOMPARE(run.starts, int(r.buttonsRestart));
+            QCOMPARE(run.stops, int(r.buttonsRestart));
+            QVERIFY(!run.chain.stopped());
+            if (!r.buttonsRestart)
+                continue;
+            QVERIFY(doc.saved(*n) != settings);
+            const auto after = buttons();
+            QCOMPARE(after.size(), before.size());
+            for (int i = 0; i < after.size(); ++i)
+                QCOMPARE(after[i].isChecked(), i == pressed);
+        }
+    }
+
+    // The panel belongs to the caller and changes the node at once; every
+    // control of it is tried in turn on a running chain.
+    void panel()
+    {
+        QFETCH(int, node);
+        const SxNodeRule& r = rule(node);
+        SxDocument doc;
+        SxNodeRun<CxChainable> run(kInput, inputMeta(), create(node).release());
+        CxChainable* n = run.node;
+        QVERIFY(run.startCounted());
+        QVERIFY(n->hasConfigurationWidget());
+        std::unique_ptr<QWidget> panel(n->configurationWidget());
+        QVERIFY(panel && !panel->parent());
+
+        int changes = 0;
+        for (QWidget* control : panel->findChildren<QWidget*>()) {
+            const Attributes before = doc.saved(*n);
+            run.starts = run.stops = 0;
+            if (!control->isEnabled() || control->isHidden() || !poke(control))
+                continue;
+            const bool changed = doc.saved(*n) != before;
+            changes += changed;
+            const QString what = QString::fromLatin1(control->metaObject()->className()) + ' ' + control->objectName();
+            QVERIFY2(!run.chain.stopped() && run.starts == run.stops, qPrintable(what));
+            if (changed && r.panel != 'M')
+                QVERIFY2(run.starts == (r.panel == 'R' ? 1 : 0), qPrintable(what));
+        }
+        QVERIFY(changes > 0);
+    }
+
+    // The host lists a node by its class's CustomName; the titles that are no
+    // more than that name must show it. Help is there exactly when announced.
+    // Nodes take data from picture makers only.
+    void identity()
+    {
+        QFETCH(int, node);
+        std::unique_ptr<CxChainable> n = create(node);
+        const QMetaObject* mo = rule(node).cls;
+        const QString name = QString::fromLatin1(mo->classInfo(mo->indexOfClassInfo("CustomName")).value());
+        QVERIFY(!name.isEmpty());
+        QVERIFY(!n->title().isEmpty());
+        if (rule(node).titleIsName)
+            QCOMPARE(n->title(), name);
+        QString anchor;
+        QCOMPARE(n->hasHelp(), rule(node).hasHelp);
+        QCOMPARE(!n->help(anchor).isEmpty(), rule(node).hasHelp);
+
+        std::unique_ptr<CxChainable> provider = create((node + 1) % int(std::size(kNodes)));
+        CxChainable plain;
+        QVERIFY(n->acceptsDataFrom(provider.get()));
+        QVERIFY(!n->acceptsDataFrom(&plain));
+        QVERIFY(!n->acceptsDataFrom(nullptr));
+    }
+};
 
 QTEST_MAIN(TestNodeContract)
 #include "tst_nodecontract.moc"

@@ -42,34 +42,32 @@ class TestProcessingPlugin : public QObject
     Q_OBJECT
 
 private slots:
-    void registration();
-};
-
-// Loaded as the host loads it; a second init finds every class known,
-// succeeds and adds nothing.
-void TestProcessingPlugin::registration()
-{
-    QPluginLoader loader(QString::fromUtf8(kPluginPath));
-    auto* plugin = qobject_cast<CxPlugin*>(loader.instance());
-    QVERIFY2(plugin, qPrintable(loader.errorString()));
-    for (int round = 0; round < 2; ++round) {
-        QVERIFY(plugin->init());
-        QList<CxRTTI::SxClassEntry> own;
-        for (const CxRTTI::SxClassEntry& e : CxRTTI::instance()->classes(kChainableBase))
-            if (e.plugin == plugin)
-                own.append(e);
-        QCOMPARE(own.size(), int(std::size(kNodeTable)));
-        for (int i = 0; i < own.size(); ++i) {
-            const SxNodeRow& row = kNodeTable[i];
-            QCOMPARE(own[i].className, QString::fromLatin1(row.className));
-            QCOMPARE(own[i].customName, QString::fromLatin1(row.customName));
-            QCOMPARE(own[i].uniqueId, kVendorPrefix + QString::fromLatin1(row.uniqueIdSuffix));
-            // The host creates nodes from the meta-object alone.
-            QScopedPointer<CxChainable> node(CxRTTI::instance()->createChainableByCustomName(own[i].customName));
-            QVERIFY(node && node->metaObject() == own[i].metaObject);
+    // Loaded as the host loads it; a second init finds every class known,
+    // succeeds and adds nothing.
+    void registration()
+    {
+        QPluginLoader loader(QString::fromUtf8(kPluginPath));
+        auto* plugin = qobject_cast<CxPlugin*>(loader.instance());
+        QVERIFY2(plugin, qPrintable(loader.errorString()));
+        for (int round = 0; round < 2; ++round) {
+            QVERIFY(plugin->init());
+            QList<CxRTTI::SxClassEntry> own;
+            for (const CxRTTI::SxClassEntry& e : CxRTTI::instance()->classes(kChainableBase))
+                if (e.plugin == plugin)
+                    own.append(e);
+            QCOMPARE(own.size(), int(std::size(kNodeTable)));
+            for (int i = 0; i < own.size(); ++i) {
+                const SxNodeRow& row = kNodeTable[i];
+                QCOMPARE(own[i].className, QString::fromLatin1(row.className));
+                QCOMPARE(own[i].customName, QString::fromLatin1(row.customName));
+                QCOMPARE(own[i].uniqueId, kVendorPrefix + QString::fromLatin1(row.uniqueIdSuffix));
+                // The host creates nodes from the meta-object alone.
+                QScopedPointer<CxChainable> node(CxRTTI::instance()->createChainableByCustomName(own[i].customName));
+                QVERIFY(node && node->metaObject() == own[i].metaObject);
+            }
         }
     }
-}
+};
 
 QTEST_GUILESS_MAIN(TestProcessingPlugin)
 #include "tst_processingplugin.moc"

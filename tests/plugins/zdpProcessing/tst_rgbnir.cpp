@@ -51,106 +51,96 @@ quint64 reference(const SxPicBuf& in, qint64 x, qint64 y, unsigned k)
 
 } // namespace
 
+struct SxInterpolation { QString layout; int channel; int type; int bits; QSize size; int padding; };
+Q_DECLARE_METATYPE(SxInterpolation)
+
 class TestRgbNir : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void interpolation_data();
-    void interpolation();
-    void redBesideItsCell();
-};
+    void interpolation_data()
+    {
+        QTest::addColumn<SxInterpolation>("row");
 
-void TestRgbNir::interpolation_data()
-{
-    QTest::addColumn<QString>("layout");
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<QSize>("size");
-    QTest::addColumn<int>("padding");
-
-    for (const char* layout : {"fixed", "described"}) {
-        auto row = [&](const char* what, int channel, ExImageDataType t, int bits, QSize size, int padding) {
-            QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(layout), QLatin1String(what))))
-                << QString::fromLatin1(layout) << channel << int(t) << bits << size << padding;
-        };
-        row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
-        row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
-        row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(8, 5), 0);
-        row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
-        row("nir u16 odd pitch", Node::NIR, IDT_UINT16, 16, QSize(7, 5), 1);
-        row("nir u32 full range", Node::NIR, IDT_UINT32, 32, QSize(5, 6), 0);
-        row("rgb 2x2", Node::RGB, IDT_UINT8, 8, QSize(2, 2), 0);
-        row("nir 2 wide", Node::NIR, IDT_UINT16, 10, QSize(2, 5), 0);
-        row("rgb 640x480", Node::RGB, IDT_UINT8, 8, QSize(640, 480), 0);
-        row("nir 640x480", Node::NIR, IDT_UINT8, 8, QSize(640, 480), 0);
-        row("rgb frame larger than the caches", Node::RGB, IDT_UINT8, 8, QSize(2048, 2056), 0);
-        row("nir signed", Node::NIR, IDT_INT16, 16, QSize(6, 4), 0);
-        row("rgb signed", Node::RGB, IDT_INT16, 16, QSize(6, 4), 0);
+        for (const char* layout : {"fixed", "described"}) {
+            auto row = [&](const char* what, int channel, ExImageDataType t, int bits, QSize size, int padding) {
+                QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(layout), QLatin1String(what))))
+                    << SxInterpolation{QString::fromLatin1(layout), channel, int(t), bits, size, padding};
+            };
+            row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
+            row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
+            row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(8, 5), 0);
+            row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
+            row("nir u16 odd pitch", Node::NIR, IDT_UINT16, 16, QSize(7, 5), 1);
+            row("nir u32 full range", Node::NIR, IDT_UINT32, 32, QSize(5, 6), 0);
+            row("rgb 2x2", Node::RGB, IDT_UINT8, 8, QSize(2, 2), 0);
+            row("nir 2 wide", Node::NIR, IDT_UINT16, 10, QSize(2, 5), 0);
+            row("rgb 640x480", Node::RGB, IDT_UINT8, 8, QSize(640, 480), 0);
+            row("nir 640x480", Node::NIR, IDT_UINT8, 8, QSize(640, 480), 0);
+            row("rgb frame larger than the caches", Node::RGB, IDT_UINT8, 8, QSize(2048, 2056), 0);
+            row("nir signed", Node::NIR, IDT_INT16, 16, QSize(6, 4), 0);
+            row("rgb signed", Node::RGB, IDT_INT16, 16, QSize(6, 4), 0);
+        }
     }
-}
 
-// Format, description and every sample of the output, borders and corners
-// included, against the written-out rule; alpha is 255 and samples shift by
-// the bits beyond 8.
-void TestRgbNir::interpolation()
-{
-    QFETCH(QString, layout);
-    QFETCH(int, channel);
-    QFETCH(int, type);
-    QFETCH(int, bits);
-    QFETCH(QSize, size);
-    QFETCH(int, padding);
+    // Format, description and every sample of the output, borders and corners
+    // included, against the written-out rule; alpha is 255 and samples shift by
+    // the bits beyond 8.
+    void interpolation()
+    {
+        QFETCH(SxInterpolation, row);
+        const auto& [layout, channel, type, bits, size, padding] = row;
 
-    SxPicBufInfo f = format(quint32(size.width()), quint32(size.height()), 1, ExImageDataType(type),
-                            quint32(padding), CFA_HSI_MOSAIC);
-    f.bitsPerSample = quint32(bits);
-    const CxImageMetadata meta = layout == QLatin1String("described") ? describedCamera() : CxImageMetadata();
-    CxPicture input(f, [bits](quint32 x, quint32 y, quint32) { return pattern(x, y, quint32(bits)); }, meta);
-    SxNodeRun<Node> run(f, meta);
-    run.node->setChannel(Node::ExChannel(channel), false);
-    QScopedPointer<CxImageData> out(run.process(input));
-    QVERIFY(out);
-    const SxPicBuf& o = *out->picBuf();
-    const bool rgb = channel == Node::RGB;
-    QCOMPARE(QSize(int(o.width), int(o.height)), size);
-    QCOMPARE(o.channels, rgb ? 4u : 1u);
-    QCOMPARE(o.dataType, rgb ? IDT_UINT8 : f.dataType);
-    QCOMPARE(o.linePitch, rgb ? f.width * 4 : f.linePitch);
-    QCOMPARE(o.colorFilterArray, CFA_NONE);
-    QVERIFY(out->metadata()->hsiCameraParams().isEmpty());
+        SxPicBufInfo f = format(quint32(size.width()), quint32(size.height()), 1, ExImageDataType(type),
+                                quint32(padding), CFA_HSI_MOSAIC);
+        f.bitsPerSample = quint32(bits);
+        const CxImageMetadata meta = layout == QLatin1String("described") ? describedCamera() : CxImageMetadata();
+        CxPicture input(f, [b = quint32(bits)](quint32 x, quint32 y, quint32) { return pattern(x, y, b); }, meta);
+        SxNodeRun<Node> run(f, meta);
+        run.node->setChannel(Node::ExChannel(channel), false);
+        QScopedPointer<CxImageData> out(run.process(input));
+        QVERIFY(out);
+        const SxPicBuf& o = *out->picBuf();
+        const bool rgb = channel == Node::RGB;
+        QCOMPARE(QSize(int(o.width), int(o.height)), size);
+        QCOMPARE(o.channels, rgb ? 4u : 1u);
+        QCOMPARE(o.dataType, rgb ? IDT_UINT8 : f.dataType);
+        QCOMPARE(o.linePitch, rgb ? f.width * 4 : f.linePitch);
+        QCOMPARE(o.colorFilterArray, CFA_NONE);
+        QVERIFY(out->metadata()->hsiCameraParams().isEmpty());
 
-    // Positions of B, G, R and NIR. Signed samples have no kernel: zeros,
-    // rather than a stale pool picture.
-    const bool described = layout == QLatin1String("described");
-    const unsigned ks[4] = {described ? 3u : 1u, described ? 0u : 3u, described ? 1u : 2u, described ? 2u : 0u};
-    const bool known = f.dataType != IDT_INT16;
-    const unsigned shift = rgb && bits > 8 ? unsigned(bits - 8) : 0;
-    // Big frames are sampled: every row, a prime stride through the columns.
-    const quint32 step = f.width * f.height > (1u << 20) ? 7 : 1;
-    for (quint32 y = 0; y < f.height; ++y)
-        for (quint32 x = y % step; x < f.width; x += step)
-            for (quint32 c = 0; c < o.channels; ++c) {
-                const double want = c == 3 ? 255.0
-                    : known ? double(reference(input.pic(), x, y, rgb ? ks[c] : ks[3]) >> shift) : 0.0;
-                const double got = sampleValue(o, x, y, c);
-                if (got != want)
-                    QFAIL(qPrintable(QStringLiteral("(%1, %2) channel %3: %4, want %5").arg(x).arg(y).arg(c).arg(got).arg(want)));
-            }
-}
+        // Positions of B, G, R and NIR. Signed samples have no kernel: zeros,
+        // rather than a stale pool picture.
+        const bool described = layout == QLatin1String("described");
+        const unsigned ks[4] = {described ? 3u : 1u, described ? 0u : 3u, described ? 1u : 2u, described ? 2u : 0u};
+        const bool known = f.dataType != IDT_INT16;
+        const unsigned shift = rgb && bits > 8 ? unsigned(bits - 8) : 0;
+        // Big frames are sampled: every row, a prime stride through the columns.
+        const quint32 step = f.width * f.height > (1u << 20) ? 7 : 1;
+        for (quint32 y = 0; y < f.height; ++y)
+            for (quint32 x = y % step; x < f.width; x += step)
+                for (quint32 c = 0; c < o.channels; ++c) {
+                    const double want = c == 3 ? 255.0
+                        : known ? double(reference(input.pic(), x, y, rgb ? ks[c] : ks[3]) >> shift) : 0.0;
+                    const double got = sampleValue(o, x, y, c);
+                    if (got != want)
+                        QFAIL(qPrintable(QStringLiteral("(%1, %2) channel %3: %4, want %5").arg(x).arg(y).arg(c).arg(got).arg(want)));
+                }
+    }
 
-// The literal case: without description red sits at row 1, column 0, so
-// pixel (1, 1) takes the two red samples beside it.
-void TestRgbNir::redBesideItsCell()
-{
-    const SxPicBufInfo f = format(4, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
-    CxPicture input(f, [](quint32 x, quint32 y, quint32) { return 10 * x + 50 * y + 1; });
-    SxNodeRun<Node> run(f);
-    QScopedPointer<CxImageData> out(run.process(input));
-    QVERIFY(out);
-    QCOMPARE(sampleValue(*out->picBuf(), 1, 1, 2), double((51 + 71) / 2));
-}
+    // The literal case: without description red sits at row 1, column 0, so
+    // pixel (1, 1) takes the two red samples beside it.
+    void redBesideItsCell()
+    {
+        const SxPicBufInfo f = format(4, 4, 1, IDT_UINT8, 0, CFA_BAYER_RGGB);
+        CxPicture input(f, [](quint32 x, quint32 y, quint32) { return 10 * x + 50 * y + 1; });
+        SxNodeRun<Node> run(f);
+        QScopedPointer<CxImageData> out(run.process(input));
+        QVERIFY(out);
+        QCOMPARE(sampleValue(*out->picBuf(), 1, 1, 2), double((51 + 71) / 2));
+    }
+};
 
 QTEST_MAIN(TestRgbNir)
 #include "tst_rgbnir.moc"

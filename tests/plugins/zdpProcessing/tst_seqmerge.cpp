@@ -3,7 +3,6 @@
 
 #include <QtCore/QScopedPointer>
 #include <QtTest/QtTest>
-#include <QtXml/QDomDocument>
 
 using namespace nodetest;
 using Mode = CxSeqMergeCnbl::ExMode;
@@ -32,178 +31,151 @@ int frameInPlace(const SxPicBuf& out, quint32 tx, quint32 ty, quint32 w, quint32
 
 } // namespace
 
+struct SxFormatCase { int mode; int count; SxPicBufInfo in; quint32 width; quint32 height; quint32 pitch; };
+Q_DECLARE_METATYPE(SxFormatCase)
+
+struct SxSequence { int mode; int count; bool completeOnly; QList<int> frames; QStringList outputs; };
+Q_DECLARE_METATYPE(SxSequence)
+
 class TestSeqMerge : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void sequences_data();
-    void sequences();
-    void unusableCountPassesFrames_data();
-    void unusableCountPassesFrames();
-    void outputFormat_data();
-    void outputFormat();
-    void quickButtons();
-};
+    void sequences_data()
+    {
+        QTest::addColumn<SxSequence>("row");
+        // Per output: "<index of the frame that made it>:<frame per place>#<its
+        // frame number>", "-" for an unfilled place. An output carries the
+        // number of the first frame stored since the output before.
 
-void TestSeqMerge::sequences_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<int>("count");
-    QTest::addColumn<bool>("completeOnly");
-    QTest::addColumn<QList<int>>("frames");
-    // Per output: "<index of the frame that made it>:<frame per place>#<its
-    // frame number>", "-" for an unfilled place. An output carries the
-    // number of the first frame stored since the output before.
-    QTest::addColumn<QStringList>("outputs");
+        QTest::newRow("tiles 2, numbers 10 11") << SxSequence{0, 2, true, {10, 11}, {"1:10 11#10"}};
+        QTest::newRow("tiles 4, dropped, complete only")
+            << SxSequence{0, 4, true, {0, 1, 3, 4, 5, 6, 7}, {"6:4 5 6 7#0"}};
+        QTest::newRow("tiles 4, dropped, any") << SxSequence{0, 4, false, {0, 1, 3}, {"2:0 1 - 3#0"}};
+        // The place of frame 2 must not show frame 2 of the sequence before.
+        QTest::newRow("tiles 4, drop after a full picture")
+            << SxSequence{0, 4, false, {0, 1, 2, 3, 4, 5, 7}, {"3:0 1 2 3#0", "6:4 5 - 7#4"}};
+        QTest::newRow("rows 3, early flush") << SxSequence{1, 3, false, {0, 1, 0, 1, 2}, {"2:0 1 -#0", "4:0 1 2#0"}};
+        QTest::newRow("rows 3, gap waits for a full pass") << SxSequence{1, 3, true, {0, 2, 3, 4, 5}, {"4:3 4 5#0"}};
+        QTest::newRow("rows 3, restart in the middle") << SxSequence{1, 3, true, {1, 2, 3, 4, 5}, {"4:3 4 5#1"}};
+        QTest::newRow("rows 1") << SxSequence{1, 1, true, {5, 6}, {"0:5#5", "1:6#6"}};
+        // A frame of the same place again overwrites it.
+        QTest::newRow("tiles 2, repeated place") << SxSequence{0, 2, true, {0, 0, 2, 3}, {"3:2 3#0"}};
+    }
 
-    QTest::newRow("tiles 2, numbers 10 11") << 0 << 2 << true << QList<int>{10, 11} << QStringList{"1:10 11#10"};
-    QTest::newRow("tiles 4, dropped, complete only")
-        << 0 << 4 << true << QList<int>{0, 1, 3, 4, 5, 6, 7} << QStringList{"6:4 5 6 7#0"};
-    QTest::newRow("tiles 4, dropped, any")
-        << 0 << 4 << false << QList<int>{0, 1, 3} << QStringList{"2:0 1 - 3#0"};
-    // The place of frame 2 must not show frame 2 of the sequence before.
-    QTest::newRow("tiles 4, drop after a full picture")
-        << 0 << 4 << false << QList<int>{0, 1, 2, 3, 4, 5, 7} << QStringList{"3:0 1 2 3#0", "6:4 5 - 7#4"};
-    QTest::newRow("rows 3, early flush")
-        << 1 << 3 << false << QList<int>{0, 1, 0, 1, 2} << QStringList{"2:0 1 -#0", "4:0 1 2#0"};
-    QTest::newRow("rows 3, gap waits for a full pass")
-        << 1 << 3 << true << QList<int>{0, 2, 3, 4, 5} << QStringList{"4:3 4 5#0"};
-    QTest::newRow("rows 3, restart in the middle")
-        << 1 << 3 << true << QList<int>{1, 2, 3, 4, 5} << QStringList{"4:3 4 5#1"};
-    QTest::newRow("rows 1") << 1 << 1 << true << QList<int>{5, 6} << QStringList{"0:5#5", "1:6#6"};
-    // A frame of the same place again overwrites it.
-    QTest::newRow("tiles 2, repeated place")
-        << 0 << 2 << true << QList<int>{0, 0, 2, 3} << QStringList{"3:2 3#0"};
-}
+    void sequences()
+    {
+        QFETCH(SxSequence, row);
+        const auto& [mode, count, completeOnly, frames, outputs] = row;
 
-void TestSeqMerge::sequences()
-{
-    QFETCH(int, mode);
-    QFETCH(int, count);
-    QFETCH(bool, completeOnly);
-    QFETCH(QList<int>, frames);
-    QFETCH(QStringList, outputs);
+        const quint32 w = 3, h = 2;
+        CxPicture input(format(w, h, 3, IDT_UINT16, 6));
+        SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+        run.node->setCount(Mode(mode), count, false);
+        run.node->setPassCompleteOnly(completeOnly, false);
+        QVERIFY(run.chain.start());
 
-    const quint32 w = 3, h = 2;
-    CxPicture input(format(w, h, 3, IDT_UINT16, 6));
-    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
-    run.node->setCount(Mode(mode), count, false);
-    run.node->setPassCompleteOnly(completeOnly, false);
-    QVERIFY(run.chain.start());
-
-    const quint32 cols = mode == CxSeqMergeCnbl::ModeTiles ? 2 : 1;
-    QStringList seen;
-    for (int k = 0; k < frames.size(); ++k) {
-        input.pic().frameNumber = frames[k];
-        input.refill([&](quint32, quint32, quint32) { return frameValue(frames[k]); });
-        QScopedPointer<CxImageData> out(run.process(input));
-        if (!out)
-            continue;
-        const SxPicBuf& pic = *out->picBuf();
-        QStringList places;
-        for (int i = 0; i < count; ++i) {
-            const int f = frameInPlace(pic, quint32(i) % cols, quint32(i) / cols, w, h);
-            places << (f == -1 ? QStringLiteral("-") : QString::number(f));
+        const quint32 cols = mode == CxSeqMergeCnbl::ModeTiles ? 2 : 1;
+        QStringList seen;
+        for (int k = 0; k < frames.size(); ++k) {
+            input.pic().frameNumber = frames[k];
+            input.refill([v = frameValue(frames[k])](quint32, quint32, quint32) { return v; });
+            QScopedPointer<CxImageData> out(run.process(input));
+            if (!out)
+                continue;
+            const SxPicBuf& pic = *out->picBuf();
+            QStringList places;
+            for (int i = 0; i < count; ++i) {
+                const int f = frameInPlace(pic, quint32(i) % cols, quint32(i) / cols, w, h);
+                places << (f == -1 ? QStringLiteral("-") : QString::number(f));
+            }
+            seen << QStringLiteral("%1:%2#%3").arg(k).arg(places.join(' ')).arg(pic.frameNumber);
+            QCOMPARE(pic.timestampMs, input.pic().timestampMs);
         }
-        seen << QStringLiteral("%1:%2#%3").arg(k).arg(places.join(' ')).arg(pic.frameNumber);
-        QCOMPARE(pic.timestampMs, input.pic().timestampMs);
+        QCOMPARE(seen, outputs);
     }
-    QCOMPARE(seen, outputs);
-}
 
-void TestSeqMerge::unusableCountPassesFrames_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<QString>("countText");
-    QTest::newRow("tiles, 0") << 0 << "0";
-    QTest::newRow("rows, 0") << 1 << "0";
-    QTest::newRow("rows, negative") << 1 << "-3";
-    QTest::newRow("rows, too many") << 1 << "65";
-}
-
-// Only a document can give such a count; the node must neither divide by it
-// nor stack frames it cannot track, and saving writes it back.
-void TestSeqMerge::unusableCountPassesFrames()
-{
-    QFETCH(int, mode);
-    QFETCH(QString, countText);
-
-    QDomDocument doc;
-    QDomElement element = doc.createElement(QStringLiteral("Chainable"));
-    element.setAttribute(QStringLiteral("mergeSeqMode"), mode);
-    element.setAttribute(QStringLiteral("mergeSeqCount"), countText);
-    CxPicture input(format(4, 3, 1, IDT_UINT8), [](quint32 x, quint32 y, quint32) { return x + 4 * y; });
-    SxNodeRun<CxSeqMergeCnbl> run(input.pic());
-    QVERIFY(run.node->loadSettings(element));
-    QCOMPARE(run.node->title(), QStringLiteral("Merge %1 Images").arg(countText));
-
-    for (int frame = 0; frame < 3; ++frame) {
-        input.pic().frameNumber = frame;
-        QScopedPointer<CxImageData> out(run.process(input));
-        QVERIFY(out);
-        QCOMPARE(out->picBuf()->width, 4u);
-        QCOMPARE(out->picBuf()->height, 3u);
-        QCOMPARE(sampleValue(*out->picBuf(), 3, 2), 11.0);
+    void unusableCountPassesFrames_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QString>("countText");
+        QTest::newRow("tiles, 0") << 0 << "0";
+        QTest::newRow("rows, 0") << 1 << "0";
+        QTest::newRow("rows, negative") << 1 << "-3";
+        QTest::newRow("rows, too many") << 1 << "65";
     }
-    QDomElement saved = doc.createElement(QStringLiteral("Chainable"));
-    run.node->saveSettings(doc, saved);
-    QCOMPARE(saved.attribute(QStringLiteral("mergeSeqCount")), countText);
-}
 
-void TestSeqMerge::outputFormat_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<int>("count");
-    QTest::addColumn<SxPicBufInfo>("in");
-    QTest::addColumn<quint32>("width");
-    QTest::addColumn<quint32>("height");
-    QTest::addColumn<quint32>("pitch");
+    // Only a document can give such a count; the node must neither divide by it
+    // nor stack frames it cannot track, and saving writes it back.
+    void unusableCountPassesFrames()
+    {
+        QFETCH(int, mode);
+        QFETCH(QString, countText);
 
-    const SxPicBufInfo rgb16 = format(21, 5, 3, IDT_UINT16, 2);
-    QTest::newRow("tiles 2") << 0 << 2 << rgb16 << 42u << 5u << 256u;
-    QTest::newRow("tiles 4") << 0 << 4 << rgb16 << 42u << 10u << 256u;
-    QTest::newRow("tiles 4, wide") << 0 << 4 << format(100, 1, 1, IDT_FLOAT) << 200u << 2u << 1024u;
-    QTest::newRow("tiles 3 keeps size") << 0 << 3 << rgb16 << 21u << 5u << rgb16.linePitch;
-    QTest::newRow("rows 3") << 1 << 3 << rgb16 << 21u << 15u << rgb16.linePitch;
-    QTest::newRow("unknown mode") << 7 << 2 << rgb16 << 21u << 5u << rgb16.linePitch;
-}
+        SxDocument doc;
+        CxPicture input(format(4, 3, 1, IDT_UINT8), [](quint32 x, quint32 y, quint32) { return x + 4 * y; });
+        SxNodeRun<CxSeqMergeCnbl> run(input.pic());
+        QVERIFY(run.node->loadSettings(
+            doc.element({{"mergeSeqMode", QString::number(mode)}, {"mergeSeqCount", countText}})));
+        QCOMPARE(run.node->title(), QStringLiteral("Merge %1 Images").arg(countText));
 
-void TestSeqMerge::outputFormat()
-{
-    QFETCH(int, mode);
-    QFETCH(int, count);
-    QFETCH(SxPicBufInfo, in);
-    QFETCH(quint32, width);
-    QFETCH(quint32, height);
-    QFETCH(quint32, pitch);
+        for (int frame = 0; frame < 3; ++frame) {
+            input.pic().frameNumber = frame;
+            QScopedPointer<CxImageData> out(run.process(input));
+            QVERIFY(out);
+            QCOMPARE(out->picBuf()->width, 4u);
+            QCOMPARE(out->picBuf()->height, 3u);
+            QCOMPARE(sampleValue(*out->picBuf(), 3, 2), 11.0);
+        }
+        QCOMPARE(doc.saved(*run.node).value("mergeSeqCount"), countText);
+    }
 
-    CxSeqMergeCnbl node;
-    node.setCount(Mode(mode), count, false);
-    SxPicBufInfo out;
-    QVERIFY(node.queryOutputImageInfo(in, out, nullptr, nullptr));
-    QCOMPARE(out.width, width);
-    QCOMPARE(out.height, height);
-    QCOMPARE(out.linePitch, pitch);
-    QCOMPARE(out.channels, in.channels);
-    QCOMPARE(out.dataType, in.dataType);
-}
+    void outputFormat_data()
+    {
+        QTest::addColumn<SxFormatCase>("row");
 
-// Rows have no buttons; a count of 0 is not taken, yet the title is told to
-// refresh.
-void TestSeqMerge::quickButtons()
-{
-    CxSeqMergeCnbl node;
-    QSignalSpy titles(&node, &CxChainable::titleChanged);
-    node.setCount(CxSeqMergeCnbl::ModeRows, 0, false);
-    QCOMPARE(node.count(), 2);
-    QCOMPARE(titles.size(), 1);
-    QList<CxChainable::CxSimpleStateConfigButton> buttons;
-    bool hasButtons = false;
-    node.simpleStateConfigButtons(buttons, hasButtons);
-    QVERIFY(hasButtons);
-    QVERIFY(buttons.isEmpty());
-}
+        const SxPicBufInfo rgb16 = format(21, 5, 3, IDT_UINT16, 2);
+        QTest::newRow("tiles 2") << SxFormatCase{0, 2, rgb16, 42u, 5u, 256u};
+        QTest::newRow("tiles 4") << SxFormatCase{0, 4, rgb16, 42u, 10u, 256u};
+        QTest::newRow("tiles 4, wide") << SxFormatCase{0, 4, format(100, 1, 1, IDT_FLOAT), 200u, 2u, 1024u};
+        QTest::newRow("tiles 3 keeps size") << SxFormatCase{0, 3, rgb16, 21u, 5u, rgb16.linePitch};
+        QTest::newRow("rows 3") << SxFormatCase{1, 3, rgb16, 21u, 15u, rgb16.linePitch};
+        QTest::newRow("unknown mode") << SxFormatCase{7, 2, rgb16, 21u, 5u, rgb16.linePitch};
+    }
+
+    void outputFormat()
+    {
+        QFETCH(SxFormatCase, row);
+        const auto& [mode, count, in, width, height, pitch] = row;
+
+        CxSeqMergeCnbl node;
+        node.setCount(Mode(mode), count, false);
+        SxPicBufInfo out;
+        QVERIFY(node.queryOutputImageInfo(in, out, nullptr, nullptr));
+        QCOMPARE(out.width, width);
+        QCOMPARE(out.height, height);
+        QCOMPARE(out.linePitch, pitch);
+        QCOMPARE(out.channels, in.channels);
+        QCOMPARE(out.dataType, in.dataType);
+    }
+
+    // Rows have no buttons; a count of 0 is not taken, yet the title is told to
+    // refresh.
+    void quickButtons()
+    {
+        CxSeqMergeCnbl node;
+        QSignalSpy titles(&node, &CxChainable::titleChanged);
+        node.setCount(CxSeqMergeCnbl::ModeRows, 0, false);
+        QCOMPARE(node.count(), 2);
+        QCOMPARE(titles.size(), 1);
+        QList<CxChainable::CxSimpleStateConfigButton> buttons;
+        bool hasButtons = false;
+        node.simpleStateConfigButtons(buttons, hasButtons);
+        QVERIFY(hasButtons);
+        QVERIFY(buttons.isEmpty());
+    }
+};
 
 QTEST_MAIN(TestSeqMerge)
 #include "tst_seqmerge.moc"
