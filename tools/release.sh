@@ -9,7 +9,4 @@ shift
 "$root/tools/deps.sh"
 "$root/tools/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DQLAR_BUILD_TESTS=OFF
 cd "$root"
-# Nodes already run on threads of their own; spinning OpenMP threads would
-# only steal the cores they need.
-export OMP_WAIT_POLICY="${OMP_WAIT_POLICY:-passive}"
 exec "$root/build/release/bin/$program" "$@"

@@ -9,9 +9,6 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/tools/deps.sh"
 
 export QT_QPA_PLATFORM=offscreen
-# Kernels run OpenMP loops inside nodes that already have a thread each; on
-# a busy two-core machine spinning OpenMP threads only steal time.
-export OMP_WAIT_POLICY="${OMP_WAIT_POLICY:-passive}"
 jobs="$(nproc)"
 status=0
 
@@ -26,15 +23,15 @@ export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 export LSAN_OPTIONS="suppressions=$root/tools/lsan.supp:print_suppressions=0"
 ctest --test-dir "$root/build/test-asan" --output-on-failure -j"$jobs" || status=1
 
-echo "== thread sanitizer build (host layer, chain tests)"
-# Only the chain's tests: restarts while frames flow, setters that restart
-# from another thread, live sources that drop, nodes that throw. One OpenMP
-# thread, since libgomp is not built for the sanitizer.
+echo "== thread sanitizer build (host layer: chain and threaded picture operations)"
+# The chain's tests (restarts while frames flow, setters that restart from
+# another thread, live sources that drop, nodes that throw) and the picture
+# operations whose big pictures are shared out over the row scheduler.
 cmake -S "$root" -B "$root/build/test-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQLAR_TSAN=ON \
     -DQLAR_BUILD_APPS=OFF >/dev/null
-cmake --build "$root/build/test-tsan" --target tst_chain -j"$jobs"
-TSAN_OPTIONS="halt_on_error=1:suppressions=$root/tools/tsan.supp" OMP_NUM_THREADS=1 \
-    ctest --test-dir "$root/build/test-tsan" --output-on-failure -R '^tst_chain$' || status=1
+cmake --build "$root/build/test-tsan" --target tst_chain tst_picbufops tst_histolut tst_median_mosaic -j"$jobs"
+TSAN_OPTIONS="halt_on_error=1:suppressions=$root/tools/tsan.supp" \
+    ctest --test-dir "$root/build/test-tsan" --output-on-failure -R '^tst_(chain|picbufops|histolut|median_mosaic)$' || status=1
 
 echo "== fuzz targets (clang, ASan + UBSan): checked-in corpus and bounded mutations"
 bash "$root/tools/fuzz.sh" --runs 20000 || status=1

@@ -26,8 +26,8 @@
 // out of a larger frame) turn as well as packed ones.
 //
 // Speed: the turn is done tile by tile, so that the rows read and the rows
-// written both stay in cache; the rows of tiles are shared among OpenMP
-// threads. Each output pixel is written by exactly one thread. Small pictures
+// written both stay in cache; the rows of tiles are shared among the
+// kit's scheduler threads. Each output pixel is written by exactly one thread. Small pictures
 // are turned on the calling thread alone.
 class CxRotateImageCnbl : public CxImageProvider
 {

@@ -24,9 +24,9 @@
 
 #include <KitDispatch.h>
 #include <KitPicture.h>
+#include <KitRows.h>
 
 #include <fftw3.h>
-#include <omp.h>
 #include <sys/mman.h>
 #if defined(__SSE2__)
 #include <immintrin.h>
@@ -54,9 +54,6 @@ constexpr double PlanTimeLimitSeconds = 0.5;
 // 32-bit samples, and a block's scratch stays well inside a core's L2.
 constexpr int ColumnBlock = 16;
 constexpr int PrefetchRows = 32;
-// Below this many samples a transform runs on the caller's thread.
-constexpr qint64 MinParallelSamples = qint64(1) << 17;
-constexpr int MaxThreads = 16;
 // Keeps plan sizes and strides inside FFTW's int arithmetic.
 constexpr quint32 MaxSide = 1u << 26;
 constexpr size_t CacheLine = 64;
@@ -424,7 +421,7 @@ bool CxFFT::Alloc2D(const SxPicBufInfo& info, void*& h1, void*& h2, void*& h3)
     c->h = int(info.height);
     c->halfRows = c->h / 2 + 1;
     c->block = std::min(ColumnBlock, c->w);
-    c->threads = std::clamp(omp_get_max_threads(), 1, MaxThreads);
+    c->threads = pixelkit::threadSlots();
     // Rows on cache lines: every row shares the alignment the row plan was made with.
     c->rowStride = roundUp(size_t(c->w), CacheLine / sizeof(fftwf_complex));
     c->colOutOffset = roundUp(sizeof(float) * size_t(c->block) * size_t(c->h), CacheLine);
@@ -477,45 +474,47 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     const int w = c->w;
     const int h = c->h;
     const int block = c->block;
-    const int threads = qint64(w) * h >= MinParallelSamples ? c->threads : 1;
     const quint64 inPitch = in.effectiveLinePitch();
     const quint64 rePitch = re.effectiveLinePitch();
     const quint64 imPitch = im.effectiveLinePitch();
 
     // Columns: real to complex, kept as rows 0..h/2 of the half spectrum.
     const int blocks = (w + block - 1) / block;
-#pragma omp parallel for num_threads(threads) schedule(dynamic, 1) if (threads > 1)
-    for (int b = 0; b < blocks; ++b) {
-        const int t = omp_get_thread_num();
+    const quint64 blockBytes = quint64(block) * h * (in.bytesPerSample() + sizeof(fftwf_complex));
+    pixelkit::forEachRowPiece(quint32(blocks), blockBytes, [&](int b0, int b1, int t) {
         float* colIn = c->colIn(t);
         fftwf_complex* colOut = c->colOut(t);
-        const int k0 = b * block;
-        const int count = std::min(block, w - k0);
-        gather(in.data, inPitch, k0, count, h, colIn);
-        if (count < block)
-            std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
-        fftwf_execute_dft_r2c(c->columns, colIn, colOut);
-        storeColumns(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+        for (int b = b0; b < b1; ++b) {
+            const int k0 = b * block;
+            const int count = std::min(block, w - k0);
+            gather(in.data, inPitch, k0, count, h, colIn);
+            if (count < block)
+                std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
+            fftwf_execute_dft_r2c(c->columns, colIn, colOut);
+            storeColumns(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+        }
         fence();
-    }
+    });
 
     // Rows: each frequency row ky gives output row h/2 + ky and, through the
     // symmetry of a real picture's spectrum, its mirror row h/2 - ky.
     const int cy = h / 2;
-#pragma omp parallel for num_threads(threads) schedule(dynamic, 8) if (threads > 1)
-    for (int ky = 0; ky < c->halfRows; ++ky) {
-        fftwf_complex* row = c->rowOut(omp_get_thread_num());
-        fftwf_execute_dft(c->rows, c->spectrum + size_t(ky) * c->rowStride, row);
-        const int y = ky + cy < h ? ky + cy : ky + cy - h;
-        placeRow(row, w, reinterpret_cast<float*>(re.data + y * rePitch),
-                 reinterpret_cast<float*>(im.data + y * imPitch));
-        if (ky > 0 && 2 * ky != h) {
-            const int my = cy - ky;
-            placeMirrorRow(row, w, reinterpret_cast<float*>(re.data + my * rePitch),
-                           reinterpret_cast<float*>(im.data + my * imPitch));
+    const quint64 rowBytes = quint64(w) * (sizeof(fftwf_complex) + 2 * 2 * sizeof(float));
+    pixelkit::forEachRowPiece(quint32(c->halfRows), rowBytes, [&](int k0, int k1, int t) {
+        fftwf_complex* row = c->rowOut(t);
+        for (int ky = k0; ky < k1; ++ky) {
+            fftwf_execute_dft(c->rows, c->spectrum + size_t(ky) * c->rowStride, row);
+            const int y = ky + cy < h ? ky + cy : ky + cy - h;
+            placeRow(row, w, reinterpret_cast<float*>(re.data + y * rePitch),
+                     reinterpret_cast<float*>(im.data + y * imPitch));
+            if (ky > 0 && 2 * ky != h) {
+                const int my = cy - ky;
+                placeMirrorRow(row, w, reinterpret_cast<float*>(re.data + my * rePitch),
+                               reinterpret_cast<float*>(im.data + my * imPitch));
+            }
         }
         fence();
-    }
+    });
     return true;
 }
 

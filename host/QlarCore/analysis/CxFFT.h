@@ -58,10 +58,10 @@
 // columns at a time are converted to float, transformed real-to-complex and
 // stored as half a spectrum of h/2+1 rows), then row by row (complex
 // transforms whose results go straight into the two output rows of that
-// frequency and of its mirror, already centred). Both passes split their
-// blocks over OpenMP threads (pictures of 128K samples and more), each
-// thread executing single-threaded plans on its own scratch, so FFTW's own
-// thread pool is not used. Nothing is allocated per call.
+// frequency and of its mirror, already centred). Both passes share their
+// blocks out through the kit's row scheduler, each thread executing
+// single-threaded plans on its own scratch, so FFTW's own thread pool is
+// not used. Nothing is allocated per call.
 class QLARCORE_EXPORT CxFFT
 {
 public:

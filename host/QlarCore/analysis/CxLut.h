@@ -45,7 +45,7 @@ class CxImageMetadata;
 // outside a table.
 //
 // apply() may run on several threads at once; it spreads its rows over the
-// cores (OpenMP) and allocates nothing.
+// cores (the kit's row scheduler) and allocates nothing.
 class QLARCORE_EXPORT CxLut
 {
 public:

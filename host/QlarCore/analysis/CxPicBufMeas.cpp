@@ -3,10 +3,12 @@
 #include "CxImageMetadata.h"
 
 #include <KitDispatch.h>
+#include <KitRows.h>
 
 #include <QtCore/QRect>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <climits>
 #include <cstring>
@@ -17,13 +19,6 @@
 namespace {
 
 using Flags = QFlags<CxHistoData::ExHistoDataFlag>;
-
-// Below this many samples the thread start-up costs more than it saves.
-constexpr qint64 kParallelSamples = 1 << 16;
-// Rows are handed out in small chunks rather than halves: on a machine busy
-// with other work one thread may be descheduled, and the other then takes
-// over its share instead of waiting for it.
-constexpr int kRowChunk = 8;
 
 // Which record each sample goes to.
 struct SxLayout
@@ -78,6 +73,59 @@ inline void forEachSample(const SxJob& job, int y, Fn&& fn)
     }
 }
 
+// The rectangle's rows on the kit's row scheduler, each thread counting into
+// tallies of its own: start(slot) before a thread's first row, row(slot, y)
+// for each row. Answers which slots started, for the merge that follows on
+// the calling thread.
+template <class T, class StartFn, class RowFn>
+std::array<bool, pixelkit::MaxSlots> passRows(const SxJob& job, StartFn&& start, RowFn&& row)
+{
+    std::array<bool, pixelkit::MaxSlots> started{};
+    const int y0 = job.roi.top();
+    const quint32 rows = quint32(job.roi.height());
+    if (rows == 0)
+        return started;
+    const quint64 bytesPerRow = quint64(job.samples) * sizeof(T) / rows;
+    pixelkit::forEachRowPiece(rows, bytesPerRow, [&](int first, int last, int slot) {
+        if (!started[size_t(slot)]) {
+            started[size_t(slot)] = true;
+            start(slot);
+        }
+        for (int y = first; y < last; ++y)
+            row(slot, y0 + y);
+    });
+    return started;
+}
+
+// Per-thread tables of one pass, kept on the calling thread from frame to
+// frame so that a live stream does not allocate them anew each time.
+template <class C>
+C* slotTables(size_t tabSize)
+{
+    static thread_local std::vector<C> mem;
+    const size_t want = tabSize * size_t(pixelkit::threadSlots());
+    if (mem.size() < want)
+        mem.resize(want);
+    return mem.data();
+}
+
+// Per-thread accumulators of count records each, with a cache line between
+// threads so that they never write to the same one.
+template <class A>
+class PerSlot
+{
+public:
+    explicit PerSlot(size_t count)
+        : m_stride(count + (64 + sizeof(A) - 1) / sizeof(A)), m_mem(m_stride * size_t(pixelkit::threadSlots()))
+    {
+    }
+    A* operator[](size_t slot) { return m_mem.data() + slot * m_stride; }
+
+private:
+    size_t m_stride;
+    std::vector<A> m_mem;
+};
+
 // ---------------------------------------------------------------------------
 // 8- and 16-bit samples: every possible value gets its own counter, so the
 // statistics come out exact and the bins are folded from the full table.
@@ -105,20 +153,16 @@ void countSmall_T(const SxJob& job, std::vector<quint64>& full)
     using Key = SxSmallKey<T>;
     constexpr size_t K = Key::K;
     const SxLayout& L = *job.layout;
-    const int y0 = job.roi.top();
-    const int y1 = job.roi.bottom() + 1;
     // Mono 8-bit: four interleaved tables so that runs of equal samples do
     // not serialise on one counter.
     const bool quad = sizeof(T) == 1 && !L.perCell && L.channels == 1;
     const size_t tabSize = quad ? 4 * K : size_t(L.records) * K;
 
-#pragma omp parallel if (job.samples >= kParallelSamples)
-    {
-        static thread_local std::vector<C> local;
-        local.assign(tabSize, 0);
-        C* tab = local.data();
-#pragma omp for schedule(dynamic, kRowChunk)
-        for (int y = y0; y < y1; ++y) {
+    C* const tables = slotTables<C>(tabSize);
+    const auto started = passRows<T>(
+        job, [&](int slot) { std::fill_n(tables + size_t(slot) * tabSize, tabSize, C(0)); },
+        [&](int slot, int y) {
+            C* tab = tables + size_t(slot) * tabSize;
             if (quad) {
                 const T* row = job.row<T>(y);
                 const int w = job.roi.width();
@@ -140,18 +184,19 @@ void countSmall_T(const SxJob& job, std::vector<quint64>& full)
                 for (; x < w; ++x)
                     ++tab[Key::key(row[x])];
             } else {
-                forEachSample<T>(job, y, [tab](int rec, T v) { ++tab[size_t(rec) * K + Key::key(v)]; });
+                forEachSample<T>(job, y, [=](int rec, T v) { ++tab[size_t(rec) * K + Key::key(v)]; });
             }
-        }
-#pragma omp critical(qlar_histo_merge)
-        {
-            if (quad) {
-                for (size_t k = 0; k < K; ++k)
-                    full[k] += quint64(tab[k]) + tab[K + k] + tab[2 * K + k] + tab[3 * K + k];
-            } else {
-                for (size_t i = 0; i < tabSize; ++i)
-                    full[i] += tab[i];
-            }
+        });
+    for (size_t slot = 0; slot < started.size(); ++slot) {
+        if (!started[slot])
+            continue;
+        const C* tab = tables + slot * tabSize;
+        if (quad) {
+            for (size_t k = 0; k < K; ++k)
+                full[k] += quint64(tab[k]) + tab[K + k] + tab[2 * K + k] + tab[3 * K + k];
+        } else {
+            for (size_t i = 0; i < tabSize; ++i)
+                full[i] += tab[i];
         }
     }
 }
@@ -245,20 +290,16 @@ void measureWide_T(CxHistoData& histo, const SxJob& job, Flags flags, int bins, 
     const bool wantBins = flags & CxHistoData::HDF_Bins;
     histo.reset(R, wantBins ? bins : 0, shift, flags);
     std::vector<SxIntAcc> acc(static_cast<size_t>(R));
-    const int y0 = job.roi.top();
-    const int y1 = job.roi.bottom() + 1;
     const size_t tabSize = wantBins ? size_t(R) * size_t(bins) : 0;
-
-#pragma omp parallel if (job.samples >= kParallelSamples)
-    {
-        static thread_local std::vector<quint64> local;
-        local.assign(tabSize, 0);
-        quint64* tab = local.data();
-        std::vector<SxIntAcc> mine(static_cast<size_t>(R));
-#pragma omp for schedule(dynamic, kRowChunk)
-        for (int y = y0; y < y1; ++y) {
+    quint64* const tables = slotTables<quint64>(tabSize);
+    PerSlot<SxIntAcc> mine{size_t(R)};
+    const auto started = passRows<T>(
+        job, [&](int slot) { std::fill_n(tables + size_t(slot) * tabSize, tabSize, 0); },
+        [&](int slot, int y) {
+            quint64* tab = tabSize ? tables + size_t(slot) * tabSize : nullptr;
+            SxIntAcc* own = mine[size_t(slot)];
             forEachSample<T>(job, y, [&](int rec, T v) {
-                SxIntAcc& a = mine[size_t(rec)];
+                SxIntAcc& a = own[rec];
                 const qint64 s = qint64(v);
                 ++a.n;
                 a.min = std::min(a.min, s);
@@ -270,16 +311,17 @@ void measureWide_T(CxHistoData& histo, const SxJob& job, Flags flags, int bins, 
                     ++tab[size_t(rec) * size_t(bins) + size_t(b)];
                 }
             });
-        }
-#pragma omp critical(qlar_histo_merge)
-        {
-            for (int r = 0; r < R; ++r)
-                acc[size_t(r)].merge(mine[size_t(r)]);
-            for (int r = 0; tab && r < R; ++r) {
-                quint64* b = histo.binsForWrite(r);
-                for (int i = 0; i < bins; ++i)
-                    b[i] += tab[size_t(r) * size_t(bins) + size_t(i)];
-            }
+        });
+    for (size_t slot = 0; slot < started.size(); ++slot) {
+        if (!started[slot])
+            continue;
+        for (int r = 0; r < R; ++r)
+            acc[size_t(r)].merge(mine[slot][r]);
+        const quint64* tab = tables + slot * tabSize;
+        for (int r = 0; tabSize && r < R; ++r) {
+            quint64* b = histo.binsForWrite(r);
+            for (int i = 0; i < bins; ++i)
+                b[i] += tab[size_t(r) * size_t(bins) + size_t(i)];
         }
     }
 
@@ -322,29 +364,25 @@ void measureFloat(CxHistoData& histo, const SxJob& job, Flags flags)
     constexpr int B = CxHistoData::FloatBinCount;
     histo.reset(R, wantBins ? B : 0, 0, flags);
     std::vector<SxFloatAcc> acc(static_cast<size_t>(R));
-    const int y0 = job.roi.top();
-    const int y1 = job.roi.bottom() + 1;
-    const bool par = job.samples >= kParallelSamples;
-
-#pragma omp parallel if (par)
-    {
-        std::vector<SxFloatAcc> mine(static_cast<size_t>(R));
-#pragma omp for schedule(dynamic, kRowChunk)
-        for (int y = y0; y < y1; ++y) {
+    PerSlot<SxFloatAcc> mine{size_t(R)};
+    const auto counted = passRows<float>(
+        job, [](int) {},
+        [&](int slot, int y) {
+            SxFloatAcc* own = mine[size_t(slot)];
             forEachSample<float>(job, y, [&](int rec, float v) {
                 if (!std::isfinite(v))
                     return;
-                SxFloatAcc& a = mine[size_t(rec)];
+                SxFloatAcc& a = own[rec];
                 ++a.n;
                 a.min = std::min(a.min, double(v));
                 a.max = std::max(a.max, double(v));
                 a.sum += v;
             });
-        }
-#pragma omp critical(qlar_histo_merge)
-        for (int r = 0; r < R; ++r) {
+        });
+    for (size_t slot = 0; slot < counted.size(); ++slot) {
+        for (int r = 0; counted[slot] && r < R; ++r) {
             SxFloatAcc& a = acc[size_t(r)];
-            const SxFloatAcc& m = mine[size_t(r)];
+            const SxFloatAcc& m = mine[slot][r];
             a.n += m.n;
             a.min = std::min(a.min, m.min);
             a.max = std::max(a.max, m.max);
@@ -370,34 +408,34 @@ void measureFloat(CxHistoData& histo, const SxJob& job, Flags flags)
 
     if (wantBins || (flags & CxHistoData::HDF_StdDev)) {
         const size_t tabSize = wantBins ? size_t(R) * B : 0;
-#pragma omp parallel if (par)
-        {
-            static thread_local std::vector<quint64> local;
-            local.assign(tabSize, 0);
-            quint64* tab = local.data();
-            std::vector<double> ss(static_cast<size_t>(R), 0.0);
-#pragma omp for schedule(dynamic, kRowChunk)
-            for (int y = y0; y < y1; ++y) {
+        quint64* const tables = slotTables<quint64>(tabSize);
+        PerSlot<double> ss{size_t(R)};
+        const auto started = passRows<float>(
+            job, [&](int slot) { std::fill_n(tables + size_t(slot) * tabSize, tabSize, 0); },
+            [&](int slot, int y) {
+                quint64* tab = tabSize ? tables + size_t(slot) * tabSize : nullptr;
+                double* own = ss[size_t(slot)];
                 forEachSample<float>(job, y, [&](int rec, float v) {
                     if (!std::isfinite(v))
                         return;
                     const double d = double(v) - mean[size_t(rec)];
-                    ss[size_t(rec)] += d * d;
+                    own[rec] += d * d;
                     if (tab) {
                         const int b = std::min(int((double(v) - low) * inv), B - 1);
                         ++tab[size_t(rec) * B + size_t(std::max(b, 0))];
                     }
                 });
-            }
-#pragma omp critical(qlar_histo_merge)
-            {
-                for (int r = 0; r < R; ++r)
-                    acc[size_t(r)].ss += ss[size_t(r)];
-                for (int r = 0; tab && r < R; ++r) {
-                    quint64* b = histo.binsForWrite(r);
-                    for (int i = 0; i < B; ++i)
-                        b[i] += tab[size_t(r) * B + size_t(i)];
-                }
+            });
+        for (size_t slot = 0; slot < started.size(); ++slot) {
+            if (!started[slot])
+                continue;
+            for (int r = 0; r < R; ++r)
+                acc[size_t(r)].ss += ss[slot][r];
+            const quint64* tab = tables + slot * tabSize;
+            for (int r = 0; tabSize && r < R; ++r) {
+                quint64* b = histo.binsForWrite(r);
+                for (int i = 0; i < B; ++i)
+                    b[i] += tab[size_t(r) * B + size_t(i)];
             }
         }
     }

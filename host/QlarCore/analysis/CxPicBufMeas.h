@@ -18,8 +18,8 @@ class QRect;
 // misses the picture, and rows that are not aligned to the sample size. The metadata is only
 // consulted for HDF_PerMosaicCell on hyperspectral mosaics, and may be null.
 //
-// Rows are measured on all cores (OpenMP) with a private histogram per thread;
-// no picture memory is allocated.
+// Rows are measured on all cores (the kit's row scheduler) with a private
+// histogram per thread; no picture memory is allocated.
 class QLARCORE_EXPORT CxPicBufMeas
 {
 public:

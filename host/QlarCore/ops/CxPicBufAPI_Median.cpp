@@ -20,8 +20,8 @@
 // - Radius above MaxRadius is refused; the kernel then covers more than
 //   a thousand million samples.
 //
-// How: rows are shared out in pieces between the caller and idle helper
-// threads. Kernels 3 and 5 are min/max networks over sorted columns,
+// How: rows are shared out in pieces by the kit's row scheduler, each
+// thread with its own scratch slot. Kernels 3 and 5 are min/max networks over sorted columns,
 // vectorised across x (AVX2 when the CPU has it): kernel 3 makes two output
 // rows at a time from registers, kernel 5 works through L1-sized tiles of
 // scratch rows. Larger kernels count: 8-bit samples up to radius 127 with
@@ -31,204 +31,24 @@
 
 #include <KitCpu.h>
 #include <KitPicture.h>
+#include <KitRows.h>
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <thread>
 #include <vector>
 
 #include <emmintrin.h>
-#include <sched.h>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
-
-namespace QlarPicBufDetail {
-using RowBody = std::function<void(int first, int last, int slot)>;
-}
-
-namespace {
-
-using QlarPicBufDetail::RowBody;
-
-// Row ranges of one frame shared between the calling thread and a few helper
-// threads. The caller takes pieces itself and waits only for pieces a helper
-// has already started, never for a helper that has not woken up: on a loaded
-// machine (every chain node busy) a fork/join team would wait for its slowest
-// member to be scheduled at all. One frame at a time uses the helpers; a
-// second caller meanwhile simply works alone.
-class RowPool
-{
-public:
-    static RowPool& instance()
-    {
-        static RowPool pool;
-        return pool;
-    }
-    int helpers() const { return int(m_threads.size()); }
-
-    void run(int count, int grain, int maxSlots, const RowBody& body)
-    {
-        grain = std::max(grain, 1);
-        const int chunks = (count + grain - 1) / grain;
-        bool idle = false;
-        if (chunks <= 1 || maxSlots <= 1 || m_threads.empty() || !m_busy.compare_exchange_strong(idle, true)) {
-            if (count > 0)
-                body(0, count, 0);
-            return;
-        }
-        auto job = std::make_shared<Job>();
-        job->body = &body;
-        job->count = count;
-        job->grain = grain;
-        job->chunks = chunks;
-        job->maxSlots = maxSlots;
-        {
-            std::lock_guard<std::mutex> lock(m_lock);
-            m_job = job;
-            ++m_generation;
-        }
-        m_wake.notify_all();
-        work(*job, 0);
-        // A helper still busy is usually a piece away from done: spin briefly
-        // before sleeping, since on a loaded machine a sleeping caller may
-        // wait a whole time slice to be woken.
-        for (int spin = 0; spin < 4096 && job->done.load() != job->chunks; ++spin) {
-            if (spin < 2048)
-                _mm_pause();
-            else
-                std::this_thread::yield();
-        }
-        {
-            std::unique_lock<std::mutex> lock(job->lock);
-            job->finished.wait(lock, [&] { return job->done.load() == job->chunks; });
-        }
-        {
-            std::lock_guard<std::mutex> lock(m_lock);
-            m_job.reset();
-        }
-        m_busy.store(false);
-    }
-
-private:
-    struct Job
-    {
-        const RowBody* body = nullptr;
-        int count = 0, grain = 1, chunks = 0, maxSlots = 1;
-        std::atomic<int> next{0};
-        std::atomic<int> done{0};
-        std::atomic<int> nextSlot{1};
-        std::mutex lock;
-        std::condition_variable finished;
-    };
-
-    RowPool()
-    {
-        for (int i = 0; i < std::clamp(usableCores() - 1, 0, 7); ++i)
-            m_threads.emplace_back([this] { helperLoop(); });
-    }
-    ~RowPool()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_lock);
-            m_stop = true;
-        }
-        m_wake.notify_all();
-        for (std::thread& t : m_threads)
-            t.join();
-    }
-
-    // Cores this process may run on (a container or taskset may allow fewer
-    // than the machine has).
-    static int usableCores()
-    {
-        cpu_set_t set;
-        if (sched_getaffinity(0, sizeof set, &set) == 0)
-            return std::max(1, CPU_COUNT(&set));
-        return std::max(1, int(std::thread::hardware_concurrency()));
-    }
-
-    static void work(Job& job, int slot)
-    {
-        for (;;) {
-            const int c = job.next.fetch_add(1);
-            if (c >= job.chunks)
-                return;
-            const int first = c * job.grain;
-            (*job.body)(first, std::min(job.count, first + job.grain), slot);
-            if (job.done.fetch_add(1) + 1 == job.chunks) {
-                std::lock_guard<std::mutex> lock(job.lock);
-                job.finished.notify_all();
-            }
-        }
-    }
-
-    void helperLoop()
-    {
-        quint64 seen = 0;
-        for (;;) {
-            // Frames of a running chain follow each other closely: stay awake
-            // for a few tens of microseconds, as waking a sleeping thread
-            // costs about as much as a small frame's whole share.
-            for (int spin = 0; spin < 2048 && m_generation.load(std::memory_order_relaxed) == seen; ++spin)
-                _mm_pause();
-            std::shared_ptr<Job> job;
-            {
-                std::unique_lock<std::mutex> lock(m_lock);
-                m_wake.wait(lock, [&] { return m_stop || m_generation != seen; });
-                if (m_stop)
-                    return;
-                seen = m_generation;
-                job = m_job;
-            }
-            if (!job)
-                continue;
-            const int slot = job->nextSlot.fetch_add(1);
-            if (slot < job->maxSlots)
-                work(*job, slot);
-        }
-    }
-
-    std::vector<std::thread> m_threads;
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    std::shared_ptr<Job> m_job;
-    std::atomic<quint64> m_generation{0};
-    bool m_stop = false;
-    std::atomic<bool> m_busy{false};
-};
-
-} // namespace
-
-namespace QlarPicBufDetail {
-
-// Also used by the mosaic filters (CxPicBufAPI_Mosaic.cpp).
-void runRows(int count, int grain, int maxSlots, const RowBody& body)
-{
-    RowPool::instance().run(count, grain, maxSlots, body);
-}
-
-int rowHelpers()
-{
-    return RowPool::instance().helpers();
-}
-
-} // namespace QlarPicBufDetail
 
 namespace {
 
 constexpr quint32 WorkMagic = 0x4d454457u;
 constexpr int MaxRadius = 16383;
-constexpr int MaxThreads = 8;
-// Below this many samples a frame is filtered on the caller's thread.
-constexpr qint64 MinParallelSamples = 1 << 15;
 
 struct MedianWork
 {
@@ -849,7 +669,7 @@ bool CxPicBufAPI::MedianAllocBuffer(const SxPicBufInfo& format, int radius, void
     auto* work = new (std::nothrow) MedianWork;
     if (!work)
         return false;
-    work->threads = std::clamp(QlarPicBufDetail::rowHelpers() + 1, 1, MaxThreads);
+    work->threads = pixelkit::threadSlots();
     work->slotBytes = roundUp(slotBytesFor(radius, format.bytesPerSample()), 64);
     work->mem = static_cast<uchar*>(std::aligned_alloc(64, work->slotBytes * size_t(work->threads)));
     if (!work->mem) {
@@ -901,12 +721,9 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     f.r = radius;
     const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, f.w) : pickKernel<quint16>(radius, f.w);
 
-    const qint64 samples = qint64(f.w) * f.h;
-    const int slotCount = samples < MinParallelSamples ? 1 : work->threads;
-    // Pieces of a few rows balance the threads; each piece restarts its
-    // window, which costs little next to the piece itself.
-    const int grain = std::max(8, f.h / (8 * slotCount));
-    QlarPicBufDetail::runRows(f.h, grain, slotCount, [&](int y0, int y1, int slot) {
+    // A median sample costs several copied bytes, more the wider the kernel.
+    const quint64 rowCost = quint64(f.w) * bps * 2 * std::min(2 * radius + 1, 64);
+    pixelkit::forEachRowPiece(quint32(f.h), rowCost, [&](int y0, int y1, int slot) {
         kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes);
     });
     return true;

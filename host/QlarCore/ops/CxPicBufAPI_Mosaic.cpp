@@ -38,36 +38,27 @@
 #include <KitCpu.h>
 #include <KitDispatch.h>
 #include <KitPicture.h>
+#include <KitRows.h>
 
 #include <QtCore/QRect>
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <type_traits>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-namespace QlarPicBufDetail {
-// The row pool of CxPicBufAPI_Median.cpp: body(first, last, slot) over
-// [0, count) on the caller and idle helper threads.
-using RowBody = std::function<void(int first, int last, int slot)>;
-void runRows(int count, int grain, int maxSlots, const RowBody& body);
-int rowHelpers();
-}
-
 namespace {
 
-// Below this many samples a frame is done on the caller's thread.
-constexpr qint64 MinParallelSamples = 1 << 16;
-
-// Rows of a frame in pieces, on several threads when the frame is big enough.
-void forRows(int count, qint64 samples, const QlarPicBufDetail::RowBody& body)
+// count rows of work in pieces, fn(first, last, slot); together they read
+// and write about `samples` samples of T each way.
+template <class T, class PieceFn>
+void forRows(int count, qint64 samples, PieceFn&& fn)
 {
-    const int slotCount = samples < MinParallelSamples ? 1 : QlarPicBufDetail::rowHelpers() + 1;
-    QlarPicBufDetail::runRows(count, std::max(4, count / (8 * slotCount)), slotCount, body);
+    if (count > 0)
+        pixelkit::forEachRowPiece(quint32(count), quint64(samples) * 2 * sizeof(T) / quint64(count), fn);
 }
 
 enum class Stat { Min, Max, Avg, Normalize };
@@ -287,7 +278,7 @@ void perCell(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
     qint64 i0, i1, j0, j1;
     wholeCells(c.originX, c.px, in.width, nx, i0, i1);
     wholeCells(c.originY, c.py, in.height, ny, j0, j1);
-    forRows(ny, qint64(nx) * ny * c.px * c.py, [&](int r0, int r1, int) {
+    forRows<T>(ny, qint64(nx) * ny * c.px * c.py, [&](int r0, int r1, int) {
         for (int j = r0; j < r1; ++j) {
             T* o = rowAt<T>(out, j);
             if (j < j0 || j >= j1 || i0 >= i1) {
@@ -321,7 +312,7 @@ void sliding(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
     const int lastY = c.top + c.height - c.py;
     const qint64 n = qint64(c.px) * c.py;
     const PairRowFn pair = c.px == 2 && c.py == 2 ? pickPairRow(in.dataType, St, true) : nullptr;
-    forRows(h, qint64(w) * h, [&](int y0, int y1, int) {
+    forRows<T>(h, qint64(w) * h, [&](int y0, int y1, int) {
         for (int y = y0; y < y1; ++y) {
             const int ay = std::clamp(y, c.top, lastY);
             T* o = rowAt<T>(out, y);
@@ -413,11 +404,11 @@ void normalize(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
     const quint64 fullScale = fullScaleOf<T>(in.bitsPerSample);
     const int cellsX = c.width / c.px, cellsY = c.height / c.py;
     const qint64 samples = qint64(in.width) * h;
-    forRows(h, samples, [&](int y0, int y1, int) {
+    forRows<T>(h, samples, [&](int y0, int y1, int) {
         for (int y = y0; y < y1; ++y)
             std::memcpy(rowAt<T>(out, y), rowAt<T>(in, y), rowBytes);
     });
-    forRows(cellsY, samples, [&](int j0, int j1, int) {
+    forRows<T>(cellsY, samples, [&](int j0, int j1, int) {
         for (int j = j0; j < j1; ++j)
             for (int i = 0; i < cellsX; ++i)
                 normalizeCell<T>(in, c.left + i * c.px, c.top + j * c.py, c, fullScale, out);

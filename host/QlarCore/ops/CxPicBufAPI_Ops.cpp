@@ -14,8 +14,8 @@
 //   channel is refused.
 // - bitsPerSample does not limit arithmetic: sums and quotients use the full
 //   range of the sample type.
-// - Large pictures are split over the OpenMP team by rows; small ones stay on
-//   the calling thread. Nothing allocates picture memory.
+// - Large pictures are split by rows over the kit's row scheduler; small ones
+//   stay on the calling thread. Nothing allocates picture memory.
 //
 // Add, AddSquares (acc, frame)
 //   Same width, height and channel count, except that a three-channel sum
