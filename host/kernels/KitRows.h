@@ -35,6 +35,7 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -105,7 +106,15 @@ public:
             m_generation.fetch_add(1);
         }
         m_wake.notify_all();
-        work(0);
+        // A piece that throws (on any thread) ends the pass early; the pass is
+        // still closed and waited for before the exception goes on.
+        std::exception_ptr error;
+        try {
+            work(0);
+        } catch (...) {
+            error = std::current_exception();
+            m_next.store(m_chunks);
+        }
         // No piece is left to start: close the pass to late helpers and wait
         // for those inside it. A helper still busy is usually a piece away
         // from done, so spin briefly before sleeping; a sleeping caller may
@@ -123,8 +132,13 @@ public:
         {
             std::unique_lock<std::mutex> lock(m_lock);
             m_left.wait(lock, [&] { return m_active.load() == 0; });
+            if (!error)
+                error = m_error;
+            m_error = nullptr;
         }
         m_busy.store(false);
+        if (error)
+            std::rethrow_exception(error);
     }
 
 private:
@@ -203,9 +217,17 @@ private:
                 slot = m_nextSlot++;
                 m_active.fetch_add(1);
             }
-            work(slot);
+            std::exception_ptr error;
+            try {
+                work(slot);
+            } catch (...) {
+                error = std::current_exception();
+                m_next.store(m_chunks);
+            }
             {
                 std::lock_guard<std::mutex> lock(m_lock);
+                if (error && !m_error)
+                    m_error = error;
                 if (m_active.fetch_sub(1) == 1)
                     m_left.notify_all();
             }
@@ -227,6 +249,7 @@ private:
     int m_count = 0, m_grain = 1, m_chunks = 0, m_maxSlots = 1, m_nextSlot = 1;
     bool m_open = false;
     bool m_stop = false;
+    std::exception_ptr m_error;  // the first a helper met in this pass
 };
 
 } // namespace detail
