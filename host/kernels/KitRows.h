@@ -281,25 +281,31 @@ inline int rowChunk(quint32 height, quint64 bytesPerRow, int threads)
 
 // pieceFn(first, last, slot) over pieces [first, last) of [0, height); slot
 // is below slotsFor(height, bytesPerRow) and no two pieces running at once
-// share it, so it may index per-thread scratch.
+// share it, so it may index per-thread scratch. Pieces are counted in int:
+// every caller's height is an int already.
 template <class PieceFn>
-void forEachRowPiece(quint32 height, quint64 bytesPerRow, PieceFn&& pieceFn)
+void forEachRowPiece(int height, quint64 bytesPerRow, PieceFn&& pieceFn)
 {
-    if (height == 0)
+    if (height <= 0)
         return;
-    const int threads = slotsFor(height, bytesPerRow);
-    if (threads <= 1 || height > quint32(INT_MAX)) {
-        pieceFn(0, int(qMin<quint32>(height, quint32(INT_MAX))), 0);
+    const int threads = slotsFor(quint32(height), bytesPerRow);
+    if (threads <= 1) {
+        pieceFn(0, height, 0);
         return;
     }
-    detail::RowPool::instance().run(int(height), rowChunk(height, bytesPerRow, threads), threads, pieceFn);
+    detail::RowPool::instance().run(height, rowChunk(quint32(height), bytesPerRow, threads), threads, pieceFn);
 }
 
 // rowFn(y) for every row y of [0, height).
 template <class RowFn>
 void forEachRow(quint32 height, quint64 bytesPerRow, RowFn&& rowFn)
 {
-    forEachRowPiece(height, bytesPerRow, [&](int first, int last, int) {
+    if (height > quint32(INT_MAX)) {  // beyond any picture the limits allow; kept whole
+        for (quint32 y = 0; y < height; ++y)
+            rowFn(y);
+        return;
+    }
+    forEachRowPiece(int(height), bytesPerRow, [&](int first, int last, int) {
         for (int y = first; y < last; ++y)
             rowFn(quint32(y));
     });
@@ -314,13 +320,13 @@ template <class Local, class RowFn, class MergeFn>
 void forEachRowFolding(quint32 height, quint64 bytesPerRow, Local& result, RowFn&& rowFn, MergeFn&& merge)
 {
     const int threads = slotsFor(height, bytesPerRow);
-    if (threads <= 1) {
+    if (threads <= 1 || height > quint32(INT_MAX)) {
         for (quint32 y = 0; y < height; ++y)
             rowFn(result, y);
         return;
     }
     std::vector<Local> locals(size_t(threads), result);
-    forEachRowPiece(height, bytesPerRow, [&](int first, int last, int slot) {
+    forEachRowPiece(int(height), bytesPerRow, [&](int first, int last, int slot) {
         for (int y = first; y < last; ++y)
             rowFn(locals[size_t(slot)], quint32(y));
     });

@@ -481,7 +481,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     // Columns: real to complex, kept as rows 0..h/2 of the half spectrum.
     const int blocks = (w + block - 1) / block;
     const quint64 blockBytes = quint64(block) * h * (in.bytesPerSample() + sizeof(fftwf_complex));
-    pixelkit::forEachRowPiece(quint32(blocks), blockBytes, [&](int b0, int b1, int t) {
+    pixelkit::forEachRowPiece(blocks, blockBytes, [&](int b0, int b1, int t) {
         float* colIn = c->colIn(t);
         fftwf_complex* colOut = c->colOut(t);
         for (int b = b0; b < b1; ++b) {
@@ -500,7 +500,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     // symmetry of a real picture's spectrum, its mirror row h/2 - ky.
     const int cy = h / 2;
     const quint64 rowBytes = quint64(w) * (sizeof(fftwf_complex) + 2 * 2 * sizeof(float));
-    pixelkit::forEachRowPiece(quint32(c->halfRows), rowBytes, [&](int k0, int k1, int t) {
+    pixelkit::forEachRowPiece(c->halfRows, rowBytes, [&](int k0, int k1, int t) {
         fftwf_complex* row = c->rowOut(t);
         for (int ky = k0; ky < k1; ++ky) {
             fftwf_execute_dft(c->rows, c->spectrum + size_t(ky) * c->rowStride, row);

@@ -82,10 +82,10 @@ std::array<bool, pixelkit::MaxSlots> passRows(const SxJob& job, StartFn&& start,
 {
     std::array<bool, pixelkit::MaxSlots> started{};
     const int y0 = job.roi.top();
-    const quint32 rows = quint32(job.roi.height());
-    if (rows == 0)
+    const int rows = job.roi.height();
+    if (rows <= 0)
         return started;
-    const quint64 bytesPerRow = quint64(job.samples) * sizeof(T) / rows;
+    const quint64 bytesPerRow = quint64(job.samples) * sizeof(T) / quint64(rows);
     pixelkit::forEachRowPiece(rows, bytesPerRow, [&](int first, int last, int slot) {
         if (!started[size_t(slot)]) {
             started[size_t(slot)] = true;

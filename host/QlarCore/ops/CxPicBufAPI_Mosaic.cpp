@@ -58,7 +58,7 @@ template <class T, class PieceFn>
 void forRows(int count, qint64 samples, PieceFn&& fn)
 {
     if (count > 0)
-        pixelkit::forEachRowPiece(quint32(count), quint64(samples) * 2 * sizeof(T) / quint64(count), fn);
+        pixelkit::forEachRowPiece(count, quint64(samples) * 2 * sizeof(T) / quint64(count), fn);
 }
 
 enum class Stat { Min, Max, Avg, Normalize };
