@@ -16,10 +16,13 @@
 // by passing its cost in bytes of copying):
 // - below ParallelMinBytes a pass runs on the calling thread alone, since
 //   waking a helper costs more than the pass;
-// - a piece holds at least ChunkBytes, and a frame is cut into at most about
-//   PiecesPerSlot pieces per thread: enough to even out threads the system
-//   schedules late, few enough that kernels which restart a window per piece
-//   (the median) lose little.
+// - a piece holds at least ChunkBytes; a frame is cut into about
+//   PiecesPerSlot pieces per thread, enough to even out threads the system
+//   schedules late;
+// - a streaming pass's pieces hold at most MaxPieceBytes, so that the
+//   threads stream neighbouring rows (memory-bound passes run measurably
+//   faster so); a pass that restarts a window at each piece (Pieces::Few,
+//   the median) keeps its pieces as large as the per-thread count allows.
 // Callers that run inside a node, on the chain's own thread, pass
 // bytesPerRow 0 and stay on that thread.
 //
@@ -50,8 +53,13 @@ namespace pixelkit {
 
 constexpr quint64 ParallelMinBytes = 256 * 1024;
 constexpr quint64 ChunkBytes = 128 * 1024;
+constexpr quint64 MaxPieceBytes = 1024 * 1024;
 constexpr int PiecesPerSlot = 8;
 constexpr int MaxSlots = 8;
+
+// How a pass may be cut: Many pieces for passes whose rows stand alone, Few
+// for passes that re-read rows before a piece's first output.
+enum class Pieces { Many, Few };
 
 namespace detail {
 
@@ -272,11 +280,13 @@ inline int slotsFor(quint32 height, quint64 bytesPerRow)
 }
 
 // Rows per piece.
-inline int rowChunk(quint32 height, quint64 bytesPerRow, int threads)
+inline int rowChunk(quint32 height, quint64 bytesPerRow, int threads, Pieces pieces = Pieces::Many)
 {
-    const quint64 byBytes = qBound<quint64>(1, ChunkBytes / qMax<quint64>(bytesPerRow, 1), 1024);
+    const quint64 row = qMax<quint64>(bytesPerRow, 1);
+    const quint64 byBytes = qBound<quint64>(1, ChunkBytes / row, 1024);
     const quint64 bySlots = (quint64(height) + quint64(PiecesPerSlot) * threads - 1) / (quint64(PiecesPerSlot) * threads);
-    return int(qMax(byBytes, bySlots));
+    const quint64 cap = pieces == Pieces::Few ? bySlots : qMax<quint64>(1, MaxPieceBytes / row);
+    return int(qMax(byBytes, qMin(bySlots, cap)));
 }
 
 // pieceFn(first, last, slot) over pieces [first, last) of [0, height); slot
@@ -284,7 +294,7 @@ inline int rowChunk(quint32 height, quint64 bytesPerRow, int threads)
 // share it, so it may index per-thread scratch. Pieces are counted in int:
 // every caller's height is an int already.
 template <class PieceFn>
-void forEachRowPiece(int height, quint64 bytesPerRow, PieceFn&& pieceFn)
+void forEachRowPiece(int height, quint64 bytesPerRow, PieceFn&& pieceFn, Pieces pieces = Pieces::Many)
 {
     if (height <= 0)
         return;
@@ -293,7 +303,7 @@ void forEachRowPiece(int height, quint64 bytesPerRow, PieceFn&& pieceFn)
         pieceFn(0, height, 0);
         return;
     }
-    detail::RowPool::instance().run(height, rowChunk(quint32(height), bytesPerRow, threads), threads, pieceFn);
+    detail::RowPool::instance().run(height, rowChunk(quint32(height), bytesPerRow, threads, pieces), threads, pieceFn);
 }
 
 // rowFn(y) for every row y of [0, height).

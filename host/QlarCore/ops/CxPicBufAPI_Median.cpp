@@ -723,8 +723,9 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
 
     // A median sample costs several copied bytes, more the wider the kernel.
     const quint64 rowCost = quint64(f.w) * bps * 2 * std::min(2 * radius + 1, 64);
-    pixelkit::forEachRowPiece(f.h, rowCost, [&](int y0, int y1, int slot) {
-        kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes);
-    });
+    // Each piece builds its window anew: few, large pieces.
+    pixelkit::forEachRowPiece(
+        f.h, rowCost, [&](int y0, int y1, int slot) { kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes); },
+        pixelkit::Pieces::Few);
     return true;
 }
