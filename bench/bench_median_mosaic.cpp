@@ -1,7 +1,9 @@
 // Median filter and mosaic statistics on a 4096 x 3000 frame, each next to
-// the OpenCV operation that does the same work and to memcpy of the frame.
+// the OpenCV operation that does the same work (or, for the median's larger
+// kernels, to its own earlier code) and to memcpy of the frame.
 // Times are wall-clock (our operations run on several threads).
 #include "BenchCommon.h"
+#include "MedianBefore.h"
 
 #include <QtCore/QRect>
 
@@ -14,22 +16,36 @@ cv::Mat matOf(SxPicBuf& p)
     return cv::Mat(int(p.height), int(p.width), p.dataType == IDT_UINT16 ? CV_16U : CV_8U, p.data, p.linePitch);
 }
 
-void BM_Median(benchmark::State& state, ExImageDataType type, int ksize)
+// The operation as it is and as it was before its larger kernels were
+// rewritten (MedianBefore.cpp), so every size is measured against its old
+// time in the same run.
+struct MedianApi
 {
-    bench::pairWithPeer(state, "opencv_medianBlur_k" + std::to_string(ksize) + (type == IDT_UINT8 ? "/mono8" : "/mono16"));
-    bench::Pic in(bench::format(bench::W, bench::H, type)), out(bench::format(bench::W, bench::H, type));
+    bool (*alloc)(const SxPicBufInfo&, int, void**);
+    bool (*run)(const SxPicBuf&, SxPicBuf&, int, void*);
+    void (*release)(void*);
+};
+const MedianApi current{CxPicBufAPI::MedianAllocBuffer, CxPicBufAPI::Median, CxPicBufAPI::MedianFreeBuffer};
+const MedianApi before{MedianBefore::allocBuffer, MedianBefore::median, MedianBefore::freeBuffer};
+
+void BM_Median(benchmark::State& state, const MedianApi* api, ExImageDataType type, int ksize, quint32 w,
+               quint32 h, const std::string& label)
+{
+    if (!label.empty())
+        state.SetLabel(label);
+    bench::Pic in(bench::format(w, h, type)), out(bench::format(w, h, type));
     bench::fillCamera(*in);
     void* work = nullptr;
-    if (!CxPicBufAPI::MedianAllocBuffer(*in, ksize / 2, &work)) {
+    if (!api->alloc(*in, ksize / 2, &work)) {
         state.SkipWithError("no work buffer");
         return;
     }
     for (auto _ : state) {
-        if (!CxPicBufAPI::Median(*in, *out, ksize / 2, work))
+        if (!api->run(*in, *out, ksize / 2, work))
             state.SkipWithError("Median refused the frame");
         benchmark::ClobberMemory();
     }
-    CxPicBufAPI::MedianFreeBuffer(work);
+    api->release(work);
 }
 
 void BM_MedianOpenCv(benchmark::State& state, ExImageDataType type, int ksize)
@@ -90,21 +106,48 @@ void BM_Memcpy(benchmark::State& state, unsigned bytesPerSample)
 void registerAll()
 {
     auto ms = [](benchmark::internal::Benchmark* b) {
-        b->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+        return b->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
     };
     for (ExImageDataType t : {IDT_UINT8, IDT_UINT16}) {
         const std::string frame = t == IDT_UINT8 ? "/mono8" : "/mono16";
         ms(benchmark::RegisterBenchmark(("memcpy" + frame).c_str(), BM_Memcpy, bytesPerSampleOf(t)));
-        for (int k : {3, 5, 7}) {
+        auto peerCv = [&](int k) { return "peer=opencv_medianBlur_k" + std::to_string(k) + frame; };
+        auto peerBefore = [&](int k, const std::string& f, const char* target) {
+            return "peer=before_median_k" + std::to_string(k) + f + ";target=peer<=" + target;
+        };
+        // Kernels 3 and 5 against OpenCV; 7 to 25 against their old time
+        // (kernel 7 also against OpenCV, 8-bit; OpenCV has no 16-bit kernel 7).
+        for (int k = 3; k <= 25; k += 2) {
             const std::string kn = "_k" + std::to_string(k);
-            ms(benchmark::RegisterBenchmark(("median" + kn + frame).c_str(), BM_Median, t, k));
+            std::string label = k <= 5 ? peerCv(k) : peerBefore(k, frame, k == 7 ? "0.1" : "0.25");
+            if (k == 7 && t == IDT_UINT8)
+                label += "|" + peerCv(k) + ";target=peer<=0.1";
+            ms(benchmark::RegisterBenchmark(("median" + kn + frame).c_str(), BM_Median, &current, t, k, bench::W,
+                                            bench::H, label));
+            if (k >= 7)
+                ms(benchmark::RegisterBenchmark(("before_median" + kn + frame).c_str(), BM_Median, &before, t, k,
+                                                bench::W, bench::H, std::string()))
+                    ->Repetitions(3);
             // OpenCV filters 16-bit samples with kernels 3 and 5 only.
-            if (t == IDT_UINT8 || k <= 5) {
+            if (k <= 5 || (k == 7 && t == IDT_UINT8)) {
                 auto* b = benchmark::RegisterBenchmark(("opencv_medianBlur" + kn + frame).c_str(), BM_MedianOpenCv, t, k);
                 ms(b);
                 if (k > 5)
                     b->Repetitions(3)->Iterations(2);  // about half a second per frame
             }
+        }
+        // Larger kernels, up to the largest the panel offers, on smaller
+        // frames: their old times grow with the radius. None may be slower.
+        for (int k : {31, 63, 127, 255, 511, 1023, 2047}) {
+            const quint32 w = k <= 255 ? 1024 : 256, h = k <= 255 ? 768 : 192;
+            const std::string f = frame + "_" + std::to_string(w) + "x" + std::to_string(h);
+            const std::string kn = "_k" + std::to_string(k);
+            ms(benchmark::RegisterBenchmark(("median" + kn + f).c_str(), BM_Median, &current, t, k, w, h,
+                                            peerBefore(k, f, "1")))
+                ->Repetitions(3);
+            ms(benchmark::RegisterBenchmark(("before_median" + kn + f).c_str(), BM_Median, &before, t, k, w, h,
+                                            std::string()))
+                ->Repetitions(3);
         }
     }
     ms(benchmark::RegisterBenchmark("memcpy/bayer8", BM_Memcpy, 1u));
