@@ -348,19 +348,33 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
 #endif
 }
 
-// The 8-bit colour path is what live RGB-NIR cameras deliver; it gets a
-// build for wider vector units, picked at run time.
-__attribute__((target("avx2"))) void demosaicRgbRowsU8Avx2(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+// The row loops work on 16 lanes of the accumulator type at once: 256 bits
+// for 8-bit input, 512 for 16-bit. Built for the baseline vector unit only,
+// the wide lanes are split into SSE halves and the 16-bit path runs several
+// times slower per sample than the 8-bit one, so both get builds for the
+// wider units, picked at run time.
+template <class TIn>
+__attribute__((target("avx2"))) void demosaicRgbRowsAvx2(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
-    demosaicRgbRows<uchar>(out, in, k);
+    demosaicRgbRows<TIn>(out, in, k);
 }
 
-void demosaicRgbRowsU8(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+template <class TIn>
+__attribute__((target("arch=x86-64-v4"))) void demosaicRgbRowsAvx512(SxPicBuf& out, const SxPicBuf& in,
+                                                                     const unsigned k[3])
 {
-    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
-        demosaicRgbRowsU8Avx2(out, in, k);
+    demosaicRgbRows<TIn>(out, in, k);
+}
+
+template <class TIn>
+void demosaicRgbRowsBest(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    if (sizeof(TIn) > 1 && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+        demosaicRgbRowsAvx512<TIn>(out, in, k);
+    else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
+        demosaicRgbRowsAvx2<TIn>(out, in, k);
     else
-        demosaicRgbRows<uchar>(out, in, k);
+        demosaicRgbRows<TIn>(out, in, k);
 }
 
 } // namespace
@@ -378,10 +392,7 @@ bool rgbnir_demosaicRgb_T(SxPicBuf& out, const SxPicBuf& in, unsigned int kB, un
     if (!rowsFit(in) || !rowsFit(out))
         return false;
     const unsigned k[3] = {kB, kG, kR};
-    if constexpr (sizeof(TIn) == 1)
-        demosaicRgbRowsU8(out, in, k);
-    else
-        demosaicRgbRows<TIn>(out, in, k);
+    demosaicRgbRowsBest<TIn>(out, in, k);
     return true;
 }
 
