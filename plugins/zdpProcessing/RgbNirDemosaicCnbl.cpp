@@ -110,6 +110,17 @@ RGBNIR_INLINE void verticalSums(Acc* v, const TIn* up, const TIn* mid, const TIn
     v[w] = v[mirrored(w, w)];
 }
 
+// Fetches an input row the loop needs next while the current row's output
+// goes out, so its loads do not wait on memory.
+RGBNIR_INLINE void prefetchRow(const SxPicBuf& in, qint64 y, quint64 rowBytes)
+{
+    if (y >= qint64(in.height))
+        return;
+    const uchar* ahead = in.data + quint64(y) * in.effectiveLinePitch();
+    for (quint64 i = 0; i < rowBytes; i += 64)
+        __builtin_prefetch(ahead + i);
+}
+
 // Colour outputs from this size on are written past the caches.
 constexpr qint64 kStreamBytes = qint64(16) << 20;
 
@@ -257,19 +268,12 @@ inline unsigned cellColumn(unsigned k) { return k & 1u; }
 
 } // namespace
 
+namespace {
+
 template <class TOut, class TIn>
-bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
+RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
 {
     using Acc = AccOf<TIn>;
-    if (!isSampleOf<TIn>(in.dataType) || !isSampleOf<TOut>(out.dataType))
-        return false;
-    if (in.channels != 1 || outChannel >= out.channels || in.width != out.width || in.height != out.height)
-        return false;
-    if (in.width == 0 || in.height == 0)
-        return true;
-    if (!rowsFit(in) || !rowsFit(out))
-        return false;
-
     const qint64 w = in.width, h = in.height;
     const unsigned rk = cellRow(k), ck = cellColumn(k);
     const unsigned shift = shiftFor<TIn>(in, out);
@@ -282,6 +286,7 @@ bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPic
     Acc* v = sums.data() + 1;
     std::vector<TOut> plane(direct ? 0 : size_t(w));
     for (qint64 y = 0; y < h; ++y) {
+        prefetchRow(in, y + 2, quint64(w) * sizeof(TIn));
         const bool onRow = unsigned(y & 1) == rk;
         const TIn* mid = onRow ? rows.row(y, 1) : nullptr;
         const TIn* up = onRow ? nullptr : rows.row(mirrored(y - 1, h), 0);
@@ -299,6 +304,42 @@ bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPic
         for (qint64 x = 0; x < w; ++x, at += step)
             std::memcpy(at, &plane[size_t(x)], sizeof(TOut));
     }
+}
+
+// Built for the wider vector units like the colour rows below.
+template <class TOut, class TIn>
+__attribute__((target("avx2"))) void extractChannelRowsAvx2(SxPicBuf& out, unsigned int outChannel,
+                                                            const SxPicBuf& in, unsigned int k)
+{
+    extractChannelRows<TOut, TIn>(out, outChannel, in, k);
+}
+
+template <class TOut, class TIn>
+__attribute__((target("arch=x86-64-v4"))) void extractChannelRowsAvx512(SxPicBuf& out, unsigned int outChannel,
+                                                                        const SxPicBuf& in, unsigned int k)
+{
+    extractChannelRows<TOut, TIn>(out, outChannel, in, k);
+}
+
+} // namespace
+
+template <class TOut, class TIn>
+bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
+{
+    if (!isSampleOf<TIn>(in.dataType) || !isSampleOf<TOut>(out.dataType))
+        return false;
+    if (in.channels != 1 || outChannel >= out.channels || in.width != out.width || in.height != out.height)
+        return false;
+    if (in.width == 0 || in.height == 0)
+        return true;
+    if (!rowsFit(in) || !rowsFit(out))
+        return false;
+    if (sizeof(TIn) > 1 && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+        extractChannelRowsAvx512<TOut, TIn>(out, outChannel, in, k);
+    else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
+        extractChannelRowsAvx2<TOut, TIn>(out, outChannel, in, k);
+    else
+        extractChannelRows<TOut, TIn>(out, outChannel, in, k);
     return true;
 }
 
@@ -324,6 +365,7 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
     Acc* offSums = offBuffer.data() + 1;
 
     for (qint64 y = 0; y < h; ++y) {
+        prefetchRow(in, y + 2, quint64(w) * sizeof(TIn));
         const unsigned parity = unsigned(y & 1);
         bool needOn = false, needOff = false;
         for (int c = 0; c < 3; ++c)
