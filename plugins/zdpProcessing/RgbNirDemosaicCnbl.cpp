@@ -166,7 +166,8 @@ RGBNIR_INLINE Acc interpolateOne(const Acc* v, qint64 x, unsigned ck, unsigned s
 
 // One output row of a component from its padded vertical sums.
 template <class TOut, class Acc>
-RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift)
+RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift,
+                                  bool stream = false)
 {
     constexpr bool narrowing = sizeof(TOut) < sizeof(Acc) / 2;
     constexpr Acc maxOut = Acc(std::numeric_limits<TOut>::max());
@@ -179,6 +180,15 @@ RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, 
         if constexpr (narrowing)
             value = value < maxV ? value : maxV;
         const LanesOf<TOut> out = __builtin_convertvector(value, LanesOf<TOut>);
+#ifdef __SSE2__
+        if (stream) {
+            __m128i parts[sizeof out / 16];
+            std::memcpy(parts, &out, sizeof out);
+            for (size_t i = 0; i < sizeof out / 16; ++i)
+                _mm_stream_si128(reinterpret_cast<__m128i*>(o + x) + i, parts[i]);
+            continue;
+        }
+#endif
         std::memcpy(o + x, &out, sizeof out);
     }
     for (; x < w; ++x) {
@@ -280,6 +290,8 @@ RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, co
     const quint64 outPitch = out.effectiveLinePitch();
     const quint64 outStride = out.channels;
     const bool direct = outStride == 1 && alignedFor(out, sizeof(TOut));
+    // As the colour rows: a large plane is written past the caches.
+    const bool stream = direct && w * h * qint64(sizeof(TOut)) >= kStreamBytes && alignedFor(out, 16);
 
     CxRowReader<TIn> rows(in);
     std::vector<Acc> sums(static_cast<size_t>(w) + 2);
@@ -295,7 +307,7 @@ RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, co
 
         uchar* outRow = out.data + quint64(y) * outPitch;
         if (direct) {
-            horizontalPass<TOut, Acc>(reinterpret_cast<TOut*>(outRow), v, ck, w, shift);
+            horizontalPass<TOut, Acc>(reinterpret_cast<TOut*>(outRow), v, ck, w, shift, stream);
             continue;
         }
         horizontalPass<TOut, Acc>(plane.data(), v, ck, w, shift);
@@ -304,6 +316,10 @@ RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, co
         for (qint64 x = 0; x < w; ++x, at += step)
             std::memcpy(at, &plane[size_t(x)], sizeof(TOut));
     }
+#ifdef __SSE2__
+    if (stream)
+        _mm_sfence();
+#endif
 }
 
 // Built for the wider vector units like the colour rows below.

@@ -83,6 +83,7 @@ private slots:
             row("rgb 640x480", Node::RGB, IDT_UINT8, 8, QSize(640, 480), 0);
             row("nir 640x480", Node::NIR, IDT_UINT8, 8, QSize(640, 480), 0);
             row("rgb frame larger than the caches", Node::RGB, IDT_UINT8, 8, QSize(2048, 2056), 0);
+            row("nir frame larger than the caches", Node::NIR, IDT_UINT16, 16, QSize(2048, 4098), 0);
             row("nir signed", Node::NIR, IDT_INT16, 16, QSize(6, 4), 0);
             row("rgb signed", Node::RGB, IDT_INT16, 16, QSize(6, 4), 0);
         }
