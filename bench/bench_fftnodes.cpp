@@ -1,10 +1,11 @@
 // The two spectrum nodes on a camera-sized frame (4096 x 3000).
 //
-// FFT2D: the node per frame (pool, packet, u16 samples into the centred
-// complex spectrum) against FFTW executing its own measured real-to-complex
-// plan of the same size on floats that are already in place, with as many
-// threads as the node's transform uses (fftw_execute/...) and with one; the
-// host transform alone (FFT2D_calc2d) shows what the node itself adds.
+// FFT2D: the node per frame on every standard frame (pool, packet, samples
+// into the centred complex spectrum) against FFTW executing its own measured
+// real-to-complex plan of the frame's size on floats that are already in
+// place, with as many threads as the node's transform uses
+// (fftw_execute/...) and, for the camera size, with one; the host transform
+// alone (FFT2D_calc2d) shows what the node itself adds.
 //
 // FFT1D: the node per frame, 8- and 16-bit, and its three stages apart:
 // profile averaging (against cv::reduce and a memcpy of the frame), the 1D
@@ -28,7 +29,9 @@
 #include <QtCore/QFile>
 #include <QtWidgets/QApplication>
 
+#include <algorithm>
 #include <cmath>
+#include <string>
 #include <vector>
 
 namespace {
@@ -54,13 +57,20 @@ SxPicBufInfo frameFormat(ExImageDataType t)
     return bench::format(W, H, t);
 }
 
-void BM_FFT2DNode(benchmark::State& state)
+// The node on every standard frame. Its spectrum has the frame's size
+// whichever channel it takes (a Bayer cell or a band sits in the corner of a
+// zero picture), so its peer is FFTW on that size.
+void BM_FFT2DNode(benchmark::State& state, const bench::StdFrame& frame)
 {
-    bench::pairWithPeer(state, "fftw_execute/4096x3000/threads:2", "peer<=1.2");
-    bench::NodeRun run(new CxFFT2DCnbl, frameFormat(IDT_UINT16));
+    bench::pairWithPeer(state,
+                        "fftw_execute/" + std::to_string(frame.format.width) + "x"
+                            + std::to_string(frame.format.height) + "/threads:2",
+                        "peer<=1.2");
+    bench::Pic in(frame.format);
+    frame.fill(*in);
+    bench::NodeRun run(new CxFFT2DCnbl, *in, frame.meta);
     run.run(state);
 }
-BENCHMARK(BM_FFT2DNode)->Name("FFT2D/4096x3000_u16")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The host transform alone on the same frame: what the node adds is the
 // difference.
@@ -82,7 +92,7 @@ void BM_Calc2D(benchmark::State& state)
 }
 BENCHMARK(BM_Calc2D)->Name("FFT2D_calc2d/4096x3000_u16")->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_FftwExecute(benchmark::State& state)
+void BM_FftwExecute(benchmark::State& state, quint32 w, quint32 h)
 {
     const int threads = int(state.range(0));
     fftwf_init_threads();
@@ -92,20 +102,20 @@ void BM_FftwExecute(benchmark::State& state)
         if (file.open(QIODevice::ReadOnly))
             fftwf_import_wisdom_from_string(file.readAll().constData());
     }
-    auto* in = static_cast<float*>(fftwf_malloc(sizeof(float) * size_t(W) * H));
-    auto* out = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * size_t(H) * (W / 2 + 1)));
-    fftwf_plan plan = fftwf_plan_dft_r2c_2d(int(H), int(W), in, out, FFTW_MEASURE);
+    auto* in = static_cast<float*>(fftwf_malloc(sizeof(float) * size_t(w) * h));
+    auto* out = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * size_t(h) * (w / 2 + 1)));
+    fftwf_plan plan = fftwf_plan_dft_r2c_2d(int(h), int(w), in, out, FFTW_MEASURE);
     {
         QByteArray text;
         fftwf_export_wisdom([](char c, void* data) { static_cast<QByteArray*>(data)->append(c); }, &text);
         if (!text.isEmpty())
             CxAtomicFile::write(CxFFT::wisdomFilePath(), text, nullptr);
     }
-    bench::Pic frame(frameFormat(IDT_UINT16));
+    bench::Pic frame(bench::format(w, h, IDT_UINT16));
     bench::fillCamera(*frame);
-    for (quint32 y = 0; y < H; ++y)
-        for (quint32 x = 0; x < W; ++x)
-            in[size_t(y) * W + x] = frame->row<quint16>(y)[x];
+    for (quint32 y = 0; y < h; ++y)
+        for (quint32 x = 0; x < w; ++x)
+            in[size_t(y) * w + x] = frame->row<quint16>(y)[x];
     for (auto _ : state) {
         fftwf_execute(plan);
         benchmark::ClobberMemory();
@@ -114,8 +124,26 @@ void BM_FftwExecute(benchmark::State& state)
     fftwf_free(in);
     fftwf_free(out);
 }
-BENCHMARK(BM_FftwExecute)->Name("fftw_execute/4096x3000")->Arg(2)->Arg(1)->ArgName("threads")
-    ->Unit(benchmark::kMillisecond)->UseRealTime();
+void registerFFT2D()
+{
+    std::vector<std::pair<quint32, quint32>> sizes;
+    for (const bench::StdFrame& f : bench::standardFrames()) {
+        benchmark::RegisterBenchmark(("FFT2D/" + f.name).c_str(), BM_FFT2DNode, f)
+            ->Unit(benchmark::kMillisecond)->UseRealTime();
+        const std::pair<quint32, quint32> size{f.format.width, f.format.height};
+        if (std::find(sizes.begin(), sizes.end(), size) == sizes.end())
+            sizes.push_back(size);
+    }
+    for (const auto& [w, h] : sizes) {
+        auto* b = benchmark::RegisterBenchmark(
+            ("fftw_execute/" + std::to_string(w) + "x" + std::to_string(h)).c_str(), BM_FftwExecute, w, h);
+        b->Arg(2);
+        if (w == W && h == H)
+            b->Arg(1);
+        b->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
+    }
+}
+const int fft2dRegistered = (registerFFT2D(), 0);
 
 void BM_FFT1DNode(benchmark::State& state)
 {
