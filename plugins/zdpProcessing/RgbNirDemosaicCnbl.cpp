@@ -13,6 +13,7 @@
 #endif
 #include <limits>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 // Vector types stay inside the functions that use them.
@@ -128,20 +129,20 @@ constexpr qint64 kStreamBytes = qint64(16) << 20;
 // every lane fixed.
 constexpr int kLanes = 16;
 
-template <class T>
+template <class T, int L = kLanes>
 struct SxLanes
 {
-    typedef T type __attribute__((vector_size(kLanes * sizeof(T))));
+    typedef T type __attribute__((vector_size(L * sizeof(T))));
 };
-template <class T>
-using LanesOf = typename SxLanes<T>::type;
+template <class T, int L = kLanes>
+using LanesOf = typename SxLanes<T, L>::type;
 
 // All ones in the lanes of the component's own columns.
-template <class Acc>
-RGBNIR_INLINE LanesOf<Acc> ownColumns(unsigned ck)
+template <class Acc, int L = kLanes>
+RGBNIR_INLINE LanesOf<Acc, L> ownColumns(unsigned ck)
 {
-    LanesOf<Acc> own;
-    for (int j = 0; j < kLanes; ++j)
+    LanesOf<Acc, L> own;
+    for (int j = 0; j < L; ++j)
         own[j] = unsigned(j & 1) == ck ? Acc(~Acc(0)) : Acc(0);
     return own;
 }
@@ -199,25 +200,35 @@ RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, 
     }
 }
 
+// Half H of the lanes of a and b taken in turns: a[H * n / 2], b[H * n / 2],
+// a[H * n / 2 + 1], ...
+template <int H, class V, size_t... I>
+RGBNIR_INLINE V interleaved(V a, V b, std::index_sequence<I...>)
+{
+    constexpr size_t n = sizeof...(I);
+    return __builtin_shufflevector(a, b, (I % 2 ? n + H * n / 2 + I / 2 : H * n / 2 + I / 2)...);
+}
+
 // One row of B, G, R, alpha bytes. Each colour reads one of the two padded
 // sum rows; the halves and quarters of both rows are shared by the colours
 // that read them. With stream, o is 16-byte aligned and written past the
 // caches.
-template <class Acc>
+template <class Acc, int L>
 RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bool fromOn[3],
                                const unsigned ck[3], qint64 w, unsigned shift, bool stream)
 {
-    using Samples = LanesOf<quint16>;
+    using Samples = LanesOf<quint16, L>;
+    using Sums = LanesOf<Acc, L>;
     const unsigned s1 = shift + 1, s2 = shift + 2;
     qint64 x = 0;
     if constexpr (Q_BYTE_ORDER == Q_LITTLE_ENDIAN) {
-        const LanesOf<Acc> own[3] = {ownColumns<Acc>(ck[0]), ownColumns<Acc>(ck[1]), ownColumns<Acc>(ck[2])};
-        const LanesOf<Acc> maxV = LanesOf<Acc>{} + Acc(255);
-        for (; x + kLanes <= w; x += kLanes) {
-            LanesOf<Acc> half[2], quarter[2];
+        const Sums own[3] = {ownColumns<Acc, L>(ck[0]), ownColumns<Acc, L>(ck[1]), ownColumns<Acc, L>(ck[2])};
+        const Sums maxV = Sums{} + Acc(255);
+        for (; x + L <= w; x += L) {
+            Sums half[2], quarter[2];
             const Acc* rows[2] = {on, off};
             for (int i = 0; i < 2; ++i) {
-                LanesOf<Acc> l, c, r;
+                Sums l, c, r;
                 std::memcpy(&l, rows[i] + x - 1, sizeof l);
                 std::memcpy(&c, rows[i] + x, sizeof c);
                 std::memcpy(&r, rows[i] + x + 1, sizeof r);
@@ -227,7 +238,7 @@ RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bo
             Samples bgr[3];
             for (int c = 0; c < 3; ++c) {
                 const int i = fromOn[c] ? 0 : 1;
-                LanesOf<Acc> value = (half[i] & own[c]) | (quarter[i] & ~own[c]);
+                Sums value = (half[i] & own[c]) | (quarter[i] & ~own[c]);
                 // Interpolated 8-bit samples never exceed 255.
                 if constexpr (sizeof(Acc) > 2)
                     value = value < maxV ? value : maxV;
@@ -236,15 +247,15 @@ RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bo
             // Pixel j is the 16-bit pair (B | G << 8, R | A << 8).
             const Samples bg = bgr[0] | (bgr[1] << 8);
             const Samples ra = bgr[2] | quint16(0xFF00);
-            const Samples lo = __builtin_shufflevector(bg, ra, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
-            const Samples hi = __builtin_shufflevector(bg, ra, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30,
-                                                       15, 31);
+            const Samples lo = interleaved<0>(bg, ra, std::make_index_sequence<L>());
+            const Samples hi = interleaved<1>(bg, ra, std::make_index_sequence<L>());
 #ifdef __SSE2__
             if (stream) {
-                __m128i parts[4];
+                constexpr int n = int(sizeof lo / 16);
+                __m128i parts[2 * n];
                 std::memcpy(parts, &lo, sizeof lo);
-                std::memcpy(parts + 2, &hi, sizeof hi);
-                for (int i = 0; i < 4; ++i)
+                std::memcpy(parts + n, &hi, sizeof hi);
+                for (int i = 0; i < 2 * n; ++i)
                     _mm_stream_si128(reinterpret_cast<__m128i*>(o + 4 * x) + i, parts[i]);
                 continue;
             }
@@ -361,7 +372,7 @@ bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPic
 
 namespace {
 
-template <class TIn>
+template <class TIn, int L = kLanes>
 RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
     using Acc = AccOf<TIn>;
@@ -398,7 +409,7 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
         bool fromOn[3];
         for (int c = 0; c < 3; ++c)
             fromOn[c] = cellRow(k[c]) == parity;
-        packBgraRow<Acc>(out.data + quint64(y) * outPitch, onSums, offSums, fromOn, ck, w, shift, stream);
+        packBgraRow<Acc, L>(out.data + quint64(y) * outPitch, onSums, offSums, fromOn, ck, w, shift, stream);
     }
 #ifdef __SSE2__
     if (stream)
@@ -417,17 +428,18 @@ __attribute__((target("avx2"))) void demosaicRgbRowsAvx2(SxPicBuf& out, const Sx
     demosaicRgbRows<TIn>(out, in, k);
 }
 
+// 512-bit lanes: 32 sums of 8-bit samples, 16 of wider ones.
 template <class TIn>
 __attribute__((target("arch=x86-64-v4"))) void demosaicRgbRowsAvx512(SxPicBuf& out, const SxPicBuf& in,
                                                                      const unsigned k[3])
 {
-    demosaicRgbRows<TIn>(out, in, k);
+    demosaicRgbRows<TIn, sizeof(TIn) == 1 ? 32 : 16>(out, in, k);
 }
 
 template <class TIn>
 void demosaicRgbRowsBest(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
-    if (sizeof(TIn) > 1 && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
         demosaicRgbRowsAvx512<TIn>(out, in, k);
     else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
         demosaicRgbRowsAvx2<TIn>(out, in, k);
