@@ -165,50 +165,6 @@ RGBNIR_INLINE Acc interpolateOne(const Acc* v, qint64 x, unsigned ck, unsigned s
     return unsigned(x & 1) == ck ? Acc(v[x] >> s1) : Acc((v[x - 1] + v[x + 1]) >> s2);
 }
 
-// One output row of a component from its padded vertical sums.
-template <class TOut, class Acc>
-RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift,
-                                  bool stream = false)
-{
-    constexpr bool narrowing = sizeof(TOut) < sizeof(Acc) / 2;
-    constexpr Acc maxOut = Acc(std::numeric_limits<TOut>::max());
-    const unsigned s1 = shift + 1, s2 = shift + 2;
-    const LanesOf<Acc> own = ownColumns<Acc>(ck);
-    const LanesOf<Acc> maxV = LanesOf<Acc>{} + maxOut;
-    qint64 x = 0;
-    for (; x + kLanes <= w; x += kLanes) {
-        LanesOf<Acc> value = interpolateLanes(v, x, own, s1, s2);
-        if constexpr (narrowing)
-            value = value < maxV ? value : maxV;
-        const LanesOf<TOut> out = __builtin_convertvector(value, LanesOf<TOut>);
-#ifdef __SSE2__
-        if (stream) {
-            __m128i parts[sizeof out / 16];
-            std::memcpy(parts, &out, sizeof out);
-            for (size_t i = 0; i < sizeof out / 16; ++i)
-                _mm_stream_si128(reinterpret_cast<__m128i*>(o + x) + i, parts[i]);
-            continue;
-        }
-#endif
-        std::memcpy(o + x, &out, sizeof out);
-    }
-    for (; x < w; ++x) {
-        Acc value = interpolateOne(v, x, ck, s1, s2);
-        if constexpr (narrowing)
-            value = value < maxOut ? value : maxOut;
-        o[x] = TOut(value);
-    }
-}
-
-// Half H of the lanes of a and b taken in turns: a[H * n / 2], b[H * n / 2],
-// a[H * n / 2 + 1], ...
-template <int H, class V, size_t... I>
-RGBNIR_INLINE V interleaved(V a, V b, std::index_sequence<I...>)
-{
-    constexpr size_t n = sizeof...(I);
-    return __builtin_shufflevector(a, b, (I % 2 ? n + H * n / 2 + I / 2 : H * n / 2 + I / 2)...);
-}
-
 // Writes v to the 16-byte aligned p past the caches: in 16-byte parts, or,
 // with Wide (only from the builds for AVX and up), as one store of the
 // whole register, which spares the extraction of every part.
@@ -231,6 +187,44 @@ RGBNIR_INLINE void streamOut(uchar* p, const V& v)
 #else
     std::memcpy(p, &v, sizeof v);
 #endif
+}
+
+// One output row of a component from its padded vertical sums.
+template <class TOut, class Acc>
+RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift,
+                                  bool stream = false)
+{
+    constexpr bool narrowing = sizeof(TOut) < sizeof(Acc) / 2;
+    constexpr Acc maxOut = Acc(std::numeric_limits<TOut>::max());
+    const unsigned s1 = shift + 1, s2 = shift + 2;
+    const LanesOf<Acc> own = ownColumns<Acc>(ck);
+    const LanesOf<Acc> maxV = LanesOf<Acc>{} + maxOut;
+    qint64 x = 0;
+    for (; x + kLanes <= w; x += kLanes) {
+        LanesOf<Acc> value = interpolateLanes(v, x, own, s1, s2);
+        if constexpr (narrowing)
+            value = value < maxV ? value : maxV;
+        const LanesOf<TOut> out = __builtin_convertvector(value, LanesOf<TOut>);
+        if (stream)
+            streamOut<false>(reinterpret_cast<uchar*>(o + x), out);
+        else
+            std::memcpy(o + x, &out, sizeof out);
+    }
+    for (; x < w; ++x) {
+        Acc value = interpolateOne(v, x, ck, s1, s2);
+        if constexpr (narrowing)
+            value = value < maxOut ? value : maxOut;
+        o[x] = TOut(value);
+    }
+}
+
+// Half H of the lanes of a and b taken in turns: a[H * n / 2], b[H * n / 2],
+// a[H * n / 2 + 1], ...
+template <int H, class V, size_t... I>
+RGBNIR_INLINE V interleaved(V a, V b, std::index_sequence<I...>)
+{
+    constexpr size_t n = sizeof...(I);
+    return __builtin_shufflevector(a, b, (I % 2 ? n + H * n / 2 + I / 2 : H * n / 2 + I / 2)...);
 }
 
 // One row of B, G, R, alpha bytes. Each colour reads one of the two padded
@@ -304,10 +298,6 @@ unsigned shiftFor(const SxPicBufInfo& in, const SxPicBufInfo& out)
 // unsigned number reads as the bottom-right cell).
 inline unsigned cellRow(unsigned k) { return k >= 2 ? 1u : 0u; }
 inline unsigned cellColumn(unsigned k) { return k & 1u; }
-
-} // namespace
-
-namespace {
 
 template <class TOut, class TIn>
 RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
