@@ -172,7 +172,7 @@ template <bool Wide, class V>
 RGBNIR_INLINE void streamOut(uchar* p, const V& v)
 {
 #if defined(__x86_64__) && defined(__GNUC__)
-    if constexpr (Wide && sizeof(V) == 64) {
+    if constexpr (Wide && (sizeof(V) == 32 || sizeof(V) == 64)) {
         if (quintptr(p) % sizeof(V) == 0) {
             asm volatile("vmovntdq %1, %0" : "=m"(*reinterpret_cast<V*>(p)) : "v"(v));
             return;
