@@ -1,4 +1,4 @@
-// The RGB-NIR node (colour and NIR outputs) and the Mosaic Filter node's
+// The RGB-NIR node (colour and NIR outputs, 8- and 16-bit) and the Mosaic Filter node's
 // per-hyperpixel average, each frame through a real chain, next to the OpenCV
 // operation doing comparable work on the same frame and to memcpy of it.
 // The RGB-NIR node works on the chain's thread, so its OpenCV peer is held to
@@ -29,12 +29,20 @@ CxImageMetadata rgbNirMeta()
 
 const SxPicBufInfo kRgbNirFrame = bench::format(bench::W, bench::H, IDT_UINT8, 1, CFA_HSI_MOSAIC);
 
-void BM_RgbNir(benchmark::State& state, CxRgbNirDemosaicCnbl::ExChannel channel)
+// The 16-bit frames have as many samples as the 8-bit ones, so their time
+// per sample compares directly with the 8-bit row of the same output.
+void BM_RgbNir(benchmark::State& state, CxRgbNirDemosaicCnbl::ExChannel channel, ExImageDataType type)
 {
     auto* node = new CxRgbNirDemosaicCnbl;
     node->setChannel(channel, false);
-    bench::NodeRun run(node, kRgbNirFrame, rgbNirMeta(), CxSyntheticCamera::LayoutRgbNir);
-    if (channel == CxRgbNirDemosaicCnbl::RGB)
+    SxPicBufInfo frame = kRgbNirFrame;
+    frame.dataType = type;
+    frame.bitsPerSample = bytesPerSampleOf(type) * 8;
+    bench::NodeRun run(node, frame, rgbNirMeta(), CxSyntheticCamera::LayoutRgbNir);
+    const bool rgb = channel == CxRgbNirDemosaicCnbl::RGB;
+    if (type != IDT_UINT8)
+        bench::pairWithPeer(state, rgb ? "RgbNirRgb/rgbnir8" : "RgbNirNir/rgbnir8", "peer<=1.5");
+    else if (rgb)
         bench::pairWithPeer(state, "opencv_demosaic/rgbnir8", "peer<=1.5");
     else
         bench::pairWithPeer(state, "opencv_demosaic/rgbnir8");
@@ -101,10 +109,13 @@ void registerAll()
 {
     auto ms = [](benchmark::internal::Benchmark* b) { b->Unit(benchmark::kMillisecond)->UseRealTime(); };
     const size_t frame8 = size_t(bench::W) * bench::H;
-    ms(benchmark::RegisterBenchmark("RgbNirRgb/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::RGB));
-    ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR));
+    ms(benchmark::RegisterBenchmark("RgbNirRgb/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::RGB, IDT_UINT8));
+    ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT8));
     ms(benchmark::RegisterBenchmark("opencv_demosaic/rgbnir8", BM_OpenCvDemosaic));
     ms(benchmark::RegisterBenchmark("memcpy/rgbnir8", BM_Memcpy, frame8));
+    ms(benchmark::RegisterBenchmark("RgbNirRgb/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::RGB, IDT_UINT16));
+    ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT16));
+    ms(benchmark::RegisterBenchmark("memcpy/rgbnir16", BM_Memcpy, 2 * frame8));
 
     ms(benchmark::RegisterBenchmark("MosaicFilterAvg/bayer8", BM_MosaicAverage, "bayer8"));
     ms(benchmark::RegisterBenchmark("opencv_resize_area/bayer8", BM_OpenCvResizeArea));

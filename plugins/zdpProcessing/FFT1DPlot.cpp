@@ -37,6 +37,78 @@ bool widgetsAllowedHere()
 
 } // namespace
 
+// The horizontal grid of the amplitude axis, drawn in place of the axis's own
+// grid with the same pixels. That grid draws each line with the dotted pen
+// afresh, dot by dot, and a 16-bit spectrum puts some 80 lines on the axis:
+// most of the plot's time. The lines are not antialiased, so they lie on
+// whole pixel rows and share one dot pattern from the same left to the same
+// right end; one line is drawn into a strip once and copied to every row.
+// Where the axis would draw a zero line in another pen, the axis's own grid
+// draws instead.
+class CxFFT1DSpectrumPlot::CxRowGrid : public QCPLayerable
+{
+public:
+    explicit CxRowGrid(QCustomPlot* plot) : QCPLayerable(plot, QStringLiteral("grid")) {}
+
+    // Whether the strips can stand in for the axis's grid this time.
+    bool covers(const QCPAxis* axis) const
+    {
+        const QCPGrid* grid = axis->grid();
+        const QCPRange range = axis->range();
+        return !grid->subGridVisible() && !grid->antialiased()
+               && !mParentPlot->antialiasedElements().testFlag(QCP::aeGrid)
+               && !(grid->zeroLinePen().style() != Qt::NoPen && range.lower < 0 && range.upper > 0);
+    }
+
+protected:
+    void applyDefaultAntialiasingHint(QCPPainter* painter) const override
+    {
+        applyAntialiasingHint(painter, false, QCP::aeGrid);
+    }
+
+    void draw(QCPPainter* painter) override
+    {
+        const QCPAxis* axis = mParentPlot->yAxis;
+        const QRect rect = axis->axisRect()->rect();
+        const QPen pen = axis->grid()->pen();
+        const QPaintDevice* device = painter->device();
+        if (!device)
+            return;
+        // Rows above and below the line that a wide pen may reach.
+        const int reach = int(std::ceil(pen.widthF())) + 2;
+        const QSize size(device->width(), 2 * reach + 1);
+        if (m_strip.size() != size || m_pen != pen || m_left != rect.left() || m_right != rect.right()
+            || m_modes != painter->modes()) {
+            m_strip = QImage(size, QImage::Format_ARGB32_Premultiplied);
+            m_strip.fill(Qt::transparent);
+            QCPPainter strip(&m_strip);
+            strip.setModes(painter->modes());
+            applyDefaultAntialiasingHint(&strip);
+            strip.setPen(pen);
+            strip.drawLine(QLineF(rect.left(), reach, rect.right(), reach));
+            strip.end();
+            m_pen = pen;
+            m_left = rect.left();
+            m_right = rect.right();
+            m_modes = painter->modes();
+        }
+        for (double tick : axis->tickVector()) {
+            const double t = axis->coordToPixel(tick);
+            if (!std::isfinite(t) || std::fabs(t) > 1e9)
+                continue;
+            // The row the axis's own unantialiased line lands on.
+            const int row = QLineF(rect.left(), t, rect.right(), t).toLine().y1();
+            painter->drawImage(QPoint(0, row - reach), m_strip);
+        }
+    }
+
+private:
+    QImage m_strip;
+    QPen m_pen;
+    int m_left = 0, m_right = 0;
+    QCPPainter::PainterModes m_modes;
+};
+
 QString get_exponent(unsigned int e)
 {
     if (e < 10)
@@ -180,6 +252,8 @@ CxFFT1DSpectrumPlot::CxFFT1DSpectrumPlot()
     m_gridY = m_plot->yAxis->grid()->visible();
     setAxisYLogarithmic(false);
 
+    m_rowGrid = new CxRowGrid(m_plot);
+
     m_plot->yAxis2->setVisible(true);
     m_plot->yAxis2->setTickLabels(false);
     m_plot->yAxis2->setBasePen(m_axisPen);
@@ -290,6 +364,10 @@ bool CxFFT1DSpectrumPlot::render(uchar* data, int w, int h, qsizetype linePitch,
         ticker->setTicks(ticks, labels);
         m_plot->yAxis->setTicker(ticker);
     }
+    // The strips stand in for the amplitude grid whenever they can.
+    const bool rows = m_gridY && m_copyGridRows && m_rowGrid->covers(m_plot->yAxis);
+    m_plot->yAxis->grid()->setVisible(m_gridY && !rows);
+    m_rowGrid->setVisible(rows);
     QCPPainter painter(&image);
     m_plot->toPainter(&painter, w, h);
     painter.end();

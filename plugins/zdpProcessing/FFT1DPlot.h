@@ -50,6 +50,10 @@ public:
     bool gridXVisible() const { return m_gridX; }
     void setGridYVisible(bool on);
     bool gridYVisible() const { return m_gridY; }
+    // The amplitude grid is painted once per line and copied to the rows of
+    // the others; off, the axis paints every line itself (tests compare the
+    // two).
+    void setGridRowsCopied(bool on) { m_copyGridRows = on; }
 
     // Fonts, pens, margins and the X axes for pictures of w x h.
     void scaleTo(int w, int h);
@@ -77,7 +81,10 @@ public:
     QColor backgroundColour() const { return m_background.color(); }
 
 private:
+    class CxRowGrid;
+
     QCustomPlot* m_plot = nullptr;
+    CxRowGrid* m_rowGrid = nullptr;
     QCPGraph* m_graph = nullptr;
     QPen m_axisPen;
     QPen m_graphPen;
@@ -87,4 +94,5 @@ private:
     bool m_logarithmic = false;
     bool m_gridX = true;
     bool m_gridY = true;
+    bool m_copyGridRows = true;
 };

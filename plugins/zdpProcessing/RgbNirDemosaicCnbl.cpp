@@ -13,6 +13,7 @@
 #endif
 #include <limits>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 // Vector types stay inside the functions that use them.
@@ -110,6 +111,17 @@ RGBNIR_INLINE void verticalSums(Acc* v, const TIn* up, const TIn* mid, const TIn
     v[w] = v[mirrored(w, w)];
 }
 
+// Fetches an input row the loop needs next while the current row's output
+// goes out, so its loads do not wait on memory.
+RGBNIR_INLINE void prefetchRow(const SxPicBuf& in, qint64 y, quint64 rowBytes)
+{
+    if (y >= qint64(in.height))
+        return;
+    const uchar* ahead = in.data + quint64(y) * in.effectiveLinePitch();
+    for (quint64 i = 0; i < rowBytes; i += 64)
+        __builtin_prefetch(ahead + i);
+}
+
 // Colour outputs from this size on are written past the caches.
 constexpr qint64 kStreamBytes = qint64(16) << 20;
 
@@ -117,20 +129,20 @@ constexpr qint64 kStreamBytes = qint64(16) << 20;
 // every lane fixed.
 constexpr int kLanes = 16;
 
-template <class T>
+template <class T, int L = kLanes>
 struct SxLanes
 {
-    typedef T type __attribute__((vector_size(kLanes * sizeof(T))));
+    typedef T type __attribute__((vector_size(L * sizeof(T))));
 };
-template <class T>
-using LanesOf = typename SxLanes<T>::type;
+template <class T, int L = kLanes>
+using LanesOf = typename SxLanes<T, L>::type;
 
 // All ones in the lanes of the component's own columns.
-template <class Acc>
-RGBNIR_INLINE LanesOf<Acc> ownColumns(unsigned ck)
+template <class Acc, int L = kLanes>
+RGBNIR_INLINE LanesOf<Acc, L> ownColumns(unsigned ck)
 {
-    LanesOf<Acc> own;
-    for (int j = 0; j < kLanes; ++j)
+    LanesOf<Acc, L> own;
+    for (int j = 0; j < L; ++j)
         own[j] = unsigned(j & 1) == ck ? Acc(~Acc(0)) : Acc(0);
     return own;
 }
@@ -153,9 +165,34 @@ RGBNIR_INLINE Acc interpolateOne(const Acc* v, qint64 x, unsigned ck, unsigned s
     return unsigned(x & 1) == ck ? Acc(v[x] >> s1) : Acc((v[x - 1] + v[x + 1]) >> s2);
 }
 
+// Writes v to the 16-byte aligned p past the caches: in 16-byte parts, or,
+// with Wide (only from the builds for AVX and up), as one store of the
+// whole register, which spares the extraction of every part.
+template <bool Wide, class V>
+RGBNIR_INLINE void streamOut(uchar* p, const V& v)
+{
+#if defined(__x86_64__) && defined(__GNUC__)
+    if constexpr (Wide && (sizeof(V) == 32 || sizeof(V) == 64)) {
+        if (quintptr(p) % sizeof(V) == 0) {
+            asm volatile("vmovntdq %1, %0" : "=m"(*reinterpret_cast<V*>(p)) : "v"(v));
+            return;
+        }
+    }
+#endif
+#ifdef __SSE2__
+    __m128i parts[sizeof(V) / 16];
+    std::memcpy(parts, &v, sizeof v);
+    for (size_t i = 0; i < sizeof(V) / 16; ++i)
+        _mm_stream_si128(reinterpret_cast<__m128i*>(p) + i, parts[i]);
+#else
+    std::memcpy(p, &v, sizeof v);
+#endif
+}
+
 // One output row of a component from its padded vertical sums.
 template <class TOut, class Acc>
-RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift)
+RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, unsigned shift,
+                                  bool stream = false)
 {
     constexpr bool narrowing = sizeof(TOut) < sizeof(Acc) / 2;
     constexpr Acc maxOut = Acc(std::numeric_limits<TOut>::max());
@@ -168,7 +205,10 @@ RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, 
         if constexpr (narrowing)
             value = value < maxV ? value : maxV;
         const LanesOf<TOut> out = __builtin_convertvector(value, LanesOf<TOut>);
-        std::memcpy(o + x, &out, sizeof out);
+        if (stream)
+            streamOut<false>(reinterpret_cast<uchar*>(o + x), out);
+        else
+            std::memcpy(o + x, &out, sizeof out);
     }
     for (; x < w; ++x) {
         Acc value = interpolateOne(v, x, ck, s1, s2);
@@ -178,25 +218,35 @@ RGBNIR_INLINE void horizontalPass(TOut* o, const Acc* v, unsigned ck, qint64 w, 
     }
 }
 
+// Half H of the lanes of a and b taken in turns: a[H * n / 2], b[H * n / 2],
+// a[H * n / 2 + 1], ...
+template <int H, class V, size_t... I>
+RGBNIR_INLINE V interleaved(V a, V b, std::index_sequence<I...>)
+{
+    constexpr size_t n = sizeof...(I);
+    return __builtin_shufflevector(a, b, (I % 2 ? n + H * n / 2 + I / 2 : H * n / 2 + I / 2)...);
+}
+
 // One row of B, G, R, alpha bytes. Each colour reads one of the two padded
 // sum rows; the halves and quarters of both rows are shared by the colours
 // that read them. With stream, o is 16-byte aligned and written past the
 // caches.
-template <class Acc>
+template <class Acc, int L, bool Wide>
 RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bool fromOn[3],
                                const unsigned ck[3], qint64 w, unsigned shift, bool stream)
 {
-    using Samples = LanesOf<quint16>;
+    using Samples = LanesOf<quint16, L>;
+    using Sums = LanesOf<Acc, L>;
     const unsigned s1 = shift + 1, s2 = shift + 2;
     qint64 x = 0;
     if constexpr (Q_BYTE_ORDER == Q_LITTLE_ENDIAN) {
-        const LanesOf<Acc> own[3] = {ownColumns<Acc>(ck[0]), ownColumns<Acc>(ck[1]), ownColumns<Acc>(ck[2])};
-        const LanesOf<Acc> maxV = LanesOf<Acc>{} + Acc(255);
-        for (; x + kLanes <= w; x += kLanes) {
-            LanesOf<Acc> half[2], quarter[2];
+        const Sums own[3] = {ownColumns<Acc, L>(ck[0]), ownColumns<Acc, L>(ck[1]), ownColumns<Acc, L>(ck[2])};
+        const Sums maxV = Sums{} + Acc(255);
+        for (; x + L <= w; x += L) {
+            Sums half[2], quarter[2];
             const Acc* rows[2] = {on, off};
             for (int i = 0; i < 2; ++i) {
-                LanesOf<Acc> l, c, r;
+                Sums l, c, r;
                 std::memcpy(&l, rows[i] + x - 1, sizeof l);
                 std::memcpy(&c, rows[i] + x, sizeof c);
                 std::memcpy(&r, rows[i] + x + 1, sizeof r);
@@ -206,7 +256,7 @@ RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bo
             Samples bgr[3];
             for (int c = 0; c < 3; ++c) {
                 const int i = fromOn[c] ? 0 : 1;
-                LanesOf<Acc> value = (half[i] & own[c]) | (quarter[i] & ~own[c]);
+                Sums value = (half[i] & own[c]) | (quarter[i] & ~own[c]);
                 // Interpolated 8-bit samples never exceed 255.
                 if constexpr (sizeof(Acc) > 2)
                     value = value < maxV ? value : maxV;
@@ -215,19 +265,13 @@ RGBNIR_INLINE void packBgraRow(uchar* o, const Acc* on, const Acc* off, const bo
             // Pixel j is the 16-bit pair (B | G << 8, R | A << 8).
             const Samples bg = bgr[0] | (bgr[1] << 8);
             const Samples ra = bgr[2] | quint16(0xFF00);
-            const Samples lo = __builtin_shufflevector(bg, ra, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
-            const Samples hi = __builtin_shufflevector(bg, ra, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30,
-                                                       15, 31);
-#ifdef __SSE2__
+            const Samples lo = interleaved<0>(bg, ra, std::make_index_sequence<L>());
+            const Samples hi = interleaved<1>(bg, ra, std::make_index_sequence<L>());
             if (stream) {
-                __m128i parts[4];
-                std::memcpy(parts, &lo, sizeof lo);
-                std::memcpy(parts + 2, &hi, sizeof hi);
-                for (int i = 0; i < 4; ++i)
-                    _mm_stream_si128(reinterpret_cast<__m128i*>(o + 4 * x) + i, parts[i]);
+                streamOut<Wide>(o + 4 * x, lo);
+                streamOut<Wide>(o + 4 * x + sizeof lo, hi);
                 continue;
             }
-#endif
             std::memcpy(o + 4 * x, &lo, sizeof lo);
             std::memcpy(o + 4 * x + sizeof lo, &hi, sizeof hi);
         }
@@ -255,33 +299,25 @@ unsigned shiftFor(const SxPicBufInfo& in, const SxPicBufInfo& out)
 inline unsigned cellRow(unsigned k) { return k >= 2 ? 1u : 0u; }
 inline unsigned cellColumn(unsigned k) { return k & 1u; }
 
-} // namespace
-
 template <class TOut, class TIn>
-bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
+RGBNIR_INLINE void extractChannelRows(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
 {
     using Acc = AccOf<TIn>;
-    if (!isSampleOf<TIn>(in.dataType) || !isSampleOf<TOut>(out.dataType))
-        return false;
-    if (in.channels != 1 || outChannel >= out.channels || in.width != out.width || in.height != out.height)
-        return false;
-    if (in.width == 0 || in.height == 0)
-        return true;
-    if (!rowsFit(in) || !rowsFit(out))
-        return false;
-
     const qint64 w = in.width, h = in.height;
     const unsigned rk = cellRow(k), ck = cellColumn(k);
     const unsigned shift = shiftFor<TIn>(in, out);
     const quint64 outPitch = out.effectiveLinePitch();
     const quint64 outStride = out.channels;
     const bool direct = outStride == 1 && alignedFor(out, sizeof(TOut));
+    // As the colour rows: a large plane is written past the caches.
+    const bool stream = direct && w * h * qint64(sizeof(TOut)) >= kStreamBytes && alignedFor(out, 16);
 
     CxRowReader<TIn> rows(in);
     std::vector<Acc> sums(static_cast<size_t>(w) + 2);
     Acc* v = sums.data() + 1;
     std::vector<TOut> plane(direct ? 0 : size_t(w));
     for (qint64 y = 0; y < h; ++y) {
+        prefetchRow(in, y + 2, quint64(w) * sizeof(TIn));
         const bool onRow = unsigned(y & 1) == rk;
         const TIn* mid = onRow ? rows.row(y, 1) : nullptr;
         const TIn* up = onRow ? nullptr : rows.row(mirrored(y - 1, h), 0);
@@ -290,7 +326,7 @@ bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPic
 
         uchar* outRow = out.data + quint64(y) * outPitch;
         if (direct) {
-            horizontalPass<TOut, Acc>(reinterpret_cast<TOut*>(outRow), v, ck, w, shift);
+            horizontalPass<TOut, Acc>(reinterpret_cast<TOut*>(outRow), v, ck, w, shift, stream);
             continue;
         }
         horizontalPass<TOut, Acc>(plane.data(), v, ck, w, shift);
@@ -299,12 +335,52 @@ bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPic
         for (qint64 x = 0; x < w; ++x, at += step)
             std::memcpy(at, &plane[size_t(x)], sizeof(TOut));
     }
+#ifdef __SSE2__
+    if (stream)
+        _mm_sfence();
+#endif
+}
+
+// Built for the wider vector units like the colour rows below.
+template <class TOut, class TIn>
+__attribute__((target("avx2"))) void extractChannelRowsAvx2(SxPicBuf& out, unsigned int outChannel,
+                                                            const SxPicBuf& in, unsigned int k)
+{
+    extractChannelRows<TOut, TIn>(out, outChannel, in, k);
+}
+
+template <class TOut, class TIn>
+__attribute__((target("arch=x86-64-v4"))) void extractChannelRowsAvx512(SxPicBuf& out, unsigned int outChannel,
+                                                                        const SxPicBuf& in, unsigned int k)
+{
+    extractChannelRows<TOut, TIn>(out, outChannel, in, k);
+}
+
+} // namespace
+
+template <class TOut, class TIn>
+bool rgbnir_extractChannel_T(SxPicBuf& out, unsigned int outChannel, const SxPicBuf& in, unsigned int k)
+{
+    if (!isSampleOf<TIn>(in.dataType) || !isSampleOf<TOut>(out.dataType))
+        return false;
+    if (in.channels != 1 || outChannel >= out.channels || in.width != out.width || in.height != out.height)
+        return false;
+    if (in.width == 0 || in.height == 0)
+        return true;
+    if (!rowsFit(in) || !rowsFit(out))
+        return false;
+    if (sizeof(TIn) > 1 && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+        extractChannelRowsAvx512<TOut, TIn>(out, outChannel, in, k);
+    else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
+        extractChannelRowsAvx2<TOut, TIn>(out, outChannel, in, k);
+    else
+        extractChannelRows<TOut, TIn>(out, outChannel, in, k);
     return true;
 }
 
 namespace {
 
-template <class TIn>
+template <class TIn, int L = kLanes, bool Wide = false>
 RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
     using Acc = AccOf<TIn>;
@@ -324,6 +400,7 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
     Acc* offSums = offBuffer.data() + 1;
 
     for (qint64 y = 0; y < h; ++y) {
+        prefetchRow(in, y + 2, quint64(w) * sizeof(TIn));
         const unsigned parity = unsigned(y & 1);
         bool needOn = false, needOff = false;
         for (int c = 0; c < 3; ++c)
@@ -340,7 +417,7 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
         bool fromOn[3];
         for (int c = 0; c < 3; ++c)
             fromOn[c] = cellRow(k[c]) == parity;
-        packBgraRow<Acc>(out.data + quint64(y) * outPitch, onSums, offSums, fromOn, ck, w, shift, stream);
+        packBgraRow<Acc, L, Wide>(out.data + quint64(y) * outPitch, onSums, offSums, fromOn, ck, w, shift, stream);
     }
 #ifdef __SSE2__
     if (stream)
@@ -348,19 +425,34 @@ RGBNIR_INLINE void demosaicRgbRows(SxPicBuf& out, const SxPicBuf& in, const unsi
 #endif
 }
 
-// The 8-bit colour path is what live RGB-NIR cameras deliver; it gets a
-// build for wider vector units, picked at run time.
-__attribute__((target("avx2"))) void demosaicRgbRowsU8Avx2(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+// The row loops work on 16 lanes of the accumulator type at once: 256 bits
+// for 8-bit input, 512 for 16-bit. Built for the baseline vector unit only,
+// the wide lanes are split into SSE halves and the 16-bit path runs several
+// times slower per sample than the 8-bit one, so both get builds for the
+// wider units, picked at run time.
+template <class TIn>
+__attribute__((target("avx2"))) void demosaicRgbRowsAvx2(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
-    demosaicRgbRows<uchar>(out, in, k);
+    demosaicRgbRows<TIn, kLanes, true>(out, in, k);
 }
 
-void demosaicRgbRowsU8(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+// 512-bit lanes: 32 sums of 8-bit samples, 16 of wider ones.
+template <class TIn>
+__attribute__((target("arch=x86-64-v4"))) void demosaicRgbRowsAvx512(SxPicBuf& out, const SxPicBuf& in,
+                                                                     const unsigned k[3])
 {
-    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
-        demosaicRgbRowsU8Avx2(out, in, k);
+    demosaicRgbRows<TIn, sizeof(TIn) == 1 ? 32 : 16, true>(out, in, k);
+}
+
+template <class TIn>
+void demosaicRgbRowsBest(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+        demosaicRgbRowsAvx512<TIn>(out, in, k);
+    else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
+        demosaicRgbRowsAvx2<TIn>(out, in, k);
     else
-        demosaicRgbRows<uchar>(out, in, k);
+        demosaicRgbRows<TIn>(out, in, k);
 }
 
 } // namespace
@@ -378,10 +470,7 @@ bool rgbnir_demosaicRgb_T(SxPicBuf& out, const SxPicBuf& in, unsigned int kB, un
     if (!rowsFit(in) || !rowsFit(out))
         return false;
     const unsigned k[3] = {kB, kG, kR};
-    if constexpr (sizeof(TIn) == 1)
-        demosaicRgbRowsU8(out, in, k);
-    else
-        demosaicRgbRows<TIn>(out, in, k);
+    demosaicRgbRowsBest<TIn>(out, in, k);
     return true;
 }
 

@@ -112,22 +112,35 @@ struct SxBlock
 template <>
 struct SxBlock<std::uint8_t>
 {
-    static constexpr qint64 size = 8;
+    // 16 x 16: every store fills a whole 16-byte register, where 8 x 8
+    // blocks stored half registers and switched output rows twice as often.
+    static constexpr qint64 size = 16;
     static void turn(const uchar* in, qint64 inStep, uchar* out, qint64 outStep)
     {
-        __m128i a[8];
-        for (int i = 0; i < 8; ++i)
-            a[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + i * inStep));
-        const __m128i t0 = _mm_unpacklo_epi8(a[0], a[1]), t1 = _mm_unpacklo_epi8(a[2], a[3]);
-        const __m128i t2 = _mm_unpacklo_epi8(a[4], a[5]), t3 = _mm_unpacklo_epi8(a[6], a[7]);
-        const __m128i u0 = _mm_unpacklo_epi16(t0, t1), u1 = _mm_unpackhi_epi16(t0, t1);
-        const __m128i u2 = _mm_unpacklo_epi16(t2, t3), u3 = _mm_unpackhi_epi16(t2, t3);
-        const __m128i v[4] = {_mm_unpacklo_epi32(u0, u2), _mm_unpackhi_epi32(u0, u2),
-                              _mm_unpacklo_epi32(u1, u3), _mm_unpackhi_epi32(u1, u3)};
-        for (int i = 0; i < 4; ++i) {
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 2 * i * outStep), v[i]);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + (2 * i + 1) * outStep), _mm_unpackhi_epi64(v[i], v[i]));
+        __m128i v[16], w[16];
+        for (int i = 0; i < 16; ++i)
+            v[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i * inStep));
+        // Four rounds of interleaving neighbours, at 1, 2, 4 and 8 bytes,
+        // leave input column bitReversed(i) in v[i].
+        for (int i = 0; i < 8; ++i) {
+            w[i] = _mm_unpacklo_epi8(v[2 * i], v[2 * i + 1]);
+            w[i + 8] = _mm_unpackhi_epi8(v[2 * i], v[2 * i + 1]);
         }
+        for (int i = 0; i < 8; ++i) {
+            v[i] = _mm_unpacklo_epi16(w[2 * i], w[2 * i + 1]);
+            v[i + 8] = _mm_unpackhi_epi16(w[2 * i], w[2 * i + 1]);
+        }
+        for (int i = 0; i < 8; ++i) {
+            w[i] = _mm_unpacklo_epi32(v[2 * i], v[2 * i + 1]);
+            w[i + 8] = _mm_unpackhi_epi32(v[2 * i], v[2 * i + 1]);
+        }
+        for (int i = 0; i < 8; ++i) {
+            v[i] = _mm_unpacklo_epi64(w[2 * i], w[2 * i + 1]);
+            v[i + 8] = _mm_unpackhi_epi64(w[2 * i], w[2 * i + 1]);
+        }
+        static constexpr int bitReversed[16] = {0, 8, 4, 12, 2, 10, 6, 14, 1, 9, 5, 13, 3, 11, 7, 15};
+        for (int i = 0; i < 16; ++i)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + bitReversed[i] * outStep), v[i]);
     }
 };
 

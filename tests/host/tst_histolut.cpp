@@ -309,6 +309,49 @@ private slots:
             }
     }
 
+    // 8-bit pixels of four samples, or grey into colour, go 16 pixels at a
+    // time with a tail: every output byte against the table's own map().
+    void lutBytesIntoFourTables_data()
+    {
+        QTest::addColumn<bool>("rgb");
+        QTest::addColumn<uint>("channels");
+        QTest::newRow("rgba, alpha passes") << false << 4u;
+        QTest::newRow("rgba into rgb, alpha opaque") << true << 4u;
+        QTest::newRow("grey into pseudo colour") << true << 1u;
+    }
+    void lutBytesIntoFourTables()
+    {
+        QFETCH(bool, rgb);
+        QFETCH(uint, channels);
+        CxLut lut(8, channels, channels == 4, IDT_UINT8);
+        lut.setIndependentChannels(true);
+        lut.compContrast(0) = {10, 200, 1.7, 0, 255};
+        if (channels == 4) {
+            lut.compContrast(1) = {0, 255, 1, 255, 0};
+            lut.compContrast(2) = {60, 61, 1, 0, 255};
+        }
+        QVERIFY(rgb ? lut.allocRgb(32) : lut.alloc());
+        lut.setPseudoColor(CxLut::PseudoViridis);
+        const quint32 w = 37, h = 3;
+        kit::CxPicture in = picture(IDT_UINT8, w, h, channels, 3, 8, channels == 4);
+        kit::CxPicture out = picture(IDT_UINT8, w, h, 4, 5, 8, true);
+        for (quint32 y = 0; y < h; ++y)
+            for (quint32 i = 0; i < w * channels; ++i)
+                in.pic().row<quint8>(int(y))[i] = quint8(y * 97 + i * 7);
+        QVERIFY(lut.apply(&out.pic(), &in.pic(), nullptr));
+        for (quint32 y = 0; y < h; ++y)
+            for (quint32 x = 0; x < w; ++x) {
+                const quint8* s = in.pic().row<quint8>(int(y)) + x * channels;
+                const quint8* d = out.pic().row<quint8>(int(y)) + 4 * x;
+                for (int c = 0; c < 4; ++c) {
+                    const quint32 want = channels == 1 ? quint8(lut.map(0, s[0]) >> (8 * c))
+                                         : rgb && c == 3 ? 255u
+                                                         : lut.map(c, s[c]);
+                    QCOMPARE(quint32(d[c]), want);
+                }
+            }
+    }
+
     void pseudoColourEndpoints_data()
     {
         QTest::addColumn<int>("index");

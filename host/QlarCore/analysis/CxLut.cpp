@@ -4,6 +4,8 @@
 #include <KitCpu.h>
 #include <KitRows.h>
 
+#include <QtCore/QtEndian>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -169,6 +171,60 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mapRow8Vbmi(const qu
         d[i] = t[s[i]];
 }
 
+// 64 bytes through four 256-byte tables, lane j through table j % 4. Each
+// table is a full two-level permute; the lanes then pick their own table's
+// result, which costs less than splitting the channels apart and back.
+struct SxLanes4
+{
+    __m512i t[4][4];
+};
+
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i lookup4(const SxLanes4& tabs, __m512i v)
+{
+    constexpr __mmask64 lane1 = 0x2222222222222222ull, lane2 = 0x4444444444444444ull, lane3 = 0x8888888888888888ull;
+    const __mmask64 top = _mm512_movepi8_mask(v);
+    __m512i r[4];
+    for (int c = 0; c < 4; ++c) {
+        const __m512i lo = _mm512_permutex2var_epi8(tabs.t[c][0], v, tabs.t[c][1]);
+        const __m512i hi = _mm512_permutex2var_epi8(tabs.t[c][2], v, tabs.t[c][3]);
+        r[c] = _mm512_mask_blend_epi8(top, lo, hi);
+    }
+    __m512i out = _mm512_mask_blend_epi8(lane1, r[0], r[1]);
+    out = _mm512_mask_blend_epi8(lane2, out, r[2]);
+    return _mm512_mask_blend_epi8(lane3, out, r[3]);
+}
+
+// n pixels of four 8-bit samples each, sample c through table c. With
+// expand, the input is one byte per pixel, looked up in all four tables
+// (a grey level into a four-byte colour).
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mapPixels4Vbmi(const quint8* __restrict s,
+                                                                          quint8* __restrict d,
+                                                                          const quint8* const t[4], qint64 n,
+                                                                          bool expand)
+{
+    SxLanes4 tabs;
+    for (int c = 0; c < 4; ++c)
+        for (int q = 0; q < 4; ++q)
+            tabs.t[c][q] = _mm512_loadu_si512(t[c] + 64 * q);
+    alignas(64) quint8 spread[64];
+    for (int j = 0; j < 64; ++j)
+        spread[j] = quint8(j / 4);
+    const __m512i spreadIdx = _mm512_load_si512(spread);
+    qint64 x = 0;
+    for (; x + 16 <= n; x += 16) {
+        __m512i v;
+        if (expand)
+            v = _mm512_permutexvar_epi8(spreadIdx, _mm512_castsi128_si512(_mm_loadu_si128(
+                                                       reinterpret_cast<const __m128i*>(s + x))));
+        else
+            v = _mm512_loadu_si512(s + 4 * x);
+        _mm512_storeu_si512(d + 4 * x, lookup4(tabs, v));
+    }
+    for (; x < n; ++x)
+        for (int c = 0; c < 4; ++c)
+            d[4 * x + c] = t[c][s[expand ? x : 4 * x + c]];
+}
+
 bool hasVbmi()
 {
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi);
@@ -203,24 +259,32 @@ void applySame_T(const SxPicBuf& in, SxPicBuf& out, const TOut* tab, size_t entr
     // thread would add nothing but the wait for it at the end of the pass,
     // which on a machine busy with other chain threads costs more than the
     // whole pass.
-    bool memoryBound = false;
+    constexpr bool bytes = std::is_same_v<TIn, quint8> && std::is_same_v<TOut, quint8>;
+    bool memoryBound = false, fourTables = false;
 #if defined(__x86_64__)
-    memoryBound = shared && std::is_same_v<TIn, quint8> && std::is_same_v<TOut, quint8> && hasVbmi();
+    fourTables = bytes && !shared && channels == 4 && entries == 256 && hasVbmi();
+    memoryBound = (shared && bytes && hasVbmi()) || fourTables;
 #endif
     forRows(int(in.height), memoryBound ? 0 : quint64(w) * channels * (sizeof(TIn) + sizeof(TOut)), [&](int y) {
         const TIn* s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
         TOut* d = reinterpret_cast<TOut*>(out.data + y * outPitch);
-        if (shared) {
-            mapRow_T(s, d, tab, w * channels);
-        } else {
-            const TOut* __restrict t = tab;
-            const qint64 n = w;
-            const int ch = channels;
-            const size_t e = entries;
-            for (qint64 x = 0; x < n; ++x)
-                for (int c = 0; c < ch; ++c)
-                    d[x * ch + c] = t[size_t(c) * e + s[x * ch + c]];
+        if (shared)
+            return mapRow_T(s, d, tab, w * channels);
+#if defined(__x86_64__)
+        if constexpr (bytes) {
+            if (fourTables) {
+                const quint8* const t[4] = {tab, tab + 256, tab + 512, tab + 768};
+                return mapPixels4Vbmi(s, d, t, w, false);
+            }
         }
+#endif
+        const TOut* __restrict t = tab;
+        const qint64 n = w;
+        const int ch = channels;
+        const size_t e = entries;
+        for (qint64 x = 0; x < n; ++x)
+            for (int c = 0; c < ch; ++c)
+                d[x * ch + c] = t[size_t(c) * e + s[x * ch + c]];
     });
 }
 
@@ -230,6 +294,22 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
     const qint64 inPitch = qint64(in.effectiveLinePitch());
     const qint64 outPitch = qint64(out.effectiveLinePitch());
     const qint64 w = in.width;
+#if defined(__x86_64__)
+    if constexpr (sizeof(TIn) == 1) {
+        if (hasVbmi()) {
+            // The colour table as four byte tables, one per output byte.
+            alignas(64) quint8 bytes[4][256];
+            for (int k = 0; k < 256; ++k)
+                for (int c = 0; c < 4; ++c)
+                    bytes[c][k] = quint8(qFromLittleEndian(tab[k]) >> (8 * c));
+            const quint8* const t[4] = {bytes[0], bytes[1], bytes[2], bytes[3]};
+            forRows(int(in.height), 0, [&](int y) {
+                mapPixels4Vbmi(in.data + y * inPitch, out.data + y * outPitch, t, w, true);
+            });
+            return;
+        }
+    }
+#endif
     forRows(int(in.height), quint64(w) * (sizeof(TIn) + 4), [&](int y) {
         // Locals, not captures: the byte stores could alias a captured
         // width or table, which would then be reloaded for every pixel.
@@ -251,6 +331,19 @@ void applyRgbColour_T(const SxPicBuf& in, SxPicBuf& out, const quint8* tab, size
     const quint8* t0 = tab;
     const quint8* t1 = shared ? tab : tab + entries;
     const quint8* t2 = shared ? tab : tab + 2 * entries;
+#if defined(__x86_64__)
+    if constexpr (sizeof(TIn) == 1) {
+        if (channels == 4 && entries == 256 && hasVbmi()) {
+            alignas(64) quint8 opaque[256];
+            std::memset(opaque, 255, sizeof opaque);
+            const quint8* const t[4] = {t0, t1, t2, opaque};
+            forRows(int(in.height), 0, [&](int y) {
+                mapPixels4Vbmi(in.data + y * inPitch, out.data + y * outPitch, t, w, false);
+            });
+            return;
+        }
+    }
+#endif
     forRows(int(in.height), quint64(w) * (channels * sizeof(TIn) + 4), [&](int y) {
         const TIn* __restrict s = reinterpret_cast<const TIn*>(in.data + y * inPitch);
         uchar* __restrict d = out.data + y * outPitch;

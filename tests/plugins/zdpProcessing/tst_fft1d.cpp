@@ -1,6 +1,7 @@
 #include "NodeTestKit.h"
 
 #include <FFT1DCnbl.h>
+#include <FFT1DPlot.h>
 
 #include <CxFFT.h>
 
@@ -227,6 +228,42 @@ private slots:
         QVERIFY(local);
         for (quint32 y = 0; y < pic.height; ++y)
             QVERIFY(std::memcmp(local->picBuf()->rowPtr(y), pic.rowPtr(y), 4 * pic.width) == 0);
+    }
+
+    // The amplitude grid's copied rows against the axis painting every line,
+    // byte for byte: many ticks, few, and decades.
+    void gridRowsMatchAxisGrid_data()
+    {
+        QTest::addColumn<bool>("logarithmic");
+        QTest::addColumn<double>("upper");
+        QTest::newRow("linear, 81 ticks") << false << 8.07e7;
+        QTest::newRow("linear, 4 ticks") << false << 3.1e5;
+        QTest::newRow("logarithmic") << true << 8.07e7;
+    }
+    void gridRowsMatchAxisGrid()
+    {
+        QFETCH(bool, logarithmic);
+        QFETCH(double, upper);
+        const int w = int(CxFFT1DCnbl::OutputWidth), h = int(CxFFT1DCnbl::OutputHeight);
+        QList<double> keys, values;
+        for (int i = 0; i < 1500; ++i) {
+            keys.append(i / 3000.0);
+            values.append(upper * (0.51 + 0.49 * std::sin(i * 0.37)));
+        }
+        const double lower = upper / 1000.0;
+        QList<double> ticks;
+        QList<QString> labels;
+        CxFFT1DCnbl::getYTicksAndLabels(lower, upper, logarithmic, ticks, labels);
+        std::vector<uchar> pictures[2];
+        for (bool copied : {false, true}) {
+            CxFFT1DSpectrumPlot plot;
+            plot.setAxisYLogarithmic(logarithmic);
+            plot.scaleTo(w, h);
+            plot.setGridRowsCopied(copied);
+            pictures[copied].assign(size_t(w) * 4 * h, 0);
+            QVERIFY(plot.render(pictures[copied].data(), w, h, w * 4, keys, values, lower, upper, ticks, labels));
+        }
+        QVERIFY(pictures[0] == pictures[1]);
     }
 
     // One row analysed per column mean: a single bin, nothing shown, still a picture.

@@ -72,6 +72,10 @@ private slots:
             row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
             row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(8, 5), 0);
             row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
+            // Wide enough for the vector steps of each sample width, and a tail.
+            row("rgb u16 vectors", Node::RGB, IDT_UINT16, 16, QSize(37, 6), 0);
+            row("nir u16 vectors padded", Node::NIR, IDT_UINT16, 14, QSize(37, 5), 2);
+            row("rgb u32 vectors", Node::RGB, IDT_UINT32, 24, QSize(35, 4), 0);
             row("nir u16 odd pitch", Node::NIR, IDT_UINT16, 16, QSize(7, 5), 1);
             row("nir u32 full range", Node::NIR, IDT_UINT32, 32, QSize(5, 6), 0);
             row("rgb 2x2", Node::RGB, IDT_UINT8, 8, QSize(2, 2), 0);
@@ -79,6 +83,7 @@ private slots:
             row("rgb 640x480", Node::RGB, IDT_UINT8, 8, QSize(640, 480), 0);
             row("nir 640x480", Node::NIR, IDT_UINT8, 8, QSize(640, 480), 0);
             row("rgb frame larger than the caches", Node::RGB, IDT_UINT8, 8, QSize(2048, 2056), 0);
+            row("nir frame larger than the caches", Node::NIR, IDT_UINT16, 16, QSize(2048, 4098), 0);
             row("nir signed", Node::NIR, IDT_INT16, 16, QSize(6, 4), 0);
             row("rgb signed", Node::RGB, IDT_INT16, 16, QSize(6, 4), 0);
         }
