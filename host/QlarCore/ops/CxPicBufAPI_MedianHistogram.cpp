@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
 
@@ -232,9 +232,168 @@ QLAR_INLINE void medianColumnHistogramBand(const Frame& f, int y0, int y1, uchar
         medianColumnHistogramStrip(f, y0, y1, sx0, std::min(f.w, sx0 + StripWidth), cols);
 }
 
+// The AVX2 kernel keeps 8-bit counts per column (a column holds 2r + 1 <= 255
+// samples), so a strip's columns fit in L1 and a column's coarse counts or
+// one fine group are a single 16-byte load, widened to 16-bit window counts.
+// The counts are kept as running sums (lane k: samples in buckets 0..k), so
+// adding up columns gives the window's running sums directly and the search
+// for a rank is one compare; a sample in or out is one vector add to each
+// level instead of a prefix sum per output.
+struct ByteColumn
+{
+    quint8 coarse[16];     // lane k: samples whose value >> 4 is at most k
+    quint8 fine[16][16];   // [g][k]: samples whose value >> 4 is g and value & 15 is at most k
+};
+
+// Lane k of row t: 1 from lane t on; the running-sum step of one sample.
+alignas(16) constexpr quint8 FromLane[16][16] = {
+    {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
+    {0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
+    {0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
+    {0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1},
+    {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1},
+    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1},
+    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1},
+    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
+
+// Strips as wide as possible while their columns stay in L1; a strip never
+// gets narrower than its kernel, so the 2r columns it shares with its
+// neighbours cost at most as much again.
+constexpr size_t ByteColumnL1Budget = 40 * 1024;
+int byteStripWidth(int r)
+{
+    const int fit = int(ByteColumnL1Budget / sizeof(ByteColumn)) - 2 * r;
+    return std::max({fit, 2 * r + 1, 64});
+}
+size_t byteColumnSlotBytes(int r)
+{
+    return size_t(byteStripWidth(r) + 2 * r) * sizeof(ByteColumn) + 16 * 32 + 64;
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE __m256i widen(const quint8* p)
+{
+    return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE __m128i load16(const quint8* p)
+{
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE void store16(quint8* p, __m128i v)
+{
+    _mm_store_si128(reinterpret_cast<__m128i*>(p), v);
+}
+
+// How many of 16 running sums (all below 65536) stay at or below limit.
+__attribute__((target("avx2"))) QLAR_INLINE int sumsWithin(__m256i sums, __m256i limit)
+{
+    const __m256i within = _mm256_cmpeq_epi16(_mm256_max_epu16(sums, limit), limit);
+    return __builtin_popcount(unsigned(_mm256_movemask_epi8(within))) >> 1;
+}
+
+// One sample of a column leaves it and another comes in.
+__attribute__((target("avx2"))) QLAR_INLINE void swapSample(ByteColumn& c, int out, int in)
+{
+    store16(c.coarse,
+            _mm_add_epi8(load16(c.coarse), _mm_sub_epi8(load16(FromLane[in >> 4]), load16(FromLane[out >> 4]))));
+    store16(c.fine[out >> 4], _mm_sub_epi8(load16(c.fine[out >> 4]), load16(FromLane[out & 15])));
+    store16(c.fine[in >> 4], _mm_add_epi8(load16(c.fine[in >> 4]), load16(FromLane[in & 15])));
+}
+
+#define QLAR_AVX2_LAMBDA __attribute__((target("avx2")))
+
+__attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1,
+                                                           ByteColumn* cols, __m256i* groups)
+{
+    const int r = f.r, w = f.w, span = 2 * r + 1;
+    const int base = sx0 - r;  // image column of cols[0]
+    const int n = sx1 - sx0 + 2 * r;
+    // Columns outside the picture repeat its edge columns; they are counted
+    // like any other so the loops below never clamp.
+    const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
+    auto update = [&](const quint8* top, const quint8* bottom) QLAR_AVX2_LAMBDA {
+        for (int j = 0; j < left; ++j)
+            swapSample(cols[j], top[0], bottom[0]);
+        for (int j = left; j < right; ++j)
+            swapSample(cols[j], top[base + j], bottom[base + j]);
+        for (int j = right; j < n; ++j)
+            swapSample(cols[j], top[w - 1], bottom[w - 1]);
+    };
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(ByteColumn));
+    {
+        // Start every column with 2r + 1 zeros, then swap them for the samples.
+        const quint8 zeros = 0;
+        for (int j = 0; j < n; ++j) {
+            std::memset(cols[j].coarse, span, 16);
+            std::memset(cols[j].fine[0], span, 16);
+        }
+        for (int dy = -r; dy <= r; ++dy) {
+            const quint8* row = f.inRow<quint8>(y0 + dy);
+            for (int j = 0; j < n; ++j)
+                swapSample(cols[j], zeros, row[std::clamp(base + j, 0, w - 1)]);
+        }
+    }
+
+    const int target = (span * span - 1) / 2;
+    const __m256i targetV = _mm256_set1_epi16(short(target));
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const quint8* top = f.inRow<quint8>(y - r - 1);
+            const quint8* bottom = f.inRow<quint8>(y + r);
+            if (top != bottom)
+                update(top, bottom);
+        }
+        __m256i coarse = _mm256_setzero_si256();
+        for (int j = 0; j < span - 1; ++j)
+            coarse = _mm256_add_epi16(coarse, widen(cols[j].coarse));
+        // Window start (index into cols) at which each fine group was last
+        // brought up to date; the current group's counts stay in a register.
+        int synced[16];
+        std::fill(synced, synced + 16, -(1 << 28));
+        int current = -1;
+        __m256i fine = _mm256_setzero_si256();
+        quint8* out = f.outRow<quint8>(y) + sx0;
+        alignas(32) quint16 sums[17] = {};
+        for (int i = 0; i < sx1 - sx0; ++i) {
+            const ByteColumn* in = cols + i + 2 * r;
+            coarse = _mm256_add_epi16(coarse, widen(in->coarse));
+            const int g = sumsWithin(coarse, targetV);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums + 1), coarse);
+            const int below = sums[g];
+            if (g == current) {
+                fine = _mm256_sub_epi16(_mm256_add_epi16(fine, widen(in->fine[g])), widen(cols[i - 1].fine[g]));
+            } else {
+                if (current >= 0) {
+                    groups[current] = fine;
+                    synced[current] = i - 1;
+                }
+                const int behind = i - synced[g];
+                if (2 * behind > span) {
+                    fine = _mm256_setzero_si256();
+                    for (int j = i; j < i + span; ++j)
+                        fine = _mm256_add_epi16(fine, widen(cols[j].fine[g]));
+                } else {
+                    fine = groups[g];
+                    for (int k = i - behind; k < i; ++k)
+                        fine = _mm256_sub_epi16(_mm256_add_epi16(fine, widen(cols[k + span].fine[g])),
+                                                widen(cols[k].fine[g]));
+                }
+                current = g;
+            }
+            out[i] = quint8(16 * g + sumsWithin(fine, _mm256_set1_epi16(short(target - below))));
+            coarse = _mm256_sub_epi16(coarse, widen(cols[i].coarse));
+        }
+    }
+}
+
 __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, int y0, int y1, uchar* scratch)
 {
-    medianColumnHistogramBand(f, y0, y1, scratch);
+    auto* groups = reinterpret_cast<__m256i*>(roundUp(reinterpret_cast<quintptr>(scratch), 32));
+    auto* cols = reinterpret_cast<ByteColumn*>(groups + 16);
+    const int strip = byteStripWidth(f.r);
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
 }
 
 void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
@@ -247,7 +406,7 @@ void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
     if (usesColumnHistograms(radius, bytesPerSample))
-        return (StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram);
+        return std::max((StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram), byteColumnSlotBytes(radius));
     return roundUp(histogramWords(bytesPerSample) * sizeof(quint32), 64);
 }
 
