@@ -1,8 +1,10 @@
 // Median filter, histogram kernels: the radii beyond the sorting networks.
 //
 // 8-bit samples up to radius 127 use per-column histograms, constant time per
-// sample; anything else a window histogram sliding along a snake path, O(r)
-// per sample.
+// sample (after Perreault and Hebert), in one of three builds: AVX-512 (8
+// groups of 32 values), AVX2 (16 groups of 16) or SSE2 (the plain 16-bit
+// count layout). Anything else uses a window histogram sliding along a snake
+// path, O(r) per sample.
 #include "Median_p.h"
 
 #include <KitCpu.h>
@@ -245,24 +247,29 @@ struct ByteColumn
     quint8 fine[16][16];   // [g][k]: samples whose value >> 4 is g and value & 15 is at most k
 };
 
-// Lane k of row t: 1 from lane t on; the running-sum step of one sample.
-alignas(16) constexpr quint8 FromLane[16][16] = {
-    {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
-    {0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
-    {0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
-    {0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1},
-    {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1},
-    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1},
-    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1},
-    {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
+// Row t: 1 in lanes t and up, 0 below; what one sample of value t adds to
+// running sums over Lanes buckets.
+template <int Lanes>
+struct FromLaneTable
+{
+    alignas(32) quint8 row[Lanes][Lanes];
+    constexpr FromLaneTable() : row()
+    {
+        for (int t = 0; t < Lanes; ++t)
+            for (int k = t; k < Lanes; ++k)
+                row[t][k] = 1;
+    }
+};
+constexpr FromLaneTable<16> FromLane;
+constexpr FromLaneTable<32> FromLane32;
 
 // Strips as wide as possible while their columns stay in L1; a strip never
 // gets narrower than its kernel, so the 2r columns it shares with its
 // neighbours cost at most as much again.
-constexpr size_t ByteColumnL1Budget = 40 * 1024;
+constexpr size_t ColumnL1Budget = 40 * 1024;
 int byteStripWidth(int r)
 {
-    const int fit = int(ByteColumnL1Budget / sizeof(ByteColumn)) - 2 * r;
+    const int fit = int(ColumnL1Budget / sizeof(ByteColumn)) - 2 * r;
     return std::max({fit, 2 * r + 1, 64});
 }
 size_t byteColumnSlotBytes(int r)
@@ -292,13 +299,21 @@ __attribute__((target("avx2"))) QLAR_INLINE int sumsWithin(__m256i sums, __m256i
     return __builtin_popcount(unsigned(_mm256_movemask_epi8(within))) >> 1;
 }
 
+// The running sum before lane k, in every lane: the samples below bucket k.
+__attribute__((target("avx2"))) QLAR_INLINE __m256i sumBefore(__m256i sums, int k)
+{
+    const __m256i up = _mm256_alignr_epi8(sums, _mm256_permute2x128_si256(sums, sums, 0x08), 14);
+    const __m256i pair = _mm256_permutevar8x32_epi32(up, _mm256_set1_epi32(k >> 1));
+    return _mm256_shuffle_epi8(pair, _mm256_set1_epi16(short(0x0100 + 0x0202 * (k & 1))));
+}
+
 // One sample of a column leaves it and another comes in.
 __attribute__((target("avx2"))) QLAR_INLINE void swapSample(ByteColumn& c, int out, int in)
 {
     store16(c.coarse,
-            _mm_add_epi8(load16(c.coarse), _mm_sub_epi8(load16(FromLane[in >> 4]), load16(FromLane[out >> 4]))));
-    store16(c.fine[out >> 4], _mm_sub_epi8(load16(c.fine[out >> 4]), load16(FromLane[out & 15])));
-    store16(c.fine[in >> 4], _mm_add_epi8(load16(c.fine[in >> 4]), load16(FromLane[in & 15])));
+            _mm_add_epi8(load16(c.coarse), _mm_sub_epi8(load16(FromLane.row[in >> 4]), load16(FromLane.row[out >> 4]))));
+    store16(c.fine[out >> 4], _mm_sub_epi8(load16(c.fine[out >> 4]), load16(FromLane.row[out & 15])));
+    store16(c.fine[in >> 4], _mm_add_epi8(load16(c.fine[in >> 4]), load16(FromLane.row[in & 15])));
 }
 
 #define QLAR_AVX2_LAMBDA __attribute__((target("avx2")))
@@ -354,13 +369,10 @@ __attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y
         int current = -1;
         __m256i fine = _mm256_setzero_si256();
         quint8* out = f.outRow<quint8>(y) + sx0;
-        alignas(32) quint16 sums[17] = {};
         for (int i = 0; i < sx1 - sx0; ++i) {
             const ByteColumn* in = cols + i + 2 * r;
             coarse = _mm256_add_epi16(coarse, widen(in->coarse));
             const int g = sumsWithin(coarse, targetV);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(sums + 1), coarse);
-            const int below = sums[g];
             if (g == current) {
                 fine = _mm256_sub_epi16(_mm256_add_epi16(fine, widen(in->fine[g])), widen(cols[i - 1].fine[g]));
             } else {
@@ -370,9 +382,16 @@ __attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y
                 }
                 const int behind = i - synced[g];
                 if (2 * behind > span) {
-                    fine = _mm256_setzero_si256();
-                    for (int j = i; j < i + span; ++j)
-                        fine = _mm256_add_epi16(fine, widen(cols[j].fine[g]));
+                    // Four sums, so the adds do not wait on each other.
+                    __m256i part[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
+                                       _mm256_setzero_si256()};
+                    int j = i;
+                    for (; j + 4 <= i + span; j += 4)
+                        for (int k = 0; k < 4; ++k)
+                            part[k] = _mm256_add_epi16(part[k], widen(cols[j + k].fine[g]));
+                    for (; j < i + span; ++j)
+                        part[0] = _mm256_add_epi16(part[0], widen(cols[j].fine[g]));
+                    fine = _mm256_add_epi16(_mm256_add_epi16(part[0], part[1]), _mm256_add_epi16(part[2], part[3]));
                 } else {
                     fine = groups[g];
                     for (int k = i - behind; k < i; ++k)
@@ -381,7 +400,7 @@ __attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y
                 }
                 current = g;
             }
-            out[i] = quint8(16 * g + sumsWithin(fine, _mm256_set1_epi16(short(target - below))));
+            out[i] = quint8(16 * g + sumsWithin(fine, _mm256_sub_epi16(targetV, sumBefore(coarse, g))));
             coarse = _mm256_sub_epi16(coarse, widen(cols[i].coarse));
         }
     }
@@ -396,6 +415,176 @@ __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, i
         medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
 }
 
+// With AVX-512 the window's fine counts of one group fill a 512-bit register,
+// so the split is 8 groups of 32 values: the median leaves its group half as
+// often, and every such step costs a sum over 2r + 1 columns (or a
+// mispredicted branch at the least).
+#define QLAR_AVX512 __attribute__((target("avx2,avx512f,avx512bw,avx512vl,popcnt")))
+
+// Per column: fine running sums here, and in a separate array, one word
+// whose byte k counts the samples whose value >> 5 is at most k (eight
+// columns' words are one vector, so a row's coarse updates run across
+// columns).
+struct WideColumn
+{
+    quint8 fine[8][32];     // [g][k]: samples whose value >> 5 is g and value & 31 is at most k
+};
+
+// Byte k of entry t: 1 from byte t on, as one word, so that a column's
+// coarse counts move with one scalar add. The counts never leave 0..255, so
+// carries between bytes cancel out.
+constexpr quint64 fromByte(int t) { return 0x0101010101010101ull << (8 * t); }
+constexpr quint64 FromByte[8] = {fromByte(0), fromByte(1), fromByte(2), fromByte(3),
+                                 fromByte(4), fromByte(5), fromByte(6), fromByte(7)};
+
+int wideStripWidth(int r)
+{
+    const int fit = int(ColumnL1Budget / sizeof(WideColumn)) - 2 * r;
+    return std::max({fit, 2 * r + 1, 64});
+}
+size_t wideColumnSlotBytes(int r)
+{
+    const size_t n = size_t(wideStripWidth(r) + 2 * r);
+    return n * sizeof(WideColumn) + roundUp(n, 8) * sizeof(quint64) + 8 * 64 + 64;
+}
+
+QLAR_AVX512 QLAR_INLINE __m512i widen32(const quint8* p)
+{
+    return _mm512_cvtepu8_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(p)));
+}
+
+QLAR_AVX512 QLAR_INLINE __m128i widen8(const quint64* p)
+{
+    return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+}
+
+QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in);
+QLAR_AVX512 QLAR_INLINE void swapWide(WideColumn& c, quint64& coarse, int out, int in)
+{
+    coarse += FromByte[in >> 5] - FromByte[out >> 5];
+    swapFine(c, out, in);
+}
+
+QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in)
+{
+    auto* fo = reinterpret_cast<__m256i*>(c.fine[out >> 5]);
+    _mm256_store_si256(fo, _mm256_sub_epi8(_mm256_load_si256(fo),
+                                           _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[out & 31]))));
+    auto* fi = reinterpret_cast<__m256i*>(c.fine[in >> 5]);
+    _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi),
+                                           _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[in & 31]))));
+}
+
+// The coarse words of eight columns at once.
+QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const quint8* out, const quint8* in)
+{
+    const __m512i ones = _mm512_set1_epi64(qint64(FromByte[0]));
+    auto step = [&](const quint8* p) QLAR_AVX512 {
+        const __m512i v = _mm512_cvtepu8_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        return _mm512_sllv_epi64(ones, _mm512_slli_epi64(_mm512_srli_epi64(v, 5), 3));
+    };
+    __m512i* c = reinterpret_cast<__m512i*>(coarse);
+    _mm512_storeu_si512(c, _mm512_sub_epi64(_mm512_add_epi64(_mm512_loadu_si512(c), step(in)), step(out)));
+}
+
+QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
+                                       quint64* coarseOf, __m512i* groups)
+{
+    const int r = f.r, w = f.w, span = 2 * r + 1;
+    const int base = sx0 - r;  // image column of cols[0]
+    const int n = sx1 - sx0 + 2 * r;
+    const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
+    auto update = [&](const quint8* top, const quint8* bottom) QLAR_AVX512 {
+        for (int j = 0; j < left; ++j)
+            swapWide(cols[j], coarseOf[j], top[0], bottom[0]);
+        int j = left;
+        for (; j + 8 <= right; j += 8)
+            swapCoarse8(coarseOf + j, top + base + j, bottom + base + j);
+        for (; j < right; ++j)
+            coarseOf[j] += FromByte[bottom[base + j] >> 5] - FromByte[top[base + j] >> 5];
+        for (j = left; j < right; ++j)
+            swapFine(cols[j], top[base + j], bottom[base + j]);
+        for (j = right; j < n; ++j)
+            swapWide(cols[j], coarseOf[j], top[w - 1], bottom[w - 1]);
+    };
+    // Every column starts with 2r + 1 zeros, then swaps them for its samples.
+    for (int j = 0; j < n; ++j) {
+        std::memset(static_cast<void*>(&cols[j]), 0, sizeof(WideColumn));
+        coarseOf[j] = FromByte[0] * quint64(span);
+        std::memset(cols[j].fine[0], span, 32);
+    }
+    for (int dy = -r; dy <= r; ++dy) {
+        const quint8* row = f.inRow<quint8>(y0 + dy);
+        for (int j = 0; j < n; ++j)
+            swapWide(cols[j], coarseOf[j], 0, row[std::clamp(base + j, 0, w - 1)]);
+    }
+
+    const int target = (span * span - 1) / 2;
+    const __m128i targetV = _mm_set1_epi16(short(target));
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const quint8* top = f.inRow<quint8>(y - r - 1);
+            const quint8* bottom = f.inRow<quint8>(y + r);
+            if (top != bottom)
+                update(top, bottom);
+        }
+        __m128i coarse = _mm_setzero_si128();
+        for (int j = 0; j < span - 1; ++j)
+            coarse = _mm_add_epi16(coarse, widen8(&coarseOf[j]));
+        int synced[8];
+        std::fill(synced, synced + 8, -(1 << 28));
+        int current = -1;
+        __m512i fine = _mm512_setzero_si512();
+        quint8* out = f.outRow<quint8>(y) + sx0;
+        for (int i = 0; i < sx1 - sx0; ++i) {
+            const WideColumn* in = cols + i + 2 * r;
+            coarse = _mm_add_epi16(coarse, widen8(&coarseOf[i + 2 * r]));
+            const int g = __builtin_popcount(unsigned(_mm_cmple_epu16_mask(coarse, targetV)));
+            if (g == current) {
+                fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(in->fine[g])), widen32(cols[i - 1].fine[g]));
+            } else {
+                if (current >= 0) {
+                    groups[current] = fine;
+                    synced[current] = i - 1;
+                }
+                const int behind = i - synced[g];
+                if (2 * behind > span) {
+                    __m512i part[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
+                                       _mm512_setzero_si512()};
+                    int j = i;
+                    for (; j + 4 <= i + span; j += 4)
+                        for (int k = 0; k < 4; ++k)
+                            part[k] = _mm512_add_epi16(part[k], widen32(cols[j + k].fine[g]));
+                    for (; j < i + span; ++j)
+                        part[0] = _mm512_add_epi16(part[0], widen32(cols[j].fine[g]));
+                    fine = _mm512_add_epi16(_mm512_add_epi16(part[0], part[1]), _mm512_add_epi16(part[2], part[3]));
+                } else {
+                    fine = groups[g];
+                    for (int k = i - behind; k < i; ++k)
+                        fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(cols[k + span].fine[g])),
+                                                widen32(cols[k].fine[g]));
+                }
+                current = g;
+            }
+            // The samples below group g, as a bound for its running sums.
+            const __m128i below = _mm_maskz_permutexvar_epi16(__mmask8(g ? 0xff : 0), _mm_set1_epi16(short(g - 1)), coarse);
+            const __m512i limit = _mm512_broadcastw_epi16(_mm_sub_epi16(targetV, below));
+            out[i] = quint8(32 * g + __builtin_popcountll(_mm512_cmple_epu16_mask(fine, limit)));
+            coarse = _mm_sub_epi16(coarse, widen8(&coarseOf[i]));
+        }
+    }
+}
+
+QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* groups = reinterpret_cast<__m512i*>(roundUp(reinterpret_cast<quintptr>(scratch), 64));
+    auto* cols = reinterpret_cast<WideColumn*>(groups + 8);
+    const int strip = wideStripWidth(f.r);
+    auto* coarse = reinterpret_cast<quint64*>(cols + strip + 2 * f.r);
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianWideColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups);
+}
+
 void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
 {
     medianColumnHistogramBand(f, y0, y1, scratch);
@@ -406,7 +595,8 @@ void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
     if (usesColumnHistograms(radius, bytesPerSample))
-        return std::max((StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram), byteColumnSlotBytes(radius));
+        return std::max({(StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram), byteColumnSlotBytes(radius),
+                         wideColumnSlotBytes(radius)});
     return roundUp(histogramWords(bytesPerSample) * sizeof(quint32), 64);
 }
 
@@ -414,6 +604,8 @@ BandFn histogramKernel(int radius, unsigned bytesPerSample)
 {
     if (!usesColumnHistograms(radius, bytesPerSample))
         return bytesPerSample == 1 ? medianHistBand<quint8> : medianHistBand<quint16>;
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        return medianColumnHistogramAvx512;
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2) ? medianColumnHistogramAvx2 : medianColumnHistogramSse;
 }
 
