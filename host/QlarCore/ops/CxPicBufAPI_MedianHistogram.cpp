@@ -10,6 +10,7 @@
 #include <KitCpu.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include <immintrin.h>
@@ -590,10 +591,119 @@ void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
     medianColumnHistogramBand(f, y0, y1, scratch);
 }
 
+// 8-bit, 127 < r <= MaxWideRadius: a column holds more samples than a byte
+// counts, so columns keep 16-bit counts and windows 32-bit ones. Such kernels
+// are mostly wider than the picture, so only the picture's own columns are
+// kept: a window's share of the edge columns, and a column's share of the
+// edge rows, is counted as a multiple rather than column by column or row by
+// row. Plain code: the kernel is far from the cost of the old O(r) walk.
+constexpr int MaxWideRadius = 1023;
+constexpr int WideStrip = 64;
+
+struct CountColumn
+{
+    quint16 coarse[16];
+    quint16 fine[256];
+};
+
+size_t countColumnSlotBytes(int r)
+{
+    return size_t(WideStrip + 2 * r) * sizeof(CountColumn);
+}
+
+void medianCountColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, CountColumn* cols)
+{
+    const int r = f.r, w = f.w, h = f.h;
+    const int c0 = std::max(0, sx0 - r), c1 = std::min(w, sx1 + r);  // columns kept: [c0, c1)
+    const int n = c1 - c0;
+    auto col = [&](int c) -> CountColumn& { return cols[std::clamp(c, 0, w - 1) - c0]; };
+    auto put = [&](const quint8* row, int weight) {
+        for (int j = 0; j < n; ++j) {
+            const int v = row[c0 + j];
+            cols[j].fine[v] = quint16(cols[j].fine[v] + weight);
+            cols[j].coarse[v >> 4] = quint16(cols[j].coarse[v >> 4] + weight);
+        }
+    };
+    // How often row or column k of [lo, hi] (clamped to [0, last]) occurs.
+    auto times = [](int k, int lo, int hi, int last) {
+        return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
+    };
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(CountColumn));
+    for (int y = std::max(0, y0 - r); y <= std::min(h - 1, y0 + r); ++y)
+        put(f.inRow<quint8>(y), times(y, y0 - r, y0 + r, h - 1));
+
+    const quint32 target = quint32((quint64(2 * r + 1) * quint64(2 * r + 1) - 1) / 2);
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const quint8* top = f.inRow<quint8>(y - r - 1);
+            const quint8* bottom = f.inRow<quint8>(y + r);
+            if (top != bottom) {
+                put(top, -1);
+                put(bottom, 1);
+            }
+        }
+        // The window at x: its columns with their multiples.
+        auto windowSum = [&](int x, auto&& part, quint32* sum, int lanes) {
+            std::fill(sum, sum + lanes, 0u);
+            for (int c = std::max(0, x - r); c <= std::min(w - 1, x + r); ++c) {
+                const quint32 k = quint32(times(c, x - r, x + r, w - 1));
+                const quint16* src = part(col(c));
+                for (int b = 0; b < lanes; ++b)
+                    sum[b] += k * src[b];
+            }
+        };
+        quint32 coarse[16];
+        windowSum(sx0, [](CountColumn& c) { return c.coarse; }, coarse, 16);
+        quint32 fine[16][16];
+        int synced[16];
+        std::fill(synced, synced + 16, INT_MIN / 2);
+        quint8* out = f.outRow<quint8>(y);
+        for (int x = sx0; x < sx1; ++x) {
+            if (x > sx0) {
+                const CountColumn& in = col(x + r);
+                const CountColumn& gone = col(x - r - 1);
+                if (&in != &gone)
+                    for (int b = 0; b < 16; ++b)
+                        coarse[b] += quint32(in.coarse[b]) - gone.coarse[b];
+            }
+            quint32 below = 0;
+            int g = 0;
+            while (below + coarse[g] <= target)
+                below += coarse[g++];
+            quint32* fg = fine[g];
+            if (x - synced[g] > std::min(2 * r + 1, w)) {
+                windowSum(x, [g](CountColumn& c) { return c.fine + 16 * g; }, fg, 16);
+            } else {
+                for (int xs = synced[g] + 1; xs <= x; ++xs) {
+                    const CountColumn& in = col(xs + r);
+                    const CountColumn& gone = col(xs - r - 1);
+                    if (&in != &gone)
+                        for (int b = 0; b < 16; ++b)
+                            fg[b] += quint32(in.fine[16 * g + b]) - gone.fine[16 * g + b];
+                }
+            }
+            synced[g] = x;
+            int v = 0;
+            while (below + fg[v] <= target)
+                below += fg[v++];
+            out[x] = quint8(16 * g + v);
+        }
+    }
+}
+
+void medianCountColumnBand(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* cols = reinterpret_cast<CountColumn*>(scratch);
+    for (int sx0 = 0; sx0 < f.w; sx0 += WideStrip)
+        medianCountColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + WideStrip), cols);
+}
+
 } // namespace
 
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
+    if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
+        return countColumnSlotBytes(radius);
     if (usesColumnHistograms(radius, bytesPerSample))
         return std::max({(StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram), byteColumnSlotBytes(radius),
                          wideColumnSlotBytes(radius)});
@@ -602,6 +712,8 @@ size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 
 BandFn histogramKernel(int radius, unsigned bytesPerSample)
 {
+    if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
+        return medianCountColumnBand;
     if (!usesColumnHistograms(radius, bytesPerSample))
         return bytesPerSample == 1 ? medianHistBand<quint8> : medianHistBand<quint16>;
     if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
