@@ -264,14 +264,14 @@ struct FromLaneTable
 constexpr FromLaneTable<16> FromLane;
 constexpr FromLaneTable<32> FromLane32;
 
-// Strips as wide as possible while their columns stay in L1; a strip never
-// gets narrower than its kernel, so the 2r columns it shares with its
-// neighbours cost at most as much again.
+// Strips as wide as possible while their columns stay in L1. Larger kernels
+// get strips of at least 8r columns (in L2 then), so the 2r columns a strip
+// shares with its neighbours add at most a quarter to the column updates.
 constexpr size_t ColumnL1Budget = 40 * 1024;
 int byteStripWidth(int r)
 {
     const int fit = int(ColumnL1Budget / sizeof(ByteColumn)) - 2 * r;
-    return std::max({fit, 2 * r + 1, 64});
+    return std::max({fit, 8 * r + 1, 64});
 }
 size_t byteColumnSlotBytes(int r)
 {
@@ -416,6 +416,12 @@ __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, i
         medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
 }
 
+// How often row or column k of [lo, hi], clamped to [0, last], occurs.
+QLAR_INLINE int repeats(int k, int lo, int hi, int last)
+{
+    return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
+}
+
 // With AVX-512 the window's fine counts of one group fill a 512-bit register,
 // so the split is 8 groups of 32 values: the median leaves its group half as
 // often, and every such step costs a sum over 2r + 1 columns (or a
@@ -441,7 +447,7 @@ constexpr quint64 FromByte[8] = {fromByte(0), fromByte(1), fromByte(2), fromByte
 int wideStripWidth(int r)
 {
     const int fit = int(ColumnL1Budget / sizeof(WideColumn)) - 2 * r;
-    return std::max({fit, 2 * r + 1, 64});
+    return std::max({fit, 8 * r + 1, 64});
 }
 size_t wideColumnSlotBytes(int r)
 {
@@ -508,16 +514,21 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
         for (j = right; j < n; ++j)
             swapWide(cols[j], coarseOf[j], top[w - 1], bottom[w - 1]);
     };
-    // Every column starts with 2r + 1 zeros, then swaps them for its samples.
-    for (int j = 0; j < n; ++j) {
-        std::memset(static_cast<void*>(&cols[j]), 0, sizeof(WideColumn));
-        coarseOf[j] = FromByte[0] * quint64(span);
-        std::memset(cols[j].fine[0], span, 32);
-    }
-    for (int dy = -r; dy <= r; ++dy) {
-        const quint8* row = f.inRow<quint8>(y0 + dy);
-        for (int j = 0; j < n; ++j)
-            swapWide(cols[j], coarseOf[j], 0, row[std::clamp(base + j, 0, w - 1)]);
+    // A band starts from its first window's rows, an edge row counted as
+    // often as the window repeats it.
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(WideColumn));
+    std::fill(coarseOf, coarseOf + n, 0);
+    for (int y = std::max(0, y0 - r); y <= std::min(f.h - 1, y0 + r); ++y) {
+        const quint8* row = f.inRow<quint8>(y);
+        const int k = repeats(y, y0 - r, y0 + r, f.h - 1);
+        const __m256i times = _mm256_set1_epi8(char(k));
+        for (int j = 0; j < n; ++j) {
+            const int v = row[std::clamp(base + j, 0, w - 1)];
+            coarseOf[j] += FromByte[v >> 5] * quint64(k);
+            auto* fi = reinterpret_cast<__m256i*>(cols[j].fine[v >> 5]);
+            const __m256i step = _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v & 31]));
+            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times)));
+        }
     }
 
     const int target = (span * span - 1) / 2;
@@ -624,13 +635,9 @@ void medianCountColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, Co
             cols[j].coarse[v >> 4] = quint16(cols[j].coarse[v >> 4] + weight);
         }
     };
-    // How often row or column k of [lo, hi] (clamped to [0, last]) occurs.
-    auto times = [](int k, int lo, int hi, int last) {
-        return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
-    };
     std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(CountColumn));
     for (int y = std::max(0, y0 - r); y <= std::min(h - 1, y0 + r); ++y)
-        put(f.inRow<quint8>(y), times(y, y0 - r, y0 + r, h - 1));
+        put(f.inRow<quint8>(y), repeats(y, y0 - r, y0 + r, h - 1));
 
     const quint32 target = quint32((quint64(2 * r + 1) * quint64(2 * r + 1) - 1) / 2);
     for (int y = y0; y < y1; ++y) {
@@ -646,7 +653,7 @@ void medianCountColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, Co
         auto windowSum = [&](int x, auto&& part, quint32* sum, int lanes) {
             std::fill(sum, sum + lanes, 0u);
             for (int c = std::max(0, x - r); c <= std::min(w - 1, x + r); ++c) {
-                const quint32 k = quint32(times(c, x - r, x + r, w - 1));
+                const quint32 k = quint32(repeats(c, x - r, x + r, w - 1));
                 const quint16* src = part(col(c));
                 for (int b = 0; b < lanes; ++b)
                     sum[b] += k * src[b];
