@@ -483,51 +483,149 @@ QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in)
 }
 
 // The coarse words of eight columns at once.
-QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const quint8* out, const quint8* in)
+template <class T>
+QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const T* out, const T* in)
 {
+    constexpr int Shift = 5 + 8 * (int(sizeof(T)) - 1);
     const __m512i ones = _mm512_set1_epi64(qint64(FromByte[0]));
-    auto step = [&](const quint8* p) QLAR_AVX512 {
-        const __m512i v = _mm512_cvtepu8_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
-        return _mm512_sllv_epi64(ones, _mm512_slli_epi64(_mm512_srli_epi64(v, 5), 3));
+    auto step = [&](const T* p) QLAR_AVX512 {
+        __m512i v;
+        if constexpr (sizeof(T) == 1)
+            v = _mm512_cvtepu8_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        else
+            v = _mm512_cvtepu16_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+        return _mm512_sllv_epi64(ones, _mm512_slli_epi64(_mm512_srli_epi64(v, Shift), 3));
     };
     __m512i* c = reinterpret_cast<__m512i*>(coarse);
     _mm512_storeu_si512(c, _mm512_sub_epi64(_mm512_add_epi64(_mm512_loadu_si512(c), step(in)), step(out)));
 }
 
-QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
-                                       quint64* coarseOf, __m512i* groups)
+// 16-bit samples, r <= MaxLowRadius: the column histograms above find the
+// median's high byte; its low byte comes from a histogram of the window's
+// samples whose high byte is H or H + 1, for an H that follows the median
+// (moved only when the median's high byte leaves the pair, so a median that
+// hovers around a multiple of 256 does not rebuild it). A column's own
+// samples sit in a ring (row y in slot y mod 2r + 1), so a compare finds
+// those of the pair.
+// Below MinLowRadius the ring's compares and counts cost more than the
+// window histogram's O(r) walk.
+constexpr int MinLowRadius = 12;
+constexpr int MaxLowRadius = 127;
+
+bool usesHighLow(int radius, unsigned bytesPerSample)
 {
+    return bytesPerSample == 2 && radius >= MinLowRadius && radius <= MaxLowRadius;
+}
+
+struct LowHistogram
+{
+    quint16 group[32];  // samples per 16 values from 256 H on
+    quint16 bin[512];
+};
+
+int ringWords(int r)
+{
+    return int(roundUp(size_t(2 * r + 1), 32));
+}
+
+// Adds the samples of the pair H, H + 1 in one column (come) and removes
+// those of another (gone, if any).
+QLAR_AVX512 QLAR_INLINE void countPair(LowHistogram& low, const quint16* come, const quint16* gone, int words,
+                                       int span, int h)
+{
+    const __m512i key = _mm512_set1_epi16(short(h)), one = _mm512_set1_epi16(1);
+    auto inPair = [&](__mmask32 valid, const quint16* p) QLAR_AVX512 {
+        const __m512i k = _mm512_sub_epi16(_mm512_srli_epi16(_mm512_loadu_si512(p), 8), key);
+        return quint64(_mm512_mask_cmple_epu16_mask(valid, k, one));
+    };
+    const int offset = h << 8;
+    for (int c = 0; c < words; c += 32) {
+        const __mmask32 valid = span - c >= 32 ? ~__mmask32(0) : (__mmask32(1) << (span - c)) - 1;
+        const quint64 m0 = inPair(valid, come + c) | (gone ? inPair(valid, gone + c) << 32 : 0);
+        for (quint64 m = m0; m; m &= m - 1) {
+            const int k = __builtin_ctzll(m);
+            const int v = (k < 32 ? come[c + k] : gone[c + k - 32]) - offset;
+            const quint16 delta = k < 32 ? 1 : quint16(-1);
+            low.bin[v] = quint16(low.bin[v] + delta);
+            low.group[v >> 4] = quint16(low.group[v >> 4] + delta);
+        }
+    }
+}
+
+// Running sums of 32 counts.
+QLAR_AVX512 QLAR_INLINE __m512i prefix32(__m512i p)
+{
+    const __m512i lane = _mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13,
+                                          12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    for (int s = 1; s < 32; s *= 2)
+        p = _mm512_add_epi16(p, _mm512_maskz_permutexvar_epi16(~__mmask32(0) << s,
+                                                                _mm512_sub_epi16(lane, _mm512_set1_epi16(short(s))), p));
+    return p;
+}
+
+// How many of n <= 32 running sums stay at or below limit, and (in before)
+// the last of those.
+QLAR_AVX512 QLAR_INLINE int rankIn(__m512i sums, int limit, int& before)
+{
+    const int n = __builtin_popcount(unsigned(_mm512_cmple_epu16_mask(sums, _mm512_set1_epi16(short(limit)))));
+    before = n ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
+                     _mm512_permutexvar_epi16(_mm512_set1_epi16(short(n - 1)), sums))))
+               : 0;
+    return n;
+}
+
+template <class T>
+QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
+                                       quint64* coarseOf, __m512i* groups, quint16* ring, LowHistogram* lows)
+{
+    constexpr bool Wide = sizeof(T) == 2;
+    constexpr int Shift = Wide ? 8 : 0;  // sample to the byte the columns count
     const int r = f.r, w = f.w, span = 2 * r + 1;
     const int base = sx0 - r;  // image column of cols[0]
     const int n = sx1 - sx0 + 2 * r;
     const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
-    auto update = [&](const quint8* top, const quint8* bottom) QLAR_AVX512 {
+    const int words = Wide ? ringWords(r) : 0;
+    auto slot = [span](int y) { return ((y % span) + span) % span; };
+    auto update = [&](const T* top, const T* bottom, int y) QLAR_AVX512 {
         for (int j = 0; j < left; ++j)
-            swapWide(cols[j], coarseOf[j], top[0], bottom[0]);
+            swapWide(cols[j], coarseOf[j], top[0] >> Shift, bottom[0] >> Shift);
         int j = left;
         for (; j + 8 <= right; j += 8)
             swapCoarse8(coarseOf + j, top + base + j, bottom + base + j);
         for (; j < right; ++j)
-            coarseOf[j] += FromByte[bottom[base + j] >> 5] - FromByte[top[base + j] >> 5];
+            coarseOf[j] += FromByte[bottom[base + j] >> (5 + Shift)] - FromByte[top[base + j] >> (5 + Shift)];
         for (j = left; j < right; ++j)
-            swapFine(cols[j], top[base + j], bottom[base + j]);
+            swapFine(cols[j], top[base + j] >> Shift, bottom[base + j] >> Shift);
         for (j = right; j < n; ++j)
-            swapWide(cols[j], coarseOf[j], top[w - 1], bottom[w - 1]);
+            swapWide(cols[j], coarseOf[j], top[w - 1] >> Shift, bottom[w - 1] >> Shift);
+        if constexpr (Wide) {
+            const int s = slot(y);
+            for (j = 0; j < n; ++j)
+                ring[j * words + s] = bottom[std::clamp(base + j, 0, w - 1)];
+        }
     };
     // A band starts from its first window's rows, an edge row counted as
     // often as the window repeats it.
     std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(WideColumn));
     std::fill(coarseOf, coarseOf + n, 0);
     for (int y = std::max(0, y0 - r); y <= std::min(f.h - 1, y0 + r); ++y) {
-        const quint8* row = f.inRow<quint8>(y);
+        const T* row = f.inRow<T>(y);
         const int k = repeats(y, y0 - r, y0 + r, f.h - 1);
         const __m256i times = _mm256_set1_epi8(char(k));
         for (int j = 0; j < n; ++j) {
-            const int v = row[std::clamp(base + j, 0, w - 1)];
+            const int v = row[std::clamp(base + j, 0, w - 1)] >> Shift;
             coarseOf[j] += FromByte[v >> 5] * quint64(k);
             auto* fi = reinterpret_cast<__m256i*>(cols[j].fine[v >> 5]);
             const __m256i step = _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v & 31]));
-            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times)));
+            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi),
+                                                   _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times)));
+        }
+    }
+    if constexpr (Wide) {
+        for (int y = y0 - r; y <= y0 + r; ++y) {
+            const T* row = f.inRow<T>(y);
+            for (int j = 0; j < n; ++j)
+                ring[j * words + slot(y)] = row[std::clamp(base + j, 0, w - 1)];
         }
     }
 
@@ -535,10 +633,10 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
     const __m128i targetV = _mm_set1_epi16(short(target));
     for (int y = y0; y < y1; ++y) {
         if (y > y0) {
-            const quint8* top = f.inRow<quint8>(y - r - 1);
-            const quint8* bottom = f.inRow<quint8>(y + r);
+            const T* top = f.inRow<T>(y - r - 1);
+            const T* bottom = f.inRow<T>(y + r);
             if (top != bottom)
-                update(top, bottom);
+                update(top, bottom, y + r);
         }
         __m128i coarse = _mm_setzero_si128();
         for (int j = 0; j < span - 1; ++j)
@@ -546,8 +644,9 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
         int synced[8];
         std::fill(synced, synced + 8, -(1 << 28));
         int current = -1;
+        int pair = -1;  // H of the low bytes' histogram
         __m512i fine = _mm512_setzero_si512();
-        quint8* out = f.outRow<quint8>(y) + sx0;
+        T* out = f.outRow<T>(y) + sx0;
         for (int i = 0; i < sx1 - sx0; ++i) {
             const WideColumn* in = cols + i + 2 * r;
             coarse = _mm_add_epi16(coarse, widen8(&coarseOf[i + 2 * r]));
@@ -581,7 +680,39 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             // The samples below group g, as a bound for its running sums.
             const __m128i below = _mm_maskz_permutexvar_epi16(__mmask8(g ? 0xff : 0), _mm_set1_epi16(short(g - 1)), coarse);
             const __m512i limit = _mm512_broadcastw_epi16(_mm_sub_epi16(targetV, below));
-            out[i] = quint8(32 * g + __builtin_popcountll(_mm512_cmple_epu16_mask(fine, limit)));
+            const int inGroup = __builtin_popcountll(_mm512_cmple_epu16_mask(fine, limit));
+            const int key = 32 * g + inGroup;
+            if constexpr (!Wide) {
+                out[i] = T(key);
+            } else {
+                // Samples whose high byte is below the median's.
+                const int before = quint16(_mm_cvtsi128_si32(below))
+                    + (inGroup ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
+                                     _mm512_permutexvar_epi16(_mm512_set1_epi16(short(inGroup - 1)), fine))))
+                               : 0);
+                if (pair < 0 || key < pair || key > pair + 1) {
+                    // Moving up, the pair ends at the new high byte; moving
+                    // down (or at a row's start) it starts there.
+                    pair = std::min(pair >= 0 && key > pair ? key - 1 : key, 254);
+                    std::memset(static_cast<void*>(lows), 0, sizeof(LowHistogram));
+                    for (int j = i; j < i + span; ++j)
+                        countPair(*lows, ring + j * words, nullptr, words, span, pair);
+                } else {
+                    countPair(*lows, ring + (i + 2 * r) * words, ring + (i - 1) * words, words, span, pair);
+                }
+                const __m512i sums = prefix32(_mm512_loadu_si512(lows->group));
+                int first = 0, within = 0;
+                if (key > pair)  // the pair's lower high byte lies below the median's
+                    first = quint16(_mm_cvtsi128_si32(
+                        _mm512_castsi512_si128(_mm512_permutexvar_epi16(_mm512_set1_epi16(15), sums))));
+                const int rank = target - (before - first);
+                const int q = rankIn(sums, rank, within);
+                int sumBins = 0;
+                const __m512i bins = prefix32(_mm512_zextsi256_si512(
+                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lows->bin + 16 * q))));
+                const int b = rankIn(bins, rank - within, sumBins);
+                out[i] = T((pair << 8) + 16 * q + b);
+            }
             coarse = _mm_sub_epi16(coarse, widen8(&coarseOf[i]));
         }
     }
@@ -594,7 +725,26 @@ QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uch
     const int strip = wideStripWidth(f.r);
     auto* coarse = reinterpret_cast<quint64*>(cols + strip + 2 * f.r);
     for (int sx0 = 0; sx0 < f.w; sx0 += strip)
-        medianWideColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups);
+        medianWideColumnStrip<quint8>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, nullptr,
+                                      nullptr);
+}
+
+size_t lowSlotBytes(int r)
+{
+    const size_t n = size_t(wideStripWidth(r) + 2 * r);
+    return wideColumnSlotBytes(r) + 64 + n * size_t(ringWords(r)) * sizeof(quint16) + sizeof(LowHistogram);
+}
+
+QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* groups = reinterpret_cast<__m512i*>(roundUp(reinterpret_cast<quintptr>(scratch), 64));
+    auto* cols = reinterpret_cast<WideColumn*>(groups + 8);
+    const int strip = wideStripWidth(f.r), n = strip + 2 * f.r;
+    auto* coarse = reinterpret_cast<quint64*>(cols + n);
+    auto* ring = reinterpret_cast<quint16*>(roundUp(reinterpret_cast<quintptr>(coarse + roundUp(size_t(n), 8)), 64));
+    auto* lows = reinterpret_cast<LowHistogram*>(ring + size_t(n) * size_t(ringWords(f.r)));
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianWideColumnStrip<quint16>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, ring, lows);
 }
 
 void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
@@ -709,6 +859,8 @@ void medianCountColumnBand(const Frame& f, int y0, int y1, uchar* scratch)
 
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
+    if (usesHighLow(radius, bytesPerSample))
+        return std::max(lowSlotBytes(radius), roundUp(histogramWords(2) * sizeof(quint32), 64));
     if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
         return countColumnSlotBytes(radius);
     if (usesColumnHistograms(radius, bytesPerSample))
@@ -721,6 +873,8 @@ BandFn histogramKernel(int radius, unsigned bytesPerSample)
 {
     if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
         return medianCountColumnBand;
+    if (usesHighLow(radius, bytesPerSample) && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        return medianHighLowAvx512;
     if (!usesColumnHistograms(radius, bytesPerSample))
         return bytesPerSample == 1 ? medianHistBand<quint8> : medianHistBand<quint16>;
     if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
