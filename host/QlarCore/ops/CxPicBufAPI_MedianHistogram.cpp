@@ -678,7 +678,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
                 current = g;
             }
             // The samples below group g, as a bound for its running sums.
-            const __m128i below = _mm_maskz_permutexvar_epi16(__mmask8(g ? 0xff : 0), _mm_set1_epi16(short(g - 1)), coarse);
+            const __m128i below = _mm_permutexvar_epi16(_mm_set1_epi16(short(g)), _mm_bslli_si128(coarse, 2));
             const __m512i limit = _mm512_broadcastw_epi16(_mm_sub_epi16(targetV, below));
             const int inGroup = __builtin_popcountll(_mm512_cmple_epu16_mask(fine, limit));
             const int key = 32 * g + inGroup;
