@@ -1,10 +1,15 @@
 // Median filter, histogram kernels: the radii beyond the sorting networks.
 //
-// 8-bit samples up to radius 127 use per-column histograms, constant time per
-// sample (after Perreault and Hebert), in one of three builds: AVX-512 (8
-// groups of 32 values), AVX2 (16 groups of 16) or SSE2 (the plain 16-bit
-// count layout). Anything else uses a window histogram sliding along a snake
-// path, O(r) per sample.
+// - 8-bit, radius 3 to 127: per-column histograms, constant time per sample
+//   (after Perreault and Hebert), built for AVX-512 (8 groups of 32 values),
+//   AVX2 (16 groups of 16) or SSE2 (the earlier 16-bit count layout).
+// - 8-bit, radius 128 to 1023: per-column histograms with 16-bit counts over
+//   the picture's own columns, edge rows and columns counted with their
+//   repeats.
+// - 16-bit, radius 12 to 127, AVX-512: the high byte from per-column
+//   histograms, the low byte from the samples of a ring of column samples.
+// - Anything else: a window histogram sliding along a snake path, O(r) per
+//   sample.
 #include "Median_p.h"
 
 #include <KitCpu.h>
@@ -16,6 +21,9 @@
 #include <immintrin.h>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
+
+// Lambdas do not take on the target of the function they are written in.
+#define QLAR_AVX2_LAMBDA __attribute__((target("avx2")))
 
 namespace median {
 namespace {
@@ -311,13 +319,11 @@ __attribute__((target("avx2"))) QLAR_INLINE __m256i sumBefore(__m256i sums, int 
 // One sample of a column leaves it and another comes in.
 __attribute__((target("avx2"))) QLAR_INLINE void swapSample(ByteColumn& c, int out, int in)
 {
-    store16(c.coarse,
-            _mm_add_epi8(load16(c.coarse), _mm_sub_epi8(load16(FromLane.row[in >> 4]), load16(FromLane.row[out >> 4]))));
+    const __m128i step = _mm_sub_epi8(load16(FromLane.row[in >> 4]), load16(FromLane.row[out >> 4]));
+    store16(c.coarse, _mm_add_epi8(load16(c.coarse), step));
     store16(c.fine[out >> 4], _mm_sub_epi8(load16(c.fine[out >> 4]), load16(FromLane.row[out & 15])));
     store16(c.fine[in >> 4], _mm_add_epi8(load16(c.fine[in >> 4]), load16(FromLane.row[in & 15])));
 }
-
-#define QLAR_AVX2_LAMBDA __attribute__((target("avx2")))
 
 __attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1,
                                                            ByteColumn* cols, __m256i* groups)
@@ -465,22 +471,21 @@ QLAR_AVX512 QLAR_INLINE __m128i widen8(const quint64* p)
     return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
 }
 
-QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in);
+QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in)
+{
+    auto row = [](int v) QLAR_AVX512 { return _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v])); };
+    auto* fo = reinterpret_cast<__m256i*>(c.fine[out >> 5]);
+    _mm256_store_si256(fo, _mm256_sub_epi8(_mm256_load_si256(fo), row(out & 31)));
+    auto* fi = reinterpret_cast<__m256i*>(c.fine[in >> 5]);
+    _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), row(in & 31)));
+}
+
 QLAR_AVX512 QLAR_INLINE void swapWide(WideColumn& c, quint64& coarse, int out, int in)
 {
     coarse += FromByte[in >> 5] - FromByte[out >> 5];
     swapFine(c, out, in);
 }
 
-QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in)
-{
-    auto* fo = reinterpret_cast<__m256i*>(c.fine[out >> 5]);
-    _mm256_store_si256(fo, _mm256_sub_epi8(_mm256_load_si256(fo),
-                                           _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[out & 31]))));
-    auto* fi = reinterpret_cast<__m256i*>(c.fine[in >> 5]);
-    _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi),
-                                           _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[in & 31]))));
-}
 
 // The coarse words of eight columns at once.
 template <class T>
@@ -557,9 +562,10 @@ QLAR_AVX512 QLAR_INLINE __m512i prefix32(__m512i p)
 {
     const __m512i lane = _mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13,
                                           12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-    for (int s = 1; s < 32; s *= 2)
-        p = _mm512_add_epi16(p, _mm512_maskz_permutexvar_epi16(~__mmask32(0) << s,
-                                                                _mm512_sub_epi16(lane, _mm512_set1_epi16(short(s))), p));
+    for (int s = 1; s < 32; s *= 2) {
+        const __m512i from = _mm512_sub_epi16(lane, _mm512_set1_epi16(short(s)));
+        p = _mm512_add_epi16(p, _mm512_maskz_permutexvar_epi16(~__mmask32(0) << s, from, p));
+    }
     return p;
 }
 
@@ -617,8 +623,8 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             coarseOf[j] += FromByte[v >> 5] * quint64(k);
             auto* fi = reinterpret_cast<__m256i*>(cols[j].fine[v >> 5]);
             const __m256i step = _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v & 31]));
-            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi),
-                                                   _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times)));
+            const __m256i weighted = _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times);
+            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), weighted));
         }
     }
     if constexpr (Wide) {
