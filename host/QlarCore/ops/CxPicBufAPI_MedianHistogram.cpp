@@ -453,10 +453,12 @@ constexpr quint64 fromByte(int t) { return 0x0101010101010101ull << (8 * t); }
 constexpr quint64 FromByte[8] = {fromByte(0), fromByte(1), fromByte(2), fromByte(3),
                                  fromByte(4), fromByte(5), fromByte(6), fromByte(7)};
 
+// The AVX-512 kernel's columns are updated fast enough that wide strips in
+// L2 (up to 1024 columns) beat L1-sized ones once the 2r shared columns grow.
 int wideStripWidth(int r)
 {
     const int fit = int(ColumnL1Budget / sizeof(WideColumn)) - 2 * r;
-    return std::max({fit, 8 * r + 1, 64});
+    return std::max({fit, std::min(48 * r, 1024), 8 * r + 1, 64});
 }
 size_t wideColumnSlotBytes(int r)
 {
