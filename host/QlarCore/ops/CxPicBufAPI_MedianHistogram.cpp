@@ -1,18 +1,32 @@
 // Median filter, histogram kernels: the radii beyond the sorting networks.
 //
-// 8-bit samples up to radius 127 use per-column histograms, constant time per
-// sample; anything else a window histogram sliding along a snake path, O(r)
-// per sample.
+// - 8-bit, radius 3 to 127: per-column histograms, constant time per sample
+//   (after Perreault and Hebert), built for AVX-512 (8 groups of 32 values),
+//   AVX2 (16 groups of 16) or SSE2 (the earlier 16-bit count layout).
+// - 8-bit, radius 128 to 1023: per-column histograms with 16-bit counts over
+//   the picture's own columns, edge rows and columns counted with their
+//   repeats.
+// - 16-bit, radius 12 to 127, AVX-512: the high byte from per-column
+//   histograms, the low byte from the samples of a ring of column samples.
+// - Anything else: a window histogram sliding along a snake path, O(r) per
+//   sample.
 #include "Median_p.h"
 
 #include <KitCpu.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
+// The AVX-512 intrinsics start some results from a self-initialised
+// register, which sanitizer builds report as maybe uninitialised.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+// Lambdas do not take on the target of the function they are written in.
+#define QLAR_AVX2_LAMBDA __attribute__((target("avx2")))
 
 namespace median {
 namespace {
@@ -232,9 +246,516 @@ QLAR_INLINE void medianColumnHistogramBand(const Frame& f, int y0, int y1, uchar
         medianColumnHistogramStrip(f, y0, y1, sx0, std::min(f.w, sx0 + StripWidth), cols);
 }
 
+// The AVX2 kernel keeps 8-bit counts per column (a column holds 2r + 1 <= 255
+// samples), so a strip's columns fit in L1 and a column's coarse counts or
+// one fine group are a single 16-byte load, widened to 16-bit window counts.
+// The counts are kept as running sums (lane k: samples in buckets 0..k), so
+// adding up columns gives the window's running sums directly and the search
+// for a rank is one compare; a sample in or out is one vector add to each
+// level instead of a prefix sum per output.
+struct ByteColumn
+{
+    quint8 coarse[16];     // lane k: samples whose value >> 4 is at most k
+    quint8 fine[16][16];   // [g][k]: samples whose value >> 4 is g and value & 15 is at most k
+};
+
+// Row t: 1 in lanes t and up, 0 below; what one sample of value t adds to
+// running sums over Lanes buckets.
+template <int Lanes>
+struct FromLaneTable
+{
+    alignas(32) quint8 row[Lanes][Lanes];
+    constexpr FromLaneTable() : row()
+    {
+        for (int t = 0; t < Lanes; ++t)
+            for (int k = t; k < Lanes; ++k)
+                row[t][k] = 1;
+    }
+};
+constexpr FromLaneTable<16> FromLane;
+constexpr FromLaneTable<32> FromLane32;
+
+// Strips as wide as possible while their columns stay in L1. Larger kernels
+// get strips of at least 8r columns (in L2 then), so the 2r columns a strip
+// shares with its neighbours add at most a quarter to the column updates.
+constexpr size_t ColumnL1Budget = 40 * 1024;
+int byteStripWidth(int r)
+{
+    const int fit = int(ColumnL1Budget / sizeof(ByteColumn)) - 2 * r;
+    return std::max({fit, 8 * r + 1, 64});
+}
+size_t byteColumnSlotBytes(int r)
+{
+    return size_t(byteStripWidth(r) + 2 * r) * sizeof(ByteColumn) + 16 * 32 + 64;
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE __m256i widen(const quint8* p)
+{
+    return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE __m128i load16(const quint8* p)
+{
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+__attribute__((target("avx2"))) QLAR_INLINE void store16(quint8* p, __m128i v)
+{
+    _mm_store_si128(reinterpret_cast<__m128i*>(p), v);
+}
+
+// How many of 16 running sums (all below 65536) stay at or below limit.
+__attribute__((target("avx2"))) QLAR_INLINE int sumsWithin(__m256i sums, __m256i limit)
+{
+    const __m256i within = _mm256_cmpeq_epi16(_mm256_max_epu16(sums, limit), limit);
+    return __builtin_popcount(unsigned(_mm256_movemask_epi8(within))) >> 1;
+}
+
+// The running sum before lane k, in every lane: the samples below bucket k.
+__attribute__((target("avx2"))) QLAR_INLINE __m256i sumBefore(__m256i sums, int k)
+{
+    const __m256i up = _mm256_alignr_epi8(sums, _mm256_permute2x128_si256(sums, sums, 0x08), 14);
+    const __m256i pair = _mm256_permutevar8x32_epi32(up, _mm256_set1_epi32(k >> 1));
+    return _mm256_shuffle_epi8(pair, _mm256_set1_epi16(short(0x0100 + 0x0202 * (k & 1))));
+}
+
+// One sample of a column leaves it and another comes in.
+__attribute__((target("avx2"))) QLAR_INLINE void swapSample(ByteColumn& c, int out, int in)
+{
+    const __m128i step = _mm_sub_epi8(load16(FromLane.row[in >> 4]), load16(FromLane.row[out >> 4]));
+    store16(c.coarse, _mm_add_epi8(load16(c.coarse), step));
+    store16(c.fine[out >> 4], _mm_sub_epi8(load16(c.fine[out >> 4]), load16(FromLane.row[out & 15])));
+    store16(c.fine[in >> 4], _mm_add_epi8(load16(c.fine[in >> 4]), load16(FromLane.row[in & 15])));
+}
+
+__attribute__((target("avx2"))) void medianByteColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1,
+                                                           ByteColumn* cols, __m256i* groups)
+{
+    const int r = f.r, w = f.w, span = 2 * r + 1;
+    const int base = sx0 - r;  // image column of cols[0]
+    const int n = sx1 - sx0 + 2 * r;
+    // Columns outside the picture repeat its edge columns; they are counted
+    // like any other so the loops below never clamp.
+    const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
+    auto update = [&](const quint8* top, const quint8* bottom) QLAR_AVX2_LAMBDA {
+        for (int j = 0; j < left; ++j)
+            swapSample(cols[j], top[0], bottom[0]);
+        for (int j = left; j < right; ++j)
+            swapSample(cols[j], top[base + j], bottom[base + j]);
+        for (int j = right; j < n; ++j)
+            swapSample(cols[j], top[w - 1], bottom[w - 1]);
+    };
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(ByteColumn));
+    {
+        // Start every column with 2r + 1 zeros, then swap them for the samples.
+        const quint8 zeros = 0;
+        for (int j = 0; j < n; ++j) {
+            std::memset(cols[j].coarse, span, 16);
+            std::memset(cols[j].fine[0], span, 16);
+        }
+        for (int dy = -r; dy <= r; ++dy) {
+            const quint8* row = f.inRow<quint8>(y0 + dy);
+            for (int j = 0; j < n; ++j)
+                swapSample(cols[j], zeros, row[std::clamp(base + j, 0, w - 1)]);
+        }
+    }
+
+    const int target = (span * span - 1) / 2;
+    const __m256i targetV = _mm256_set1_epi16(short(target));
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const quint8* top = f.inRow<quint8>(y - r - 1);
+            const quint8* bottom = f.inRow<quint8>(y + r);
+            if (top != bottom)
+                update(top, bottom);
+        }
+        __m256i coarse = _mm256_setzero_si256();
+        for (int j = 0; j < span - 1; ++j)
+            coarse = _mm256_add_epi16(coarse, widen(cols[j].coarse));
+        // Window start (index into cols) at which each fine group was last
+        // brought up to date; the current group's counts stay in a register.
+        int synced[16];
+        std::fill(synced, synced + 16, -(1 << 28));
+        int current = -1;
+        __m256i fine = _mm256_setzero_si256();
+        quint8* out = f.outRow<quint8>(y) + sx0;
+        for (int i = 0; i < sx1 - sx0; ++i) {
+            const ByteColumn* in = cols + i + 2 * r;
+            coarse = _mm256_add_epi16(coarse, widen(in->coarse));
+            const int g = sumsWithin(coarse, targetV);
+            if (g == current) {
+                fine = _mm256_sub_epi16(_mm256_add_epi16(fine, widen(in->fine[g])), widen(cols[i - 1].fine[g]));
+            } else {
+                if (current >= 0) {
+                    groups[current] = fine;
+                    synced[current] = i - 1;
+                }
+                const int behind = i - synced[g];
+                if (2 * behind > span) {
+                    // Four sums, so the adds do not wait on each other.
+                    __m256i part[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
+                                       _mm256_setzero_si256()};
+                    int j = i;
+                    for (; j + 4 <= i + span; j += 4)
+                        for (int k = 0; k < 4; ++k)
+                            part[k] = _mm256_add_epi16(part[k], widen(cols[j + k].fine[g]));
+                    for (; j < i + span; ++j)
+                        part[0] = _mm256_add_epi16(part[0], widen(cols[j].fine[g]));
+                    fine = _mm256_add_epi16(_mm256_add_epi16(part[0], part[1]), _mm256_add_epi16(part[2], part[3]));
+                } else {
+                    fine = groups[g];
+                    for (int k = i - behind; k < i; ++k)
+                        fine = _mm256_sub_epi16(_mm256_add_epi16(fine, widen(cols[k + span].fine[g])),
+                                                widen(cols[k].fine[g]));
+                }
+                current = g;
+            }
+            out[i] = quint8(16 * g + sumsWithin(fine, _mm256_sub_epi16(targetV, sumBefore(coarse, g))));
+            coarse = _mm256_sub_epi16(coarse, widen(cols[i].coarse));
+        }
+    }
+}
+
 __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, int y0, int y1, uchar* scratch)
 {
-    medianColumnHistogramBand(f, y0, y1, scratch);
+    auto* groups = reinterpret_cast<__m256i*>(roundUp(reinterpret_cast<quintptr>(scratch), 32));
+    auto* cols = reinterpret_cast<ByteColumn*>(groups + 16);
+    const int strip = byteStripWidth(f.r);
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
+}
+
+// How often row or column k of [lo, hi], clamped to [0, last], occurs.
+QLAR_INLINE int repeats(int k, int lo, int hi, int last)
+{
+    return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
+}
+
+// With AVX-512 the window's fine counts of one group fill a 512-bit register,
+// so the split is 8 groups of 32 values: the median leaves its group half as
+// often, and every such step costs a sum over 2r + 1 columns (or a
+// mispredicted branch at the least).
+#define QLAR_AVX512 __attribute__((target("avx2,avx512f,avx512bw,avx512vl,popcnt")))
+
+// Per column: fine running sums here, and in a separate array, one word
+// whose byte k counts the samples whose value >> 5 is at most k (eight
+// columns' words are one vector, so a row's coarse updates run across
+// columns).
+struct WideColumn
+{
+    quint8 fine[8][32];     // [g][k]: samples whose value >> 5 is g and value & 31 is at most k
+};
+
+// Byte k of entry t: 1 from byte t on, as one word, so that a column's
+// coarse counts move with one scalar add. The counts never leave 0..255, so
+// carries between bytes cancel out.
+constexpr quint64 fromByte(int t) { return 0x0101010101010101ull << (8 * t); }
+constexpr quint64 FromByte[8] = {fromByte(0), fromByte(1), fromByte(2), fromByte(3),
+                                 fromByte(4), fromByte(5), fromByte(6), fromByte(7)};
+
+// The AVX-512 kernel's columns are updated fast enough that wide strips in
+// L2 (up to 1024 columns) beat L1-sized ones once the 2r shared columns grow.
+int wideStripWidth(int r)
+{
+    const int fit = int(ColumnL1Budget / sizeof(WideColumn)) - 2 * r;
+    return std::max({fit, std::min(48 * r, 1024), 8 * r + 1, 64});
+}
+size_t wideColumnSlotBytes(int r)
+{
+    const size_t n = size_t(wideStripWidth(r) + 2 * r);
+    return n * sizeof(WideColumn) + roundUp(n, 8) * sizeof(quint64) + 8 * 64 + 64;
+}
+
+QLAR_AVX512 QLAR_INLINE __m512i widen32(const quint8* p)
+{
+    return _mm512_cvtepu8_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(p)));
+}
+
+QLAR_AVX512 QLAR_INLINE __m128i widen8(const quint64* p)
+{
+    return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+}
+
+QLAR_AVX512 QLAR_INLINE void swapFine(WideColumn& c, int out, int in)
+{
+    auto row = [](int v) QLAR_AVX512 { return _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v])); };
+    auto* fo = reinterpret_cast<__m256i*>(c.fine[out >> 5]);
+    _mm256_store_si256(fo, _mm256_sub_epi8(_mm256_load_si256(fo), row(out & 31)));
+    auto* fi = reinterpret_cast<__m256i*>(c.fine[in >> 5]);
+    _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), row(in & 31)));
+}
+
+QLAR_AVX512 QLAR_INLINE void swapWide(WideColumn& c, quint64& coarse, int out, int in)
+{
+    coarse += FromByte[in >> 5] - FromByte[out >> 5];
+    swapFine(c, out, in);
+}
+
+
+// The coarse words of eight columns at once.
+template <class T>
+QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const T* out, const T* in)
+{
+    constexpr int Shift = 5 + 8 * (int(sizeof(T)) - 1);
+    const __m512i ones = _mm512_set1_epi64(qint64(FromByte[0]));
+    auto step = [&](const T* p) QLAR_AVX512 {
+        __m512i v;
+        if constexpr (sizeof(T) == 1)
+            v = _mm512_cvtepu8_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        else
+            v = _mm512_cvtepu16_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+        return _mm512_sllv_epi64(ones, _mm512_slli_epi64(_mm512_srli_epi64(v, Shift), 3));
+    };
+    __m512i* c = reinterpret_cast<__m512i*>(coarse);
+    _mm512_storeu_si512(c, _mm512_sub_epi64(_mm512_add_epi64(_mm512_loadu_si512(c), step(in)), step(out)));
+}
+
+// 16-bit samples, r <= MaxLowRadius: the column histograms above find the
+// median's high byte; its low byte comes from a histogram of the window's
+// samples whose high byte is H or H + 1, for an H that follows the median
+// (moved only when the median's high byte leaves the pair, so a median that
+// hovers around a multiple of 256 does not rebuild it). A column's own
+// samples sit in a ring (row y in slot y mod 2r + 1), so a compare finds
+// those of the pair.
+// Below MinLowRadius the ring's compares and counts cost more than the
+// window histogram's O(r) walk.
+constexpr int MinLowRadius = 12;
+constexpr int MaxLowRadius = 127;
+
+bool usesHighLow(int radius, unsigned bytesPerSample)
+{
+    return bytesPerSample == 2 && radius >= MinLowRadius && radius <= MaxLowRadius;
+}
+
+struct LowHistogram
+{
+    quint16 group[32];  // samples per 16 values from 256 H on
+    quint16 bin[512];
+};
+
+int ringWords(int r)
+{
+    return int(roundUp(size_t(2 * r + 1), 32));
+}
+
+// Adds the samples of the pair H, H + 1 in one column (come) and removes
+// those of another (gone, if any).
+QLAR_AVX512 QLAR_INLINE void countPair(LowHistogram& low, const quint16* come, const quint16* gone, int words,
+                                       int span, int h)
+{
+    const __m512i key = _mm512_set1_epi16(short(h)), one = _mm512_set1_epi16(1);
+    auto inPair = [&](__mmask32 valid, const quint16* p) QLAR_AVX512 {
+        const __m512i k = _mm512_sub_epi16(_mm512_srli_epi16(_mm512_loadu_si512(p), 8), key);
+        return quint64(_mm512_mask_cmple_epu16_mask(valid, k, one));
+    };
+    const int offset = h << 8;
+    for (int c = 0; c < words; c += 32) {
+        const __mmask32 valid = span - c >= 32 ? ~__mmask32(0) : (__mmask32(1) << (span - c)) - 1;
+        const quint64 m0 = inPair(valid, come + c) | (gone ? inPair(valid, gone + c) << 32 : 0);
+        for (quint64 m = m0; m; m &= m - 1) {
+            const int k = __builtin_ctzll(m);
+            const int v = (k < 32 ? come[c + k] : gone[c + k - 32]) - offset;
+            const quint16 delta = k < 32 ? 1 : quint16(-1);
+            low.bin[v] = quint16(low.bin[v] + delta);
+            low.group[v >> 4] = quint16(low.group[v >> 4] + delta);
+        }
+    }
+}
+
+// Running sums of 32 counts.
+QLAR_AVX512 QLAR_INLINE __m512i prefix32(__m512i p)
+{
+    const __m512i lane = _mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13,
+                                          12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    for (int s = 1; s < 32; s *= 2) {
+        const __m512i from = _mm512_sub_epi16(lane, _mm512_set1_epi16(short(s)));
+        p = _mm512_add_epi16(p, _mm512_maskz_permutexvar_epi16(~__mmask32(0) << s, from, p));
+    }
+    return p;
+}
+
+// How many of n <= 32 running sums stay at or below limit, and (in before)
+// the last of those.
+QLAR_AVX512 QLAR_INLINE int rankIn(__m512i sums, int limit, int& before)
+{
+    const int n = __builtin_popcount(unsigned(_mm512_cmple_epu16_mask(sums, _mm512_set1_epi16(short(limit)))));
+    before = n ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
+                     _mm512_permutexvar_epi16(_mm512_set1_epi16(short(n - 1)), sums))))
+               : 0;
+    return n;
+}
+
+template <class T>
+QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
+                                       quint64* coarseOf, __m512i* groups, quint16* ring, LowHistogram* lows)
+{
+    constexpr bool Wide = sizeof(T) == 2;
+    constexpr int Shift = Wide ? 8 : 0;  // sample to the byte the columns count
+    const int r = f.r, w = f.w, span = 2 * r + 1;
+    const int base = sx0 - r;  // image column of cols[0]
+    const int n = sx1 - sx0 + 2 * r;
+    const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
+    const int words = Wide ? ringWords(r) : 0;
+    auto slot = [span](int y) { return ((y % span) + span) % span; };
+    auto update = [&](const T* top, const T* bottom, int y) QLAR_AVX512 {
+        for (int j = 0; j < left; ++j)
+            swapWide(cols[j], coarseOf[j], top[0] >> Shift, bottom[0] >> Shift);
+        int j = left;
+        for (; j + 8 <= right; j += 8)
+            swapCoarse8(coarseOf + j, top + base + j, bottom + base + j);
+        for (; j < right; ++j)
+            coarseOf[j] += FromByte[bottom[base + j] >> (5 + Shift)] - FromByte[top[base + j] >> (5 + Shift)];
+        for (j = left; j < right; ++j)
+            swapFine(cols[j], top[base + j] >> Shift, bottom[base + j] >> Shift);
+        for (j = right; j < n; ++j)
+            swapWide(cols[j], coarseOf[j], top[w - 1] >> Shift, bottom[w - 1] >> Shift);
+        if constexpr (Wide) {
+            const int s = slot(y);
+            for (j = 0; j < n; ++j)
+                ring[j * words + s] = bottom[std::clamp(base + j, 0, w - 1)];
+        }
+    };
+    // A band starts from its first window's rows, an edge row counted as
+    // often as the window repeats it.
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(WideColumn));
+    std::fill(coarseOf, coarseOf + n, 0);
+    for (int y = std::max(0, y0 - r); y <= std::min(f.h - 1, y0 + r); ++y) {
+        const T* row = f.inRow<T>(y);
+        const int k = repeats(y, y0 - r, y0 + r, f.h - 1);
+        const __m256i times = _mm256_set1_epi8(char(k));
+        for (int j = 0; j < n; ++j) {
+            const int v = row[std::clamp(base + j, 0, w - 1)] >> Shift;
+            coarseOf[j] += FromByte[v >> 5] * quint64(k);
+            auto* fi = reinterpret_cast<__m256i*>(cols[j].fine[v >> 5]);
+            const __m256i step = _mm256_load_si256(reinterpret_cast<const __m256i*>(FromLane32.row[v & 31]));
+            const __m256i weighted = _mm256_and_si256(_mm256_sub_epi8(_mm256_setzero_si256(), step), times);
+            _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), weighted));
+        }
+    }
+    if constexpr (Wide) {
+        for (int y = y0 - r; y <= y0 + r; ++y) {
+            const T* row = f.inRow<T>(y);
+            for (int j = 0; j < n; ++j)
+                ring[j * words + slot(y)] = row[std::clamp(base + j, 0, w - 1)];
+        }
+    }
+
+    const int target = (span * span - 1) / 2;
+    const __m128i targetV = _mm_set1_epi16(short(target));
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const T* top = f.inRow<T>(y - r - 1);
+            const T* bottom = f.inRow<T>(y + r);
+            if (top != bottom)
+                update(top, bottom, y + r);
+        }
+        __m128i coarse = _mm_setzero_si128();
+        for (int j = 0; j < span - 1; ++j)
+            coarse = _mm_add_epi16(coarse, widen8(&coarseOf[j]));
+        int synced[8];
+        std::fill(synced, synced + 8, -(1 << 28));
+        int current = -1;
+        int pair = -1;  // H of the low bytes' histogram
+        __m512i fine = _mm512_setzero_si512();
+        T* out = f.outRow<T>(y) + sx0;
+        for (int i = 0; i < sx1 - sx0; ++i) {
+            const WideColumn* in = cols + i + 2 * r;
+            coarse = _mm_add_epi16(coarse, widen8(&coarseOf[i + 2 * r]));
+            const int g = __builtin_popcount(unsigned(_mm_cmple_epu16_mask(coarse, targetV)));
+            if (g == current) {
+                fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(in->fine[g])), widen32(cols[i - 1].fine[g]));
+            } else {
+                if (current >= 0) {
+                    groups[current] = fine;
+                    synced[current] = i - 1;
+                }
+                const int behind = i - synced[g];
+                if (2 * behind > span) {
+                    __m512i part[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
+                                       _mm512_setzero_si512()};
+                    int j = i;
+                    for (; j + 4 <= i + span; j += 4)
+                        for (int k = 0; k < 4; ++k)
+                            part[k] = _mm512_add_epi16(part[k], widen32(cols[j + k].fine[g]));
+                    for (; j < i + span; ++j)
+                        part[0] = _mm512_add_epi16(part[0], widen32(cols[j].fine[g]));
+                    fine = _mm512_add_epi16(_mm512_add_epi16(part[0], part[1]), _mm512_add_epi16(part[2], part[3]));
+                } else {
+                    fine = groups[g];
+                    for (int k = i - behind; k < i; ++k)
+                        fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(cols[k + span].fine[g])),
+                                                widen32(cols[k].fine[g]));
+                }
+                current = g;
+            }
+            // The samples below group g, as a bound for its running sums.
+            const __m128i below = _mm_permutexvar_epi16(_mm_set1_epi16(short(g)), _mm_bslli_si128(coarse, 2));
+            const __m512i limit = _mm512_broadcastw_epi16(_mm_sub_epi16(targetV, below));
+            const int inGroup = __builtin_popcountll(_mm512_cmple_epu16_mask(fine, limit));
+            const int key = 32 * g + inGroup;
+            if constexpr (!Wide) {
+                out[i] = T(key);
+            } else {
+                // Samples whose high byte is below the median's.
+                const int before = quint16(_mm_cvtsi128_si32(below))
+                    + (inGroup ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
+                                     _mm512_permutexvar_epi16(_mm512_set1_epi16(short(inGroup - 1)), fine))))
+                               : 0);
+                if (pair < 0 || key < pair || key > pair + 1) {
+                    // Moving up, the pair ends at the new high byte; moving
+                    // down (or at a row's start) it starts there.
+                    pair = std::min(pair >= 0 && key > pair ? key - 1 : key, 254);
+                    std::memset(static_cast<void*>(lows), 0, sizeof(LowHistogram));
+                    for (int j = i; j < i + span; ++j)
+                        countPair(*lows, ring + j * words, nullptr, words, span, pair);
+                } else {
+                    countPair(*lows, ring + (i + 2 * r) * words, ring + (i - 1) * words, words, span, pair);
+                }
+                const __m512i sums = prefix32(_mm512_loadu_si512(lows->group));
+                int first = 0, within = 0;
+                if (key > pair)  // the pair's lower high byte lies below the median's
+                    first = quint16(_mm_cvtsi128_si32(
+                        _mm512_castsi512_si128(_mm512_permutexvar_epi16(_mm512_set1_epi16(15), sums))));
+                const int rank = target - (before - first);
+                const int q = rankIn(sums, rank, within);
+                int sumBins = 0;
+                const __m512i bins = prefix32(_mm512_zextsi256_si512(
+                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lows->bin + 16 * q))));
+                const int b = rankIn(bins, rank - within, sumBins);
+                out[i] = T((pair << 8) + 16 * q + b);
+            }
+            coarse = _mm_sub_epi16(coarse, widen8(&coarseOf[i]));
+        }
+    }
+}
+
+QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* groups = reinterpret_cast<__m512i*>(roundUp(reinterpret_cast<quintptr>(scratch), 64));
+    auto* cols = reinterpret_cast<WideColumn*>(groups + 8);
+    const int strip = wideStripWidth(f.r);
+    auto* coarse = reinterpret_cast<quint64*>(cols + strip + 2 * f.r);
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianWideColumnStrip<quint8>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, nullptr,
+                                      nullptr);
+}
+
+size_t lowSlotBytes(int r)
+{
+    const size_t n = size_t(wideStripWidth(r) + 2 * r);
+    return wideColumnSlotBytes(r) + 64 + n * size_t(ringWords(r)) * sizeof(quint16) + sizeof(LowHistogram);
+}
+
+QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* groups = reinterpret_cast<__m512i*>(roundUp(reinterpret_cast<quintptr>(scratch), 64));
+    auto* cols = reinterpret_cast<WideColumn*>(groups + 8);
+    const int strip = wideStripWidth(f.r), n = strip + 2 * f.r;
+    auto* coarse = reinterpret_cast<quint64*>(cols + n);
+    auto* ring = reinterpret_cast<quint16*>(roundUp(reinterpret_cast<quintptr>(coarse + roundUp(size_t(n), 8)), 64));
+    auto* lows = reinterpret_cast<LowHistogram*>(ring + size_t(n) * size_t(ringWords(f.r)));
+    for (int sx0 = 0; sx0 < f.w; sx0 += strip)
+        medianWideColumnStrip<quint16>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, ring, lows);
 }
 
 void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
@@ -242,19 +763,133 @@ void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
     medianColumnHistogramBand(f, y0, y1, scratch);
 }
 
+// 8-bit, 127 < r <= MaxWideRadius: a column holds more samples than a byte
+// counts, so columns keep 16-bit counts and windows 32-bit ones. Such kernels
+// are mostly wider than the picture, so only the picture's own columns are
+// kept: a window's share of the edge columns, and a column's share of the
+// edge rows, is counted as a multiple rather than column by column or row by
+// row. Plain code: the kernel is far from the cost of the old O(r) walk.
+constexpr int MaxWideRadius = 1023;
+constexpr int WideStrip = 64;
+
+struct CountColumn
+{
+    quint16 coarse[16];
+    quint16 fine[256];
+};
+
+size_t countColumnSlotBytes(int r)
+{
+    return size_t(WideStrip + 2 * r) * sizeof(CountColumn);
+}
+
+void medianCountColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, CountColumn* cols)
+{
+    const int r = f.r, w = f.w, h = f.h;
+    const int c0 = std::max(0, sx0 - r), c1 = std::min(w, sx1 + r);  // columns kept: [c0, c1)
+    const int n = c1 - c0;
+    auto col = [&](int c) -> CountColumn& { return cols[std::clamp(c, 0, w - 1) - c0]; };
+    auto put = [&](const quint8* row, int weight) {
+        for (int j = 0; j < n; ++j) {
+            const int v = row[c0 + j];
+            cols[j].fine[v] = quint16(cols[j].fine[v] + weight);
+            cols[j].coarse[v >> 4] = quint16(cols[j].coarse[v >> 4] + weight);
+        }
+    };
+    std::memset(static_cast<void*>(cols), 0, size_t(n) * sizeof(CountColumn));
+    for (int y = std::max(0, y0 - r); y <= std::min(h - 1, y0 + r); ++y)
+        put(f.inRow<quint8>(y), repeats(y, y0 - r, y0 + r, h - 1));
+
+    const quint32 target = quint32((quint64(2 * r + 1) * quint64(2 * r + 1) - 1) / 2);
+    for (int y = y0; y < y1; ++y) {
+        if (y > y0) {
+            const quint8* top = f.inRow<quint8>(y - r - 1);
+            const quint8* bottom = f.inRow<quint8>(y + r);
+            if (top != bottom) {
+                put(top, -1);
+                put(bottom, 1);
+            }
+        }
+        // The window at x: its columns with their multiples.
+        auto windowSum = [&](int x, auto&& part, quint32* sum, int lanes) {
+            std::fill(sum, sum + lanes, 0u);
+            for (int c = std::max(0, x - r); c <= std::min(w - 1, x + r); ++c) {
+                const quint32 k = quint32(repeats(c, x - r, x + r, w - 1));
+                const quint16* src = part(col(c));
+                for (int b = 0; b < lanes; ++b)
+                    sum[b] += k * src[b];
+            }
+        };
+        quint32 coarse[16];
+        windowSum(sx0, [](CountColumn& c) { return c.coarse; }, coarse, 16);
+        quint32 fine[16][16];
+        int synced[16];
+        std::fill(synced, synced + 16, INT_MIN / 2);
+        quint8* out = f.outRow<quint8>(y);
+        for (int x = sx0; x < sx1; ++x) {
+            if (x > sx0) {
+                const CountColumn& in = col(x + r);
+                const CountColumn& gone = col(x - r - 1);
+                if (&in != &gone)
+                    for (int b = 0; b < 16; ++b)
+                        coarse[b] += quint32(in.coarse[b]) - gone.coarse[b];
+            }
+            quint32 below = 0;
+            int g = 0;
+            while (below + coarse[g] <= target)
+                below += coarse[g++];
+            quint32* fg = fine[g];
+            if (x - synced[g] > std::min(2 * r + 1, w)) {
+                windowSum(x, [g](CountColumn& c) { return c.fine + 16 * g; }, fg, 16);
+            } else {
+                for (int xs = synced[g] + 1; xs <= x; ++xs) {
+                    const CountColumn& in = col(xs + r);
+                    const CountColumn& gone = col(xs - r - 1);
+                    if (&in != &gone)
+                        for (int b = 0; b < 16; ++b)
+                            fg[b] += quint32(in.fine[16 * g + b]) - gone.fine[16 * g + b];
+                }
+            }
+            synced[g] = x;
+            int v = 0;
+            while (below + fg[v] <= target)
+                below += fg[v++];
+            out[x] = quint8(16 * g + v);
+        }
+    }
+}
+
+void medianCountColumnBand(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    auto* cols = reinterpret_cast<CountColumn*>(scratch);
+    for (int sx0 = 0; sx0 < f.w; sx0 += WideStrip)
+        medianCountColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + WideStrip), cols);
+}
+
 } // namespace
 
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
+    if (usesHighLow(radius, bytesPerSample))
+        return std::max(lowSlotBytes(radius), roundUp(histogramWords(2) * sizeof(quint32), 64));
+    if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
+        return countColumnSlotBytes(radius);
     if (usesColumnHistograms(radius, bytesPerSample))
-        return (StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram);
+        return std::max({(StripWidth + 2 * size_t(radius)) * sizeof(ColumnHistogram), byteColumnSlotBytes(radius),
+                         wideColumnSlotBytes(radius)});
     return roundUp(histogramWords(bytesPerSample) * sizeof(quint32), 64);
 }
 
 BandFn histogramKernel(int radius, unsigned bytesPerSample)
 {
+    if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
+        return medianCountColumnBand;
+    if (usesHighLow(radius, bytesPerSample) && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        return medianHighLowAvx512;
     if (!usesColumnHistograms(radius, bytesPerSample))
         return bytesPerSample == 1 ? medianHistBand<quint8> : medianHistBand<quint16>;
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        return medianColumnHistogramAvx512;
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2) ? medianColumnHistogramAvx2 : medianColumnHistogramSse;
 }
 
