@@ -59,7 +59,9 @@ def parse_label(label):
 def load(path):
     try:
         with open(path) as f:
-            data = json.load(f)
+            text = f.read()
+        # A filter that matches nothing in a program leaves its file empty.
+        data = json.loads(text) if text.strip() else {}
     except (OSError, ValueError):
         # A program that crashed leaves no JSON, or half of it.
         return [("(program)", {"error": "no results; see its log"})]
