@@ -3,11 +3,14 @@
 //
 //   --brief            every benchmark runs once: the repetitions a benchmark
 //                      asks for are dropped (bench/run learns names, labels
-//                      and counters this way before it pairs them)
+//                      and counters this way, with a tiny min time, before
+//                      it pairs them)
 //   --paired=GROUPS    each line of GROUPS names one operation and the
 //                      baselines it is compared with (exact benchmark names,
 //                      tab-separated, the operation first)
 //   --paired_rounds=N  rounds per group (default 5)
+//   --paired_budget=S  a group that has taken S seconds stops after its
+//                      third round (default: never)
 //   --paired_out=FILE  one JSON object per line and slice
 //
 // In the paired mode the members of a group run in turn, one short slice
@@ -23,6 +26,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -112,7 +116,7 @@ double median(std::vector<double> v)
     return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
-int runPaired(const std::string& groupsPath, int rounds, const std::string& outPath)
+int runPaired(const std::string& groupsPath, int rounds, double budget, const std::string& outPath)
 {
     std::ifstream in(groupsPath);
     if (!in) {
@@ -136,7 +140,13 @@ int runPaired(const std::string& groupsPath, int rounds, const std::string& outP
     }
     for (size_t g = 0; g < groups.size(); ++g) {
         std::cerr << "  " << groups[g][0] << " (" << groups[g].size() - 1 << " baselines)\n";
-        for (int r = 0; r < rounds; ++r) {
+        const auto start = std::chrono::steady_clock::now();
+        // Three rounds still give a median that one disturbed round cannot
+        // move; the slowest operations stop there.
+        for (int r = 0; r < rounds && (r < 3 || budget <= 0 ||
+                                       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
+                                           < budget);
+             ++r) {
             std::vector<std::string> order = groups[g];
             if (r % 2)
                 std::reverse(order.begin(), order.end());
@@ -180,10 +190,11 @@ bool takeFlag(int& argc, char** argv, const char* name, std::string* value)
 
 int bench::runBenchmarks(int argc, char** argv)
 {
-    std::string groups, rounds = "5", out;
+    std::string groups, rounds = "5", budget = "0", out;
     const bool brief = takeFlag(argc, argv, "--brief", nullptr);
     const bool paired = takeFlag(argc, argv, "--paired", &groups);
     takeFlag(argc, argv, "--paired_rounds", &rounds);
+    takeFlag(argc, argv, "--paired_budget", &budget);
     takeFlag(argc, argv, "--paired_out", &out);
 
     benchmark::Initialize(&argc, argv);
@@ -196,7 +207,7 @@ int bench::runBenchmarks(int argc, char** argv)
     if (brief || paired)
         for (Benchmark* b : registered())
             b->Repetitions(1);
-    const int status = paired ? runPaired(groups, std::atoi(rounds.c_str()), out)
+    const int status = paired ? runPaired(groups, std::atoi(rounds.c_str()), std::atof(budget.c_str()), out)
                               : (benchmark::RunSpecifiedBenchmarks(), 0);
     benchmark::Shutdown();
     return status;

@@ -9,7 +9,8 @@ bytes, counters); `--groups` then lists, one line per operation, the
 operation and its baselines, tab-separated: the "memcpy/<frame>" row of the
 same program (the memory limit) and every peer its label names (OpenCV, FFTW
 or our own earlier code). The program runs each such group in alternating
-slices and writes them to bench_x.paired.jsonl beside the JSON.
+slices (rows without a pairing alone) and writes them to bench_x.paired.jsonl
+beside the JSON.
 
 Every row of the table is one benchmark: operation, frame, median
 milliseconds per frame over its slices, GB/s of the frame's bytes, the ratio
@@ -153,8 +154,9 @@ def baselines_of(rows):
 
 
 def groups(rows, registered):
-    """Each operation with the baselines the program has, in order; the
-    baselines need not be among the rows a filter let through."""
+    """Each operation with the baselines the program has, in order (the
+    baselines need not be among the rows a filter let through); then every
+    row left over, alone."""
     by_name = dict(rows)
     base = baselines_of(rows)
     known = set(by_name) | set(registered)
@@ -168,6 +170,10 @@ def groups(rows, registered):
                 members.append(b)
         if len(members) > 1:
             out.append(members)
+    # Every other row runs on its own for as many rounds, so that its time is
+    # taken the same way; the live chains measure themselves.
+    paired = {n for g in out for n in g}
+    out += [[n] for n, r in rows if n not in paired and "error" not in r and not is_live(r)]
     return out
 
 
