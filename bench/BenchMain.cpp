@@ -3,8 +3,7 @@
 //
 //   --brief            every benchmark runs once: the repetitions a benchmark
 //                      asks for are dropped (bench/run learns names, labels
-//                      and counters this way, with a tiny min time, before
-//                      it pairs them)
+//                      and counters this way before it pairs them)
 //   --paired=GROUPS    each line of GROUPS names one operation and the
 //                      baselines it is compared with (exact benchmark names,
 //                      tab-separated, the operation first)
@@ -18,9 +17,9 @@
 // N rounds; odd rounds run the group backwards so that a load rising or
 // falling through a round weighs on both sides alike. A slice starts the
 // benchmark afresh, and every benchmark sets its input up the same way each
-// time, so all slices see the same input. Two slices of one round ran
-// seconds apart under the same load, which is what makes their ratio stable
-// on a machine that others are using.
+// time, so all slices see the same input. Two slices of one round run
+// moments apart, under the same load, which is what keeps their ratio
+// steady on a machine that others are using.
 #include "BenchMain.h"
 
 #include <benchmark/benchmark.h>
@@ -141,12 +140,14 @@ int runPaired(const std::string& groupsPath, int rounds, double budget, const st
     for (size_t g = 0; g < groups.size(); ++g) {
         std::cerr << "  " << groups[g][0] << " (" << groups[g].size() - 1 << " baselines)\n";
         const auto start = std::chrono::steady_clock::now();
-        // Three rounds still give a median that one disturbed round cannot
-        // move; the slowest operations stop there.
-        for (int r = 0; r < rounds && (r < 3 || budget <= 0 ||
-                                       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
-                                           < budget);
-             ++r) {
+        const auto seconds = [&] {
+            return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        };
+        for (int r = 0; r < rounds; ++r) {
+            // Three rounds still give a median that one disturbed round
+            // cannot move; the slowest operations stop there.
+            if (r >= 3 && budget > 0 && seconds() >= budget)
+                break;
             std::vector<std::string> order = groups[g];
             if (r % 2)
                 std::reverse(order.begin(), order.end());
