@@ -234,8 +234,8 @@ def main(paths, load_start=None, load_end=None):
         print(f"Load average (1, 5, 15 min) at start: {load_start or '?'}; at end: {load_end or '?'}; "
               f"{os.cpu_count()} cores.")
     if rounds:
-        print(f"Ratios: median over {rounds} rounds of the operation and its baselines interleaved, "
-              "(lowest–highest round).")
+        print(f"Ratios: the operation and its baselines interleaved, median over up to {rounds} rounds "
+              "(lowest–highest round in brackets).")
     if load_start or load_end or rounds:
         print()
     print("| program | operation | frame | ms/frame | GB/s | × memcpy | × peer | peer | target |")
