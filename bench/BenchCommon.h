@@ -72,13 +72,28 @@ constexpr quint32 H = 3000;
 
 // bench/run pairs every operation "<op>/<frame>" with the "memcpy/<frame>"
 // row of the same program, and with the peer its label names (a benchmark
-// name of the same program, e.g. "opencv_rotate/mono8"). A target states the
-// speed an issue asks for, as "memcpy<=1.5", "peer<=0.5" or "ms<=40"
-// (several joined by ','); the table marks the rows that miss it.
-// Baselines carry no label.
+// name of the same program, e.g. "opencv_rotate/mono8"): it runs the
+// operation and these baselines in turn, a short slice each, for several
+// rounds in one process, and reports the median of the per-round ratios. A
+// target states the speed an issue asks for, as "memcpy<=1.5", "peer<=0.5"
+// or "ms<=40" (several joined by ','); the table marks the rows that miss
+// it. A label may pair with several peers, "peer=A;target=...|peer=B;...",
+// each with a target of its own (pairWithPeers). Baselines carry no label.
+inline std::string pairing(const std::string& peer, const std::string& target = {})
+{
+    return "peer=" + peer + (target.empty() ? std::string() : ";target=" + target);
+}
 inline void pairWithPeer(benchmark::State& state, const std::string& peer, const std::string& target = {})
 {
-    state.SetLabel("peer=" + peer + (target.empty() ? std::string() : ";target=" + target));
+    state.SetLabel(pairing(peer, target));
+}
+// Pairings made with pairing(), in the order the table lists them.
+inline void pairWithPeers(benchmark::State& state, const std::vector<std::string>& pairings)
+{
+    std::string label;
+    for (const std::string& p : pairings)
+        label += (label.empty() ? "" : "|") + p;
+    state.SetLabel(label);
 }
 inline void setTarget(benchmark::State& state, const std::string& target)
 {

@@ -3,6 +3,7 @@
 // beside a memcpy of the same frame. The node list comes from the plug-in's
 // own registration, so a new node is measured without touching this file.
 // A node that refuses a frame shows its message instead of a time.
+#include "BenchMain.h"
 #include "BenchNode.h"
 #include "ProcessingPlugin.h"
 
@@ -97,8 +98,5 @@ int main(int argc, char** argv)
                                          targetOf(e.customName))
                 ->Unit(benchmark::kMillisecond)->UseRealTime();
     }
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }

@@ -8,6 +8,7 @@
 // second, and the viewer's own cost: the GUI thread's CPU time plus the
 // copies the chain threads made for it, per shown frame and as a share of
 // one core.
+#include "BenchMain.h"
 #include "PictureView.h"
 #include "ViewerSession.h"
 
@@ -146,8 +147,5 @@ int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
     CxPluginManager::instance()->loadFolder(QString::fromUtf8(QLAR_PLUGIN_DIR));
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }
