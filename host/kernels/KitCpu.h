@@ -2,6 +2,9 @@
 // What the processor can do, asked once per process, and the attribute that
 // builds a kernel for several vector units at once.
 
+#include <cstdlib>
+#include <cstring>
+
 namespace pixelkit {
 
 // Compute-bound row kernels are also built for wider vector units and the
@@ -16,11 +19,30 @@ namespace pixelkit {
 
 enum class CpuFeature { Avx2, Avx512Bw, Avx512Vbmi };
 
+// QLAR_CPU=sse2 or QLAR_CPU=avx2 caps what the hand-written paths may use,
+// so that the tests run the narrower paths on a machine with wider units
+// (they must give the same results). Kernels built with QLAR_VECTOR_CLONES
+// are picked by the loader and do not follow it.
+inline int cpuLevelCap()
+{
+    static const int cap = [] {
+        const char* v = std::getenv("QLAR_CPU");
+        if (v && std::strcmp(v, "sse2") == 0)
+            return 0;
+        if (v && std::strcmp(v, "avx2") == 0)
+            return 1;
+        return 2;
+    }();
+    return cap;
+}
+
 // Hand-written vector paths test their feature here; the answers are
 // computed on first use and kept.
 inline bool cpuHas(CpuFeature f)
 {
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+    if (cpuLevelCap() < (f == CpuFeature::Avx2 ? 1 : 2))
+        return false;
     static const bool avx2 = __builtin_cpu_supports("avx2");
     // The x86-64-v4 level: what 512-bit lanes of any sample width need.
     static const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")

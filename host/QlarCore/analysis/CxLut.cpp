@@ -16,6 +16,12 @@
 #include <immintrin.h>
 #endif
 
+// GCC 12's byte-permute intrinsics pass an undefined vector as the source of
+// masked-off lanes, and then warn that it may be used uninitialised.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
 namespace {
 
 double clamp01(double v) { return v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v); }
