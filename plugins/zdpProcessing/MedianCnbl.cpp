@@ -90,22 +90,41 @@ SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
 
 } // namespace
 
-// Sample c of pixel (ox, oy) of each pw x ph cell of a picture, and back.
-template <class T>
-void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c)
+// Row y of a picture holds, in its streams, row y / ph of the planes of
+// pattern row y % ph: plane oy x streams + s for stream s = ox x channels + c.
+template <class Pic>
+uchar* const* planeRowsOf(Pic* planes, const CxMedianCnbl::SxPlaneLayout& l, quint32 y, uchar** rows)
 {
-    const qint64 ch = in.channels;
-    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
-    pixelkit::gatherPlane<sizeof(T)>(pixelkit::rowsOf(in), m, pixelkit::rowsOf(plane));
+    const int streams = l.periodX * l.channels;
+    Pic* first = planes + qint64(y % quint32(l.periodY)) * streams;
+    const quint64 r = y / quint32(l.periodY);
+    for (int s = 0; s < streams; ++s)
+        rows[s] = first[s].width ? const_cast<uchar*>(first[s].data) + r * first[s].effectiveLinePitch() : nullptr;
+    return rows;
 }
 
 template <class T>
-void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c)
+void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* planes, uchar** rows)
 {
-    const qint64 ch = out.channels;
-    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
-    pixelkit::weavePlane<sizeof(T)>(pixelkit::rowsOf(plane), m, pixelkit::rowsOf(out));
+    const pixelkit::RowStreams<sizeof(T)> streams(l.periodX * l.channels);
+    const qint64 n = qint64(in.width) * in.channels;
+    for (quint32 y = 0; y < in.height; ++y)
+        streams.split(in.data + y * in.effectiveLinePitch(), n, planeRowsOf(planes, l, y, rows));
 }
+
+template <class T>
+void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows)
+{
+    const pixelkit::RowStreams<sizeof(T)> streams(l.periodX * l.channels);
+    const qint64 n = qint64(out.width) * out.channels;
+    for (quint32 y = 0; y < out.height; ++y)
+        streams.weave(planeRowsOf(planes, l, y, rows), n, out.data + y * out.effectiveLinePitch());
+}
+
+template void med_splitPlanes_T<quint8>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**);
+template void med_splitPlanes_T<quint16>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**);
+template void med_weavePlanes_T<quint8>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**);
+template void med_weavePlanes_T<quint16>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**);
 
 // Rows y0..y1 - 1 of the picture; picture row y lands in plane row
 // y / 2 - base.
@@ -137,10 +156,6 @@ void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32
     }
 }
 
-template void med_extractPlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_extractPlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_weavePlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_weavePlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
 template void med_splitBayer_T<quint8>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
 template void med_splitBayer_T<quint16>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
 template void med_weaveBayer_T<quint8>(const SxPicBuf*, SxPicBuf&, quint32, quint32, quint32);
@@ -184,29 +199,19 @@ template bool med_filterBayerInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, SxPi
 namespace {
 
 template <class T>
-bool filterPlanes_T(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out,
-                    const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
-                    int radius, void* work)
+bool filterPlanes_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
+                    SxPicBuf* outPlanes, uchar** rows, int radius, void* work)
 {
     if (isBayer(l))
         return med_filterBayerInBands_T<T>(in, out, inPlanes, outPlanes, radius, work,
                                            bayerBandRows(in.width, sizeof(T), radius));
-
-    const int n = l.count();
-    for (int i = 0; i < n; ++i) {
-        const SxPlacement p = placementOf(l, i);
-        if (!l.hsi)
-            med_extractPlane_T<T>(in, inPlanes[i], l.periodX, l.periodY, p.ox, p.oy, p.c);
-        else if (!pixelkit::gatherBand<sizeof(T)>(inPlanes[i], in, meta, i))
-            return false;
-    }
-    for (int i = 0; i < n; ++i)
+    if (!pixelkit::rowsFit(in) || !pixelkit::rowsFit(out))
+        return false;
+    med_splitPlanes_T<T>(in, l, inPlanes, rows);
+    for (int i = 0, n = l.count(); i < n; ++i)
         if (!CxPicBufAPI::Median(inPlanes[i], outPlanes[i], radius, work))
             return false;
-    for (int i = 0; i < n; ++i) {
-        const SxPlacement p = placementOf(l, i);
-        med_weavePlane_T<T>(outPlanes[i], out, l.periodX, l.periodY, p.ox, p.oy, p.c);
-    }
+    med_weavePlanes_T<T>(outPlanes, l, out, rows);
     return true;
 }
 
@@ -317,6 +322,7 @@ void CxMedianCnbl::setupStart()
         const int n = layout.count();
         m_inPlanes.assign(size_t(n), SxPicBuf());
         m_outPlanes.assign(size_t(n), SxPicBuf());
+        m_rows.assign(size_t(layout.periodX) * size_t(layout.channels), nullptr);
         m_planeCount = n;
         for (int i = 0; i < n; ++i) {
             const SxPicBufInfo f = planeFormat(in, layout, i, radius);
@@ -348,6 +354,7 @@ void CxMedianCnbl::freePlanes()
         CxPicBufAPI::FreePicBuf(p, true);
     m_inPlanes.clear();
     m_outPlanes.clear();
+    m_rows.clear();
     m_planeCount = 0;
     m_layout = SxPlaneLayout();
 }
@@ -367,11 +374,13 @@ bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& ou
     });
 }
 
-bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius)
+bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius)
 {
     if (in.dataType == IDT_UINT8)
-        return filterPlanes_T<quint8>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
-    return filterPlanes_T<quint16>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
+        return filterPlanes_T<quint8>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
+                                      m_work);
+    return filterPlanes_T<quint16>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
+                                   m_work);
 }
 
 IxChainData* CxMedianCnbl::processData(IxChainData* data)
@@ -397,7 +406,7 @@ IxChainData* CxMedianCnbl::processData(IxChainData* data)
         return nodekit::Go;
     };
     return nodekit::processFrame(this, data, kFrame, admit, [&](nodekit::Frame& f) {
-        const bool done = layout.count() > 1 ? filterPlanes(f.in, f.meta, f.out, radius)
+        const bool done = layout.count() > 1 ? filterPlanes(f.in, f.out, radius)
                                              : CxPicBufAPI::Median(f.in, f.out, radius, m_work);
         return done ? nodekit::Go : nodekit::PassOn;
     });

@@ -84,25 +84,28 @@ public:
 private:
     void freePlanes();
     bool planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const;
-    bool filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius);
+    bool filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius);
 
     int m_radius = 1;
     void* m_work = nullptr;
     std::vector<SxPicBuf> m_inPlanes;
     std::vector<SxPicBuf> m_outPlanes;
+    std::vector<uchar*> m_rows;  // one row of each plane of a pattern row
     int m_planeCount = 0;
     SxPlaneLayout m_layout;
     SxPicBufInfo m_setupFormat;  // the input format and radius the planes were made for
     int m_setupRadius = 0;
 };
 
-// The samples of plane (ox, oy, c) of a picture with pattern period (pw, ph),
-// row by row, into plane, and back. T is the sample type; the plane must be
-// exactly as large as the samples the picture has at that place.
+// Every plane of a picture laid out as l (plane i for cell (ox, oy) and
+// channel c is i = (oy x pw + ox) x channels + c), each picture row into its
+// planes in one pass, and back. T is the sample type; each plane must be
+// exactly as large as the samples the picture has at its place; rows holds
+// pw x channels pointers.
 template <class T>
-void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c);
+void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* planes, uchar** rows);
 template <class T>
-void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c);
+void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows);
 // The four cells of a 2x2 mosaic, rows y0..y1 - 1 of the picture in one
 // pass, and back; picture row y is plane row y / 2 - base.
 template <class T>

@@ -85,6 +85,13 @@ private slots:
             << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
         QTest::newRow("hsi 4x4 u16 r2")
             << SxPlaneCase{format(18, 9, 1, IDT_UINT16, 2, CFA_HSI_MOSAIC), hsiMeta(4, 4), 2, 4, 4};
+        // Rows of several whole vector blocks and a part of one.
+        QTest::newRow("rgba u8 wide")
+            << SxPlaneCase{format(141, 3, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+        QTest::newRow("hsi 5x5 u8 wide")
+            << SxPlaneCase{format(683, 11, 1, IDT_UINT8, 1, CFA_HSI_MOSAIC), hsiMeta(5, 5), 1, 5, 5};
+        QTest::newRow("hsi 3x3 u16 wide")
+            << SxPlaneCase{format(211, 7, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC), hsiMeta(3, 3), 1, 3, 3};
     }
 
     void filtersEachPlane()
