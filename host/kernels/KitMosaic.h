@@ -286,6 +286,69 @@ bool gatherBand(Pic& out, const Pic& in, const Meta* meta, int totalBand)
     return true;
 }
 
+// The 2 x 2 fast path for passes that need both cells of a row at once:
+// samples 2i and 2i + 1 of a picture row into a[i] and b[i], n pairs, and
+// back. Plane rows are aligned, picture rows may start at any byte.
+template <class T>
+inline void splitPairs(const uchar* s, T* a, T* b, quint64 n)
+{
+    quint64 x = 0;
+#if defined(__SSE2__)
+    if constexpr (sizeof(T) == 1) {
+        const __m128i low = _mm_set1_epi16(0x00ff);
+        for (; x + 16 <= n; x += 16) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                             _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                             _mm_packus_epi16(_mm_srli_epi16(v0, 8), _mm_srli_epi16(v1, 8)));
+        }
+    } else if constexpr (sizeof(T) == 2) {
+        for (; x + 8 <= n; x += 8) {
+            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
+            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x + 16));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
+                             _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
+                                             _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
+                             _mm_packs_epi32(_mm_srai_epi32(v0, 16), _mm_srai_epi32(v1, 16)));
+        }
+    }
+#endif
+    for (; x < n; ++x) {
+        std::memcpy(a + x, s + 2 * x * sizeof(T), sizeof(T));
+        std::memcpy(b + x, s + (2 * x + 1) * sizeof(T), sizeof(T));
+    }
+}
+
+template <class T>
+inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
+{
+    quint64 x = 0;
+#if defined(__SSE2__)
+    if constexpr (sizeof(T) == 1) {
+        for (; x + 16 <= n; x += 16) {
+            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x), _mm_unpacklo_epi8(va, vb));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x + 16), _mm_unpackhi_epi8(va, vb));
+        }
+    } else if constexpr (sizeof(T) == 2) {
+        for (; x + 8 <= n; x += 8) {
+            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
+            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_unpacklo_epi16(va, vb));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm_unpackhi_epi16(va, vb));
+        }
+    }
+#endif
+    for (; x < n; ++x) {
+        std::memcpy(d + 2 * x * sizeof(T), a + x, sizeof(T));
+        std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
+    }
+}
+
 // All planes that share a row at once: sample k of a row of n samples (S
 // bytes each) is sample k / p of stream k % p, so a row of a mosaic with
 // period p (or of an interleaved picture, p = channels x period) splits into
@@ -320,10 +383,24 @@ public:
     {
 #if defined(QLAR_KIT_STREAMS_VBMI)
         if (m_vector) {
-            splitVector(row, n, streams);
-            return;
+            switch (m_p) {
+            case 2: splitVector<2>(row, n, streams); return;
+            case 3: splitVector<3>(row, n, streams); return;
+            case 4: splitVector<4>(row, n, streams); return;
+            case 5: splitVector<5>(row, n, streams); return;
+            default: splitVector<0>(row, n, streams); return;
+            }
         }
 #endif
+        if constexpr (S == 1 || S == 2) {
+            if (m_p == 2) {
+                using T = std::conditional_t<S == 1, quint8, quint16>;
+                splitPairs(row, reinterpret_cast<T*>(streams[0]), reinterpret_cast<T*>(streams[1]), quint64(n / 2));
+                if (n & 1)
+                    std::memcpy(streams[0] + (n / 2) * S, row + (n - 1) * S, S);
+                return;
+            }
+        }
         for (int s = 0; s < m_p; ++s) {
             const qint64 c = count(n, s);
             for (qint64 i = 0; i < c; ++i)
@@ -335,10 +412,25 @@ public:
     {
 #if defined(QLAR_KIT_STREAMS_VBMI)
         if (m_vector) {
-            weaveVector(streams, n, row);
-            return;
+            switch (m_p) {
+            case 2: weaveVector<2>(streams, n, row); return;
+            case 3: weaveVector<3>(streams, n, row); return;
+            case 4: weaveVector<4>(streams, n, row); return;
+            case 5: weaveVector<5>(streams, n, row); return;
+            default: weaveVector<0>(streams, n, row); return;
+            }
         }
 #endif
+        if constexpr (S == 1 || S == 2) {
+            if (m_p == 2) {
+                using T = std::conditional_t<S == 1, quint8, quint16>;
+                weavePairs(reinterpret_cast<const T*>(streams[0]), reinterpret_cast<const T*>(streams[1]), row,
+                           quint64(n / 2));
+                if (n & 1)
+                    std::memcpy(row + (n - 1) * S, streams[0] + (n / 2) * S, S);
+                return;
+            }
+        }
         for (int s = 0; s < m_p; ++s) {
             const qint64 c = count(n, s);
             for (qint64 i = 0; i < c; ++i)
@@ -419,113 +511,81 @@ private:
             _mm512_mask_storeu_epi16(p, __mmask32(k), v);
     }
 
-    // Blocks of p vectors, the last one under masks.
+    // Blocks of p vectors; the last, partial one under masks. P is the period
+    // when it is known at compile time (the vectors then stay in registers),
+    // else 0.
+    template <int P>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void splitVector(const uchar* row, qint64 n,
                                                                          uchar* const* streams) const
     {
-        const int p = m_p;
+        const int p = P > 0 ? P : m_p;
+        const int pairs = P > 0 ? (P + 1) / 2 : m_pairs;
+        const qint64 span = qint64(p) * L;
         __m512i v[MaxVectorPeriod + 1];
-        for (qint64 b = 0, block = 0; b < n; b += qint64(p) * L, ++block) {
+        auto block = [&](qint64 b, bool last) __attribute__((target("avx512f,avx512bw,avx512vbmi"))) {
             const qint64 left = n - b;
             for (int j = 0; j < p; ++j)
-                v[j] = load(row + (b + qint64(j) * L) * S, lanes(left - qint64(j) * L));
+                v[j] = last ? load(row + (b + qint64(j) * L) * S, lanes(left - qint64(j) * L))
+                            : _mm512_loadu_si512(row + (b + qint64(j) * L) * S);
             v[p] = v[p - 1];
+            const qint64 at = qint64(b / p) * S;
+            const int whole = last ? int(left / p) : L, extra = last ? int(left % p) : 0;
             for (int s = 0; s < p; ++s) {
-                const qint64 c = count(left, s);
+                const qint64 c = whole + (s < extra ? 1 : 0);
                 if (c == 0)
                     continue;
                 __m512i r = permute(m_split[s * MaxPairs], v[0], v[1]);
-                for (int q = 1; q < m_pairs; ++q)
+                for (int q = 1; q < pairs; ++q)
                     r = _mm512_or_si512(r, permute(m_split[s * MaxPairs + q], v[2 * q], v[2 * q + 1]));
-                store(streams[s] + block * L * S, lanes(c), r);
+                if (last)
+                    store(streams[s] + at, lanes(c), r);
+                else
+                    _mm512_storeu_si512(streams[s] + at, r);
             }
-        }
+        };
+        qint64 b = 0;
+        for (; b + span <= n; b += span)
+            block(b, false);
+        if (b < n)
+            block(b, true);
     }
 
+    template <int P>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void weaveVector(const uchar* const* streams, qint64 n,
                                                                          uchar* row) const
     {
-        const int p = m_p;
+        const int p = P > 0 ? P : m_p;
+        const int pairs = P > 0 ? (P + 1) / 2 : m_pairs;
+        const qint64 span = qint64(p) * L;
         __m512i w[MaxVectorPeriod + 1];
-        for (qint64 b = 0, block = 0; b < n; b += qint64(p) * L, ++block) {
+        auto block = [&](qint64 b, bool last) __attribute__((target("avx512f,avx512bw,avx512vbmi"))) {
             const qint64 left = n - b;
+            const qint64 at = qint64(b / p) * S;
+            const int whole = last ? int(left / p) : L, extra = last ? int(left % p) : 0;
             for (int s = 0; s < p; ++s) {
-                const qint64 c = count(left, s);
-                w[s] = c ? load(streams[s] + block * L * S, lanes(c)) : _mm512_setzero_si512();
+                const qint64 c = whole + (s < extra ? 1 : 0);
+                w[s] = !last ? _mm512_loadu_si512(streams[s] + at)
+                             : c ? load(streams[s] + at, lanes(c)) : _mm512_setzero_si512();
             }
             w[p] = w[p - 1];
             for (int j = 0; j < p && qint64(j) * L < left; ++j) {
                 __m512i r = permute(m_weave[j * MaxPairs], w[0], w[1]);
-                for (int q = 1; q < m_pairs; ++q)
+                for (int q = 1; q < pairs; ++q)
                     r = _mm512_or_si512(r, permute(m_weave[j * MaxPairs + q], w[2 * q], w[2 * q + 1]));
-                store(row + (b + qint64(j) * L) * S, lanes(left - qint64(j) * L), r);
+                uchar* d = row + (b + qint64(j) * L) * S;
+                if (last)
+                    store(d, lanes(left - qint64(j) * L), r);
+                else
+                    _mm512_storeu_si512(d, r);
             }
-        }
+        };
+        qint64 b = 0;
+        for (; b + span <= n; b += span)
+            block(b, false);
+        if (b < n)
+            block(b, true);
     }
 #endif
 };
-
-// The 2 x 2 fast path for passes that need both cells of a row at once:
-// samples 2i and 2i + 1 of a picture row into a[i] and b[i], n pairs, and
-// back. Plane rows are aligned, picture rows may start at any byte.
-template <class T>
-inline void splitPairs(const uchar* s, T* a, T* b, quint64 n)
-{
-    quint64 x = 0;
-#if defined(__SSE2__)
-    if constexpr (sizeof(T) == 1) {
-        const __m128i low = _mm_set1_epi16(0x00ff);
-        for (; x + 16 <= n; x += 16) {
-            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x));
-            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * x + 16));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
-                             _mm_packus_epi16(_mm_and_si128(v0, low), _mm_and_si128(v1, low)));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
-                             _mm_packus_epi16(_mm_srli_epi16(v0, 8), _mm_srli_epi16(v1, 8)));
-        }
-    } else if constexpr (sizeof(T) == 2) {
-        for (; x + 8 <= n; x += 8) {
-            const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
-            const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x + 16));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + x),
-                             _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(v0, 16), 16),
-                                             _mm_srai_epi32(_mm_slli_epi32(v1, 16), 16)));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + x),
-                             _mm_packs_epi32(_mm_srai_epi32(v0, 16), _mm_srai_epi32(v1, 16)));
-        }
-    }
-#endif
-    for (; x < n; ++x) {
-        std::memcpy(a + x, s + 2 * x * sizeof(T), sizeof(T));
-        std::memcpy(b + x, s + (2 * x + 1) * sizeof(T), sizeof(T));
-    }
-}
-
-template <class T>
-inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
-{
-    quint64 x = 0;
-#if defined(__SSE2__)
-    if constexpr (sizeof(T) == 1) {
-        for (; x + 16 <= n; x += 16) {
-            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
-            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x), _mm_unpacklo_epi8(va, vb));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * x + 16), _mm_unpackhi_epi8(va, vb));
-        }
-    } else if constexpr (sizeof(T) == 2) {
-        for (; x + 8 <= n; x += 8) {
-            const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + x));
-            const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + x));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_unpacklo_epi16(va, vb));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm_unpackhi_epi16(va, vb));
-        }
-    }
-#endif
-    for (; x < n; ++x) {
-        std::memcpy(d + 2 * x * sizeof(T), a + x, sizeof(T));
-        std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
-    }
-}
 
 } // namespace pixelkit

@@ -92,6 +92,8 @@ private slots:
             << SxPlaneCase{format(683, 11, 1, IDT_UINT8, 1, CFA_HSI_MOSAIC), hsiMeta(5, 5), 1, 5, 5};
         QTest::newRow("hsi 3x3 u16 wide")
             << SxPlaneCase{format(211, 7, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC), hsiMeta(3, 3), 1, 3, 3};
+        QTest::newRow("hsi 5x5 u8 in bands")
+            << SxPlaneCase{format(27000, 93, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(5, 5), 1, 5, 5};
     }
 
     void filtersEachPlane()
