@@ -310,13 +310,25 @@ O opaqueAlpha(const SxPicBufInfo& f)
 
 enum class ExAlpha { Same, Added, Dropped };
 
+// Division by 1 of integers: only the hold inside out's range is left, as
+// SxIntDivider_T would hold them (a series' first frame becomes its sum so).
 template <class S, class O>
-void divideByValue_T(const SxPicBuf& sum, int divisor, SxPicBuf& out, ExAlpha alphaRule)
+struct SxHoldInRange_T
+{
+    O operator()(S s) const
+    {
+        constexpr qint64 lo = qint64(std::numeric_limits<O>::min()), hi = qint64(std::numeric_limits<O>::max());
+        const qint64 v = qint64(s);
+        return O(v < lo ? lo : v > hi ? hi : v);
+    }
+};
+
+template <class S, class O, class Div>
+void divideRows_T(const SxPicBuf& sum, SxPicBuf& out, ExAlpha alphaRule, const Div& div)
 {
     const size_t pixels = out.width;
     const quint64 rowBytes = quint64(pixels) * (sum.channels * sizeof(S) + out.channels * sizeof(O));
     const O alpha = opaqueAlpha<O>(out);
-    const Divider_T<S, O> div(divisor);
     forEachRow(out.height, rowBytes, [&](quint32 y) {
         if (alphaRule == ExAlpha::Added)
             divideRgbIntoRgbaRow_T<S, O>(out.row<O>(y), sum.row<S>(y), pixels, div, alpha);
@@ -325,6 +337,18 @@ void divideByValue_T(const SxPicBuf& sum, int divisor, SxPicBuf& out, ExAlpha al
         else
             divideRow_T<S, O>(out.row<O>(y), sum.row<S>(y), pixels * out.channels, div);
     });
+}
+
+template <class S, class O>
+void divideByValue_T(const SxPicBuf& sum, int divisor, SxPicBuf& out, ExAlpha alphaRule)
+{
+    if constexpr (isNarrowInt<S> && std::is_integral_v<O> && !isFloat<O>) {
+        if (divisor == 1) {
+            divideRows_T<S, O>(sum, out, alphaRule, SxHoldInRange_T<S, O>());
+            return;
+        }
+    }
+    divideRows_T<S, O>(sum, out, alphaRule, Divider_T<S, O>(divisor));
 }
 
 // ----------------------------------------------------------- channel moves
