@@ -65,10 +65,14 @@ SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlane
 quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
 {
     // Every plane's rows of one band, split and filtered, stay within the
-    // last-level cache.
+    // last-level cache. Bands are evened out rather than leaving a thin last
+    // one, whose medians would pay their edges for few rows.
     constexpr quint64 kBandBytes = 4 << 20;
     const quint64 rowBytes = qMax<quint64>(1, 2 * quint64(l.periodY) * in.width * in.channels * in.bytesPerSample());
-    return std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+    const quint64 band = std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+    const quint64 planeHeight = (quint64(in.height) + l.periodY - 1) / quint64(l.periodY);
+    const quint64 bands = qMax<quint64>(1, planeHeight / band);
+    return qMax<quint64>(band, (planeHeight + bands - 1) / bands);
 }
 
 namespace {
