@@ -490,12 +490,54 @@ private:
     }
 
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i
+    permute(__m512i idx, quint64 mask, __m512i a, __m512i b)
+    {
+        if (S == 1)
+            return _mm512_maskz_permutex2var_epi8(mask, a, idx, b);
+        return _mm512_maskz_permutex2var_epi16(__mmask32(mask), a, idx, b);
+    }
+
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i
     permute(const Entry& e, __m512i a, __m512i b)
     {
-        const __m512i idx = _mm512_load_si512(e.index);
-        if (S == 1)
-            return _mm512_maskz_permutex2var_epi8(e.mask, a, idx, b);
-        return _mm512_maskz_permutex2var_epi16(__mmask32(e.mask), a, idx, b);
+        return permute(_mm512_load_si512(e.index), e.mask, a, b);
+    }
+
+    // Whole blocks of a period known at compile time, with the tables and
+    // the plane rows held in registers: stores through the plane rows could
+    // otherwise alias them, and they would be reloaded for every block.
+    template <int P, bool Split>
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void wholeBlocks(const uchar* from, qint64 blocks,
+                                                                         uchar* to, const uchar* const* streamsIn,
+                                                                         uchar* const* streamsOut) const
+    {
+        constexpr int Q = (P + 1) / 2;
+        const Entry* table = Split ? m_split : m_weave;
+        __m512i idx[P][Q];
+        quint64 mask[P][Q];
+        const uchar* in[P];
+        uchar* out[P];
+        for (int a = 0; a < P; ++a) {
+            for (int q = 0; q < Q; ++q) {
+                idx[a][q] = _mm512_load_si512(table[a * MaxPairs + q].index);
+                mask[a][q] = table[a * MaxPairs + q].mask;
+            }
+            in[a] = Split ? nullptr : streamsIn[a];
+            out[a] = Split ? streamsOut[a] : nullptr;
+        }
+        for (qint64 blk = 0; blk < blocks; ++blk) {
+            __m512i v[2 * Q];
+            for (int j = 0; j < P; ++j)
+                v[j] = _mm512_loadu_si512(Split ? from + (blk * P + j) * 64 : in[j] + blk * 64);
+            if (P % 2)
+                v[P] = v[P - 1];
+            for (int a = 0; a < P; ++a) {
+                __m512i r = permute(idx[a][0], mask[a][0], v[0], v[1]);
+                for (int q = 1; q < Q; ++q)
+                    r = _mm512_or_si512(r, permute(idx[a][q], mask[a][q], v[2 * q], v[2 * q + 1]));
+                _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
+            }
+        }
     }
 
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i load(const uchar* p, quint64 k)
@@ -544,6 +586,10 @@ private:
             }
         };
         qint64 b = 0;
+        if constexpr (P > 0) {
+            b = n / span * span;
+            wholeBlocks<P, true>(row, n / span, nullptr, nullptr, streams);
+        }
         for (; b + span <= n; b += span)
             block(b, false);
         if (b < n)
@@ -580,6 +626,10 @@ private:
             }
         };
         qint64 b = 0;
+        if constexpr (P > 0) {
+            b = n / span * span;
+            wholeBlocks<P, false>(nullptr, n / span, row, streams, nullptr);
+        }
         for (; b + span <= n; b += span)
             block(b, false);
         if (b < n)
