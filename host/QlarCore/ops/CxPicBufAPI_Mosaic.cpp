@@ -493,7 +493,7 @@ AcrossFn<St, T, A, W> pickAcross(int px)
     case 8: return QLAR_ACROSS(fn, 8);                                                         \
     default: return QLAR_ACROSS(fn, 0);                                                        \
     }
-        if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
             QLAR_ACROSS_ANY(acrossAvgU8Avx512)
         if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
             QLAR_ACROSS_ANY(acrossAvgU8Avx2)
