@@ -98,6 +98,22 @@ void BM_MosaicAvgSliding(benchmark::State& state)
     }
 }
 
+// Sliding 5 x 5 hyperpixels of the standard hyperspectral frame: the Mosaic
+// Filter node's default on it.
+void BM_MosaicAvgSlidingHsi(benchmark::State& state)
+{
+    bench::setTarget(state, "memcpy<=2");
+    const bench::StdFrame f = bench::standardFrames().back();
+    bench::Pic in(f.format), out(bench::format(f.format.width, f.format.height, IDT_UINT8));
+    f.fill(*in);
+    const QRect zone = f.meta.hsiCameraParams().filterZone(0)->rect;
+    for (auto _ : state) {
+        if (!CxPicBufAPI::FilterAvgOnMosaicPicBuf(*in, zone, 5, 5, *out))
+            state.SkipWithError("filter refused the frame");
+        benchmark::ClobberMemory();
+    }
+}
+
 void BM_Memcpy(benchmark::State& state, unsigned bytesPerSample)
 {
     bench::memcpyBaseline(state, size_t(bench::W) * bench::H * bytesPerSample);
@@ -154,6 +170,10 @@ void registerAll()
     ms(benchmark::RegisterBenchmark("mosaic_avg/bayer8", BM_MosaicAvgBayer));
     ms(benchmark::RegisterBenchmark("opencv_resize_area/bayer8", BM_MosaicAvgBayerOpenCvAreaResize));
     ms(benchmark::RegisterBenchmark("mosaic_avg_sliding/bayer8", BM_MosaicAvgSliding));
+    ms(benchmark::RegisterBenchmark("memcpy/hsi5x5", [](benchmark::State& s) {
+        bench::memcpyBaseline(s, size_t(bench::standardFrames().back().format.requiredBytes()));
+    }));
+    ms(benchmark::RegisterBenchmark("mosaic_avg_sliding/hsi5x5", BM_MosaicAvgSlidingHsi));
 }
 
 const int registered = (registerAll(), 0);

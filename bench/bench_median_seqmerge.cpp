@@ -1,8 +1,9 @@
-// The median node on a raw Bayer frame next to what it is made of (the host
-// median on the four half-size colour planes), OpenCV's median over the whole
-// frame and memcpy of the frame; and the merge sequence node per frame next
-// to the copies it cannot avoid (one rectangle per frame, plus one picture
-// per output). Frames are 4096 x 3000.
+// The median node on the 2x2 mosaics, the colour and the hyperspectral
+// standard frames next to what it is made of (the host median on the
+// planes, and the node's split and weave alone), OpenCV's median over the
+// whole frame and memcpy of the frame; and the merge sequence node per frame
+// next to the copies it cannot avoid (one rectangle per frame, plus one
+// picture per output) on 4096 x 3000 frames.
 #include "BenchNode.h"
 
 #include <MedianCnbl.h>
@@ -11,51 +12,122 @@
 #include <opencv2/imgproc.hpp>
 
 #include <string>
+#include <vector>
 
 namespace {
 
-SxPicBufInfo bayer(ExImageDataType t)
+// The frames the median is measured on: the 2x2 mosaics, an interleaved
+// colour picture and a hyperspectral mosaic, each split into its planes.
+const bench::StdFrame& frameNamed(const std::string& name)
 {
-    return bench::format(bench::W, bench::H, t, 1, CFA_BAYER_RGGB);
+    static const std::vector<bench::StdFrame> frames = bench::standardFrames();
+    for (const bench::StdFrame& f : frames)
+        if (f.name == name)
+            return f;
+    return frames.front();
 }
 
-void BM_MedianNode(benchmark::State& state, ExImageDataType t)
+// A frame and the planes the node splits it into, made the node's way.
+struct SxPlanes
 {
-    bench::pairWithPeer(state, t == IDT_UINT8 ? "MedianPlanes/bayer8" : "MedianPlanes/bayer16", "peer<=1.3");
-    bench::NodeRun run(new CxMedianCnbl, bayer(t), CxImageMetadata(), CxSyntheticCamera::LayoutBayer);
+    bench::Pic frame, out;
+    CxMedianCnbl::SxPlaneLayout layout;
+    std::vector<SxPicBuf> in, filtered;
+    std::vector<uchar*> rows;
+
+    SxPlanes(const bench::StdFrame& f, bool inBands)
+        : frame(f.format), out(f.format), layout(CxMedianCnbl::planeLayout(f.format, &f.meta))
+    {
+        f.fill(*frame);
+        rows.resize(size_t(layout.periodX * layout.channels));
+        in.resize(size_t(layout.count()));
+        filtered.resize(size_t(layout.count()));
+        for (int i = 0; i < layout.count(); ++i) {
+            SxPicBufInfo pf = med_planeFormat(f.format, layout, i, 1);
+            if (!inBands)
+                pf.height = (f.format.height - quint32(i / (layout.periodX * layout.channels)) + layout.periodY - 1)
+                            / layout.periodY;
+            CxPicBufAPI::AllocPicBufFromHeap(in[size_t(i)], pf, true, 0);
+            CxPicBufAPI::AllocPicBufFromHeap(filtered[size_t(i)], pf, true, 0);
+        }
+    }
+    ~SxPlanes()
+    {
+        for (std::vector<SxPicBuf>* v : {&in, &filtered})
+            for (SxPicBuf& p : *v)
+                CxPicBufAPI::FreePicBuf(p, true);
+    }
+};
+
+// The node per frame; beside the plane medians alone (the work it cannot
+// avoid) and its split and weave alone (its own share).
+void BM_MedianNode(benchmark::State& state, const std::string& frame)
+{
+    const bool bayer = frame.rfind("bayer", 0) == 0;
+    bench::pairWithPeer(state, "MedianPlanes/" + frame, bayer ? "peer<=1.3" : "peer<=1.5");
+    const bench::StdFrame& f = frameNamed(frame);
+    bench::Pic input(f.format);
+    f.fill(*input);
+    bench::NodeRun run(new CxMedianCnbl, *input, f.meta);
     run.run(state);
 }
 
-// The work the node cannot avoid: the host median on each colour plane.
-void BM_MedianPlanes(benchmark::State& state, ExImageDataType t)
+void BM_MedianPlanes(benchmark::State& state, const std::string& frame)
 {
-    bench::Pic frame(bayer(t));
-    bench::fillCamera(*frame, CxSyntheticCamera::LayoutBayer);
-    const SxPicBufInfo half = bench::format(bench::W / 2, bench::H / 2, t);
-    bench::Pic in[4], out[4];
-    for (int i = 0; i < 4; ++i) {
-        CxPicBufAPI::AllocPicBufFromHeap(*in[i], half, true, 0);
-        CxPicBufAPI::AllocPicBufFromHeap(*out[i], half, true, 0);
-        CxPicBufAPI::ExtractChannel(*frame, *in[i], unsigned(i));
+    const bench::StdFrame& f = frameNamed(frame);
+    SxPlanes planes(f, false);
+    if (planes.layout.count() == 4 && !planes.layout.hsi && planes.layout.channels == 1) {
+        for (int i = 0; i < 4; ++i)
+            CxPicBufAPI::ExtractChannel(*planes.frame, planes.in[size_t(i)], unsigned(i));
+    } else {
+        const bool byte = f.format.dataType == IDT_UINT8;
+        const quint32 h = planes.frame->height;
+        byte ? med_splitPlanes_T<quint8>(*planes.frame, planes.layout, planes.in.data(), planes.rows.data(), 0, h, 0)
+             : med_splitPlanes_T<quint16>(*planes.frame, planes.layout, planes.in.data(), planes.rows.data(), 0, h, 0);
     }
     void* work = nullptr;
-    if (!CxPicBufAPI::MedianAllocBuffer(half, 1, &work)) {
+    if (!CxPicBufAPI::MedianAllocBuffer(planes.in[0], 1, &work)) {
         state.SkipWithError("no work buffer");
         return;
     }
     for (auto _ : state) {
-        for (int i = 0; i < 4; ++i)
-            CxPicBufAPI::Median(*in[i], *out[i], 1, work);
+        for (int i = 0; i < planes.layout.count(); ++i)
+            CxPicBufAPI::Median(planes.in[size_t(i)], planes.filtered[size_t(i)], 1, work);
         benchmark::ClobberMemory();
     }
     CxPicBufAPI::MedianFreeBuffer(work);
 }
 
-void BM_MedianOpenCv(benchmark::State& state, ExImageDataType t)
+bool noFilter(const SxPicBuf&, SxPicBuf&, int, void*)
 {
-    bench::Pic in(bayer(t)), out(bayer(t));
-    bench::fillCamera(*in, CxSyntheticCamera::LayoutBayer);
-    const int type = t == IDT_UINT16 ? CV_16U : CV_8U;
+    return true;
+}
+
+template <class T>
+void splitAndWeave(SxPlanes& p)
+{
+    med_filterInBands_T<T>(*p.frame, *p.out, p.layout, p.in.data(), p.filtered.data(), p.rows.data(), 1, nullptr,
+                           med_bandRows(*p.frame, p.layout, 1), noFilter);
+}
+
+void BM_MedianSplitWeave(benchmark::State& state, const std::string& frame)
+{
+    bench::setTarget(state, "memcpy<=2");
+    const bench::StdFrame& f = frameNamed(frame);
+    SxPlanes planes(f, true);
+    for (auto _ : state) {
+        f.format.dataType == IDT_UINT8 ? splitAndWeave<quint8>(planes) : splitAndWeave<quint16>(planes);
+        benchmark::ClobberMemory();
+    }
+}
+
+void BM_MedianOpenCv(benchmark::State& state, const std::string& frame)
+{
+    const bench::StdFrame& f = frameNamed(frame);
+    bench::Pic in(f.format), out(f.format);
+    f.fill(*in);
+    const int depth = f.format.dataType == IDT_UINT16 ? CV_16U : CV_8U;
+    const int type = CV_MAKETYPE(depth, int(f.format.channels));
     cv::Mat src(int(in->height), int(in->width), type, in->data, in->linePitch);
     cv::Mat dst(int(out->height), int(out->width), type, out->data, out->linePitch);
     for (auto _ : state) {
@@ -101,13 +173,15 @@ void BM_CopyRect(benchmark::State& state, int count, bool withOutput)
 void registerAll()
 {
     auto ms = [](benchmark::internal::Benchmark* b) { b->Unit(benchmark::kMillisecond)->UseRealTime(); };
-    for (ExImageDataType t : {IDT_UINT8, IDT_UINT16}) {
-        const std::string frame = t == IDT_UINT8 ? "/bayer8" : "/bayer16";
-        ms(benchmark::RegisterBenchmark(("Median" + frame).c_str(), BM_MedianNode, t));
-        ms(benchmark::RegisterBenchmark(("MedianPlanes" + frame).c_str(), BM_MedianPlanes, t));
-        ms(benchmark::RegisterBenchmark(("opencv_medianBlur" + frame).c_str(), BM_MedianOpenCv, t));
-        ms(benchmark::RegisterBenchmark(("memcpy" + frame).c_str(), [t](benchmark::State& s) {
-            bench::memcpyBaseline(s, size_t(bench::W) * bench::H * bytesPerSampleOf(t));
+    for (const std::string name : {"bayer8", "bayer16", "rgba8", "hsi5x5"}) {
+        const std::string frame = "/" + name;
+        ms(benchmark::RegisterBenchmark(("Median" + frame).c_str(), BM_MedianNode, name));
+        ms(benchmark::RegisterBenchmark(("MedianPlanes" + frame).c_str(), BM_MedianPlanes, name));
+        ms(benchmark::RegisterBenchmark(("MedianSplitWeave" + frame).c_str(), BM_MedianSplitWeave, name));
+        if (name != "hsi5x5")
+            ms(benchmark::RegisterBenchmark(("opencv_medianBlur" + frame).c_str(), BM_MedianOpenCv, name));
+        ms(benchmark::RegisterBenchmark(("memcpy" + frame).c_str(), [name](benchmark::State& s) {
+            bench::memcpyBaseline(s, size_t(frameNamed(name).format.requiredBytes()));
         }));
     }
     for (int count : {2, 4}) {

@@ -24,6 +24,12 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define QLAR_KIT_STREAMS_VBMI 1
+#endif
+
+#include "KitCpu.h"
 
 namespace pixelkit {
 
@@ -342,5 +348,294 @@ inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
         std::memcpy(d + (2 * x + 1) * sizeof(T), b + x, sizeof(T));
     }
 }
+
+// All planes that share a row at once: sample k of a row of n samples (S
+// bytes each) is sample k / p of stream k % p, so a row of a mosaic with
+// period p (or of an interleaved picture, p = channels x period) splits into
+// p plane rows in one pass, and p plane rows weave back into it. Stream s
+// holds (n - s + p - 1) / p samples (none when s >= n); streams without
+// samples are never touched. With the byte permutes of AVX-512 VBMI, blocks
+// of p vectors move as whole vectors, the last one under masks that neither
+// read nor write past any row; periods up to 16 of 1- and 2-byte samples.
+// Everything else goes sample by sample. Build one per frame (the tables
+// cost about as much as a row) and reuse it for every row.
+template <unsigned S>
+class RowStreams
+{
+public:
+    static constexpr int MaxVectorPeriod = 16;
+
+    explicit RowStreams(int period) : m_p(period > 0 ? period : 1)
+    {
+#if defined(QLAR_KIT_STREAMS_VBMI)
+        m_vector = (S == 1 || S == 2) && m_p >= 2 && m_p <= MaxVectorPeriod
+                   && cpuHas(CpuFeature::Avx512Vbmi);
+        if (m_vector)
+            buildTables();
+#endif
+    }
+
+    int period() const { return m_p; }
+
+    qint64 count(qint64 n, int s) const { return n > s ? (n - s + m_p - 1) / m_p : 0; }
+
+    void split(const uchar* row, qint64 n, uchar* const* streams) const
+    {
+#if defined(QLAR_KIT_STREAMS_VBMI)
+        if (m_vector) {
+            switch (m_p) {
+            case 2: splitVector<2>(row, n, streams); return;
+            case 3: splitVector<3>(row, n, streams); return;
+            case 4: splitVector<4>(row, n, streams); return;
+            case 5: splitVector<5>(row, n, streams); return;
+            default: splitVector<0>(row, n, streams); return;
+            }
+        }
+#endif
+        if constexpr (S == 1 || S == 2) {
+            if (m_p == 2) {
+                using T = std::conditional_t<S == 1, quint8, quint16>;
+                splitPairs(row, reinterpret_cast<T*>(streams[0]), reinterpret_cast<T*>(streams[1]), quint64(n / 2));
+                if (n & 1)
+                    std::memcpy(streams[0] + (n / 2) * S, row + (n - 1) * S, S);
+                return;
+            }
+        }
+        for (int s = 0; s < m_p; ++s) {
+            const qint64 c = count(n, s);
+            for (qint64 i = 0; i < c; ++i)
+                std::memcpy(streams[s] + i * S, row + (i * m_p + s) * S, S);
+        }
+    }
+
+    void weave(const uchar* const* streams, qint64 n, uchar* row) const
+    {
+#if defined(QLAR_KIT_STREAMS_VBMI)
+        if (m_vector) {
+            switch (m_p) {
+            case 2: weaveVector<2>(streams, n, row); return;
+            case 3: weaveVector<3>(streams, n, row); return;
+            case 4: weaveVector<4>(streams, n, row); return;
+            case 5: weaveVector<5>(streams, n, row); return;
+            default: weaveVector<0>(streams, n, row); return;
+            }
+        }
+#endif
+        if constexpr (S == 1 || S == 2) {
+            if (m_p == 2) {
+                using T = std::conditional_t<S == 1, quint8, quint16>;
+                weavePairs(reinterpret_cast<const T*>(streams[0]), reinterpret_cast<const T*>(streams[1]), row,
+                           quint64(n / 2));
+                if (n & 1)
+                    std::memcpy(row + (n - 1) * S, streams[0] + (n / 2) * S, S);
+                return;
+            }
+        }
+        for (int s = 0; s < m_p; ++s) {
+            const qint64 c = count(n, s);
+            for (qint64 i = 0; i < c; ++i)
+                std::memcpy(row + (i * m_p + s) * S, streams[s] + i * S, S);
+        }
+    }
+
+private:
+    int m_p;
+    bool m_vector = false;
+
+#if defined(QLAR_KIT_STREAMS_VBMI)
+    // Lanes of a 64-byte vector; a permute picks from a pair of vectors.
+    static constexpr int L = 64 / int(S);
+    static constexpr int MaxPairs = (MaxVectorPeriod + 1) / 2;
+    struct Entry
+    {
+        alignas(64) uchar index[64];
+        quint64 mask = 0;
+    };
+    int m_pairs = 0;
+    Entry m_split[MaxVectorPeriod * MaxPairs];  // [stream][pair of input vectors]
+    Entry m_weave[MaxVectorPeriod * MaxPairs];  // [output vector][pair of streams]
+
+    static void setLane(Entry& e, int lane, int value)
+    {
+        if (S == 1)
+            e.index[lane] = uchar(value);
+        else
+            std::memcpy(e.index + 2 * lane, &value, 2);  // little-endian: the low half
+        e.mask |= quint64(1) << lane;
+    }
+
+    void buildTables()
+    {
+        m_pairs = (m_p + 1) / 2;
+        for (int a = 0; a < m_p; ++a)
+            for (int q = 0; q < m_pairs; ++q) {
+                m_split[a * MaxPairs + q] = Entry();
+                m_weave[a * MaxPairs + q] = Entry();
+            }
+        for (int s = 0; s < m_p; ++s)
+            for (int i = 0; i < L; ++i) {
+                const int g = s + m_p * i;  // lane of the block the sample comes from
+                setLane(m_split[s * MaxPairs + g / (2 * L)], i, g % (2 * L));
+            }
+        for (int v = 0; v < m_p; ++v)
+            for (int j = 0; j < L; ++j) {
+                const int g = v * L + j, s = g % m_p, i = g / m_p;
+                setLane(m_weave[v * MaxPairs + s / 2], j, i + (s % 2) * L);
+            }
+    }
+
+    static quint64 lanes(qint64 n)
+    {
+        return n >= L ? ~quint64(0) >> (64 - L) : n <= 0 ? 0 : (quint64(1) << n) - 1;
+    }
+
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i
+    permute(__m512i idx, quint64 mask, __m512i a, __m512i b)
+    {
+        if (S == 1)
+            return _mm512_maskz_permutex2var_epi8(mask, a, idx, b);
+        return _mm512_maskz_permutex2var_epi16(__mmask32(mask), a, idx, b);
+    }
+
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i
+    permute(const Entry& e, __m512i a, __m512i b)
+    {
+        return permute(_mm512_load_si512(e.index), e.mask, a, b);
+    }
+
+    // Whole blocks of a period known at compile time, with the tables and
+    // the plane rows held in registers: stores through the plane rows could
+    // otherwise alias them, and they would be reloaded for every block.
+    template <int P, bool Split>
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void wholeBlocks(const uchar* from, qint64 blocks,
+                                                                         uchar* to, const uchar* const* streamsIn,
+                                                                         uchar* const* streamsOut) const
+    {
+        constexpr int Q = (P + 1) / 2;
+        const Entry* table = Split ? m_split : m_weave;
+        __m512i idx[P][Q];
+        quint64 mask[P][Q];
+        const uchar* in[P];
+        uchar* out[P];
+        for (int a = 0; a < P; ++a) {
+            for (int q = 0; q < Q; ++q) {
+                idx[a][q] = _mm512_load_si512(table[a * MaxPairs + q].index);
+                mask[a][q] = table[a * MaxPairs + q].mask;
+            }
+            in[a] = Split ? nullptr : streamsIn[a];
+            out[a] = Split ? streamsOut[a] : nullptr;
+        }
+        for (qint64 blk = 0; blk < blocks; ++blk) {
+            __m512i v[2 * Q];
+            for (int j = 0; j < P; ++j)
+                v[j] = _mm512_loadu_si512(Split ? from + (blk * P + j) * 64 : in[j] + blk * 64);
+            if (P % 2)
+                v[P] = v[P - 1];
+            for (int a = 0; a < P; ++a) {
+                __m512i r = permute(idx[a][0], mask[a][0], v[0], v[1]);
+                for (int q = 1; q < Q; ++q)
+                    r = _mm512_or_si512(r, permute(idx[a][q], mask[a][q], v[2 * q], v[2 * q + 1]));
+                _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
+            }
+        }
+    }
+
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static __m512i load(const uchar* p, quint64 k)
+    {
+        return S == 1 ? _mm512_maskz_loadu_epi8(k, p) : _mm512_maskz_loadu_epi16(__mmask32(k), p);
+    }
+
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) static void store(uchar* p, quint64 k, __m512i v)
+    {
+        if (S == 1)
+            _mm512_mask_storeu_epi8(p, k, v);
+        else
+            _mm512_mask_storeu_epi16(p, __mmask32(k), v);
+    }
+
+    // Blocks of p vectors; the last, partial one under masks. P is the period
+    // when it is known at compile time (the vectors then stay in registers),
+    // else 0.
+    template <int P>
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void splitVector(const uchar* row, qint64 n,
+                                                                         uchar* const* streams) const
+    {
+        const int p = P > 0 ? P : m_p;
+        const int pairs = P > 0 ? (P + 1) / 2 : m_pairs;
+        const qint64 span = qint64(p) * L;
+        __m512i v[MaxVectorPeriod + 1];
+        auto block = [&](qint64 b, bool last) __attribute__((target("avx512f,avx512bw,avx512vbmi"))) {
+            const qint64 left = n - b;
+            for (int j = 0; j < p; ++j)
+                v[j] = last ? load(row + (b + qint64(j) * L) * S, lanes(left - qint64(j) * L))
+                            : _mm512_loadu_si512(row + (b + qint64(j) * L) * S);
+            v[p] = v[p - 1];
+            const qint64 at = qint64(b / p) * S;
+            const int whole = last ? int(left / p) : L, extra = last ? int(left % p) : 0;
+            for (int s = 0; s < p; ++s) {
+                const qint64 c = whole + (s < extra ? 1 : 0);
+                if (c == 0)
+                    continue;
+                __m512i r = permute(m_split[s * MaxPairs], v[0], v[1]);
+                for (int q = 1; q < pairs; ++q)
+                    r = _mm512_or_si512(r, permute(m_split[s * MaxPairs + q], v[2 * q], v[2 * q + 1]));
+                if (last)
+                    store(streams[s] + at, lanes(c), r);
+                else
+                    _mm512_storeu_si512(streams[s] + at, r);
+            }
+        };
+        qint64 b = 0;
+        if constexpr (P > 0) {
+            b = n / span * span;
+            wholeBlocks<P, true>(row, n / span, nullptr, nullptr, streams);
+        }
+        for (; b + span <= n; b += span)
+            block(b, false);
+        if (b < n)
+            block(b, true);
+    }
+
+    template <int P>
+    __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void weaveVector(const uchar* const* streams, qint64 n,
+                                                                         uchar* row) const
+    {
+        const int p = P > 0 ? P : m_p;
+        const int pairs = P > 0 ? (P + 1) / 2 : m_pairs;
+        const qint64 span = qint64(p) * L;
+        __m512i w[MaxVectorPeriod + 1];
+        auto block = [&](qint64 b, bool last) __attribute__((target("avx512f,avx512bw,avx512vbmi"))) {
+            const qint64 left = n - b;
+            const qint64 at = qint64(b / p) * S;
+            const int whole = last ? int(left / p) : L, extra = last ? int(left % p) : 0;
+            for (int s = 0; s < p; ++s) {
+                const qint64 c = whole + (s < extra ? 1 : 0);
+                w[s] = !last ? _mm512_loadu_si512(streams[s] + at)
+                             : c ? load(streams[s] + at, lanes(c)) : _mm512_setzero_si512();
+            }
+            w[p] = w[p - 1];
+            for (int j = 0; j < p && qint64(j) * L < left; ++j) {
+                __m512i r = permute(m_weave[j * MaxPairs], w[0], w[1]);
+                for (int q = 1; q < pairs; ++q)
+                    r = _mm512_or_si512(r, permute(m_weave[j * MaxPairs + q], w[2 * q], w[2 * q + 1]));
+                uchar* d = row + (b + qint64(j) * L) * S;
+                if (last)
+                    store(d, lanes(left - qint64(j) * L), r);
+                else
+                    _mm512_storeu_si512(d, r);
+            }
+        };
+        qint64 b = 0;
+        if constexpr (P > 0) {
+            b = n / span * span;
+            wholeBlocks<P, false>(nullptr, n / span, row, streams, nullptr);
+        }
+        for (; b + span <= n; b += span)
+            block(b, false);
+        if (b < n)
+            block(b, true);
+    }
+#endif
+};
 
 } // namespace pixelkit

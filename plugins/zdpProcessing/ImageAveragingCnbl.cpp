@@ -283,23 +283,41 @@ void CxImageAveragingCnbl::setupStop()
     freePictures();
 }
 
+namespace {
+
+// The first frame of a series is the sum: an integer frame is written into it
+// at once (divided by 1, exact for every integer sample of a sum as wide),
+// rather than added to zeros in a second pass. Float sums keep the addition,
+// which turns a negative zero into a positive one.
+bool startSum(SxPicBuf& sum, const SxPicBuf& frame)
+{
+    if (frame.dataType != IDT_FLOAT && frame.dataType != IDT_DOUBLE && CxPicBufAPI::DivideByValue(frame, 1, sum))
+        return true;
+    if (sum.data)
+        std::memset(sum.data, 0, size_t(sum.dataSize()));
+    return CxPicBufAPI::Add(sum, frame);
+}
+
+} // namespace
+
 bool CxImageAveragingCnbl::accumulate(const SxPicBuf& frame)
 {
     const SxNeeds need = needs();
     const bool first = m_frameCounter == 0;
     // The order matters: with every statistic on, Min has lowered the
     // minimum before MinTouches compares the frame with it.
-    if (need.sum && first && m_sum.data)
-        std::memset(m_sum.data, 0, size_t(m_sum.dataSize()));
-    if (need.sumSq && first && m_sumSq.data)
-        std::memset(m_sumSq.data, 0, size_t(m_sumSq.dataSize()));
+    if (need.sum && first && !need.sumSq && !startSum(m_sum, frame))
+        return false;
+    if (need.sumSq && first) {
+        for (SxPicBuf* p : {&m_sum, &m_sumSq})
+            if (p->data)
+                std::memset(p->data, 0, size_t(p->dataSize()));
+    }
     const bool fused = need.sum && need.sumSq && AddSumAndSquares(m_sum, m_sumSq, frame);
-    if (need.sum && !fused && !CxPicBufAPI::Add(m_sum, frame))
+    if (need.sum && !fused && !(first && !need.sumSq) && !CxPicBufAPI::Add(m_sum, frame))
         return false;
     if (need.subtractSum) {
-        if (m_subtractCounter == 0 && m_subtractSum.data)
-            std::memset(m_subtractSum.data, 0, size_t(m_subtractSum.dataSize()));
-        if (!CxPicBufAPI::Add(m_subtractSum, frame))
+        if (!(m_subtractCounter == 0 ? startSum(m_subtractSum, frame) : CxPicBufAPI::Add(m_subtractSum, frame)))
             return false;
         ++m_subtractCounter;
     }

@@ -42,23 +42,16 @@ SxPlacement placementOf(const CxMedianCnbl::SxPlaneLayout& l, int i)
     return {cell % l.periodX, cell / l.periodX, i % l.channels};
 }
 
-quint64 bayerBandRows(quint64 width, unsigned bytesPerSample, int radius);
+} // namespace
 
-bool isBayer(const CxMedianCnbl::SxPlaneLayout& l)
-{
-    return !l.hsi && l.periodX == 2 && l.periodY == 2 && l.channels == 1;
-}
-
-// A 2x2 mosaic is filtered in bands, so its planes hold a band's rows only.
-SxPicBufInfo planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius)
+// Planes are filtered in bands, so they hold a band's rows only.
+SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius)
 {
     const SxPlacement p = placementOf(l, i);
     SxPicBufInfo f = in;
     f.width = planeExtent(in.width, l.periodX, p.ox);
     f.height = planeExtent(in.height, l.periodY, p.oy);
-    if (isBayer(l))
-        f.height = quint32(
-            qMin<quint64>(f.height, bayerBandRows(in.width, in.bytesPerSample(), radius) + 2 * quint64(radius)));
+    f.height = quint32(qMin<quint64>(f.height, med_bandRows(in, l, radius) + 2 * quint64(radius)));
     f.linePitch = 0;
     f.channels = 1;
     f.storageFormat = DSF_PACKED;
@@ -67,15 +60,22 @@ SxPicBufInfo planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayo
     return f;
 }
 
-// Plane rows a band of a 2x2 mosaic filters at once, and the rows its plane
-// buffers hold: the band with radius rows of context above and below.
-quint64 bayerBandRows(quint64 width, unsigned bytesPerSample, int radius)
+// Plane rows a band filters at once, and the rows its plane buffers hold:
+// the band with radius rows of context above and below.
+quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
 {
-    // Eight planes' rows of one band stay within the last-level cache.
+    // Every plane's rows of one band, split and filtered, stay within the
+    // last-level cache. Bands are evened out rather than leaving a thin last
+    // one, whose medians would pay their edges for few rows.
     constexpr quint64 kBandBytes = 4 << 20;
-    const quint64 rowBytes = qMax<quint64>(1, 4 * width * bytesPerSample);
-    return std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+    const quint64 rowBytes = qMax<quint64>(1, 2 * quint64(l.periodY) * in.width * in.channels * in.bytesPerSample());
+    const quint64 band = std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+    const quint64 planeHeight = (quint64(in.height) + l.periodY - 1) / quint64(l.periodY);
+    const quint64 bands = qMax<quint64>(1, planeHeight / band);
+    return qMax<quint64>(band, (planeHeight + bands - 1) / bands);
 }
+
+namespace {
 
 // Rows lo..hi - 1 of a plane as a picture of their own.
 SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
@@ -90,61 +90,47 @@ SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
 
 } // namespace
 
-// Sample c of pixel (ox, oy) of each pw x ph cell of a picture, and back.
-template <class T>
-void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c)
+// Row y of a picture holds, in its streams, row y / ph - base of the planes
+// of pattern row y % ph: plane oy x streams + s for stream s = ox x channels + c.
+template <class Pic>
+uchar* const* planeRowsOf(Pic* planes, const CxMedianCnbl::SxPlaneLayout& l, quint32 y, quint32 base, uchar** rows)
 {
-    const qint64 ch = in.channels;
-    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
-    pixelkit::gatherPlane<sizeof(T)>(pixelkit::rowsOf(in), m, pixelkit::rowsOf(plane));
+    const int streams = l.periodX * l.channels;
+    Pic* first = planes + qint64(y % quint32(l.periodY)) * streams;
+    const quint64 r = y / quint32(l.periodY) - base;
+    for (int s = 0; s < streams; ++s)
+        rows[s] = first[s].width ? const_cast<uchar*>(first[s].data) + r * first[s].effectiveLinePitch() : nullptr;
+    return rows;
 }
 
 template <class T>
-void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c)
+void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* planes, uchar** rows,
+                       quint32 y0, quint32 y1, quint32 base)
 {
-    const qint64 ch = out.channels;
-    const pixelkit::MosaicPlane m{ox * ch + c, oy, pw * ch, ph, 1, 1};
-    pixelkit::weavePlane<sizeof(T)>(pixelkit::rowsOf(plane), m, pixelkit::rowsOf(out));
-}
-
-// Rows y0..y1 - 1 of the picture; picture row y lands in plane row
-// y / 2 - base.
-template <class T>
-void med_splitBayer_T(const SxPicBuf& in, SxPicBuf* planes, quint32 y0, quint32 y1, quint32 base)
-{
-    const quint64 w = in.width, pairs = w / 2, pitch = in.effectiveLinePitch();
-    for (quint64 y = y0; y < y1; ++y) {
-        const uchar* s = in.data + y * pitch;
-        T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
-        T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
-        pixelkit::splitPairs(s, a, b, pairs);
-        if (w & 1)
-            std::memcpy(a + pairs, s + (w - 1) * sizeof(T), sizeof(T));
-    }
+    const pixelkit::RowStreams<sizeof(T)> streams(l.periodX * l.channels);
+    const qint64 n = qint64(in.width) * in.channels;
+    for (quint32 y = y0; y < y1; ++y)
+        streams.split(in.data + y * in.effectiveLinePitch(), n, planeRowsOf(planes, l, y, base, rows));
 }
 
 template <class T>
-void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32 y1, quint32 base)
+void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows,
+                       quint32 y0, quint32 y1, quint32 base)
 {
-    const quint64 w = out.width, pairs = w / 2, pitch = out.effectiveLinePitch();
-    for (quint64 y = y0; y < y1; ++y) {
-        uchar* d = out.data + y * pitch;
-        const T* a = planes[2 * (y & 1)].row<T>(quint32(y >> 1) - base);
-        const T* b = planes[2 * (y & 1) + 1].row<T>(quint32(y >> 1) - base);
-        pixelkit::weavePairs(a, b, d, pairs);
-        if (w & 1)
-            std::memcpy(d + (w - 1) * sizeof(T), a + pairs, sizeof(T));
-    }
+    const pixelkit::RowStreams<sizeof(T)> streams(l.periodX * l.channels);
+    const qint64 n = qint64(out.width) * out.channels;
+    for (quint32 y = y0; y < y1; ++y)
+        streams.weave(planeRowsOf(planes, l, y, base, rows), n, out.data + y * out.effectiveLinePitch());
 }
 
-template void med_extractPlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_extractPlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_weavePlane_T<quint8>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_weavePlane_T<quint16>(const SxPicBuf&, SxPicBuf&, int, int, int, int, int);
-template void med_splitBayer_T<quint8>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
-template void med_splitBayer_T<quint16>(const SxPicBuf&, SxPicBuf*, quint32, quint32, quint32);
-template void med_weaveBayer_T<quint8>(const SxPicBuf*, SxPicBuf&, quint32, quint32, quint32);
-template void med_weaveBayer_T<quint16>(const SxPicBuf*, SxPicBuf&, quint32, quint32, quint32);
+template void med_splitPlanes_T<quint8>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**,
+                                        quint32, quint32, quint32);
+template void med_splitPlanes_T<quint16>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**,
+                                         quint32, quint32, quint32);
+template void med_weavePlanes_T<quint8>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**,
+                                        quint32, quint32, quint32);
+template void med_weavePlanes_T<quint16>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**,
+                                         quint32, quint32, quint32);
 
 // Splitting and weaving a whole frame would each stream it through memory
 // once more than the medians do. In bands of plane rows small enough to stay
@@ -152,62 +138,51 @@ template void med_weaveBayer_T<quint16>(const SxPicBuf*, SxPicBuf&, quint32, qui
 // weave what they have just written. Each band is split with radius rows of
 // context above and below it, so that its own rows see their whole window.
 template <class T>
-bool med_filterBayerInBands_T(const SxPicBuf& in, SxPicBuf& out, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
-                              int radius, void* work, quint64 band)
+bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
+                         SxPicBuf* outPlanes, uchar** rowPtrs, int radius, void* work, quint64 band,
+                         MedPlaneFilter filter)
 {
-    const quint64 height = in.height, planeHeight = (height + 1) / 2, r = quint64(radius);
+    const quint64 height = in.height, ph = quint64(l.periodY), r = quint64(radius);
+    const quint64 planeHeight = (height + ph - 1) / ph;  // of the first pattern row, the tallest
+    const int streams = l.periodX * l.channels;
     band = qMax<quint64>(band, 1);
     for (quint64 b0 = 0; b0 < planeHeight; b0 += band) {
         const quint64 b1 = qMin(planeHeight, b0 + band);
         const quint64 lo = b0 > r ? b0 - r : 0, hi = qMin(planeHeight, b1 + r);
-        med_splitBayer_T<T>(in, inPlanes, quint32(2 * lo), quint32(qMin(height, 2 * hi)), quint32(lo));
-        for (int i = 0; i < 4; ++i) {
-            // The second cell row of an odd-height picture is a row shorter.
-            const quint64 cellRows = i < 2 ? planeHeight : height / 2;
+        med_splitPlanes_T<T>(in, l, inPlanes, rowPtrs, quint32(ph * lo), quint32(qMin(height, ph * hi)),
+                             quint32(lo));
+        for (int i = 0, n = l.count(); i < n; ++i) {
+            // Later pattern rows of a picture cut mid-pattern are a row shorter.
+            const quint64 oy = quint64(i / streams);
+            const quint64 cellRows = height > oy ? (height - oy + ph - 1) / ph : 0;
             const quint64 rows = qMin(cellRows, hi) > lo ? qMin(cellRows, hi) - lo : 0;
-            if (rows == 0)
+            if (rows == 0 || inPlanes[i].width == 0)
                 continue;
             SxPicBuf bandOut = planeRows(outPlanes[i], 0, rows);
-            if (!CxPicBufAPI::Median(planeRows(inPlanes[i], 0, rows), bandOut, radius, work))
+            if (!filter(planeRows(inPlanes[i], 0, rows), bandOut, radius, work))
                 return false;
         }
-        med_weaveBayer_T<T>(outPlanes, out, quint32(2 * b0), quint32(qMin(height, 2 * b1)), quint32(lo));
+        med_weavePlanes_T<T>(outPlanes, l, out, rowPtrs, quint32(ph * b0), quint32(qMin(height, ph * b1)),
+                             quint32(lo));
     }
     return true;
 }
 
-template bool med_filterBayerInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, SxPicBuf*, SxPicBuf*, int, void*,
-                                                quint64);
-template bool med_filterBayerInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, SxPicBuf*, SxPicBuf*, int, void*,
-                                                 quint64);
+template bool med_filterInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*,
+                                          SxPicBuf*, uchar**, int, void*, quint64, MedPlaneFilter);
+template bool med_filterInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&,
+                                           SxPicBuf*, SxPicBuf*, uchar**, int, void*, quint64, MedPlaneFilter);
 
 namespace {
 
 template <class T>
-bool filterPlanes_T(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out,
-                    const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
-                    int radius, void* work)
+bool filterPlanes_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
+                    SxPicBuf* outPlanes, uchar** rows, int radius, void* work)
 {
-    if (isBayer(l))
-        return med_filterBayerInBands_T<T>(in, out, inPlanes, outPlanes, radius, work,
-                                           bayerBandRows(in.width, sizeof(T), radius));
-
-    const int n = l.count();
-    for (int i = 0; i < n; ++i) {
-        const SxPlacement p = placementOf(l, i);
-        if (!l.hsi)
-            med_extractPlane_T<T>(in, inPlanes[i], l.periodX, l.periodY, p.ox, p.oy, p.c);
-        else if (!pixelkit::gatherBand<sizeof(T)>(inPlanes[i], in, meta, i))
-            return false;
-    }
-    for (int i = 0; i < n; ++i)
-        if (!CxPicBufAPI::Median(inPlanes[i], outPlanes[i], radius, work))
-            return false;
-    for (int i = 0; i < n; ++i) {
-        const SxPlacement p = placementOf(l, i);
-        med_weavePlane_T<T>(outPlanes[i], out, l.periodX, l.periodY, p.ox, p.oy, p.c);
-    }
-    return true;
+    if (!pixelkit::rowsFit(in) || !pixelkit::rowsFit(out))
+        return false;
+    return med_filterInBands_T<T>(in, out, l, inPlanes, outPlanes, rows, radius, work,
+                                  med_bandRows(in, l, radius));
 }
 
 } // namespace
@@ -306,7 +281,7 @@ void CxMedianCnbl::setupStart()
         const SxPlaneLayout layout = planeLayout(in, &meta);
         const int radius = kernelRadius();
         // The work buffer depends on the sample type and radius only.
-        if (!CxPicBufAPI::MedianAllocBuffer(planeFormat(in, layout, 0, radius), radius, &m_work))
+        if (!CxPicBufAPI::MedianAllocBuffer(med_planeFormat(in, layout, 0, radius), radius, &m_work))
             m_work = nullptr;
         m_setupFormat = in;
         m_setupRadius = radius;
@@ -317,9 +292,10 @@ void CxMedianCnbl::setupStart()
         const int n = layout.count();
         m_inPlanes.assign(size_t(n), SxPicBuf());
         m_outPlanes.assign(size_t(n), SxPicBuf());
+        m_rows.assign(size_t(layout.periodX) * size_t(layout.channels), nullptr);
         m_planeCount = n;
         for (int i = 0; i < n; ++i) {
-            const SxPicBufInfo f = planeFormat(in, layout, i, radius);
+            const SxPicBufInfo f = med_planeFormat(in, layout, i, radius);
             m_inPlanes[size_t(i)].setPicFormat(f);
             m_outPlanes[size_t(i)].setPicFormat(f);
             if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
@@ -348,6 +324,7 @@ void CxMedianCnbl::freePlanes()
         CxPicBufAPI::FreePicBuf(p, true);
     m_inPlanes.clear();
     m_outPlanes.clear();
+    m_rows.clear();
     m_planeCount = 0;
     m_layout = SxPlaneLayout();
 }
@@ -367,11 +344,13 @@ bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& ou
     });
 }
 
-bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius)
+bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius)
 {
     if (in.dataType == IDT_UINT8)
-        return filterPlanes_T<quint8>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
-    return filterPlanes_T<quint16>(in, meta, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), radius, m_work);
+        return filterPlanes_T<quint8>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
+                                      m_work);
+    return filterPlanes_T<quint16>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
+                                   m_work);
 }
 
 IxChainData* CxMedianCnbl::processData(IxChainData* data)
@@ -397,7 +376,7 @@ IxChainData* CxMedianCnbl::processData(IxChainData* data)
         return nodekit::Go;
     };
     return nodekit::processFrame(this, data, kFrame, admit, [&](nodekit::Frame& f) {
-        const bool done = layout.count() > 1 ? filterPlanes(f.in, f.meta, f.out, radius)
+        const bool done = layout.count() > 1 ? filterPlanes(f.in, f.out, radius)
                                              : CxPicBufAPI::Median(f.in, f.out, radius, m_work);
         return done ? nodekit::Go : nodekit::PassOn;
     });

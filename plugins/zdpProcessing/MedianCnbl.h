@@ -21,8 +21,9 @@
 // written and no median ever sees a sample that is not of its own colour;
 // the host's median repeats the edge samples of each plane at its borders.
 //
-// A 2x2 mosaic is split, filtered and woven back a band of rows at a time,
-// so that the planes stay in the cache between the three steps.
+// A picture is split, filtered and woven back a band of rows at a time, so
+// that the planes stay in the cache between the three steps; each row goes
+// into all the planes it feeds in one pass.
 //
 // The planes and the median work buffer are made in setupStart for the
 // format and radius the chain started with. A frame of another format, a
@@ -84,33 +85,39 @@ public:
 private:
     void freePlanes();
     bool planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const;
-    bool filterPlanes(const SxPicBuf& in, const CxImageMetadata* meta, SxPicBuf& out, int radius);
+    bool filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius);
 
     int m_radius = 1;
     void* m_work = nullptr;
     std::vector<SxPicBuf> m_inPlanes;
     std::vector<SxPicBuf> m_outPlanes;
+    std::vector<uchar*> m_rows;  // one row of each plane of a pattern row
     int m_planeCount = 0;
     SxPlaneLayout m_layout;
     SxPicBufInfo m_setupFormat;  // the input format and radius the planes were made for
     int m_setupRadius = 0;
 };
 
-// The samples of plane (ox, oy, c) of a picture with pattern period (pw, ph),
-// row by row, into plane, and back. T is the sample type; the plane must be
-// exactly as large as the samples the picture has at that place.
+// Every plane of a picture laid out as l (plane i for cell (ox, oy) and
+// channel c is i = (oy x pw + ox) x channels + c): picture rows y0..y1 - 1,
+// each into its planes in one pass, and back; picture row y is plane row
+// y / ph - base. T is the sample type; each plane must be as wide as the
+// samples the picture has at its place; rows holds pw x channels pointers.
 template <class T>
-void med_extractPlane_T(const SxPicBuf& in, SxPicBuf& plane, int pw, int ph, int ox, int oy, int c);
+void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* planes, uchar** rows,
+                       quint32 y0, quint32 y1, quint32 base);
 template <class T>
-void med_weavePlane_T(const SxPicBuf& plane, SxPicBuf& out, int pw, int ph, int ox, int oy, int c);
-// The four cells of a 2x2 mosaic, rows y0..y1 - 1 of the picture in one
-// pass, and back; picture row y is plane row y / 2 - base.
+void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows,
+                       quint32 y0, quint32 y1, quint32 base);
+// Median of a picture with several planes, split, filtered (by filter, the
+// host's median unless a benchmark times the rest alone) and woven back band
+// rows of the planes at a time; each plane buffer holds band + 2 x radius rows.
+using MedPlaneFilter = bool (*)(const SxPicBuf& in, SxPicBuf& out, int radius, void* work);
 template <class T>
-void med_splitBayer_T(const SxPicBuf& in, SxPicBuf* planes, quint32 y0, quint32 y1, quint32 base);
-template <class T>
-void med_weaveBayer_T(const SxPicBuf* planes, SxPicBuf& out, quint32 y0, quint32 y1, quint32 base);
-// Median of a 2x2 mosaic, split, filtered and woven back band rows of the
-// planes at a time; each plane buffer holds band + 2 x radius rows.
-template <class T>
-bool med_filterBayerInBands_T(const SxPicBuf& in, SxPicBuf& out, SxPicBuf* inPlanes, SxPicBuf* outPlanes,
-                              int radius, void* work, quint64 band);
+bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
+                         SxPicBuf* outPlanes, uchar** rows, int radius, void* work, quint64 band,
+                         MedPlaneFilter filter = &CxPicBufAPI::Median);
+// The format of plane i of a picture of format in laid out as l, and the
+// plane rows of a band (without its context rows).
+SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius);
+quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius);

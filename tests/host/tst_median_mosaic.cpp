@@ -263,6 +263,7 @@ private slots:
                             {"bayer wide", QRect(0, 0, 200, 6), 2, 2, 201},
                             {"3x3 in rect", QRect(3, 2, 29, 17), 3, 3, 37},
                             {"5x5 in rect", QRect(1, 1, 33, 21), 5, 5, 37},
+                            {"5x5 wider than a strip", QRect(2, 0, 2100, 23), 5, 5, 2103},
                             {"4x2 rect past the picture", QRect(-3, 5, 90, 90), 4, 2, 37}};
         for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
             for (const Geo& g : geos)

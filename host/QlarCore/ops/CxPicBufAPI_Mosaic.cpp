@@ -42,6 +42,8 @@
 
 #include <QtCore/QRect>
 
+#include <immintrin.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -299,6 +301,290 @@ void perCell(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
     });
 }
 
+// ------------------------------------------------------- sliding strips
+//
+// Sliding cells of any other period, a strip of anchors at a time: the
+// cell's rows are folded per column (for averages, the column sums of the
+// row above are moved down a row instead), then the columns are folded
+// across the cell and, for averages, the rounded quotient taken by a
+// multiply. Each step is a plain loop over the strip that the compiler
+// vectorises; the folds run in the order of the per-anchor loop, so float
+// minima and maxima with NaN come out the same.
+
+constexpr int StripAnchors = 2048;
+constexpr int StripMaxPeriod = 1024;
+
+template <Stat St, class A>
+inline A fold(A a, A b)
+{
+    if constexpr (St == Stat::Avg)
+        return A(a + b);
+    else if constexpr (St == Stat::Min)
+        return b < a ? b : a;
+    else
+        return a < b ? b : a;
+}
+
+template <Stat St, class A, class T>
+QLAR_VECTOR_CLONES void foldRow_T(A* __restrict acc, const T* __restrict r, int n)
+{
+    for (int k = 0; k < n; ++k)
+        acc[k] = fold<St, A>(acc[k], A(r[k]));
+}
+
+template <class A, class T>
+QLAR_VECTOR_CLONES void widenRow_T(A* __restrict acc, const T* __restrict r, int n)
+{
+    for (int k = 0; k < n; ++k)
+        acc[k] = A(r[k]);
+}
+
+// Column sums one row further down: the row that enters, less the one that
+// leaves (wrapping arithmetic, exact once the sums are whole again).
+template <class A, class T>
+QLAR_VECTOR_CLONES void moveSumsDown_T(A* __restrict acc, const T* __restrict enters, const T* __restrict leaves,
+                                       int n)
+{
+    for (int k = 0; k < n; ++k)
+        acc[k] = A(acc[k] + A(enters[k]) - A(leaves[k]));
+}
+
+// (x + half) / n for every x up to a known largest sum, as (x + half) * m >> k;
+// exact when (largest + half) * (m * n - 2^k) < 2^k. With W of 32 bits the
+// sums are 16-bit and m < 2^16, k >= 16: the high half of a 16-bit multiply.
+template <class W>
+struct SxQuotient
+{
+    static constexpr bool High = sizeof(W) == 4;
+    W m = 0, half = 0;
+    int k = 0;
+    bool ok = false;
+    SxQuotient(quint64 n, quint64 largest)
+    {
+        half = W(n / 2);
+        const quint64 x = largest + n / 2;
+        const unsigned __int128 mLimit = (unsigned __int128)(1) << (High ? 16 : 32);
+        for (int s = High ? 16 : 0; s < 96 && !ok; ++s) {
+            const unsigned __int128 p = (unsigned __int128)(1) << s;
+            const unsigned __int128 mm = (p + n - 1) / n;
+            if (mm >= mLimit)
+                break;
+            if (x * (mm * n - p) < p) {
+                m = W(mm);
+                k = s;
+                ok = true;
+            }
+        }
+    }
+    template <class T, class A>
+    T of(A sum) const
+    {
+        if constexpr (High)
+            return T(quint16(quint32(quint16(sum + half)) * quint32(quint16(m)) >> 16) >> (k - 16));
+        else
+            return T((W(sum) + half) * m >> k);
+    }
+};
+
+// Columns folded across cells P wide into the output samples; P = 0 for a
+// width known only at run time, folded through fold.
+template <int P, Stat St, class T, class A, class W>
+QLAR_VECTOR_CLONES void acrossRow_T(T* __restrict o, const A* __restrict col, A* __restrict fold, int n, int px,
+                                    SxQuotient<W> q)
+{
+    if constexpr (P > 0) {
+        for (int i = 0; i < n; ++i) {
+            A s = col[i];
+            for (int j = 1; j < P; ++j)
+                s = ::fold<St, A>(s, col[i + j]);
+            o[i] = St == Stat::Avg ? q.template of<T, A>(s) : T(s);
+        }
+    } else {
+        std::memcpy(fold, col, sizeof(A) * size_t(n));
+        for (int j = 1; j < px; ++j)
+            foldRow_T<St, A, A>(fold, col + j, n);
+        for (int i = 0; i < n; ++i)
+            o[i] = St == Stat::Avg ? q.template of<T, A>(fold[i]) : T(fold[i]);
+    }
+}
+
+// 8-bit averages, whatever the cell width: 16-bit sums and the high half of
+// a 16-bit multiply, in as many lanes as the machine has (the compiler
+// widens that multiply to 32 bits when left to itself). P is the cell width
+// when known at compile time, else 0; a strip's last samples are redone in
+// one vector that ends with it.
+template <int P>
+__attribute__((target("avx512f,avx512bw"))) void acrossAvgU8Avx512(quint8* o, const quint16* col, int n, int px,
+                                                                   const SxQuotient<quint32>& q)
+{
+    const int width = P > 0 ? P : px;
+    const __m512i half = _mm512_set1_epi16(short(q.half)), m = _mm512_set1_epi16(short(q.m));
+    const __m128i shift = _mm_cvtsi32_si128(q.k - 16);
+    auto at = [&](int i) __attribute__((target("avx512f,avx512bw"))) {
+        __m512i s = _mm512_loadu_si512(col + i);
+        for (int j = 1; j < width; ++j)
+            s = _mm512_add_epi16(s, _mm512_loadu_si512(col + i + j));
+        s = _mm512_srl_epi16(_mm512_mulhi_epu16(_mm512_add_epi16(s, half), m), shift);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + i), _mm512_maskz_cvtepi16_epi8(~__mmask32(0), s));
+    };
+    if (n < 32) {
+        for (int i = 0; i < n; ++i) {
+            quint16 s = col[i];
+            for (int j = 1; j < width; ++j)
+                s = quint16(s + col[i + j]);
+            o[i] = q.of<quint8, quint16>(s);
+        }
+        return;
+    }
+    int i = 0;
+    for (; i + 32 <= n; i += 32)
+        at(i);
+    if (i < n)
+        at(n - 32);
+}
+
+template <int P>
+__attribute__((target("avx2"))) void acrossAvgU8Avx2(quint8* o, const quint16* col, int n, int px,
+                                                     const SxQuotient<quint32>& q)
+{
+    const int width = P > 0 ? P : px;
+    const __m256i half = _mm256_set1_epi16(short(q.half)), m = _mm256_set1_epi16(short(q.m));
+    const __m128i shift = _mm_cvtsi32_si128(q.k - 16);
+    auto at = [&](int i) __attribute__((target("avx2"))) {
+        __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(col + i));
+        for (int j = 1; j < width; ++j)
+            s = _mm256_add_epi16(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(col + i + j)));
+        s = _mm256_srl_epi16(_mm256_mulhi_epu16(_mm256_add_epi16(s, half), m), shift);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(o + i),
+                         _mm_packus_epi16(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1)));
+    };
+    if (n < 16) {
+        for (int i = 0; i < n; ++i) {
+            quint16 s = col[i];
+            for (int j = 1; j < width; ++j)
+                s = quint16(s + col[i + j]);
+            o[i] = q.of<quint8, quint16>(s);
+        }
+        return;
+    }
+    int i = 0;
+    for (; i + 16 <= n; i += 16)
+        at(i);
+    if (i < n)
+        at(n - 16);
+}
+
+template <Stat St, class T, class A, class W>
+using AcrossFn = void (*)(T*, const A*, A*, int, int, SxQuotient<W>);
+
+template <Stat St, class T, class A, class W>
+AcrossFn<St, T, A, W> pickAcross(int px)
+{
+    if constexpr (St == Stat::Avg && std::is_same_v<T, quint8> && std::is_same_v<A, quint16>) {
+#define QLAR_ACROSS(fn, P)                                                                   \
+    [](quint8* o, const quint16* col, quint16*, int n, int px, SxQuotient<quint32> q) { fn<P>(o, col, n, px, q); }
+#define QLAR_ACROSS_ANY(fn)                                                                  \
+    switch (px) {                                                                              \
+    case 2: return QLAR_ACROSS(fn, 2);                                                         \
+    case 3: return QLAR_ACROSS(fn, 3);                                                         \
+    case 4: return QLAR_ACROSS(fn, 4);                                                         \
+    case 5: return QLAR_ACROSS(fn, 5);                                                         \
+    case 6: return QLAR_ACROSS(fn, 6);                                                         \
+    case 8: return QLAR_ACROSS(fn, 8);                                                         \
+    default: return QLAR_ACROSS(fn, 0);                                                        \
+    }
+        if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+            QLAR_ACROSS_ANY(acrossAvgU8Avx512)
+        if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
+            QLAR_ACROSS_ANY(acrossAvgU8Avx2)
+#undef QLAR_ACROSS_ANY
+#undef QLAR_ACROSS
+    }
+    switch (px) {
+    case 2: return acrossRow_T<2, St, T, A, W>;
+    case 3: return acrossRow_T<3, St, T, A, W>;
+    case 4: return acrossRow_T<4, St, T, A, W>;
+    case 5: return acrossRow_T<5, St, T, A, W>;
+    case 6: return acrossRow_T<6, St, T, A, W>;
+    case 8: return acrossRow_T<8, St, T, A, W>;
+    default: return acrossRow_T<0, St, T, A, W>;
+    }
+}
+
+template <class T, class A, class W, Stat St>
+void slideStrips(const SxPicBuf& in, const Cells& c, SxPicBuf& out, const SxQuotient<W>& q)
+{
+    const int w = int(out.width), h = int(out.height);
+    const int lastX = c.left + c.width - c.px;
+    const int lastY = c.top + c.height - c.py;
+    const AcrossFn<St, T, A, W> across = pickAcross<St, T, A, W>(c.px);
+    forRows<T>(h, qint64(w) * h * 4, [&](int y0, int y1, int) {
+        A col[StripAnchors + StripMaxPeriod];
+        A folded[StripAnchors];
+        for (int a0 = c.left; a0 <= lastX; a0 += StripAnchors) {
+            const int anchors = std::min(StripAnchors, lastX - a0 + 1);
+            const int cols = anchors + c.px - 1;
+            int held = -1;  // the anchor row col was folded for
+            for (int y = y0; y < y1; ++y) {
+                const int ay = std::clamp(y, c.top, lastY);
+                T* o = rowAt<T>(out, y) + a0;
+                if (ay == held) {
+                    // Rows past the rectangle repeat its last full cells.
+                    std::memcpy(o, rowAt<T>(out, y - 1) + a0, sizeof(T) * size_t(anchors));
+                    continue;
+                }
+                if (St == Stat::Avg && held >= 0 && ay == held + 1) {
+                    moveSumsDown_T<A, T>(col, rowAt<T>(in, ay + c.py - 1) + a0, rowAt<T>(in, held) + a0, cols);
+                } else {
+                    widenRow_T<A, T>(col, rowAt<T>(in, ay) + a0, cols);
+                    for (int j = 1; j < c.py; ++j)
+                        foldRow_T<St, A, T>(col, rowAt<T>(in, ay + j) + a0, cols);
+                }
+                held = ay;
+                across(o, col, folded, anchors, c.px, q);
+            }
+        }
+        for (int y = y0; y < y1; ++y) {
+            T* o = rowAt<T>(out, y);
+            std::fill(o, o + c.left, o[c.left]);
+            std::fill(o + lastX + 1, o + w, o[lastX]);
+        }
+    });
+}
+
+// The strips where they apply: minima and maxima of every type, averages of
+// unsigned 8- and 16-bit samples (summed exactly in 16 or 32 bits).
+template <class T, Stat St>
+bool slidingInStrips(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
+{
+    if (c.px > StripMaxPeriod)
+        return false;
+    if constexpr (St != Stat::Avg) {
+        slideStrips<T, T, quint32, St>(in, c, out, SxQuotient<quint32>(1, 0));
+        return true;
+    } else if constexpr (std::is_same_v<T, quint8> || std::is_same_v<T, quint16>) {
+        const quint64 n = quint64(c.px) * quint64(c.py);
+        const quint64 largest = n * std::numeric_limits<T>::max();
+        if (std::is_same_v<T, quint8> && largest + n / 2 <= 0xffff) {
+            const SxQuotient<quint32> q(n, largest);
+            if (q.ok) {
+                slideStrips<T, quint16, quint32, St>(in, c, out, q);
+                return true;
+            }
+        }
+        if (largest + n / 2 <= 0xffffffffu) {
+            const SxQuotient<quint64> q(n, largest);
+            if (q.ok) {
+                slideStrips<T, quint32, quint64, St>(in, c, out, q);
+                return true;
+            }
+        }
+        return false;
+    } else {
+        return false;
+    }
+}
+
 // Sliding cells. For each output row, the cell's rows are first folded per
 // column (min, max or sum) into a stack buffer, then slid along x, so a
 // sample costs periodX + periodY operations instead of their product.
@@ -312,6 +598,8 @@ void sliding(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
     const int lastY = c.top + c.height - c.py;
     const qint64 n = qint64(c.px) * c.py;
     const PairRowFn pair = c.px == 2 && c.py == 2 ? pickPairRow(in.dataType, St, true) : nullptr;
+    if (!pair && slidingInStrips<T, St>(in, c, out))
+        return;
     forRows<T>(h, qint64(w) * h, [&](int y0, int y1, int) {
         for (int y = y0; y < y1; ++y) {
             const int ay = std::clamp(y, c.top, lastY);

@@ -35,7 +35,9 @@
 // DivideByValue (sum, divisor, out)
 //   divisor >= 1; same size; channels equal, or a three-channel sum into a
 //   four-channel isColor out stored interleaved (storage format 1), whose
-//   alpha is set to out's full scale (1.0 for floats). Every sum type but
+//   alpha is set to out's full scale (1.0 for floats), or such a
+//   four-channel sum into a three-channel out (its alpha left out, as Add
+//   leaves it out of a three-channel sum). Every sum type but
 //   half; out any type but half and the 64-bit integers. Integer outputs are
 //   rounded to nearest, halves away from zero, and clamped to out's type
 //   range; NaN gives 0. Float outputs take the quotient worked out in double.
@@ -144,14 +146,18 @@ bool CxPicBufAPI::DivideByValue(const SxPicBuf& sum, int divisor, SxPicBuf& out)
         return false;
     if (!isInterleaved(sum) || !isInterleaved(out))
         return false;
-    const bool rgbIntoRgba = sum.channels == 3 && hasMarkedAlpha(out);
-    if (sum.channels != out.channels && !rgbIntoRgba)
+    ExAlpha alpha = ExAlpha::Same;
+    if (sum.channels == 3 && hasMarkedAlpha(out))
+        alpha = ExAlpha::Added;
+    else if (out.channels == 3 && hasMarkedAlpha(sum))
+        alpha = ExAlpha::Dropped;
+    if (sum.channels != out.channels && alpha == ExAlpha::Same)
         return false;
     return withSampleTypes(sum.dataType, out.dataType, [&](auto sumTag, auto outTag) {
         using S = typename decltype(sumTag)::type;
         using O = typename decltype(outTag)::type;
         if constexpr (isDivisionOutput<O>) {
-            divideByValue_T<S, O>(sum, divisor, out, rgbIntoRgba);
+            divideByValue_T<S, O>(sum, divisor, out, alpha);
             return true;
         } else {
             return false;

@@ -116,7 +116,7 @@ struct MaxOp
 };
 
 template <class Op, class A, class F>
-void accumulateRow_T(A* __restrict acc, const F* __restrict frame, size_t n)
+QLAR_VECTOR_CLONES void accumulateRow_T(A* __restrict acc, const F* __restrict frame, size_t n)
 {
     for (size_t i = 0; i < n; ++i)
         acc[i] = Op::apply(acc[i], frame[i]);
@@ -124,7 +124,7 @@ void accumulateRow_T(A* __restrict acc, const F* __restrict frame, size_t n)
 
 // Three-channel sums of marked RGBA frames: alpha is skipped.
 template <class Op, class A, class F>
-void accumulateRgbOfRgbaRow_T(A* __restrict acc, const F* __restrict frame, size_t pixels)
+QLAR_VECTOR_CLONES void accumulateRgbOfRgbaRow_T(A* __restrict acc, const F* __restrict frame, size_t pixels)
 {
     for (size_t x = 0; x < pixels; ++x) {
         acc[3 * x + 0] = Op::apply(acc[3 * x + 0], frame[4 * x + 0]);
@@ -283,6 +283,17 @@ QLAR_VECTOR_CLONES void divideRgbIntoRgbaRow_T(O* __restrict out, const S* __res
     }
 }
 
+template <class S, class O, class Div>
+QLAR_VECTOR_CLONES void divideRgbaIntoRgbRow_T(O* __restrict out, const S* __restrict sum, size_t pixels,
+                                               const Div& div)
+{
+    for (size_t x = 0; x < pixels; ++x) {
+        out[3 * x + 0] = div(sum[4 * x + 0]);
+        out[3 * x + 1] = div(sum[4 * x + 1]);
+        out[3 * x + 2] = div(sum[4 * x + 2]);
+    }
+}
+
 // Opaque alpha of a picture: its full scale, within the type; 1 for floats.
 template <class O>
 O opaqueAlpha(const SxPicBufInfo& f)
@@ -297,19 +308,47 @@ O opaqueAlpha(const SxPicBufInfo& f)
     }
 }
 
+enum class ExAlpha { Same, Added, Dropped };
+
+// Division by 1 of integers: only the hold inside out's range is left, as
+// SxIntDivider_T would hold them (a series' first frame becomes its sum so).
 template <class S, class O>
-void divideByValue_T(const SxPicBuf& sum, int divisor, SxPicBuf& out, bool rgbIntoRgba)
+struct SxHoldInRange_T
+{
+    O operator()(S s) const
+    {
+        constexpr qint64 lo = qint64(std::numeric_limits<O>::min()), hi = qint64(std::numeric_limits<O>::max());
+        const qint64 v = qint64(s);
+        return O(v < lo ? lo : v > hi ? hi : v);
+    }
+};
+
+template <class S, class O, class Div>
+void divideRows_T(const SxPicBuf& sum, SxPicBuf& out, ExAlpha alphaRule, const Div& div)
 {
     const size_t pixels = out.width;
     const quint64 rowBytes = quint64(pixels) * (sum.channels * sizeof(S) + out.channels * sizeof(O));
     const O alpha = opaqueAlpha<O>(out);
-    const Divider_T<S, O> div(divisor);
     forEachRow(out.height, rowBytes, [&](quint32 y) {
-        if (rgbIntoRgba)
+        if (alphaRule == ExAlpha::Added)
             divideRgbIntoRgbaRow_T<S, O>(out.row<O>(y), sum.row<S>(y), pixels, div, alpha);
+        else if (alphaRule == ExAlpha::Dropped)
+            divideRgbaIntoRgbRow_T<S, O>(out.row<O>(y), sum.row<S>(y), pixels, div);
         else
             divideRow_T<S, O>(out.row<O>(y), sum.row<S>(y), pixels * out.channels, div);
     });
+}
+
+template <class S, class O>
+void divideByValue_T(const SxPicBuf& sum, int divisor, SxPicBuf& out, ExAlpha alphaRule)
+{
+    if constexpr (isNarrowInt<S> && std::is_integral_v<O> && !isFloat<O>) {
+        if (divisor == 1) {
+            divideRows_T<S, O>(sum, out, alphaRule, SxHoldInRange_T<S, O>());
+            return;
+        }
+    }
+    divideRows_T<S, O>(sum, out, alphaRule, Divider_T<S, O>(divisor));
 }
 
 // ----------------------------------------------------------- channel moves

@@ -78,13 +78,22 @@ private slots:
         // Wide enough that the planes are filtered a band of rows at a time:
         // every band must see its neighbours' rows.
         QTest::newRow("bayer u8 in bands")
-            << SxPlaneCase{format(65536, 40, 1, IDT_UINT8, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
+            << SxPlaneCase{format(65536, 70, 1, IDT_UINT8, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
         QTest::newRow("bayer u16 in bands r2")
-            << SxPlaneCase{format(32768, 37, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
+            << SxPlaneCase{format(32768, 69, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
         QTest::newRow("hsi 3x2 u8")
             << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
         QTest::newRow("hsi 4x4 u16 r2")
             << SxPlaneCase{format(18, 9, 1, IDT_UINT16, 2, CFA_HSI_MOSAIC), hsiMeta(4, 4), 2, 4, 4};
+        // Rows of several whole vector blocks and a part of one.
+        QTest::newRow("rgba u8 wide")
+            << SxPlaneCase{format(141, 3, 4, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+        QTest::newRow("hsi 5x5 u8 wide")
+            << SxPlaneCase{format(683, 11, 1, IDT_UINT8, 1, CFA_HSI_MOSAIC), hsiMeta(5, 5), 1, 5, 5};
+        QTest::newRow("hsi 3x3 u16 wide")
+            << SxPlaneCase{format(211, 7, 1, IDT_UINT16, 0, CFA_HSI_MOSAIC), hsiMeta(3, 3), 1, 3, 3};
+        QTest::newRow("hsi 5x5 u8 in bands")
+            << SxPlaneCase{format(27000, 203, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(5, 5), 1, 5, 5};
     }
 
     void filtersEachPlane()
