@@ -175,7 +175,8 @@ void gatherPlaneRow(SampleRows<const uchar> in, const MosaicPlane m, qint64 widt
         // Single-sample cells: a plain stride, the common case, kept tight.
         qint64 first, last;
         detail::insideRun(m, width, in.width, first, last);
-        std::memset(dst, 0, size_t(first * S));
+        if (first > 0)  // never negative; the test also tells the compiler so
+            std::memset(dst, 0, size_t(first * S));
         const uchar* s = src + (m.x0 + first * m.stepX) * qint64(S);
         uchar* d = dst + first * S;
         const qint64 n = last - first;
