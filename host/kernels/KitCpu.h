@@ -14,7 +14,7 @@ namespace pixelkit {
 #define QLAR_VECTOR_CLONES
 #endif
 
-enum class CpuFeature { Avx2, Avx512Vbmi };
+enum class CpuFeature { Avx2, Avx512Bw, Avx512Vbmi };
 
 // Hand-written vector paths test their feature here; the answers are
 // computed on first use and kept.
@@ -22,11 +22,13 @@ inline bool cpuHas(CpuFeature f)
 {
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
     static const bool avx2 = __builtin_cpu_supports("avx2");
+    static const bool avx512bw = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
     // The byte permutes of the table look-ups need all three.
     static const bool vbmi = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")
                              && __builtin_cpu_supports("avx512vbmi");
     switch (f) {
     case CpuFeature::Avx2: return avx2;
+    case CpuFeature::Avx512Bw: return avx512bw;
     case CpuFeature::Avx512Vbmi: return vbmi;
     }
 #endif

@@ -28,6 +28,7 @@
 // (CxPicBufAPI_MedianHistogram.cpp).
 #include "CxPicBufAPI.h"
 #include "Median_p.h"
+#include "MedianNetwork_p.h"
 
 #include <KitCpu.h>
 #include <KitPicture.h>
@@ -39,6 +40,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #pragma GCC diagnostic ignored "-Wpsabi"
@@ -64,14 +66,6 @@ struct MedianWork
 constexpr int TileWidth = 256;
 constexpr int TileCapacity = TileWidth + 64 + 8;  // positions per scratch row
 
-size_t slotBytesFor(int radius, unsigned bytesPerSample)
-{
-    if (radius == 0)
-        return 64;
-    if (radius <= 2)
-        return radius == 1 ? 64 : 15 * size_t(TileCapacity) * bytesPerSample;
-    return histogramSlotBytes(radius, bytesPerSample);
-}
 
 // ---------------------------------------------------------------- SIMD traits
 
@@ -130,7 +124,7 @@ QLAR_INLINE int tileWidthAt(int x0, int w)
 // Sorts the columns [x0 - margin, x0 + tw + margin) of the given rows with
 // sortColumn and stores them from position 0 of the scratch rows (stride
 // TileCapacity); columns outside the picture repeat the edge column.
-template <class S, int Rows, int Margin, class Sort>
+template <class S, int Rows, int Margin, class Sort, int Stride = TileCapacity>
 QLAR_INLINE void sortedColumns(const typename S::T* const* rows, int x0, int tw, int w, typename S::T* out)
 {
     using T = typename S::T;
@@ -147,11 +141,11 @@ QLAR_INLINE void sortedColumns(const typename S::T* const* rows, int x0, int tw,
         Sort::apply(v);
 #pragma GCC unroll 8
         for (int k = 0; k < Rows; ++k)
-            S::store(first + k * TileCapacity + i, v[k]);
+            S::store(first + k * Stride + i, v[k]);
     }
     const int lead = c0 - (x0 - Margin), end = c1 - (x0 - Margin), total = tw + 2 * Margin;
     for (int k = 0; k < Rows; ++k) {
-        T* row = out + k * TileCapacity;
+        T* row = out + k * Stride;
         std::fill(row, row + lead, row[lead]);
         std::fill(row + end, row + total, row[end - 1]);
     }
@@ -344,6 +338,270 @@ QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
     }
 }
 
+// ------------------------------------------------------- network kernels, 7+
+//
+// Kernel k = 2r + 1 from 7 up. For each output row every column of the tile
+// is sorted once (s1); neighbouring sorted blocks are then merged level by
+// level into blocks of 2, 4, 8 ... columns at every position, each shared by
+// all the windows of the row that contain it. A window of k columns is the
+// largest such block at its left edge plus the blocks of the other binary
+// digits of k; those are merged per window, and the median is picked from
+// the two sorted runs left as min over the splits of max(run A rank i, run B
+// rank t - i).
+//
+// Every block keeps only the ranks that can still be the median: a value
+// of rank i in a block of n holds at least i window values below it and
+// n - 1 - i above, so ranks below n - 1 - (N - 1 - m) or above m (median rank
+// m of N) are dropped, counted, and taken off the rank wanted at the end.
+// Nothing is shared between output rows.
+
+struct Block
+{
+    int count = 0;   // ranks kept
+    int below = 0;   // window values dropped as certainly below the median
+    int above = 0;   // ... and above it
+    int a = 0, b = 0, lo = 0, hi = 0;  // the merge that made it: inputs, ranks kept
+};
+
+constexpr Block mergedBlock(const Block& x, const Block& y, int n, int m)
+{
+    Block r;
+    r.a = x.count;
+    r.b = y.count;
+    const int count = x.count + y.count, below = x.below + y.below, above = x.above + y.above;
+    const int rest = n - below - above, rank = m - below;
+    r.lo = std::max(0, count - rest + rank);
+    r.hi = std::min(count - 1, rank);
+    r.count = r.hi - r.lo + 1;
+    r.below = below + r.lo;
+    r.above = above + count - 1 - r.hi;
+    return r;
+}
+
+constexpr int MaxLevels = 8;
+
+struct NetPlan
+{
+    int k = 0, n = 0, m = 0;
+    int top = 0;                  // the largest level, 2^top columns
+    Block level[MaxLevels] = {};  // level j: 2^j columns
+    int levelRows = 0;            // scratch rows of all levels
+    int restCount = 0;
+    int restLevel[MaxLevels] = {};  // the other binary digits of k, largest first
+    int restOffset[MaxLevels] = {}; // their first column in the window
+    Block rest[MaxLevels] = {};     // rest[i]: the digits from i on, merged
+};
+
+constexpr NetPlan netPlan(int r)
+{
+    NetPlan p;
+    p.k = 2 * r + 1;
+    p.n = p.k * p.k;
+    p.m = (p.n - 1) / 2;
+    while ((2 << p.top) <= p.k)
+        ++p.top;
+    p.level[0] = Block{p.k, 0, 0, 0, 0, 0, p.k - 1};
+    for (int j = 1; j <= p.top; ++j)
+        p.level[j] = mergedBlock(p.level[j - 1], p.level[j - 1], p.n, p.m);
+    for (int j = 0; j <= p.top; ++j)
+        p.levelRows += p.level[j].count;
+    int offset = 1 << p.top;
+    for (int j = p.top - 1; j >= 0; --j)
+        if (p.k & (1 << j)) {
+            p.restLevel[p.restCount] = j;
+            p.restOffset[p.restCount++] = offset;
+            offset += 1 << j;
+        }
+    p.rest[p.restCount - 1] = p.level[p.restLevel[p.restCount - 1]];
+    for (int i = p.restCount - 2; i >= 0; --i)
+        p.rest[i] = mergedBlock(p.level[p.restLevel[i]], p.rest[i + 1], p.n, p.m);
+    return p;
+}
+
+template <int R>
+struct PlanOf
+{
+    static constexpr NetPlan p = netPlan(R);
+};
+
+constexpr int MinNetworkRadius = 3;
+constexpr int MaxNetworkRadius = 12;
+
+// Outputs per tile; scratch rows hold the tile, its 2r margin and a vector
+// of slack for the last tile.
+constexpr int NetTileWidth = 256;
+constexpr int netStride(int r, unsigned bytesPerSample) { return NetTileWidth + 64 / int(bytesPerSample) + 2 * r; }
+
+template <int R>
+constexpr size_t netSlotBytes(unsigned bytesPerSample)
+{
+    return size_t(PlanOf<R>::p.levelRows) * size_t(netStride(R, bytesPerSample)) * bytesPerSample;
+}
+
+template <size_t... R>
+size_t netSlotBytesFor(int radius, unsigned bytesPerSample, std::index_sequence<R...>)
+{
+    size_t bytes = 0;
+    ((bytes = int(R) + MinNetworkRadius == radius ? netSlotBytes<int(R) + MinNetworkRadius>(bytesPerSample) : bytes),
+     ...);
+    return bytes;
+}
+
+template <class S, int A, int B, net::OpKind Kind>
+QLAR_INLINE void netOp(typename S::V* v)
+{
+    if constexpr (Kind == net::Both) {
+        const typename S::V t = S::mn(v[A], v[B]);
+        v[B] = S::mx(v[A], v[B]);
+        v[A] = t;
+    } else if constexpr (Kind == net::MinOnly) {
+        v[A] = S::mn(v[A], v[B]);
+    } else {
+        v[B] = S::mx(v[A], v[B]);
+    }
+}
+
+template <class S, class Net, size_t... I>
+QLAR_INLINE void runNet(typename S::V* v, std::index_sequence<I...>)
+{
+    (netOp<S, Net::net.ops[I].a, Net::net.ops[I].b, Net::net.ops[I].kind>(v), ...);
+}
+
+template <class S, class Net>
+QLAR_INLINE void runNet(typename S::V* v)
+{
+    if constexpr (Net::net.count > 0)
+        runNet<S, Net>(v, std::make_index_sequence<size_t(Net::net.count)>());
+}
+
+template <class S, size_t... I>
+QLAR_INLINE void loadRows(typename S::V* v, const typename S::T* p, int stride, std::index_sequence<I...>)
+{
+    ((v[I] = S::load(p + int(I) * stride)), ...);
+}
+
+// Stores (or copies to out) the network's outputs in rank order.
+template <class S, class Net, size_t... I>
+QLAR_INLINE void storeOutputs(typename S::T* p, int stride, const typename S::V* v, std::index_sequence<I...>)
+{
+    (S::store(p + int(I) * stride, v[Net::net.out[I]]), ...);
+}
+template <class S, class Net, size_t... I>
+QLAR_INLINE void copyOutputs(typename S::V* out, const typename S::V* v, std::index_sequence<I...>)
+{
+    ((out[I] = v[Net::net.out[I]]), ...);
+}
+
+template <class S, int K>
+struct SortColumn
+{
+    using V = typename S::V;
+    using Net = net::SortNet<K>;
+    static QLAR_INLINE void apply(V* v)
+    {
+        runNet<S, Net>(v);
+        V sorted[K];
+        copyOutputs<S, Net>(sorted, v, std::make_index_sequence<K>());
+        for (int i = 0; i < K; ++i)
+            v[i] = sorted[i];
+    }
+};
+
+// Level J at every position p: the merge of level J - 1 at p and p + 2^(J-1).
+template <class S, int R, int J>
+QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride)
+{
+    using V = typename S::V;
+    constexpr Block b = PlanOf<R>::p.level[J];
+    using Net = net::MergeNet<b.a, b.b, b.lo, b.hi>;
+    constexpr int half = 1 << (J - 1);
+    const typename S::T* src = lev[J - 1];
+    typename S::T* dst = lev[J];
+    QLAR_FOR_CHUNKS(p, positions - (2 * half - 1), S::Lanes)
+    {
+        V v[b.a + b.b];
+        loadRows<S>(v, src + p, stride, std::make_index_sequence<b.a>());
+        loadRows<S>(v + b.a, src + p + half, stride, std::make_index_sequence<b.b>());
+        runNet<S, Net>(v);
+        storeOutputs<S, Net>(dst + p, stride, v, std::make_index_sequence<b.count>());
+    }
+    if constexpr (J < PlanOf<R>::p.top)
+        netLevel<S, R, J + 1>(lev, positions, stride);
+}
+
+// The window's other digits from I on, merged, into out (rank order).
+template <class S, int R, int I>
+QLAR_INLINE void netRest(typename S::T* const* lev, int x, int stride, typename S::V* out)
+{
+    constexpr NetPlan P = PlanOf<R>::p;
+    constexpr int j = P.restLevel[I];
+    const typename S::T* src = lev[j] + x + P.restOffset[I];
+    if constexpr (I == P.restCount - 1) {
+        loadRows<S>(out, src, stride, std::make_index_sequence<P.level[j].count>());
+    } else {
+        constexpr Block b = P.rest[I];
+        using Net = net::MergeNet<b.a, b.b, b.lo, b.hi>;
+        typename S::V v[b.a + b.b];
+        loadRows<S>(v, src, stride, std::make_index_sequence<b.a>());
+        netRest<S, R, I + 1>(lev, x, stride, v + b.a);
+        runNet<S, Net>(v);
+        copyOutputs<S, Net>(out, v, std::make_index_sequence<b.count>());
+    }
+}
+
+// Rank t (from 1) of the union of sorted runs a and b: min over i of
+// max(a_i, b_(t-i)), where a_0 and b_0 stand for -inf.
+template <class S, int T0, int Lo, int Bn, size_t... I>
+QLAR_INLINE typename S::V pickRank(const typename S::V* a, const typename S::V* b, std::index_sequence<I...>)
+{
+    auto term = [&](int i) {
+        const int j = T0 - i;
+        return i == 0 ? b[j - 1] : j == 0 ? a[i - 1] : S::mx(a[i - 1], b[j - 1]);
+    };
+    typename S::V med = term(Lo);
+    ((med = S::mn(med, term(Lo + 1 + int(I)))), ...);
+    return med;
+}
+
+template <class S, int R>
+QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
+{
+    using T = typename S::T;
+    using V = typename S::V;
+    constexpr int L = S::Lanes;
+    constexpr NetPlan P = PlanOf<R>::p;
+    constexpr int K = P.k;
+    constexpr int C = netStride(R, sizeof(T));
+    constexpr Block top = P.level[P.top], rest = P.rest[0];
+    constexpr int t = P.m - top.below - rest.below + 1;
+    constexpr int iLo = std::max(0, t - rest.count), iHi = std::min(top.count, t);
+    const int w = f.w;
+    T* lev[MaxLevels];
+    lev[0] = reinterpret_cast<T*>(scratch);
+    for (int j = 1; j <= P.top; ++j)
+        lev[j] = lev[j - 1] + P.level[j - 1].count * C;
+
+    for (int y = y0; y < y1; ++y) {
+        const T* rows[K];
+        for (int i = 0; i < K; ++i)
+            rows[i] = f.inRow<T>(y - R + i);
+        T* o = f.outRow<T>(y);
+        for (int tx = 0, tw = 0; tx < w; tx += tw) {
+            tw = w - tx <= NetTileWidth + L ? w - tx : NetTileWidth;
+            // Position p holds column tx - R + p.
+            sortedColumns<S, K, R, SortColumn<S, K>, C>(rows, tx, tw, w, lev[0]);
+            netLevel<S, R, 1>(lev, tw + 2 * R, C);
+            QLAR_FOR_CHUNKS(x, tw, L)
+            {
+                V a[top.count], b[rest.count];
+                loadRows<S>(a, lev[P.top] + x, C, std::make_index_sequence<top.count>());
+                netRest<S, R, 0>(lev, x, C, b);
+                S::store(o + tx + x, pickRank<S, t, iLo, rest.count>(a, b, std::make_index_sequence<iHi - iLo>()));
+            }
+        }
+    }
+}
+
 template <class T>
 void copyBand(const Frame& f, int y0, int y1, uchar*)
 {
@@ -366,6 +624,63 @@ void copyBand(const Frame& f, int y0, int y1, uchar*)
 QLAR_MEDIAN_ENTRIES(quint8, u8)
 QLAR_MEDIAN_ENTRIES(quint16, u16)
 
+template <class T, int R>
+__attribute__((target("avx512f,avx512bw"))) void medianNetAvx512(const Frame& f, int a, int b, uchar* s)
+{
+    medianNetBand<Simd<T, 64 / sizeof(T)>, R>(f, a, b, s);
+}
+template <class T, int R>
+__attribute__((target("avx2"))) void medianNetAvx2(const Frame& f, int a, int b, uchar* s)
+{
+    medianNetBand<Simd<T, 32 / sizeof(T)>, R>(f, a, b, s);
+}
+template <class T, int R>
+void medianNetSse(const Frame& f, int a, int b, uchar* s)
+{
+    medianNetBand<Simd<T, 16 / sizeof(T)>, R>(f, a, b, s);
+}
+
+enum class Isa { Sse2, Avx2, Avx512 };
+
+template <class T, size_t... I>
+BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
+{
+    BandFn fn = nullptr;
+    ((fn = int(I) + MinNetworkRadius != radius ? fn
+           : isa == Isa::Avx512                ? medianNetAvx512<T, int(I) + MinNetworkRadius>
+           : isa == Isa::Avx2                  ? medianNetAvx2<T, int(I) + MinNetworkRadius>
+                                               : medianNetSse<T, int(I) + MinNetworkRadius>),
+     ...);
+    return fn;
+}
+
+using NetworkRadii = std::make_index_sequence<MaxNetworkRadius - MinNetworkRadius + 1>;
+
+// The largest radius the networks serve, per sample size; beyond it the
+// histogram kernels are faster.
+int networkMaxRadius(unsigned bytesPerSample)
+{
+    return bytesPerSample == 1 ? MaxNetworkRadius : MaxNetworkRadius;
+}
+
+bool usesNetwork(int radius, unsigned bytesPerSample)
+{
+    return radius >= MinNetworkRadius && radius <= networkMaxRadius(bytesPerSample);
+}
+
+size_t slotBytesFor(int radius, unsigned bytesPerSample)
+{
+    if (radius == 0)
+        return 64;
+    if (radius <= 2)
+        return radius == 1 ? 64 : 15 * size_t(TileCapacity) * bytesPerSample;
+    // Pictures narrower than a vector fall back to the histograms.
+    const size_t histogram = histogramSlotBytes(radius, bytesPerSample);
+    if (!usesNetwork(radius, bytesPerSample))
+        return histogram;
+    return std::max(histogram, netSlotBytesFor(radius, bytesPerSample, NetworkRadii()));
+}
+
 bool hasAvx2()
 {
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
@@ -378,8 +693,14 @@ BandFn pickKernel(int radius, int width)
     const int avxLanes = 32 / int(sizeof(T)), sseLanes = 16 / int(sizeof(T));
     if (radius == 0)
         return copyBand<T>;
-    if (radius > 2)
-        return histogramKernel(radius, sizeof(T));
+    if (radius > 2) {
+        if (!usesNetwork(radius, sizeof(T)) || width < sseLanes)
+            return histogramKernel(radius, sizeof(T));
+        const Isa isa = width >= 2 * avxLanes && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw) ? Isa::Avx512
+                        : width >= avxLanes && hasAvx2()                                          ? Isa::Avx2
+                                                                                                  : Isa::Sse2;
+        return networkKernel<T>(radius, isa, NetworkRadii());
+    }
     const bool three = radius == 1;
     // Kernel 3 vectors cover all but the two edge columns.
     const int need = three ? 2 : 0;
