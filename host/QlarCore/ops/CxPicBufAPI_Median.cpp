@@ -383,13 +383,15 @@ constexpr int MaxLevels = 8;
 struct NetPlan
 {
     int k = 0, n = 0, m = 0;
-    int top = 0;                  // the largest level, 2^top columns
+    int levels = 0;               // levels 0 .. levels - 1 are kept for the whole tile
     Block level[MaxLevels] = {};  // level j: 2^j columns
     int levelRows = 0;            // scratch rows of all levels
-    int restCount = 0;
-    int restLevel[MaxLevels] = {};  // the other binary digits of k, largest first
-    int restOffset[MaxLevels] = {}; // their first column in the window
-    Block rest[MaxLevels] = {};     // rest[i]: the digits from i on, merged
+    // A window is made of parts: two blocks of the last level, then one per
+    // lower binary digit of k, largest first (the last is one column).
+    int parts = 0;
+    int partLevel[MaxLevels + 1] = {};
+    int partOffset[MaxLevels + 1] = {};
+    Block merged[MaxLevels + 1] = {};  // merged[i]: parts 0 .. i
 };
 
 constexpr NetPlan netPlan(int r)
@@ -398,23 +400,28 @@ constexpr NetPlan netPlan(int r)
     p.k = 2 * r + 1;
     p.n = p.k * p.k;
     p.m = (p.n - 1) / 2;
-    while ((2 << p.top) <= p.k)
-        ++p.top;
+    int top = 0;
+    while ((2 << top) <= p.k)
+        ++top;
+    p.levels = top;
     p.level[0] = Block{p.k, 0, 0, 0, 0, 0, p.k - 1};
-    for (int j = 1; j <= p.top; ++j)
+    for (int j = 1; j < p.levels; ++j)
         p.level[j] = mergedBlock(p.level[j - 1], p.level[j - 1], p.n, p.m);
-    for (int j = 0; j <= p.top; ++j)
+    for (int j = 0; j < p.levels; ++j)
         p.levelRows += p.level[j].count;
-    int offset = 1 << p.top;
-    for (int j = p.top - 1; j >= 0; --j)
+    const int half = 1 << (top - 1);
+    p.partLevel[0] = p.partLevel[1] = top - 1;
+    p.partOffset[1] = half;
+    p.parts = 2;
+    for (int j = top - 1, offset = 2 * half; j >= 0; --j)
         if (p.k & (1 << j)) {
-            p.restLevel[p.restCount] = j;
-            p.restOffset[p.restCount++] = offset;
+            p.partLevel[p.parts] = j;
+            p.partOffset[p.parts++] = offset;
             offset += 1 << j;
         }
-    p.rest[p.restCount - 1] = p.level[p.restLevel[p.restCount - 1]];
-    for (int i = p.restCount - 2; i >= 0; --i)
-        p.rest[i] = mergedBlock(p.level[p.restLevel[i]], p.rest[i + 1], p.n, p.m);
+    p.merged[0] = p.level[top - 1];
+    for (int i = 1; i < p.parts - 1; ++i)
+        p.merged[i] = mergedBlock(p.merged[i - 1], p.level[p.partLevel[i]], p.n, p.m);
     return p;
 }
 
@@ -525,28 +532,8 @@ QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride)
         runNet<S, Net>(v);
         storeOutputs<S, Net>(dst + p, stride, v, std::make_index_sequence<b.count>());
     }
-    if constexpr (J < PlanOf<R>::p.top)
+    if constexpr (J + 1 < PlanOf<R>::p.levels)
         netLevel<S, R, J + 1>(lev, positions, stride);
-}
-
-// The window's other digits from I on, merged, into out (rank order).
-template <class S, int R, int I>
-QLAR_INLINE void netRest(typename S::T* const* lev, int x, int stride, typename S::V* out)
-{
-    constexpr NetPlan P = PlanOf<R>::p;
-    constexpr int j = P.restLevel[I];
-    const typename S::T* src = lev[j] + x + P.restOffset[I];
-    if constexpr (I == P.restCount - 1) {
-        loadRows<S>(out, src, stride, std::make_index_sequence<P.level[j].count>());
-    } else {
-        constexpr Block b = P.rest[I];
-        using Net = net::MergeNet<b.a, b.b, b.lo, b.hi>;
-        typename S::V v[b.a + b.b];
-        loadRows<S>(v, src, stride, std::make_index_sequence<b.a>());
-        netRest<S, R, I + 1>(lev, x, stride, v + b.a);
-        runNet<S, Net>(v);
-        copyOutputs<S, Net>(out, v, std::make_index_sequence<b.count>());
-    }
 }
 
 // Rank t (from 1) of the union of sorted runs a and b: min over i of
@@ -563,6 +550,35 @@ QLAR_INLINE typename S::V pickRank(const typename S::V* a, const typename S::V* 
     return med;
 }
 
+// Merges part I of the window at x into the parts before it (acc), or, for
+// the last part, picks the median from the two.
+template <class S, int R, int I>
+QLAR_INLINE typename S::V netWindow(typename S::T* const* lev, int x, int stride, const typename S::V* acc)
+{
+    using V = typename S::V;
+    constexpr NetPlan P = PlanOf<R>::p;
+    constexpr int j = P.partLevel[I];
+    const typename S::T* src = lev[j] + x + P.partOffset[I];
+    if constexpr (I == P.parts - 1) {
+        constexpr Block a = P.merged[I - 1], b = P.level[j];
+        constexpr int t = P.m - a.below - b.below + 1;
+        constexpr int lo = std::max(0, t - b.count), hi = std::min(a.count, t);
+        V last[b.count];
+        loadRows<S>(last, src, stride, std::make_index_sequence<b.count>());
+        return pickRank<S, t, lo, b.count>(acc, last, std::make_index_sequence<hi - lo>());
+    } else {
+        constexpr Block b = P.merged[I];
+        using Net = net::MergeNet<b.a, b.b, b.lo, b.hi>;
+        V v[b.a + b.b], next[b.count];
+        for (int i = 0; i < b.a; ++i)
+            v[i] = acc[i];
+        loadRows<S>(v + b.a, src, stride, std::make_index_sequence<b.b>());
+        runNet<S, Net>(v);
+        copyOutputs<S, Net>(next, v, std::make_index_sequence<b.count>());
+        return netWindow<S, R, I + 1>(lev, x, stride, next);
+    }
+}
+
 template <class S, int R>
 QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
 {
@@ -572,13 +588,10 @@ QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
     constexpr NetPlan P = PlanOf<R>::p;
     constexpr int K = P.k;
     constexpr int C = netStride(R, sizeof(T));
-    constexpr Block top = P.level[P.top], rest = P.rest[0];
-    constexpr int t = P.m - top.below - rest.below + 1;
-    constexpr int iLo = std::max(0, t - rest.count), iHi = std::min(top.count, t);
     const int w = f.w;
     T* lev[MaxLevels];
     lev[0] = reinterpret_cast<T*>(scratch);
-    for (int j = 1; j <= P.top; ++j)
+    for (int j = 1; j < P.levels; ++j)
         lev[j] = lev[j - 1] + P.level[j - 1].count * C;
 
     for (int y = y0; y < y1; ++y) {
@@ -593,10 +606,9 @@ QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
             netLevel<S, R, 1>(lev, tw + 2 * R, C);
             QLAR_FOR_CHUNKS(x, tw, L)
             {
-                V a[top.count], b[rest.count];
-                loadRows<S>(a, lev[P.top] + x, C, std::make_index_sequence<top.count>());
-                netRest<S, R, 0>(lev, x, C, b);
-                S::store(o + tx + x, pickRank<S, t, iLo, rest.count>(a, b, std::make_index_sequence<iHi - iLo>()));
+                V first[P.level[P.levels - 1].count];
+                loadRows<S>(first, lev[P.levels - 1] + x, C, std::make_index_sequence<P.level[P.levels - 1].count>());
+                S::store(o + tx + x, netWindow<S, R, 1>(lev, x, C, first));
             }
         }
     }
@@ -699,6 +711,7 @@ BandFn pickKernel(int radius, int width)
         const Isa isa = width >= 2 * avxLanes && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw) ? Isa::Avx512
                         : width >= avxLanes && hasAvx2()                                          ? Isa::Avx2
                                                                                                   : Isa::Sse2;
+        if (const char* e = getenv("MEDSORT_ISA")) return networkKernel<T>(radius, Isa(atoi(e)), NetworkRadii()); // TEMP
         return networkKernel<T>(radius, isa, NetworkRadii());
     }
     const bool three = radius == 1;
