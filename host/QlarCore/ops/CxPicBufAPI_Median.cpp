@@ -441,7 +441,14 @@ struct PlanOf
 };
 
 constexpr int MinNetworkRadius = 3;
+#ifdef __OPTIMIZE__
 constexpr int MaxNetworkRadius = 12;
+#else
+// Unoptimised builds (the sanitizer build) keep to the small networks: the
+// large ones take many minutes and gigabytes to compile without optimisation,
+// and every radius runs the same template.
+constexpr int MaxNetworkRadius = 4;
+#endif
 
 // Outputs per tile; scratch rows hold the tile, its 2r margin and a vector
 // of slack for the last tile.
@@ -680,7 +687,10 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 // in the same process. 8-bit column histograms cost the same at any radius
 // and overtake the networks from kernel 21; 16-bit histograms grow with the
 // radius and the networks stay ahead up to 25 at least.
-constexpr int networkMaxRadius(unsigned bytesPerSample) { return bytesPerSample == 1 ? 9 : MaxNetworkRadius; }
+constexpr int networkMaxRadius(unsigned bytesPerSample)
+{
+    return bytesPerSample == 1 ? std::min(9, MaxNetworkRadius) : MaxNetworkRadius;
+}
 
 template <class T>
 using NetworkRadii = std::make_index_sequence<size_t(networkMaxRadius(sizeof(T)) - MinNetworkRadius + 1)>;
