@@ -22,13 +22,15 @@ inline bool cpuHas(CpuFeature f)
 {
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
     static const bool avx2 = __builtin_cpu_supports("avx2");
-    static const bool avx512bw = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+    // The x86-64-v4 level: what 512-bit lanes of any sample width need.
+    static const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")
+                               && __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl");
     // The byte permutes of the table look-ups need all three.
     static const bool vbmi = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw")
                              && __builtin_cpu_supports("avx512vbmi");
     switch (f) {
     case CpuFeature::Avx2: return avx2;
-    case CpuFeature::Avx512Bw: return avx512bw;
+    case CpuFeature::Avx512Bw: return avx512;
     case CpuFeature::Avx512Vbmi: return vbmi;
     }
 #endif
