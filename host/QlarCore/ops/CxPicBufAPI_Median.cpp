@@ -553,16 +553,20 @@ QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride)
 }
 
 // Rank t (from 1) of the union of sorted runs a and b: min over i of
-// max(a_i, b_(t-i)), where a_0 and b_0 stand for -inf.
-template <class S, int T0, int Lo, int Bn, size_t... I>
+// max(a_i, b_(t-i)), where a_0 and b_0 stand for -inf. (No lambda: one left
+// out of line would hand vectors between code built for different units.)
+template <class S, int T0>
+QLAR_INLINE typename S::V splitTerm(const typename S::V* a, const typename S::V* b, int i)
+{
+    const int j = T0 - i;
+    return i == 0 ? b[j - 1] : j == 0 ? a[i - 1] : S::mx(a[i - 1], b[j - 1]);
+}
+
+template <class S, int T0, int Lo, size_t... I>
 QLAR_INLINE typename S::V pickRank(const typename S::V* a, const typename S::V* b, std::index_sequence<I...>)
 {
-    auto term = [&](int i) {
-        const int j = T0 - i;
-        return i == 0 ? b[j - 1] : j == 0 ? a[i - 1] : S::mx(a[i - 1], b[j - 1]);
-    };
-    typename S::V med = term(Lo);
-    ((med = S::mn(med, term(Lo + 1 + int(I)))), ...);
+    typename S::V med = splitTerm<S, T0>(a, b, Lo);
+    ((med = S::mn(med, splitTerm<S, T0>(a, b, Lo + 1 + int(I)))), ...);
     return med;
 }
 
@@ -581,7 +585,7 @@ QLAR_INLINE typename S::V netWindow(typename S::T* const* lev, int x, int stride
         constexpr int lo = std::max(0, t - b.count), hi = std::min(a.count, t);
         V last[b.count];
         loadRows<S>(last, src, stride, std::make_index_sequence<b.count>());
-        return pickRank<S, t, lo, b.count>(acc, last, std::make_index_sequence<hi - lo>());
+        return pickRank<S, t, lo>(acc, last, std::make_index_sequence<hi - lo>());
     } else {
         constexpr Block b = P.merged[I];
         using Net = net::MergeNet<b.a, b.b, b.lo, b.hi>;
