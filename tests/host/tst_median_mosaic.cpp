@@ -141,10 +141,13 @@ private slots:
     void median_data()
     {
         QTest::addColumn<MedianCase>("c");
-        const QList<QPair<int, int>> sizes = {{1, 1}, {37, 1}, {1, 29}, {3, 2}, {37, 23}, {70, 9}, {33, 40}, {289, 7}};
+        // Widths pick every vector width of both sample sizes, several tiles
+        // of a row, and windows wider or taller than the picture.
+        const QList<QPair<int, int>> sizes = {{1, 1},   {37, 1}, {1, 29}, {3, 2},   {12, 30},
+                                              {20, 5},  {37, 23}, {70, 9}, {33, 40}, {333, 7}};
         for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
             for (const auto& s : sizes)
-                for (int r = 1; r <= 4; ++r)
+                for (int r = 1; r <= 12; ++r)
                     for (int pad : {0, 6}) {
                         // Few distinct values: ties and flat runs stress the histogram walk.
                         const int distinct = (s.first + r) % 3 == 0 ? 3 : 0;
