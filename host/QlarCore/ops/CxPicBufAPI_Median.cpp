@@ -441,12 +441,12 @@ struct PlanOf
 };
 
 constexpr int MinNetworkRadius = 3;
-#ifdef __OPTIMIZE__
+#if defined(__OPTIMIZE__) && !defined(QLAR_MEDIAN_SMALL_NETWORKS)
 constexpr int MaxNetworkRadius = 12;
 #else
-// Unoptimised builds (the sanitizer build) keep to the small networks: the
-// large ones take many minutes and gigabytes to compile without optimisation,
-// and every radius runs the same template.
+// Unoptimised and instrumented builds (sanitizers, fuzzing) keep to the
+// small networks: the large ones take many minutes and gigabytes to compile
+// there, and every radius runs the same template.
 constexpr int MaxNetworkRadius = 4;
 #endif
 
@@ -484,17 +484,22 @@ QLAR_INLINE void netOp(typename S::V* v)
     }
 }
 
-template <class S, class Net, size_t... I>
-QLAR_INLINE void runNet(typename S::V* v, std::index_sequence<I...>)
+template <class S, class Net, size_t Base, size_t... I>
+QLAR_INLINE void runNetOps(typename S::V* v, std::index_sequence<I...>)
 {
-    (netOp<S, Net::net.ops[I].a, Net::net.ops[I].b, Net::net.ops[I].kind>(v), ...);
+    (netOp<S, Net::net.ops[Base + I].a, Net::net.ops[Base + I].b, Net::net.ops[Base + I].kind>(v), ...);
 }
 
-template <class S, class Net>
+// In runs of at most 128 operations: clang limits a fold expression to 256.
+template <class S, class Net, size_t Base = 0>
 QLAR_INLINE void runNet(typename S::V* v)
 {
-    if constexpr (Net::net.count > 0)
-        runNet<S, Net>(v, std::make_index_sequence<size_t(Net::net.count)>());
+    constexpr size_t count = size_t(Net::net.count);
+    if constexpr (Base < count) {
+        constexpr size_t run = count - Base < 128 ? count - Base : 128;
+        runNetOps<S, Net, Base>(v, std::make_index_sequence<run>());
+        runNet<S, Net, Base + run>(v);
+    }
 }
 
 template <class S, size_t... I>
@@ -687,13 +692,14 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 }
 
 // The largest radius the networks serve, per sample size: the crossover
-// with the histogram kernels, measured on a 4096 x 3000 frame against them
-// in the same process. 8-bit column histograms cost the same at any radius
-// and overtake the networks from kernel 21; 16-bit histograms grow with the
-// radius and the networks stay ahead up to 25 at least.
+// with the histogram kernels, each measured on a 4096 x 3000 frame against
+// the same reference in one process. 8-bit column histograms cost the same
+// at any radius (about a quarter of the old snake's time) and overtake the
+// networks from kernel 15; 16-bit histograms grow with the radius and the
+// networks stay ahead up to 25 at least.
 constexpr int networkMaxRadius(unsigned bytesPerSample)
 {
-    return bytesPerSample == 1 ? std::min(9, MaxNetworkRadius) : MaxNetworkRadius;
+    return bytesPerSample == 1 ? std::min(6, MaxNetworkRadius) : MaxNetworkRadius;
 }
 
 template <class T>
