@@ -167,11 +167,13 @@ RGBNIR_INLINE Acc interpolateOne(const Acc* v, qint64 x, unsigned ck, unsigned s
 
 // Writes v to the 16-byte aligned p past the caches: in 16-byte parts, or,
 // with Wide (only from the builds for AVX and up), as one store of the
-// whole register, which spares the extraction of every part.
+// whole register, which spares the extraction of every part. Clang rejects
+// the wide register operand in a template built for SSE2 too, so its builds
+// (the fuzzers) store in parts.
 template <bool Wide, class V>
 RGBNIR_INLINE void streamOut(uchar* p, const V& v)
 {
-#if defined(__x86_64__) && defined(__GNUC__)
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
     if constexpr (Wide && (sizeof(V) == 32 || sizeof(V) == 64)) {
         if (quintptr(p) % sizeof(V) == 0) {
             asm volatile("vmovntdq %1, %0" : "=m"(*reinterpret_cast<V*>(p)) : "v"(v));
