@@ -400,7 +400,7 @@ struct NetPlan
     int parts = 0;
     int partLevel[MaxLevels + 1] = {};
     int partOffset[MaxLevels + 1] = {};
-    Block merged[MaxLevels + 1] = {};  // merged[i]: parts 0 .. i
+    Block merged[MaxLevels + 1] = {};  // merged[i]: the first i + 1 parts together
 };
 
 constexpr NetPlan netPlan(int r)
