@@ -408,6 +408,17 @@ QLAR_VECTOR_CLONES void acrossRow_T(T* __restrict o, const A* __restrict col, A*
     }
 }
 
+// Rows shorter than one vector, for both vector builds.
+inline void acrossAvgU8Short(quint8* o, const quint16* col, int n, int width, const SxQuotient<quint32>& q)
+{
+    for (int i = 0; i < n; ++i) {
+        quint16 s = col[i];
+        for (int j = 1; j < width; ++j)
+            s = quint16(s + col[i + j]);
+        o[i] = q.of<quint8, quint16>(s);
+    }
+}
+
 // 8-bit averages, whatever the cell width: 16-bit sums and the high half of
 // a 16-bit multiply, in as many lanes as the machine has (the compiler
 // widens that multiply to 32 bits when left to itself). P is the cell width
@@ -427,15 +438,8 @@ __attribute__((target("avx512f,avx512bw"))) void acrossAvgU8Avx512(quint8* o, co
         s = _mm512_srl_epi16(_mm512_mulhi_epu16(_mm512_add_epi16(s, half), m), shift);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + i), _mm512_maskz_cvtepi16_epi8(~__mmask32(0), s));
     };
-    if (n < 32) {
-        for (int i = 0; i < n; ++i) {
-            quint16 s = col[i];
-            for (int j = 1; j < width; ++j)
-                s = quint16(s + col[i + j]);
-            o[i] = q.of<quint8, quint16>(s);
-        }
-        return;
-    }
+    if (n < 32)
+        return acrossAvgU8Short(o, col, n, width, q);
     int i = 0;
     for (; i + 32 <= n; i += 32)
         at(i);
@@ -458,15 +462,8 @@ __attribute__((target("avx2"))) void acrossAvgU8Avx2(quint8* o, const quint16* c
         _mm_storeu_si128(reinterpret_cast<__m128i*>(o + i),
                          _mm_packus_epi16(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1)));
     };
-    if (n < 16) {
-        for (int i = 0; i < n; ++i) {
-            quint16 s = col[i];
-            for (int j = 1; j < width; ++j)
-                s = quint16(s + col[i + j]);
-            o[i] = q.of<quint8, quint16>(s);
-        }
-        return;
-    }
+    if (n < 16)
+        return acrossAvgU8Short(o, col, n, width, q);
     int i = 0;
     for (; i + 16 <= n; i += 16)
         at(i);
