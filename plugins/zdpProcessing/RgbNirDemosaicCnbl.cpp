@@ -11,6 +11,9 @@
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -446,9 +449,171 @@ __attribute__((target("arch=x86-64-v4"))) void demosaicRgbRowsAvx512(SxPicBuf& o
     demosaicRgbRows<TIn, sizeof(TIn) == 1 ? 32 : 16, true>(out, in, k);
 }
 
+#if defined(__x86_64__)
+#define RGBNIR_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+
+// floor((a + b) / 2) per byte: the rounding-up average less the bit it added.
+RGBNIR_VBMI RGBNIR_INLINE __m512i halfSum8(__m512i a, __m512i b, __m512i one)
+{
+    return _mm512_sub_epi8(_mm512_avg_epu8(a, b), _mm512_ternarylogic_epi32(a, b, one, 0x28));
+}
+
+// floor((a + b + c + d) / 4) per byte without widening: the halves of the two
+// pair sums are averaged, rounding up only when both pairs dropped a bit.
+RGBNIR_VBMI RGBNIR_INLINE __m512i quarterSum8(__m512i a, __m512i b, __m512i c, __m512i d, __m512i one)
+{
+    const __m512i oddAb = _mm512_ternarylogic_epi32(a, b, one, 0x28);
+    const __m512i oddCd = _mm512_ternarylogic_epi32(c, d, one, 0x28);
+    const __m512i h1 = _mm512_sub_epi8(_mm512_avg_epu8(a, b), oddAb);
+    const __m512i h2 = _mm512_sub_epi8(_mm512_avg_epu8(c, d), oddCd);
+    const __m512i dropped = _mm512_ternarylogic_epi32(_mm512_xor_si512(h1, h2), _mm512_and_si512(oddAb, oddCd),
+                                                      one, 0x20);
+    return _mm512_sub_epi8(_mm512_avg_epu8(h1, h2), dropped);
+}
+
+// One BGRA pixel of 8-bit samples with the neighbours taken through the
+// mirror, for the columns the vector steps leave.
+RGBNIR_INLINE void bgraPixel8(uchar* o, const uchar* up, const uchar* mid, const uchar* dn, const bool fromOn[3],
+                              const unsigned ck[3], qint64 x, qint64 w)
+{
+    for (int c = 0; c < 3; ++c) {
+        const auto sum = [&](qint64 i) {
+            i = mirrored(i, w);
+            return fromOn[c] ? 2u * mid[i] : unsigned(up[i]) + dn[i];
+        };
+        o[4 * x + c] = uchar(unsigned(x & 1) == ck[c] ? sum(x) >> 1 : (sum(x - 1) + sum(x + 1)) >> 2);
+    }
+    o[4 * x + 3] = 255;
+}
+
+// The index vectors that weave the B, G, R bytes of 64 pixels into BGRA.
+// pick[p] takes the interpolated sample of pixel i, or its own one (from the
+// second operand) where the column's parity from the step's start is p, and
+// puts the pixels in an order that unpacking turns into pixel order.
+struct SxWeave8
+{
+    __m512i pick[2];
+};
+
+// 64 pixels of a row from x on: each colour takes its own or its
+// interpolated samples by column, from its row or the two beside it.
+RGBNIR_VBMI RGBNIR_INLINE void bgraStep8(uchar* o, const uchar* up, const uchar* mid, const uchar* dn,
+                                         const bool fromOn[3], const unsigned ck[3], const SxWeave8& weave,
+                                         qint64 x, bool streamed)
+{
+    const __m512i one = _mm512_set1_epi8(1), opaque = _mm512_set1_epi8(char(0xFF));
+    const __m512i m = _mm512_loadu_si512(mid + x);
+    const __m512i onOther = halfSum8(_mm512_loadu_si512(mid + x - 1), _mm512_loadu_si512(mid + x + 1), one);
+    const __m512i offOwn = halfSum8(_mm512_loadu_si512(up + x), _mm512_loadu_si512(dn + x), one);
+    const __m512i offOther = quarterSum8(_mm512_loadu_si512(up + x - 1), _mm512_loadu_si512(dn + x - 1),
+                                         _mm512_loadu_si512(up + x + 1), _mm512_loadu_si512(dn + x + 1), one);
+    __m512i bgr[3];
+    for (int c = 0; c < 3; ++c) {
+        const __m512i pick = weave.pick[(ck[c] ^ unsigned(x)) & 1];
+        bgr[c] = fromOn[c] ? _mm512_permutex2var_epi8(onOther, pick, m)
+                           : _mm512_permutex2var_epi8(offOther, pick, offOwn);
+    }
+    const __m512i bgLo = _mm512_unpacklo_epi8(bgr[0], bgr[1]), bgHi = _mm512_unpackhi_epi8(bgr[0], bgr[1]);
+    const __m512i raLo = _mm512_unpacklo_epi8(bgr[2], opaque), raHi = _mm512_unpackhi_epi8(bgr[2], opaque);
+    const __m512i px[4] = {_mm512_unpacklo_epi16(bgLo, raLo), _mm512_unpackhi_epi16(bgLo, raLo),
+                           _mm512_unpacklo_epi16(bgHi, raHi), _mm512_unpackhi_epi16(bgHi, raHi)};
+    uchar* at = o + 4 * x;
+    for (int i = 0; i < 4; ++i) {
+        if (streamed)
+            _mm512_stream_si512(reinterpret_cast<__m512i*>(at + 64 * i), px[i]);
+        else
+            _mm512_storeu_si512(at + 64 * i, px[i]);
+    }
+}
+
+// 8-bit samples without a shift, straight from the input rows: the halves
+// and quarters are exact in bytes, so 64 pixels go per step, and byte
+// permutes weave them into BGRA with no row of sums in between.
+RGBNIR_VBMI void demosaicRgbRows8Vbmi(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    const qint64 w = in.width, h = in.height;
+    const quint64 inPitch = in.effectiveLinePitch(), outPitch = out.effectiveLinePitch();
+    const unsigned ck[3] = {cellColumn(k[0]), cellColumn(k[1]), cellColumn(k[2])};
+    // This path outruns the caches' write-back already from outputs a few
+    // times the size of the second-level cache on.
+    const bool stream = w * h * 4 >= kStreamBytes / 4;
+    // Unpacking interleaves within 128-bit lanes only: dword q of lane j
+    // takes the four pixels from 16 q + 4 j on, so that register q of the
+    // result holds the pixels from 16 q on.
+    SxWeave8 weave;
+    for (unsigned p = 0; p < 2; ++p) {
+        alignas(64) uchar pick[64];
+        for (unsigned i = 0; i < 64; ++i) {
+            const unsigned dword = i / 4, pixel = 4 * ((dword % 4) * 4 + dword / 4) + i % 4;
+            pick[i] = uchar(pixel + ((pixel & 1) == p ? 64 : 0));
+        }
+        weave.pick[p] = _mm512_load_si512(pick);
+    }
+
+    // Each input row once more with its mirror partners on either side, so
+    // that the steps at the row's ends need no scalar pixels: those would
+    // write single bytes into lines the streamed steps bypass the caches
+    // for, and wait for memory on every row.
+    std::vector<uchar> padded[3];
+    qint64 held[3] = {-1, -1, -1};
+    const auto rowAt = [&](qint64 r) -> const uchar* {
+        const int slot = int(r % 3);
+        uchar* p = padded[slot].data();
+        if (held[slot] != r) {
+            const uchar* src = in.data + quint64(r) * inPitch;
+            std::memcpy(p + 1, src, size_t(w));
+            p[0] = src[mirrored(-1, w)];
+            p[w + 1] = src[mirrored(w, w)];
+            held[slot] = r;
+        }
+        return p + 1;
+    };
+    if (w >= 64)
+        for (auto& p : padded)
+            p.resize(size_t(w) + 2);
+
+    for (qint64 y = 0; y < h; ++y) {
+        uchar* o = out.data + quint64(y) * outPitch;
+        const unsigned parity = unsigned(y & 1);
+        bool fromOn[3];
+        for (int c = 0; c < 3; ++c)
+            fromOn[c] = cellRow(k[c]) == parity;
+        if (w < 64) {
+            const uchar* mid = in.data + quint64(y) * inPitch;
+            const uchar* up = in.data + quint64(mirrored(y - 1, h)) * inPitch;
+            const uchar* dn = in.data + quint64(mirrored(y + 1, h)) * inPitch;
+            for (qint64 x = 0; x < w; ++x)
+                bgraPixel8(o, up, mid, dn, fromOn, ck, x, w);
+            continue;
+        }
+        prefetchRow(in, y + 2, quint64(w));
+        const uchar* up = rowAt(mirrored(y - 1, h));
+        const uchar* mid = rowAt(y);
+        const uchar* dn = rowAt(mirrored(y + 1, h));
+        // The last step may overlap the one before (it writes the same values).
+        const bool streamed = stream && quintptr(o) % 64 == 0;
+        qint64 x = 0;
+        for (; x + 64 <= w; x += 64)
+            bgraStep8(o, up, mid, dn, fromOn, ck, weave, x, streamed);
+        if (x < w)
+            bgraStep8(o, up, mid, dn, fromOn, ck, weave, w - 64, false);
+    }
+    if (stream)
+        _mm_sfence();
+}
+#endif
+
 template <class TIn>
 void demosaicRgbRowsBest(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
+#if defined(__x86_64__)
+    if constexpr (sizeof(TIn) == 1) {
+        if (shiftFor<TIn>(in, out) == 0 && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi)) {
+            demosaicRgbRows8Vbmi(out, in, k);
+            return;
+        }
+    }
+#endif
     if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
         demosaicRgbRowsAvx512<TIn>(out, in, k);
     else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))
