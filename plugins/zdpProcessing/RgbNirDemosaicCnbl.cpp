@@ -593,8 +593,8 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
     const bool stream = w * h * 4 >= kStreamBytes / 4;
     // Unpacking interleaves within 128-bit lanes only: dword q of lane j
     // takes the four pixels from 16 q + 4 j on, so that register q of the
-    // result holds the pixels from 16 q on.
-    // Packed 16-bit candidates hold their pixels in the order of packing.
+    // result holds the pixels from 16 q on. Packed 16-bit candidates hold
+    // their pixels in the order of packing.
     const auto lane = [](unsigned pixel) {
         return sizeof(T) == 1 ? pixel : 16 * (pixel % 32 / 8) + 8 * (pixel / 32) + pixel % 8;
     };
@@ -608,11 +608,11 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         weave.pick[p] = _mm512_load_si512(pick);
     }
 
-    // Each input row once more with its mirror partners on either side, so
-    // that the steps at the row's ends need no scalar pixels: those would
-    // write single bytes into lines the streamed steps bypass the caches
-    // for, and wait for memory on every row. The copies also free the steps
-    // from the input's alignment.
+    // Rows too narrow for steps read in place, or not aligned for their
+    // samples, are copied once each with their mirror partners on either
+    // side. No row ends in scalar pixels: those would write single bytes
+    // into lines the streamed steps bypass the caches for, and wait for
+    // memory on every row.
     std::vector<T> padded[3];
     qint64 held[3] = {-1, -1, -1};
     const auto rowAt = [&](qint64 r) -> const T* {
@@ -627,8 +627,13 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         }
         return p + 1;
     };
-    for (auto& p : padded)
-        p.resize(size_t(w) + 2);
+    // Wide rows aligned for their samples are read in place but for a step
+    // at either end, which reads the mirror partner from a copy.
+    const bool direct = w >= 130 && alignedFor(in, sizeof(T));
+    T edges[2][3][66];
+    if (!direct)
+        for (auto& p : padded)
+            p.resize(size_t(w) + 2);
 
     for (qint64 y = 0; y < h; ++y) {
         uchar* o = out.data + quint64(y) * outPitch;
@@ -637,6 +642,33 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         for (int c = 0; c < 3; ++c)
             fromOn[c] = cellRow(k[c]) == parity;
         prefetchRow(in, y + 2, quint64(w) * sizeof(T));
+        const bool streamed = stream && quintptr(o) % 64 == 0;
+        if (direct) {
+            const qint64 r[3] = {mirrored(y - 1, h), y, mirrored(y + 1, h)};
+            const T* rows[3];
+            const T* ends[2][3];
+            for (int i = 0; i < 3; ++i) {
+                rows[i] = reinterpret_cast<const T*>(in.data + quint64(r[i]) * inPitch);
+                T* head = edges[0][i];
+                T* tail = edges[1][i];
+                head[0] = rows[i][mirrored(-1, w)];
+                std::memcpy(head + 1, rows[i], 65 * sizeof(T));
+                std::memcpy(tail, rows[i] + w - 65, 65 * sizeof(T));
+                tail[65] = rows[i][mirrored(w, w)];
+                ends[0][i] = head + 1;
+                ends[1][i] = tail + 1;
+            }
+            weaveBgra(o, candidatesOf<T>(ends[0][0], ends[0][1], ends[0][2], 0, shiftCount), fromOn, ck, weave, 0,
+                      streamed);
+            qint64 x = 64;
+            for (; x + 65 <= w; x += 64)
+                weaveBgra(o, candidatesOf<T>(rows[0], rows[1], rows[2], x, shiftCount), fromOn, ck, weave, x,
+                          streamed);
+            if (x < w)
+                weaveBgra(o, candidatesOf<T>(ends[1][0], ends[1][1], ends[1][2], 0, shiftCount), fromOn, ck, weave,
+                          w - 64, false);
+            continue;
+        }
         const T* up = rowAt(mirrored(y - 1, h));
         const T* mid = rowAt(y);
         const T* dn = rowAt(mirrored(y + 1, h));
@@ -646,7 +678,6 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
             continue;
         }
         // The last step may overlap the one before (it writes the same values).
-        const bool streamed = stream && quintptr(o) % 64 == 0;
         qint64 x = 0;
         for (; x + 64 <= w; x += 64)
             weaveBgra(o, candidatesOf<T>(up, mid, dn, x, shiftCount), fromOn, ck, weave, x, streamed);
