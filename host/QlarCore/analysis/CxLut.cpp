@@ -339,8 +339,8 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
                 for (int c = 0; c < 4; ++c)
                     bytes[c][k] = quint8(qFromLittleEndian(tab[k]) >> (8 * c));
             const quint8* const t[4] = {bytes[0], bytes[1], bytes[2], bytes[3]};
-            // A colour picture larger than the caches would otherwise be
-            // read in line by line only to be overwritten.
+            // A colour picture several times the second-level cache would
+            // otherwise be read in line by line only to be overwritten.
             const bool large = quint64(out.effectiveLinePitch()) * out.height >= (quint64(4) << 20);
             forRows(int(in.height), 0, [&](int y) {
                 uchar* d = out.data + y * outPitch;
