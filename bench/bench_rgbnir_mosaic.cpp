@@ -1,6 +1,7 @@
 // The RGB-NIR node (colour and NIR outputs, 8- and 16-bit) and the Mosaic Filter node's
 // per-hyperpixel average, each frame through a real chain, next to the OpenCV
-// operation doing comparable work on the same frame and to memcpy of it.
+// operation doing comparable work on the same frame, to memcpy of it and, for
+// the colour output, to filling that output alone.
 // The RGB-NIR node works on the chain's thread, so its OpenCV peer is held to
 // one thread too; the mosaic statistics spread rows over the host's helper
 // threads, and OpenCV's resize keeps its own default threading.
@@ -105,6 +106,19 @@ void BM_Memcpy(benchmark::State& state, size_t bytes)
     bench::memcpyBaseline(state, bytes);
 }
 
+// Filling a colour frame's bytes (four per input sample) and nothing else:
+// the least any colour output of that frame can cost.
+void BM_WriteColour(benchmark::State& state, size_t samples)
+{
+    std::vector<char> out(4 * samples, 1);
+    char value = 0;
+    for (auto _ : state) {
+        std::memset(out.data(), ++value, out.size());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(samples));
+}
+
 void registerAll()
 {
     auto ms = [](benchmark::internal::Benchmark* b) { b->Unit(benchmark::kMillisecond)->UseRealTime(); };
@@ -113,6 +127,7 @@ void registerAll()
     ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT8));
     ms(benchmark::RegisterBenchmark("opencv_demosaic/rgbnir8", BM_OpenCvDemosaic));
     ms(benchmark::RegisterBenchmark("memcpy/rgbnir8", BM_Memcpy, frame8));
+    ms(benchmark::RegisterBenchmark("write_colour_output/rgbnir8", BM_WriteColour, frame8));
     ms(benchmark::RegisterBenchmark("RgbNirRgb/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::RGB, IDT_UINT16));
     ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT16));
     ms(benchmark::RegisterBenchmark("memcpy/rgbnir16", BM_Memcpy, 2 * frame8));

@@ -11,6 +11,9 @@
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -18,6 +21,12 @@
 
 // Vector types stay inside the functions that use them.
 #pragma GCC diagnostic ignored "-Wpsabi"
+// GCC 12's intrinsics that narrow or widen registers pass an undefined
+// vector as the source of unused lanes, and then warn that it may be used
+// uninitialised.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #define RGBNIR_INLINE inline __attribute__((always_inline))
 
@@ -446,9 +455,253 @@ __attribute__((target("arch=x86-64-v4"))) void demosaicRgbRowsAvx512(SxPicBuf& o
     demosaicRgbRows<TIn, sizeof(TIn) == 1 ? 32 : 16, true>(out, in, k);
 }
 
+#if defined(__x86_64__)
+#define RGBNIR_VBMI __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+
+// floor((a + b) / 2) per lane: the rounding-up average less the bit it added.
+template <class T>
+RGBNIR_VBMI RGBNIR_INLINE __m512i halfSumOf(__m512i a, __m512i b, __m512i one)
+{
+    const __m512i odd = _mm512_ternarylogic_epi32(a, b, one, 0x28);
+    if constexpr (sizeof(T) == 1)
+        return _mm512_sub_epi8(_mm512_avg_epu8(a, b), odd);
+    else
+        return _mm512_sub_epi16(_mm512_avg_epu16(a, b), odd);
+}
+
+// floor((a + b + c + d) / 4) per lane without widening: the halves of the two
+// pair sums are averaged, rounding up only when both pairs dropped a bit.
+template <class T>
+RGBNIR_VBMI RGBNIR_INLINE __m512i quarterSumOf(__m512i a, __m512i b, __m512i c, __m512i d, __m512i one)
+{
+    const __m512i bothOdd = _mm512_and_si512(_mm512_ternarylogic_epi32(a, b, one, 0x28),
+                                             _mm512_ternarylogic_epi32(c, d, one, 0x28));
+    const __m512i h1 = halfSumOf<T>(a, b, one), h2 = halfSumOf<T>(c, d, one);
+    const __m512i dropped = _mm512_ternarylogic_epi32(_mm512_xor_si512(h1, h2), bothOdd, one, 0x20);
+    if constexpr (sizeof(T) == 1)
+        return _mm512_sub_epi8(_mm512_avg_epu8(h1, h2), dropped);
+    else
+        return _mm512_sub_epi16(_mm512_avg_epu16(h1, h2), dropped);
+}
+
+// One BGRA pixel with the neighbours taken through the mirror, for pictures
+// narrower than a step.
+template <class T>
+RGBNIR_INLINE void bgraPixel(uchar* o, const T* up, const T* mid, const T* dn, const bool fromOn[3],
+                             const unsigned ck[3], qint64 x, qint64 w, unsigned shift)
+{
+    for (int c = 0; c < 3; ++c) {
+        const auto sum = [&](qint64 i) {
+            i = mirrored(i, w);
+            return fromOn[c] ? 2u * mid[i] : unsigned(up[i]) + dn[i];
+        };
+        const unsigned v = (unsigned(x & 1) == ck[c] ? sum(x) >> 1 : (sum(x - 1) + sum(x + 1)) >> 2) >> shift;
+        o[4 * x + c] = uchar(v < 255 ? v : 255);
+    }
+    o[4 * x + 3] = 255;
+}
+
+// The four values a colour picks from, as bytes of 64 pixels from x on: its
+// own sample on its row, the interpolation along its row, the one across
+// it, and the diagonal one.
+struct SxCandidates
+{
+    __m512i own, along, across, diagonal;
+};
+
+template <class T>
+RGBNIR_VBMI RGBNIR_INLINE SxCandidates candidatesOf(const T* up, const T* mid, const T* dn, qint64 x,
+                                                    __m128i shift)
+{
+    if constexpr (sizeof(T) == 1) {
+        const __m512i one = _mm512_set1_epi8(1);
+        return {_mm512_loadu_si512(mid + x),
+                halfSumOf<T>(_mm512_loadu_si512(mid + x - 1), _mm512_loadu_si512(mid + x + 1), one),
+                halfSumOf<T>(_mm512_loadu_si512(up + x), _mm512_loadu_si512(dn + x), one),
+                quarterSumOf<T>(_mm512_loadu_si512(up + x - 1), _mm512_loadu_si512(dn + x - 1),
+                                _mm512_loadu_si512(up + x + 1), _mm512_loadu_si512(dn + x + 1), one)};
+    } else {
+        // Exact in 16 bits, then shifted and packed to bytes with signed
+        // saturation, which only unshifted samples could turn negative.
+        const __m512i one = _mm512_set1_epi16(1), top = _mm512_set1_epi16(255);
+        __m512i half[2][4];
+        for (int i = 0; i < 2; ++i) {
+            const qint64 at = x + 32 * i;
+            const __m512i v[4] = {
+                _mm512_loadu_si512(mid + at),
+                halfSumOf<T>(_mm512_loadu_si512(mid + at - 1), _mm512_loadu_si512(mid + at + 1), one),
+                halfSumOf<T>(_mm512_loadu_si512(up + at), _mm512_loadu_si512(dn + at), one),
+                quarterSumOf<T>(_mm512_loadu_si512(up + at - 1), _mm512_loadu_si512(dn + at - 1),
+                                _mm512_loadu_si512(up + at + 1), _mm512_loadu_si512(dn + at + 1), one)};
+            for (int j = 0; j < 4; ++j) {
+                half[i][j] = _mm512_srl_epi16(v[j], shift);
+                if (unsigned(_mm_cvtsi128_si32(shift)) == 0)
+                    half[i][j] = _mm512_min_epu16(half[i][j], top);
+            }
+        }
+        // Lane j holds the pixels from 8 j on, then those from 32 + 8 j on.
+        return {_mm512_packus_epi16(half[0][0], half[1][0]), _mm512_packus_epi16(half[0][1], half[1][1]),
+                _mm512_packus_epi16(half[0][2], half[1][2]), _mm512_packus_epi16(half[0][3], half[1][3])};
+    }
+}
+
+// pick[p] takes the interpolated value of a pixel (first operand), or its
+// own (second operand) where the column's parity from the step's start is p,
+// and puts the pixels in the order that unpacking turns into pixel order.
+struct SxWeave
+{
+    __m512i pick[2];
+};
+
+// Writes the 64 pixels from x on as B, G, R, alpha.
+RGBNIR_VBMI RGBNIR_INLINE void weaveBgra(uchar* o, const SxCandidates& v, const bool fromOn[3],
+                                         const unsigned ck[3], const SxWeave& weave, qint64 x, bool streamed)
+{
+    const __m512i opaque = _mm512_set1_epi8(char(0xFF));
+    __m512i bgr[3];
+    for (int c = 0; c < 3; ++c) {
+        const __m512i pick = weave.pick[(ck[c] ^ unsigned(x)) & 1];
+        bgr[c] = fromOn[c] ? _mm512_permutex2var_epi8(v.along, pick, v.own)
+                           : _mm512_permutex2var_epi8(v.diagonal, pick, v.across);
+    }
+    const __m512i bgLo = _mm512_unpacklo_epi8(bgr[0], bgr[1]), bgHi = _mm512_unpackhi_epi8(bgr[0], bgr[1]);
+    const __m512i raLo = _mm512_unpacklo_epi8(bgr[2], opaque), raHi = _mm512_unpackhi_epi8(bgr[2], opaque);
+    const __m512i px[4] = {_mm512_unpacklo_epi16(bgLo, raLo), _mm512_unpackhi_epi16(bgLo, raLo),
+                           _mm512_unpacklo_epi16(bgHi, raHi), _mm512_unpackhi_epi16(bgHi, raHi)};
+    uchar* at = o + 4 * x;
+    for (int i = 0; i < 4; ++i) {
+        if (streamed)
+            _mm512_stream_si512(reinterpret_cast<__m512i*>(at + 64 * i), px[i]);
+        else
+            _mm512_storeu_si512(at + 64 * i, px[i]);
+    }
+}
+
+// The colour output straight from the input rows, 64 pixels a step: the
+// halves and quarters are exact in the sample width itself, so no row of
+// sums is built, and byte permutes weave the result into BGRA.
+template <class T>
+RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
+{
+    const qint64 w = in.width, h = in.height;
+    const quint64 inPitch = in.effectiveLinePitch(), outPitch = out.effectiveLinePitch();
+    const unsigned ck[3] = {cellColumn(k[0]), cellColumn(k[1]), cellColumn(k[2])};
+    const unsigned shift = shiftFor<T>(in, out);
+    const __m128i shiftCount = _mm_cvtsi32_si128(int(shift));
+    // This path outruns the caches' write-back already from outputs a few
+    // times the size of the second-level cache on.
+    const bool stream = w * h * 4 >= kStreamBytes / 4;
+    // Unpacking interleaves within 128-bit lanes only: dword q of lane j
+    // takes the four pixels from 16 q + 4 j on, so that register q of the
+    // result holds the pixels from 16 q on. Packed 16-bit candidates hold
+    // their pixels in the order of packing.
+    const auto lane = [](unsigned pixel) {
+        return sizeof(T) == 1 ? pixel : 16 * (pixel % 32 / 8) + 8 * (pixel / 32) + pixel % 8;
+    };
+    SxWeave weave;
+    for (unsigned p = 0; p < 2; ++p) {
+        alignas(64) uchar pick[64];
+        for (unsigned i = 0; i < 64; ++i) {
+            const unsigned dword = i / 4, pixel = 4 * ((dword % 4) * 4 + dword / 4) + i % 4;
+            pick[i] = uchar(lane(pixel) + ((pixel & 1) == p ? 64 : 0));
+        }
+        weave.pick[p] = _mm512_load_si512(pick);
+    }
+
+    // Rows too narrow for steps read in place, or not aligned for their
+    // samples, are copied once each with their mirror partners on either
+    // side. No row ends in scalar pixels: those would write single bytes
+    // into lines the streamed steps bypass the caches for, and wait for
+    // memory on every row.
+    std::vector<T> padded[3];
+    qint64 held[3] = {-1, -1, -1};
+    const auto rowAt = [&](qint64 r) -> const T* {
+        const int slot = int(r % 3);
+        T* p = padded[slot].data();
+        if (held[slot] != r) {
+            const uchar* src = in.data + quint64(r) * inPitch;
+            std::memcpy(p + 1, src, size_t(w) * sizeof(T));
+            std::memcpy(p, src + sizeof(T) * quint64(mirrored(-1, w)), sizeof(T));
+            std::memcpy(p + w + 1, src + sizeof(T) * quint64(mirrored(w, w)), sizeof(T));
+            held[slot] = r;
+        }
+        return p + 1;
+    };
+    // Wide rows aligned for their samples are read in place but for a step
+    // at either end, which reads the mirror partner from a copy.
+    const bool direct = w >= 130 && alignedFor(in, sizeof(T));
+    T edges[2][3][66];
+    if (!direct)
+        for (auto& p : padded)
+            p.resize(size_t(w) + 2);
+
+    for (qint64 y = 0; y < h; ++y) {
+        uchar* o = out.data + quint64(y) * outPitch;
+        const unsigned parity = unsigned(y & 1);
+        bool fromOn[3];
+        for (int c = 0; c < 3; ++c)
+            fromOn[c] = cellRow(k[c]) == parity;
+        prefetchRow(in, y + 2, quint64(w) * sizeof(T));
+        const bool streamed = stream && quintptr(o) % 64 == 0;
+        if (direct) {
+            const qint64 r[3] = {mirrored(y - 1, h), y, mirrored(y + 1, h)};
+            const T* rows[3];
+            const T* ends[2][3];
+            for (int i = 0; i < 3; ++i) {
+                rows[i] = reinterpret_cast<const T*>(in.data + quint64(r[i]) * inPitch);
+                T* head = edges[0][i];
+                T* tail = edges[1][i];
+                head[0] = rows[i][mirrored(-1, w)];
+                std::memcpy(head + 1, rows[i], 65 * sizeof(T));
+                std::memcpy(tail, rows[i] + w - 65, 65 * sizeof(T));
+                tail[65] = rows[i][mirrored(w, w)];
+                ends[0][i] = head + 1;
+                ends[1][i] = tail + 1;
+            }
+            weaveBgra(o, candidatesOf<T>(ends[0][0], ends[0][1], ends[0][2], 0, shiftCount), fromOn, ck, weave, 0,
+                      streamed);
+            qint64 x = 64;
+            for (; x + 65 <= w; x += 64)
+                weaveBgra(o, candidatesOf<T>(rows[0], rows[1], rows[2], x, shiftCount), fromOn, ck, weave, x,
+                          streamed);
+            if (x < w)
+                weaveBgra(o, candidatesOf<T>(ends[1][0], ends[1][1], ends[1][2], 0, shiftCount), fromOn, ck, weave,
+                          w - 64, false);
+            continue;
+        }
+        const T* up = rowAt(mirrored(y - 1, h));
+        const T* mid = rowAt(y);
+        const T* dn = rowAt(mirrored(y + 1, h));
+        if (w < 64) {
+            for (qint64 x = 0; x < w; ++x)
+                bgraPixel(o, up, mid, dn, fromOn, ck, x, w, shift);
+            continue;
+        }
+        // The last step may overlap the one before (it writes the same values).
+        qint64 x = 0;
+        for (; x + 64 <= w; x += 64)
+            weaveBgra(o, candidatesOf<T>(up, mid, dn, x, shiftCount), fromOn, ck, weave, x, streamed);
+        if (x < w)
+            weaveBgra(o, candidatesOf<T>(up, mid, dn, w - 64, shiftCount), fromOn, ck, weave, w - 64, false);
+    }
+    if (stream)
+        _mm_sfence();
+}
+#endif
+
 template <class TIn>
 void demosaicRgbRowsBest(SxPicBuf& out, const SxPicBuf& in, const unsigned k[3])
 {
+#if defined(__x86_64__)
+    // 8-bit samples are shifted only for nonsense bit counts, which the
+    // byte lanes leave to the general path.
+    if constexpr (sizeof(TIn) <= 2) {
+        if ((sizeof(TIn) == 2 || shiftFor<TIn>(in, out) == 0) && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi)) {
+            demosaicRgbRowsVbmi<TIn>(out, in, k);
+            return;
+        }
+    }
+#endif
     if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
         demosaicRgbRowsAvx512<TIn>(out, in, k);
     else if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2))

@@ -200,35 +200,65 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i lookup4(co
     return _mm512_mask_blend_epi8(lane3, out, r[3]);
 }
 
-// n pixels of four 8-bit samples each, sample c through table c. With
-// expand, the input is one byte per pixel, looked up in all four tables
-// (a grey level into a four-byte colour).
+// n pixels of four 8-bit samples each, sample c through table c.
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mapPixels4Vbmi(const quint8* __restrict s,
                                                                           quint8* __restrict d,
-                                                                          const quint8* const t[4], qint64 n,
-                                                                          bool expand)
+                                                                          const quint8* const t[4], qint64 n)
 {
     SxLanes4 tabs;
     for (int c = 0; c < 4; ++c)
         for (int q = 0; q < 4; ++q)
             tabs.t[c][q] = _mm512_loadu_si512(t[c] + 64 * q);
-    alignas(64) quint8 spread[64];
-    for (int j = 0; j < 64; ++j)
-        spread[j] = quint8(j / 4);
-    const __m512i spreadIdx = _mm512_load_si512(spread);
     qint64 x = 0;
-    for (; x + 16 <= n; x += 16) {
-        __m512i v;
-        if (expand)
-            v = _mm512_permutexvar_epi8(spreadIdx, _mm512_castsi128_si512(_mm_loadu_si128(
-                                                       reinterpret_cast<const __m128i*>(s + x))));
-        else
-            v = _mm512_loadu_si512(s + 4 * x);
-        _mm512_storeu_si512(d + 4 * x, lookup4(tabs, v));
+    for (; x + 16 <= n; x += 16)
+        _mm512_storeu_si512(d + 4 * x, lookup4(tabs, _mm512_loadu_si512(s + 4 * x)));
+    for (; x < n; ++x)
+        for (int c = 0; c < 4; ++c)
+            d[4 * x + c] = t[c][s[4 * x + c]];
+}
+
+// 64 grey samples into 64 four-byte colours: each of the four byte tables
+// looked up once for all 64, then woven into pixels by unpacking. Unpacking
+// interleaves within 128-bit lanes only, so the samples are first put in the
+// order that makes output register q hold the pixels from 16 q on. With
+// stream, d is 64-byte aligned and written past the caches.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mapGreyToPixelsVbmi(const quint8* __restrict s,
+                                                                               quint8* __restrict d,
+                                                                               const quint8* const t[4], qint64 n,
+                                                                               bool stream)
+{
+    __m512i tabs[4][4];
+    for (int c = 0; c < 4; ++c)
+        for (int q = 0; q < 4; ++q)
+            tabs[c][q] = _mm512_loadu_si512(t[c] + 64 * q);
+    alignas(64) quint32 order[16];
+    for (int i = 0; i < 16; ++i)
+        order[i] = quint32((i % 4) * 4 + i / 4);
+    const __m512i orderIdx = _mm512_load_si512(order);
+    qint64 x = 0;
+    for (; x + 64 <= n; x += 64) {
+        const __m512i v = _mm512_permutexvar_epi32(orderIdx, _mm512_loadu_si512(s + x));
+        const __mmask64 top = _mm512_movepi8_mask(v);
+        __m512i b[4];
+        for (int c = 0; c < 4; ++c) {
+            const __m512i lo = _mm512_permutex2var_epi8(tabs[c][0], v, tabs[c][1]);
+            const __m512i hi = _mm512_permutex2var_epi8(tabs[c][2], v, tabs[c][3]);
+            b[c] = _mm512_mask_blend_epi8(top, lo, hi);
+        }
+        const __m512i lo01 = _mm512_unpacklo_epi8(b[0], b[1]), hi01 = _mm512_unpackhi_epi8(b[0], b[1]);
+        const __m512i lo23 = _mm512_unpacklo_epi8(b[2], b[3]), hi23 = _mm512_unpackhi_epi8(b[2], b[3]);
+        const __m512i px[4] = {_mm512_unpacklo_epi16(lo01, lo23), _mm512_unpackhi_epi16(lo01, lo23),
+                               _mm512_unpacklo_epi16(hi01, hi23), _mm512_unpackhi_epi16(hi01, hi23)};
+        for (int i = 0; i < 4; ++i) {
+            if (stream)
+                _mm512_stream_si512(reinterpret_cast<__m512i*>(d + 4 * x + 64 * i), px[i]);
+            else
+                _mm512_storeu_si512(d + 4 * x + 64 * i, px[i]);
+        }
     }
     for (; x < n; ++x)
         for (int c = 0; c < 4; ++c)
-            d[4 * x + c] = t[c][s[expand ? x : 4 * x + c]];
+            d[4 * x + c] = t[c][s[x]];
 }
 
 bool hasVbmi()
@@ -280,7 +310,7 @@ void applySame_T(const SxPicBuf& in, SxPicBuf& out, const TOut* tab, size_t entr
         if constexpr (bytes) {
             if (fourTables) {
                 const quint8* const t[4] = {tab, tab + 256, tab + 512, tab + 768};
-                return mapPixels4Vbmi(s, d, t, w, false);
+                return mapPixels4Vbmi(s, d, t, w);
             }
         }
 #endif
@@ -309,9 +339,14 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
                 for (int c = 0; c < 4; ++c)
                     bytes[c][k] = quint8(qFromLittleEndian(tab[k]) >> (8 * c));
             const quint8* const t[4] = {bytes[0], bytes[1], bytes[2], bytes[3]};
+            // A colour picture several times the second-level cache would
+            // otherwise be read in line by line only to be overwritten.
+            const bool large = quint64(out.effectiveLinePitch()) * out.height >= (quint64(4) << 20);
             forRows(int(in.height), 0, [&](int y) {
-                mapPixels4Vbmi(in.data + y * inPitch, out.data + y * outPitch, t, w, true);
+                uchar* d = out.data + y * outPitch;
+                mapGreyToPixelsVbmi(in.data + y * inPitch, d, t, w, large && quintptr(d) % 64 == 0);
             });
+            _mm_sfence();
             return;
         }
     }
@@ -344,7 +379,7 @@ void applyRgbColour_T(const SxPicBuf& in, SxPicBuf& out, const quint8* tab, size
             std::memset(opaque, 255, sizeof opaque);
             const quint8* const t[4] = {t0, t1, t2, opaque};
             forRows(int(in.height), 0, [&](int y) {
-                mapPixels4Vbmi(in.data + y * inPitch, out.data + y * outPitch, t, w, false);
+                mapPixels4Vbmi(in.data + y * inPitch, out.data + y * outPitch, t, w);
             });
             return;
         }

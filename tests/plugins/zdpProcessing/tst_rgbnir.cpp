@@ -69,11 +69,11 @@ private slots:
                     << SxInterpolation{QString::fromLatin1(layout), channel, int(t), bits, size, padding};
             };
             row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
-            row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(64, 6), 3);
-            row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(8, 5), 0);
+            row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(100, 6), 3);
+            row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(141, 5), 0);
             row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
             // Wide enough for the vector steps of each sample width, and a tail.
-            row("rgb u16 vectors", Node::RGB, IDT_UINT16, 16, QSize(37, 6), 0);
+            row("rgb u16 vectors", Node::RGB, IDT_UINT16, 16, QSize(141, 6), 1);
             row("nir u16 vectors padded", Node::NIR, IDT_UINT16, 14, QSize(37, 5), 2);
             row("rgb u32 vectors", Node::RGB, IDT_UINT32, 24, QSize(35, 4), 0);
             row("nir u16 odd pitch", Node::NIR, IDT_UINT16, 16, QSize(7, 5), 1);
