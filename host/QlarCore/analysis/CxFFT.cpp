@@ -44,6 +44,7 @@
 #include <initializer_list>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 namespace {
 
@@ -321,12 +322,23 @@ void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_com
     }
 }
 
-// Columns k0..k0+count-1 of every row, as floats, one column after the other.
-template <class T>
-void gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h, float* out)
+// Zeroes elements 0..count-1 of every half-spectrum row.
+void storeZeroColumns(int halfRows, int count, fftwf_complex* dst, size_t rowStride)
 {
+    for (int y = 0; y < halfRows; ++y)
+        std::memset(dst + size_t(y) * rowStride, 0, sizeof(fftwf_complex) * size_t(count));
+}
+
+// Columns k0..k0+count-1 of every row, as floats, one column after the other.
+// Answers whether any of them is non-zero: the cut-outs of FFT 2D leave most
+// of a picture zero, and a zero strip needs no transform.
+template <class T>
+bool gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h, float* out)
+{
+    using Bits = std::conditional_t<sizeof(T) == 1, quint8, std::conditional_t<sizeof(T) == 2, quint16, quint32>>;
     const uchar* base = data + quint64(k0) * sizeof(T);
     const size_t stripBytes = size_t(count) * sizeof(T);
+    Bits any = 0;
     for (int y = 0; y < h; ++y) {
         const uchar* row = base + quint64(y) * pitch;
         if (y + PrefetchRows < h) {
@@ -335,12 +347,17 @@ void gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h,
             __builtin_prefetch(ahead + stripBytes - 1);
         }
         const T* s = reinterpret_cast<const T*>(row);
-        for (int k = 0; k < count; ++k)
+        for (int k = 0; k < count; ++k) {
+            Bits b;
+            std::memcpy(&b, s + k, sizeof(b));
+            any |= b;
             out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
+        }
     }
+    return any != 0;
 }
 
-using GatherFn = void (*)(const uchar*, quint64, int, int, int, float*);
+using GatherFn = bool (*)(const uchar*, quint64, int, int, int, float*);
 
 GatherFn gatherFor(ExImageDataType t)
 {
@@ -487,7 +504,10 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
         for (int b = b0; b < b1; ++b) {
             const int k0 = b * block;
             const int count = std::min(block, w - k0);
-            gather(in.data, inPitch, k0, count, h, colIn);
+            if (!gather(in.data, inPitch, k0, count, h, colIn)) {
+                storeZeroColumns(c->halfRows, count, c->spectrum + k0, c->rowStride);
+                continue;
+            }
             if (count < block)
                 std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
             fftwf_execute_dft_r2c(c->columns, colIn, colOut);
