@@ -116,9 +116,19 @@ public:
             }
         }
         fftwf_set_timelimit(PlanTimeLimitSeconds);
+        // The planner's thread count is process-wide, and anything else in the
+        // process may have raised it: plans run inside the kit's row pieces
+        // must stay single-threaded, or every piece would wake FFTW's workers
+        // onto cores the other pieces already use.
+        if (fftwf_init_threads()) {
+            m_threads = fftwf_planner_nthreads();
+            fftwf_plan_with_nthreads(1);
+        }
     }
     ~PlannerSession()
     {
+        if (m_threads > 0)
+            fftwf_plan_with_nthreads(m_threads);
         fftwf_set_timelimit(FFTW_NO_TIMELIMIT);
         if (m_planned)
             saveWisdom();
@@ -157,6 +167,7 @@ private:
 
     std::lock_guard<std::mutex> m_lock;
     bool m_planned = false;
+    int m_threads = 0;  // the planner's thread count before the session
 };
 
 void destroyPlans(std::initializer_list<fftwf_plan> plans)
