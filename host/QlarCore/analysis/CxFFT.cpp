@@ -59,6 +59,10 @@ constexpr int PrefetchRows = 32;
 constexpr quint32 MaxSide = 1u << 26;
 constexpr size_t CacheLine = 64;
 constexpr size_t HugePage = size_t(2) << 20;
+// Up to this size the half spectrum is stored through the cache, which keeps
+// much of it there for the row pass; larger ones would only push other data
+// out, and are streamed past it.
+constexpr size_t CachedSpectrumBytes = size_t(16) << 20;
 
 size_t roundUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
 
@@ -197,6 +201,7 @@ struct Plan2D
     int halfRows = 0;       // h/2 + 1
     int block = 0;          // columns per block of the column pass
     int threads = 1;
+    bool cachedSpectrum = false;  // small enough to wait in the cache for the row pass
     size_t rowStride = 0;   // complex values from one half-spectrum row to the next
     size_t slotBytes = 0;   // scratch per thread
     size_t colOutOffset = 0;
@@ -312,6 +317,7 @@ void placeMirrorRow(const fftwf_complex* t, int w, float* re, float* im)
 
 // Column k of the block (halfRows bins each, one column after the other)
 // into element k of every half-spectrum row.
+template <bool Stream>
 void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_complex* dst, size_t rowStride)
 {
     for (int y = 0; y < halfRows; ++y) {
@@ -322,7 +328,10 @@ void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_com
             for (; k + 2 <= count; k += 2) {
                 __m128 v = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(block[size_t(k) * halfRows + y]));
                 v = _mm_loadh_pi(v, reinterpret_cast<const __m64*>(block[size_t(k + 1) * halfRows + y]));
-                _mm_stream_ps(d[k], v);
+                if (Stream)
+                    _mm_stream_ps(d[k], v);
+                else
+                    _mm_store_ps(d[k], v);
             }
         }
 #endif
@@ -456,7 +465,9 @@ bool CxFFT::Alloc2D(const SxPicBufInfo& info, void*& h1, void*& h2, void*& h3)
     c->rowOutOffset = c->colOutOffset
         + roundUp(sizeof(fftwf_complex) * size_t(c->block) * size_t(c->halfRows), CacheLine);
     c->slotBytes = c->rowOutOffset + roundUp(sizeof(fftwf_complex) * size_t(c->w), CacheLine);
-    c->spectrum = static_cast<fftwf_complex*>(allocWork(sizeof(fftwf_complex) * size_t(c->halfRows) * c->rowStride));
+    const size_t spectrumBytes = sizeof(fftwf_complex) * size_t(c->halfRows) * c->rowStride;
+    c->cachedSpectrum = spectrumBytes <= CachedSpectrumBytes;
+    c->spectrum = static_cast<fftwf_complex*>(allocWork(spectrumBytes));
     c->scratch = static_cast<uchar*>(allocWork(c->slotBytes * size_t(c->threads)));
     if (c->spectrum && c->scratch) {
         PlannerSession planner;
@@ -522,7 +533,10 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
             if (count < block)
                 std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
             fftwf_execute_dft_r2c(c->columns, colIn, colOut);
-            storeColumns(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+            if (c->cachedSpectrum)
+                storeColumns<false>(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+            else
+                storeColumns<true>(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
         }
         fence();
     });
