@@ -126,6 +126,8 @@ private slots:
         QTest::newRow("float 7x9 padded") << SxTransform{int(IDT_FLOAT), 7, 9, 20, 0};
         QTest::newRow("u16 one column 1x7") << SxTransform{int(IDT_UINT16), 1, 7, 2, 4};
         QTest::newRow("u8 one row 9x1") << SxTransform{int(IDT_UINT8), 9, 1, 0, 0};
+        QTest::newRow("u8 40x9") << SxTransform{int(IDT_UINT8), 40, 9, 0, 0};
+        QTest::newRow("s8 35x12 padded") << SxTransform{int(IDT_INT8), 35, 12, 5, 0};
         // Several column blocks, the last one short.
         QTest::newRow("float 37x20 padded") << SxTransform{int(IDT_FLOAT), 37, 20, 12, 4};
         // Large enough to be split over threads.

@@ -22,6 +22,7 @@
 #include "CxFFT.h"
 #include "CxAtomicFile.h"
 
+#include <KitCpu.h>
 #include <KitDispatch.h>
 #include <KitPicture.h>
 #include <KitRows.h>
@@ -39,6 +40,7 @@
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -377,6 +379,120 @@ bool gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h,
     return any != 0;
 }
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define QLAR_FFT_AVX2 1
+
+// Transposes, in registers, what both passes move between rows and columns:
+// the scalar loops spend most of their time on one load or store per value.
+
+__attribute__((target("avx2"))) inline void transpose8x8(__m256 r[8])
+{
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    const __m256 s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    r[0] = _mm256_permute2f128_ps(s0, s4, 0x20);
+    r[1] = _mm256_permute2f128_ps(s1, s5, 0x20);
+    r[2] = _mm256_permute2f128_ps(s2, s6, 0x20);
+    r[3] = _mm256_permute2f128_ps(s3, s7, 0x20);
+    r[4] = _mm256_permute2f128_ps(s0, s4, 0x31);
+    r[5] = _mm256_permute2f128_ps(s1, s5, 0x31);
+    r[6] = _mm256_permute2f128_ps(s2, s6, 0x31);
+    r[7] = _mm256_permute2f128_ps(s3, s7, 0x31);
+}
+
+// Eight samples as 32-bit lanes: integers widened (exact, as float() of the
+// sample is), floats as their bits.
+template <class T>
+__attribute__((target("avx2"))) inline __m256i loadLanes(const T* s)
+{
+    if constexpr (std::is_same_v<T, float>) {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    } else if constexpr (sizeof(T) == 1) {
+        const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s));
+        return std::is_signed_v<T> ? _mm256_cvtepi8_epi32(v) : _mm256_cvtepu8_epi32(v);
+    } else {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+        return std::is_signed_v<T> ? _mm256_cvtepi16_epi32(v) : _mm256_cvtepu16_epi32(v);
+    }
+}
+
+// gatherColumns_T of a full block, eight rows at a time.
+template <class T>
+__attribute__((target("avx2"))) bool gatherBlockAvx2_T(const uchar* data, quint64 pitch, int k0, int h, float* out)
+{
+    static_assert(ColumnBlock == 16, "two halves of eight columns");
+    const uchar* base = data + quint64(k0) * sizeof(T);
+    __m256i any = _mm256_setzero_si256();
+    int y = 0;
+    for (; y + 8 <= h; y += 8) {
+        for (int i = 0; i < 8 && y + i + PrefetchRows < h; ++i) {
+            const uchar* ahead = base + quint64(y + i + PrefetchRows) * pitch;
+            __builtin_prefetch(ahead);
+            __builtin_prefetch(ahead + ColumnBlock * sizeof(T) - 1);
+        }
+        for (int half = 0; half < 2; ++half) {
+            __m256 r[8];
+            for (int i = 0; i < 8; ++i) {
+                const __m256i v = loadLanes(reinterpret_cast<const T*>(base + quint64(y + i) * pitch) + half * 8);
+                any = _mm256_or_si256(any, v);
+                r[i] = std::is_same_v<T, float> ? _mm256_castsi256_ps(v) : _mm256_cvtepi32_ps(v);
+            }
+            transpose8x8(r);
+            for (int j = 0; j < 8; ++j)
+                _mm256_storeu_ps(out + size_t(half * 8 + j) * size_t(h) + size_t(y), r[j]);
+        }
+    }
+    bool nonZero = !_mm256_testz_si256(any, any);
+    for (; y < h; ++y) {
+        const T* s = reinterpret_cast<const T*>(base + quint64(y) * pitch);
+        for (int k = 0; k < ColumnBlock; ++k) {
+            nonZero = nonZero || s[k] != T(0) || std::signbit(float(s[k]));
+            out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
+        }
+    }
+    return nonZero;
+}
+
+// storeColumns of a full block, four rows of four bins at a time: a bin is
+// moved as one 64-bit lane.
+template <bool Stream>
+__attribute__((target("avx2"))) void storeBlockAvx2(const fftwf_complex* block, int halfRows, fftwf_complex* dst,
+                                                      size_t rowStride)
+{
+    const double* src = reinterpret_cast<const double*>(block);
+    int y = 0;
+    for (; y + 4 <= halfRows; y += 4) {
+        for (int k = 0; k < ColumnBlock; k += 4) {
+            const __m256d a = _mm256_loadu_pd(src + size_t(k) * halfRows + y);
+            const __m256d b = _mm256_loadu_pd(src + size_t(k + 1) * halfRows + y);
+            const __m256d c = _mm256_loadu_pd(src + size_t(k + 2) * halfRows + y);
+            const __m256d d = _mm256_loadu_pd(src + size_t(k + 3) * halfRows + y);
+            const __m256d ab0 = _mm256_unpacklo_pd(a, b), ab1 = _mm256_unpackhi_pd(a, b);
+            const __m256d cd0 = _mm256_unpacklo_pd(c, d), cd1 = _mm256_unpackhi_pd(c, d);
+            const __m256d rows[4] = {_mm256_permute2f128_pd(ab0, cd0, 0x20), _mm256_permute2f128_pd(ab1, cd1, 0x20),
+                                     _mm256_permute2f128_pd(ab0, cd0, 0x31), _mm256_permute2f128_pd(ab1, cd1, 0x31)};
+            for (int i = 0; i < 4; ++i) {
+                double* o = reinterpret_cast<double*>(dst + size_t(y + i) * rowStride + k);
+                if (Stream)
+                    _mm256_stream_pd(o, rows[i]);
+                else
+                    _mm256_store_pd(o, rows[i]);
+            }
+        }
+    }
+    for (; y < halfRows; ++y)
+        for (int k = 0; k < ColumnBlock; ++k) {
+            dst[size_t(y) * rowStride + k][0] = block[size_t(k) * halfRows + y][0];
+            dst[size_t(y) * rowStride + k][1] = block[size_t(k) * halfRows + y][1];
+        }
+}
+#endif
+
 using GatherFn = bool (*)(const uchar*, quint64, int, int, int, float*);
 
 GatherFn gatherFor(ExImageDataType t)
@@ -385,6 +501,23 @@ GatherFn gatherFor(ExImageDataType t)
     return pixelkit::withSampleTypeIn<Types>(t, [](auto tag) -> GatherFn {
         return gatherColumns_T<typename decltype(tag)::type>;
     });
+}
+
+// The vector gather of a full block, where there is one; null otherwise.
+using BlockGatherFn = bool (*)(const uchar*, quint64, int, int, float*);
+
+BlockGatherFn blockGatherFor(ExImageDataType t)
+{
+#if defined(QLAR_FFT_AVX2)
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2)) {
+        using Types = pixelkit::Only<qint8, quint8, qint16, quint16, float>;
+        return pixelkit::withSampleTypeIn<Types>(t, [](auto tag) -> BlockGatherFn {
+            return gatherBlockAvx2_T<typename decltype(tag)::type>;
+        });
+    }
+#endif
+    (void)t;
+    return nullptr;
 }
 
 // A one-channel picture of w x h whose rows can be read or written as
@@ -504,6 +637,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     if (!c || c->magic != Magic2D || h2 != c->spectrum || h3 != c->scratch)
         return false;
     const GatherFn gather = gatherFor(in.dataType);
+    const BlockGatherFn blockGather = blockGatherFor(in.dataType);
     if (!gather || !usablePicture(in, c->w, c->h, in.bytesPerSample()))
         return false;
     if (!holdsFloats(re) || !holdsFloats(im) || !usablePicture(re, c->w, c->h, 4)
@@ -519,6 +653,25 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
 
     // Columns: real to complex, kept as rows 0..h/2 of the half spectrum.
     const int blocks = (w + block - 1) / block;
+#if defined(QLAR_FFT_AVX2)
+    const bool avx2 = pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
+#endif
+    const auto storeBlock = [&](const fftwf_complex* out, int count, fftwf_complex* dst) {
+#if defined(QLAR_FFT_AVX2)
+        // Rows on 32 bytes, as the wide stores need.
+        if (avx2 && count == ColumnBlock && (quintptr(c->spectrum) & 31) == 0) {
+            if (c->cachedSpectrum)
+                storeBlockAvx2<false>(out, c->halfRows, dst, c->rowStride);
+            else
+                storeBlockAvx2<true>(out, c->halfRows, dst, c->rowStride);
+            return;
+        }
+#endif
+        if (c->cachedSpectrum)
+            storeColumns<false>(out, c->halfRows, count, dst, c->rowStride);
+        else
+            storeColumns<true>(out, c->halfRows, count, dst, c->rowStride);
+    };
     const quint64 blockBytes = quint64(block) * h * (in.bytesPerSample() + sizeof(fftwf_complex));
     pixelkit::forEachRowPiece(blocks, blockBytes, [&](int b0, int b1, int t) {
         float* colIn = c->colIn(t);
@@ -526,17 +679,16 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
         for (int b = b0; b < b1; ++b) {
             const int k0 = b * block;
             const int count = std::min(block, w - k0);
-            if (!gather(in.data, inPitch, k0, count, h, colIn)) {
+            const bool nonZero = blockGather && count == ColumnBlock ? blockGather(in.data, inPitch, k0, h, colIn)
+                                                                     : gather(in.data, inPitch, k0, count, h, colIn);
+            if (!nonZero) {
                 storeZeroColumns(c->halfRows, count, c->spectrum + k0, c->rowStride);
                 continue;
             }
             if (count < block)
                 std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
             fftwf_execute_dft_r2c(c->columns, colIn, colOut);
-            if (c->cachedSpectrum)
-                storeColumns<false>(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
-            else
-                storeColumns<true>(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+            storeBlock(colOut, count, c->spectrum + k0);
         }
         fence();
     });
