@@ -17,8 +17,10 @@
 // where the sample type is converted; it prefetches rows ahead because the
 // strips are a full line pitch apart. Both passes write with streaming stores:
 // nothing they write is read back soon, and skipping the read for ownership of
-// every written line saves about a fifth of the run time. The half spectrum
-// asks for huge pages, since the column pass touches a new page on every row.
+// every written line saves about a fifth of the run time. The exception is a
+// half spectrum small enough to stay in the last-level cache until the row
+// pass reads it. The half spectrum asks for huge pages, since the column pass
+// touches a new page on every row.
 #include "CxFFT.h"
 #include "CxAtomicFile.h"
 
@@ -382,7 +384,7 @@ bool gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h,
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define QLAR_FFT_AVX2 1
 
-// Transposes, in registers, what both passes move between rows and columns:
+// The column pass's moves between rows and columns, transposed in registers:
 // the scalar loops spend most of their time on one load or store per value.
 
 __attribute__((target("avx2"))) inline void transpose8x8(__m256 r[8])
@@ -451,7 +453,7 @@ __attribute__((target("avx2"))) bool gatherBlockAvx2_T(const uchar* data, quint6
     for (; y < h; ++y) {
         const T* s = reinterpret_cast<const T*>(base + quint64(y) * pitch);
         for (int k = 0; k < ColumnBlock; ++k) {
-            nonZero = nonZero || s[k] != T(0) || std::signbit(float(s[k]));
+            nonZero = nonZero || s[k] != T(0) || std::signbit(float(s[k]));  // -0.f counts, as in the lanes
             out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
         }
     }
