@@ -63,8 +63,7 @@ SxPicBuf cutOutArea(const SxPicBuf& in, const CxImageMetadata* meta, int channel
     return cut;
 }
 
-// Zeroes every sample of work outside its top-left width x height, so that
-// a cut-out smaller than the last one leaves nothing of it behind.
+// Zeroes every sample of work outside its top-left width x height.
 void clearAround(SxPicBuf& work, quint32 width, quint32 height)
 {
     if (width >= work.width && height >= work.height)
@@ -305,6 +304,7 @@ void CxFFT2DCnbl::setupStart()
             // Cleared once: a cell or band fills only the top-left corner.
             CxPicBufAPI::AllocPicBufFromHeap(m_extract, work, true, 0);
         }
+        m_filledWidth = m_filledHeight = 0;
     });
 }
 
@@ -338,8 +338,16 @@ IxChainData* CxFFT2DCnbl::processData(IxChainData* data)
         SxPicBuf cut = cutOutArea(*inPic, input->metadata(), ch, m_extract);
         const SxPicBuf* source = fft_selectChannel(*inPic, input->metadata(), ch, cut);
         if (source == &cut) {
-            clearAround(m_extract, cut.width, cut.height);
+            // Clearing is a pass over most of the picture, so it is left out
+            // while the cut-out covers whatever an earlier one left behind.
+            if (m_filledWidth > cut.width || m_filledHeight > cut.height)
+                clearAround(m_extract, cut.width, cut.height);
+            m_filledWidth = cut.width;
+            m_filledHeight = cut.height;
             source = &m_extract;
+        } else if (!source) {
+            m_filledWidth = m_extract.width;  // a failed cut-out may have written anything
+            m_filledHeight = m_extract.height;
         }
         if (!source) {
             nodekit::tell(this, tr("The input image has no channel %1.").arg(ch));

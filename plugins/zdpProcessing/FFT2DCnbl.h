@@ -86,6 +86,9 @@ private:
     SxPicBuf m_extract;
     SxPicBufInfo m_inInfo;
     CxImageMetadata m_inMeta;
+    // Top-left area of m_extract that may hold samples of an earlier cut-out.
+    quint32 m_filledWidth = 0;
+    quint32 m_filledHeight = 0;
 };
 
 // Cell (channel 0..3, row by row) of a one-channel 2x2 mosaic into the

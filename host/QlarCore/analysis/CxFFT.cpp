@@ -17,11 +17,14 @@
 // where the sample type is converted; it prefetches rows ahead because the
 // strips are a full line pitch apart. Both passes write with streaming stores:
 // nothing they write is read back soon, and skipping the read for ownership of
-// every written line saves about a fifth of the run time. The half spectrum
-// asks for huge pages, since the column pass touches a new page on every row.
+// every written line saves about a fifth of the run time. The exception is a
+// half spectrum small enough to stay in the last-level cache until the row
+// pass reads it. The half spectrum asks for huge pages, since the column pass
+// touches a new page on every row.
 #include "CxFFT.h"
 #include "CxAtomicFile.h"
 
+#include <KitCpu.h>
 #include <KitDispatch.h>
 #include <KitPicture.h>
 #include <KitRows.h>
@@ -39,11 +42,13 @@
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 namespace {
 
@@ -58,6 +63,10 @@ constexpr int PrefetchRows = 32;
 constexpr quint32 MaxSide = 1u << 26;
 constexpr size_t CacheLine = 64;
 constexpr size_t HugePage = size_t(2) << 20;
+// Up to this size the half spectrum is stored through the cache, which keeps
+// much of it there for the row pass; larger ones would only push other data
+// out, and are streamed past it.
+constexpr size_t CachedSpectrumBytes = size_t(16) << 20;
 
 size_t roundUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
 
@@ -115,9 +124,19 @@ public:
             }
         }
         fftwf_set_timelimit(PlanTimeLimitSeconds);
+        // The planner's thread count is process-wide, and anything else in the
+        // process may have raised it: plans run inside the kit's row pieces
+        // must stay single-threaded, or every piece would wake FFTW's workers
+        // onto cores the other pieces already use.
+        if (fftwf_init_threads()) {
+            m_threads = fftwf_planner_nthreads();
+            fftwf_plan_with_nthreads(1);
+        }
     }
     ~PlannerSession()
     {
+        if (m_threads > 0)
+            fftwf_plan_with_nthreads(m_threads);
         fftwf_set_timelimit(FFTW_NO_TIMELIMIT);
         if (m_planned)
             saveWisdom();
@@ -156,6 +175,7 @@ private:
 
     std::lock_guard<std::mutex> m_lock;
     bool m_planned = false;
+    int m_threads = 0;  // the planner's thread count before the session
 };
 
 void destroyPlans(std::initializer_list<fftwf_plan> plans)
@@ -185,6 +205,7 @@ struct Plan2D
     int halfRows = 0;       // h/2 + 1
     int block = 0;          // columns per block of the column pass
     int threads = 1;
+    bool cachedSpectrum = false;  // small enough to wait in the cache for the row pass
     size_t rowStride = 0;   // complex values from one half-spectrum row to the next
     size_t slotBytes = 0;   // scratch per thread
     size_t colOutOffset = 0;
@@ -300,6 +321,7 @@ void placeMirrorRow(const fftwf_complex* t, int w, float* re, float* im)
 
 // Column k of the block (halfRows bins each, one column after the other)
 // into element k of every half-spectrum row.
+template <bool Stream>
 void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_complex* dst, size_t rowStride)
 {
     for (int y = 0; y < halfRows; ++y) {
@@ -310,7 +332,10 @@ void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_com
             for (; k + 2 <= count; k += 2) {
                 __m128 v = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(block[size_t(k) * halfRows + y]));
                 v = _mm_loadh_pi(v, reinterpret_cast<const __m64*>(block[size_t(k + 1) * halfRows + y]));
-                _mm_stream_ps(d[k], v);
+                if (Stream)
+                    _mm_stream_ps(d[k], v);
+                else
+                    _mm_store_ps(d[k], v);
             }
         }
 #endif
@@ -321,12 +346,23 @@ void storeColumns(const fftwf_complex* block, int halfRows, int count, fftwf_com
     }
 }
 
-// Columns k0..k0+count-1 of every row, as floats, one column after the other.
-template <class T>
-void gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h, float* out)
+// Zeroes elements 0..count-1 of every half-spectrum row.
+void storeZeroColumns(int halfRows, int count, fftwf_complex* dst, size_t rowStride)
 {
+    for (int y = 0; y < halfRows; ++y)
+        std::memset(dst + size_t(y) * rowStride, 0, sizeof(fftwf_complex) * size_t(count));
+}
+
+// Columns k0..k0+count-1 of every row, as floats, one column after the other.
+// Answers whether any of them is non-zero: the cut-outs of FFT 2D leave most
+// of a picture zero, and a zero strip needs no transform.
+template <class T>
+bool gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h, float* out)
+{
+    using Bits = std::conditional_t<sizeof(T) == 1, quint8, std::conditional_t<sizeof(T) == 2, quint16, quint32>>;
     const uchar* base = data + quint64(k0) * sizeof(T);
     const size_t stripBytes = size_t(count) * sizeof(T);
+    Bits any = 0;
     for (int y = 0; y < h; ++y) {
         const uchar* row = base + quint64(y) * pitch;
         if (y + PrefetchRows < h) {
@@ -335,12 +371,131 @@ void gatherColumns_T(const uchar* data, quint64 pitch, int k0, int count, int h,
             __builtin_prefetch(ahead + stripBytes - 1);
         }
         const T* s = reinterpret_cast<const T*>(row);
-        for (int k = 0; k < count; ++k)
+        for (int k = 0; k < count; ++k) {
+            Bits b;
+            std::memcpy(&b, s + k, sizeof(b));
+            any |= b;
             out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
+        }
+    }
+    return any != 0;
+}
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define QLAR_FFT_AVX2 1
+
+// The column pass's moves between rows and columns, transposed in registers:
+// the scalar loops spend most of their time on one load or store per value.
+
+__attribute__((target("avx2"))) inline void transpose8x8(__m256 r[8])
+{
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    const __m256 s0 = _mm256_shuffle_ps(t0, t2, 0x44), s1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 s2 = _mm256_shuffle_ps(t1, t3, 0x44), s3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 s4 = _mm256_shuffle_ps(t4, t6, 0x44), s5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 s6 = _mm256_shuffle_ps(t5, t7, 0x44), s7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    r[0] = _mm256_permute2f128_ps(s0, s4, 0x20);
+    r[1] = _mm256_permute2f128_ps(s1, s5, 0x20);
+    r[2] = _mm256_permute2f128_ps(s2, s6, 0x20);
+    r[3] = _mm256_permute2f128_ps(s3, s7, 0x20);
+    r[4] = _mm256_permute2f128_ps(s0, s4, 0x31);
+    r[5] = _mm256_permute2f128_ps(s1, s5, 0x31);
+    r[6] = _mm256_permute2f128_ps(s2, s6, 0x31);
+    r[7] = _mm256_permute2f128_ps(s3, s7, 0x31);
+}
+
+// Eight samples as 32-bit lanes: integers widened (exact, as float() of the
+// sample is), floats as their bits.
+template <class T>
+__attribute__((target("avx2"))) inline __m256i loadLanes(const T* s)
+{
+    if constexpr (std::is_same_v<T, float>) {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
+    } else if constexpr (sizeof(T) == 1) {
+        const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s));
+        return std::is_signed_v<T> ? _mm256_cvtepi8_epi32(v) : _mm256_cvtepu8_epi32(v);
+    } else {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+        return std::is_signed_v<T> ? _mm256_cvtepi16_epi32(v) : _mm256_cvtepu16_epi32(v);
     }
 }
 
-using GatherFn = void (*)(const uchar*, quint64, int, int, int, float*);
+// gatherColumns_T of a full block, eight rows at a time.
+template <class T>
+__attribute__((target("avx2"))) bool gatherBlockAvx2_T(const uchar* data, quint64 pitch, int k0, int h, float* out)
+{
+    static_assert(ColumnBlock == 16, "two halves of eight columns");
+    const uchar* base = data + quint64(k0) * sizeof(T);
+    __m256i any = _mm256_setzero_si256();
+    int y = 0;
+    for (; y + 8 <= h; y += 8) {
+        for (int i = 0; i < 8 && y + i + PrefetchRows < h; ++i) {
+            const uchar* ahead = base + quint64(y + i + PrefetchRows) * pitch;
+            __builtin_prefetch(ahead);
+            __builtin_prefetch(ahead + ColumnBlock * sizeof(T) - 1);
+        }
+        for (int half = 0; half < 2; ++half) {
+            __m256 r[8];
+            for (int i = 0; i < 8; ++i) {
+                const __m256i v = loadLanes(reinterpret_cast<const T*>(base + quint64(y + i) * pitch) + half * 8);
+                any = _mm256_or_si256(any, v);
+                r[i] = std::is_same_v<T, float> ? _mm256_castsi256_ps(v) : _mm256_cvtepi32_ps(v);
+            }
+            transpose8x8(r);
+            for (int j = 0; j < 8; ++j)
+                _mm256_storeu_ps(out + size_t(half * 8 + j) * size_t(h) + size_t(y), r[j]);
+        }
+    }
+    bool nonZero = !_mm256_testz_si256(any, any);
+    for (; y < h; ++y) {
+        const T* s = reinterpret_cast<const T*>(base + quint64(y) * pitch);
+        for (int k = 0; k < ColumnBlock; ++k) {
+            nonZero = nonZero || s[k] != T(0) || std::signbit(float(s[k]));  // -0.f counts, as in the lanes
+            out[size_t(k) * size_t(h) + size_t(y)] = float(s[k]);
+        }
+    }
+    return nonZero;
+}
+
+// storeColumns of a full block, four rows of four bins at a time: a bin is
+// moved as one 64-bit lane.
+template <bool Stream>
+__attribute__((target("avx2"))) void storeBlockAvx2(const fftwf_complex* block, int halfRows, fftwf_complex* dst,
+                                                      size_t rowStride)
+{
+    const double* src = reinterpret_cast<const double*>(block);
+    int y = 0;
+    for (; y + 4 <= halfRows; y += 4) {
+        for (int k = 0; k < ColumnBlock; k += 4) {
+            const __m256d a = _mm256_loadu_pd(src + size_t(k) * halfRows + y);
+            const __m256d b = _mm256_loadu_pd(src + size_t(k + 1) * halfRows + y);
+            const __m256d c = _mm256_loadu_pd(src + size_t(k + 2) * halfRows + y);
+            const __m256d d = _mm256_loadu_pd(src + size_t(k + 3) * halfRows + y);
+            const __m256d ab0 = _mm256_unpacklo_pd(a, b), ab1 = _mm256_unpackhi_pd(a, b);
+            const __m256d cd0 = _mm256_unpacklo_pd(c, d), cd1 = _mm256_unpackhi_pd(c, d);
+            const __m256d rows[4] = {_mm256_permute2f128_pd(ab0, cd0, 0x20), _mm256_permute2f128_pd(ab1, cd1, 0x20),
+                                     _mm256_permute2f128_pd(ab0, cd0, 0x31), _mm256_permute2f128_pd(ab1, cd1, 0x31)};
+            for (int i = 0; i < 4; ++i) {
+                double* o = reinterpret_cast<double*>(dst + size_t(y + i) * rowStride + k);
+                if (Stream)
+                    _mm256_stream_pd(o, rows[i]);
+                else
+                    _mm256_store_pd(o, rows[i]);
+            }
+        }
+    }
+    for (; y < halfRows; ++y)
+        for (int k = 0; k < ColumnBlock; ++k) {
+            dst[size_t(y) * rowStride + k][0] = block[size_t(k) * halfRows + y][0];
+            dst[size_t(y) * rowStride + k][1] = block[size_t(k) * halfRows + y][1];
+        }
+}
+#endif
+
+using GatherFn = bool (*)(const uchar*, quint64, int, int, int, float*);
 
 GatherFn gatherFor(ExImageDataType t)
 {
@@ -348,6 +503,23 @@ GatherFn gatherFor(ExImageDataType t)
     return pixelkit::withSampleTypeIn<Types>(t, [](auto tag) -> GatherFn {
         return gatherColumns_T<typename decltype(tag)::type>;
     });
+}
+
+// The vector gather of a full block, where there is one; null otherwise.
+using BlockGatherFn = bool (*)(const uchar*, quint64, int, int, float*);
+
+BlockGatherFn blockGatherFor(ExImageDataType t)
+{
+#if defined(QLAR_FFT_AVX2)
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx2)) {
+        using Types = pixelkit::Only<qint8, quint8, qint16, quint16, float>;
+        return pixelkit::withSampleTypeIn<Types>(t, [](auto tag) -> BlockGatherFn {
+            return gatherBlockAvx2_T<typename decltype(tag)::type>;
+        });
+    }
+#endif
+    (void)t;
+    return nullptr;
 }
 
 // A one-channel picture of w x h whose rows can be read or written as
@@ -428,7 +600,9 @@ bool CxFFT::Alloc2D(const SxPicBufInfo& info, void*& h1, void*& h2, void*& h3)
     c->rowOutOffset = c->colOutOffset
         + roundUp(sizeof(fftwf_complex) * size_t(c->block) * size_t(c->halfRows), CacheLine);
     c->slotBytes = c->rowOutOffset + roundUp(sizeof(fftwf_complex) * size_t(c->w), CacheLine);
-    c->spectrum = static_cast<fftwf_complex*>(allocWork(sizeof(fftwf_complex) * size_t(c->halfRows) * c->rowStride));
+    const size_t spectrumBytes = sizeof(fftwf_complex) * size_t(c->halfRows) * c->rowStride;
+    c->cachedSpectrum = spectrumBytes <= CachedSpectrumBytes;
+    c->spectrum = static_cast<fftwf_complex*>(allocWork(spectrumBytes));
     c->scratch = static_cast<uchar*>(allocWork(c->slotBytes * size_t(c->threads)));
     if (c->spectrum && c->scratch) {
         PlannerSession planner;
@@ -465,6 +639,7 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
     if (!c || c->magic != Magic2D || h2 != c->spectrum || h3 != c->scratch)
         return false;
     const GatherFn gather = gatherFor(in.dataType);
+    const BlockGatherFn blockGather = blockGatherFor(in.dataType);
     if (!gather || !usablePicture(in, c->w, c->h, in.bytesPerSample()))
         return false;
     if (!holdsFloats(re) || !holdsFloats(im) || !usablePicture(re, c->w, c->h, 4)
@@ -480,6 +655,25 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
 
     // Columns: real to complex, kept as rows 0..h/2 of the half spectrum.
     const int blocks = (w + block - 1) / block;
+#if defined(QLAR_FFT_AVX2)
+    const bool avx2 = pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
+#endif
+    const auto storeBlock = [&](const fftwf_complex* out, int count, fftwf_complex* dst) {
+#if defined(QLAR_FFT_AVX2)
+        // Rows on 32 bytes, as the wide stores need.
+        if (avx2 && count == ColumnBlock && (quintptr(c->spectrum) & 31) == 0) {
+            if (c->cachedSpectrum)
+                storeBlockAvx2<false>(out, c->halfRows, dst, c->rowStride);
+            else
+                storeBlockAvx2<true>(out, c->halfRows, dst, c->rowStride);
+            return;
+        }
+#endif
+        if (c->cachedSpectrum)
+            storeColumns<false>(out, c->halfRows, count, dst, c->rowStride);
+        else
+            storeColumns<true>(out, c->halfRows, count, dst, c->rowStride);
+    };
     const quint64 blockBytes = quint64(block) * h * (in.bytesPerSample() + sizeof(fftwf_complex));
     pixelkit::forEachRowPiece(blocks, blockBytes, [&](int b0, int b1, int t) {
         float* colIn = c->colIn(t);
@@ -487,11 +681,16 @@ bool CxFFT::Calc2D(const SxPicBuf& in, SxPicBuf& re, SxPicBuf& im, void* h1, voi
         for (int b = b0; b < b1; ++b) {
             const int k0 = b * block;
             const int count = std::min(block, w - k0);
-            gather(in.data, inPitch, k0, count, h, colIn);
+            const bool nonZero = blockGather && count == ColumnBlock ? blockGather(in.data, inPitch, k0, h, colIn)
+                                                                     : gather(in.data, inPitch, k0, count, h, colIn);
+            if (!nonZero) {
+                storeZeroColumns(c->halfRows, count, c->spectrum + k0, c->rowStride);
+                continue;
+            }
             if (count < block)
                 std::memset(colIn + size_t(count) * h, 0, sizeof(float) * size_t(block - count) * h);
             fftwf_execute_dft_r2c(c->columns, colIn, colOut);
-            storeColumns(colOut, c->halfRows, count, c->spectrum + k0, c->rowStride);
+            storeBlock(colOut, count, c->spectrum + k0);
         }
         fence();
     });

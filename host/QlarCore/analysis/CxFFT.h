@@ -61,7 +61,8 @@
 // frequency and of its mirror, already centred). Both passes share their
 // blocks out through the kit's row scheduler, each thread executing
 // single-threaded plans on its own scratch, so FFTW's own thread pool is
-// not used. Nothing is allocated per call.
+// not used: the plans are made single-threaded whatever thread count the
+// process set for FFTW's planner, which is restored afterwards. Nothing is allocated per call.
 class QLARCORE_EXPORT CxFFT
 {
 public:
