@@ -359,7 +359,10 @@ inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
 // of p vectors move as whole vectors, the last one under masks that neither
 // read nor write past any row; periods up to 16 of 1- and 2-byte samples.
 // Everything else goes sample by sample. Build one per frame (the tables
-// cost about as much as a row) and reuse it for every row.
+// cost about as much as a row) and reuse it for every row. A weave told to
+// bypass the cache writes the whole vectors of a row that starts on a cache
+// line straight to memory, which saves reading the lines of a row written
+// whole; call fence() before anyone else reads what it wrote.
 template <unsigned S>
 class RowStreams
 {
@@ -409,18 +412,21 @@ public:
         }
     }
 
-    void weave(const uchar* const* streams, qint64 n, uchar* row) const
+    void weave(const uchar* const* streams, qint64 n, uchar* row, bool bypass = false) const
     {
 #if defined(QLAR_KIT_STREAMS_VBMI)
         if (m_vector) {
+            const bool stream = bypass && reinterpret_cast<quintptr>(row) % 64 == 0;
             switch (m_p) {
-            case 2: weaveVector<2>(streams, n, row); return;
-            case 3: weaveVector<3>(streams, n, row); return;
-            case 4: weaveVector<4>(streams, n, row); return;
-            case 5: weaveVector<5>(streams, n, row); return;
-            default: weaveVector<0>(streams, n, row); return;
+            case 2: stream ? weaveVector<2, true>(streams, n, row) : weaveVector<2, false>(streams, n, row); return;
+            case 3: stream ? weaveVector<3, true>(streams, n, row) : weaveVector<3, false>(streams, n, row); return;
+            case 4: stream ? weaveVector<4, true>(streams, n, row) : weaveVector<4, false>(streams, n, row); return;
+            case 5: stream ? weaveVector<5, true>(streams, n, row) : weaveVector<5, false>(streams, n, row); return;
+            default: weaveVector<0, false>(streams, n, row); return;
             }
         }
+#else
+        Q_UNUSED(bypass);
 #endif
         if constexpr (S == 1 || S == 2) {
             if (m_p == 2) {
@@ -437,6 +443,13 @@ public:
             for (qint64 i = 0; i < c; ++i)
                 std::memcpy(row + (i * m_p + s) * S, streams[s] + i * S, S);
         }
+    }
+
+    static void fence()
+    {
+#if defined(__SSE2__)
+        _mm_sfence();
+#endif
     }
 
 private:
@@ -507,7 +520,7 @@ private:
     // Whole blocks of a period known at compile time, with the tables and
     // the plane rows held in registers: stores through the plane rows could
     // otherwise alias them, and they would be reloaded for every block.
-    template <int P, bool Split>
+    template <int P, bool Split, bool Stream = false>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void wholeBlocks(const uchar* from, qint64 blocks,
                                                                          uchar* to, const uchar* const* streamsIn,
                                                                          uchar* const* streamsOut) const
@@ -536,7 +549,10 @@ private:
                 __m512i r = permute(idx[a][0], mask[a][0], v[0], v[1]);
                 for (int q = 1; q < Q; ++q)
                     r = _mm512_or_si512(r, permute(idx[a][q], mask[a][q], v[2 * q], v[2 * q + 1]));
-                _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
+                if (Stream)
+                    _mm512_stream_si512(reinterpret_cast<__m512i*>(to + (blk * P + a) * 64), r);
+                else
+                    _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
             }
         }
     }
@@ -597,7 +613,7 @@ private:
             block(b, true);
     }
 
-    template <int P>
+    template <int P, bool Stream>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void weaveVector(const uchar* const* streams, qint64 n,
                                                                          uchar* row) const
     {
@@ -629,7 +645,7 @@ private:
         qint64 b = 0;
         if constexpr (P > 0) {
             b = n / span * span;
-            wholeBlocks<P, false>(nullptr, n / span, row, streams, nullptr);
+            wholeBlocks<P, false, Stream>(nullptr, n / span, row, streams, nullptr);
         }
         for (; b + span <= n; b += span)
             block(b, false);
