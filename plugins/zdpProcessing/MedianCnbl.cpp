@@ -61,15 +61,17 @@ SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlane
     return f;
 }
 
-// The planes of a band, one above the other, each radius rows beyond the
-// band above and below; as wide as the widest plane.
+// The planes of a band side by side, each with radius samples more on either
+// side than the widest plane and radius rows more above and below the band.
 SxPicBufInfo med_stackFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
 {
     SxPicBufInfo f = med_planeFormat(in, l, 0, radius);
     const quint64 planeHeight = planeExtent(in.height, l.periodY, 0);
-    const quint64 slot = qMin<quint64>(med_bandRows(in, l, radius), planeHeight) + 2 * quint64(radius);
-    const quint64 rows = quint64(l.count()) * slot;
-    f.height = rows <= quint64(INT_MAX) ? quint32(rows) : 0;
+    const quint64 rows = qMin<quint64>(med_bandRows(in, l, radius), planeHeight) + 2 * quint64(radius);
+    const quint64 width = quint64(l.count()) * (f.width + 2 * quint64(radius));
+    const bool fits = rows <= quint64(INT_MAX) && width * f.bytesPerSample() <= quint64(INT_MAX);
+    f.width = fits ? quint32(width) : 0;
+    f.height = fits ? quint32(rows) : 0;
     return f;
 }
 
@@ -128,14 +130,15 @@ template void med_splitPlanes_T<quint16>(const SxPicBuf&, const CxMedianCnbl::Sx
 // Splitting and weaving a whole frame would each stream it through memory
 // once more than the medians do. In bands of plane rows small enough to stay
 // in the cache, the medians read what the split has just written and the
-// weave what they have just written. The planes of a band lie one above the
-// other in one picture, so that one median call filters them all: each call
-// hands its rows to the host's threads, which costs more than the rows of a
-// small plane. Each plane holds radius rows beyond the band above and below,
-// the picture's own rows where it has them and copies of its edge row
-// elsewhere, and a plane narrower than the picture is widened by copies of
-// its last sample: the median repeats edge samples at its borders, so the
-// rows and columns a plane's windows reach are those of the plane alone.
+// weave what they have just written. The planes of a band lie side by side
+// in one picture, so that one median call filters them all: each call hands
+// its rows to the host's threads, and each row's ends are filtered one
+// sample at a time, both of which cost more than the rows of a small plane.
+// Each plane is framed by radius rows and columns: the picture's own rows
+// beyond the band where it has them, else copies of the plane's edge rows
+// and columns (up to the widest plane's width). The median repeats edge
+// samples at its borders, so each plane's windows see what they would on
+// the plane alone.
 template <class T>
 bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
                          SxPicBuf& outStack, uchar** rowPtrs, int radius, void* work, quint64 band,
@@ -148,51 +151,53 @@ bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::
     const pixelkit::RowStreams<S> rowStreams(streams);
     const qint64 samples = qint64(in.width) * in.channels;
     const quint64 width = quint64(rowStreams.count(samples, 0));  // of the first plane, the widest
+    const quint64 slotWidth = width + 2 * r;  // a plane and its frame, in samples
     const quint64 inPitch = in.effectiveLinePitch(), outPitch = out.effectiveLinePitch();
     const quint64 pitch = inStack.effectiveLinePitch();
     band = qMax<quint64>(band, 1);
-    const quint64 slotMax = qMin(band, planeHeight) + 2 * r;
-    if (inStack.width != width || outStack.width != width || outStack.effectiveLinePitch() != pitch
-        || quint64(inStack.height) < slotMax * l.count() || quint64(outStack.height) < slotMax * l.count())
+    const quint64 stackWidth = slotWidth * quint64(l.count()), rowsMax = qMin(band, planeHeight) + 2 * r;
+    if (inStack.width != stackWidth || outStack.width != stackWidth || outStack.effectiveLinePitch() != pitch
+        || inStack.height < rowsMax || outStack.height < rowsMax)
         return false;
     // Frames beyond the cache go straight to memory: written through the
     // cache, each of their lines would first be read.
     const bool bypass = quint64(out.height) * outPitch >= kBypassBytes;
     const auto cellRows = [&](quint64 oy) { return height > oy ? (height - oy + ph - 1) / ph : 0; };
     for (quint64 b0 = 0; b0 < planeHeight; b0 += band) {
-        const quint64 b1 = qMin(planeHeight, b0 + band), slot = b1 - b0 + 2 * r;
+        const quint64 b1 = qMin(planeHeight, b0 + band), rows = b1 - b0 + 2 * r;
         const quint64 lo = b0 > r ? b0 - r : 0, hi = qMin(planeHeight, b1 + r);
-        // Plane row p of picture row y's planes sits at row p + r - b0 of their slots.
+        // Plane row p of picture row y's planes is stack row p + r - b0.
         const auto rowsOf = [&](uchar* stack, quint64 y) {
-            const quint64 first = (y % ph) * quint64(streams), at = y / ph + r - b0;
+            const quint64 first = (y % ph) * quint64(streams);
+            uchar* row = stack + (y / ph + r - b0) * pitch;
             for (int s = 0; s < streams; ++s)
-                rowPtrs[s] = stack + ((first + quint64(s)) * slot + at) * pitch;
+                rowPtrs[s] = row + ((first + quint64(s)) * slotWidth + r) * S;
             return rowPtrs;
         };
         const quint64 y0 = ph * lo, y1 = qMin(height, ph * hi);
         for (quint64 y = y0; y < y1; ++y)
             rowStreams.split(in.data + y * inPitch, samples, rowsOf(inStack.data, y));
         // Apart from the split: its last vector store may not have landed.
-        for (int s = 1; s < streams; ++s) {
-            const quint64 c = quint64(rowStreams.count(samples, s));
-            for (quint64 y = y0; y < y1 && c > 0 && c < width; ++y) {
-                uchar* row = rowsOf(inStack.data, y)[s];
-                for (quint64 k = c; k < width; ++k)
-                    std::memcpy(row + k * S, row + (c - 1) * S, S);
+        for (quint64 y = y0; y < y1; ++y) {
+            rowsOf(inStack.data, y);
+            for (int s = 0; s < streams; ++s) {
+                const qint64 c = rowStreams.count(samples, s);
+                for (qint64 k = -qint64(r); k < 0 && c > 0; ++k)
+                    std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s], S);
+                for (qint64 k = c; k < qint64(width + r) && c > 0; ++k)
+                    std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s] + (c - 1) * qint64(S), S);
             }
         }
+        for (quint64 k = 0; k + b0 < r; ++k)
+            std::memcpy(inStack.data + k * pitch, inStack.data + (r - b0) * pitch, stackWidth * S);
         for (int i = 0, n = l.count(); i < n; ++i) {
-            const quint64 rows = cellRows(quint64(i / streams));
-            if (rows == 0 || rowStreams.count(samples, i % streams) == 0)
-                continue;
-            uchar* const plane = inStack.data + quint64(i) * slot * pitch;
-            for (quint64 k = 0; k + b0 < r; ++k)
-                std::memcpy(plane + k * pitch, plane + (r - b0) * pitch, width * S);
-            for (quint64 k = rows + r - b0; k < slot; ++k)
-                std::memcpy(plane + k * pitch, plane + (k - 1) * pitch, width * S);
+            const quint64 last = cellRows(quint64(i / streams));
+            uchar* const plane = inStack.data + quint64(i) * slotWidth * S;
+            for (quint64 k = last + r - b0; last > 0 && k < rows; ++k)
+                std::memcpy(plane + k * pitch, plane + (k - 1) * pitch, slotWidth * S);
         }
         SxPicBuf bandIn = inStack, bandOut = outStack;
-        bandIn.height = bandOut.height = quint32(slot * l.count());
+        bandIn.height = bandOut.height = quint32(rows);
         if (!filter(bandIn, bandOut, radius, work))
             return false;
         for (quint64 y = ph * b0, y1 = qMin(height, ph * b1); y < y1; ++y)
@@ -327,7 +332,7 @@ void CxMedianCnbl::setupStart()
         m_rows.assign(size_t(layout.periodX) * size_t(layout.channels), nullptr);
         // Cleared once: the slots of planes the picture has no samples for
         // are filtered with the rest, and never written.
-        if ((f.height == 0 && in.height > 0) || !CxPicBufAPI::AllocPicBufFromHeap(m_inStack, f, true, 0)
+        if (f.width == 0 || f.height == 0 || !CxPicBufAPI::AllocPicBufFromHeap(m_inStack, f, true, 0)
             || !CxPicBufAPI::AllocPicBufFromHeap(m_outStack, f, false, 0)) {
             qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
             freePlanes();
