@@ -350,6 +350,63 @@ inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
     }
 }
 
+// Four streams of 1- or 2-byte samples (the channels of a colour picture):
+// 64 bytes of a row, 16 / S samples of each stream, per step, through three
+// rounds of interleaves that transpose them; the rest sample by sample.
+template <unsigned S>
+inline qint64 splitQuads(const uchar* row, qint64 n, uchar* const* streams)
+{
+    qint64 k = 0;
+#if defined(__SSE2__)
+    const auto unLo = [](__m128i a, __m128i b) { return S == 1 ? _mm_unpacklo_epi8(a, b) : _mm_unpacklo_epi16(a, b); };
+    const auto unHi = [](__m128i a, __m128i b) { return S == 1 ? _mm_unpackhi_epi8(a, b) : _mm_unpackhi_epi16(a, b); };
+    constexpr qint64 Step = 64 / S;
+    for (; k + Step <= n; k += Step) {
+        __m128i v[4];
+        for (int j = 0; j < 4; ++j)
+            v[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + k * S + 16 * j));
+        const __m128i a0 = unLo(v[0], v[1]), a1 = unHi(v[0], v[1]), a2 = unLo(v[2], v[3]), a3 = unHi(v[2], v[3]);
+        __m128i b0 = unLo(a0, a1), b1 = unHi(a0, a1), b2 = unLo(a2, a3), b3 = unHi(a2, a3);
+        if constexpr (S == 1) {
+            const __m128i c0 = unLo(b0, b1), c1 = unHi(b0, b1), c2 = unLo(b2, b3), c3 = unHi(b2, b3);
+            b0 = c0, b1 = c1, b2 = c2, b3 = c3;
+        }
+        const qint64 at = k / 4 * S;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[0] + at), _mm_unpacklo_epi64(b0, b2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[1] + at), _mm_unpackhi_epi64(b0, b2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[2] + at), _mm_unpacklo_epi64(b1, b3));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[3] + at), _mm_unpackhi_epi64(b1, b3));
+    }
+#endif
+    return k;
+}
+
+template <unsigned S>
+inline qint64 weaveQuads(const uchar* const* streams, qint64 n, uchar* row)
+{
+    qint64 k = 0;
+#if defined(__SSE2__)
+    constexpr qint64 Step = 64 / S;
+    for (; k + Step <= n; k += Step) {
+        const qint64 at = k / 4 * S;
+        __m128i v[4];
+        for (int j = 0; j < 4; ++j)
+            v[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(streams[j] + at));
+        const __m128i lo01 = S == 1 ? _mm_unpacklo_epi8(v[0], v[1]) : _mm_unpacklo_epi16(v[0], v[1]);
+        const __m128i hi01 = S == 1 ? _mm_unpackhi_epi8(v[0], v[1]) : _mm_unpackhi_epi16(v[0], v[1]);
+        const __m128i lo23 = S == 1 ? _mm_unpacklo_epi8(v[2], v[3]) : _mm_unpacklo_epi16(v[2], v[3]);
+        const __m128i hi23 = S == 1 ? _mm_unpackhi_epi8(v[2], v[3]) : _mm_unpackhi_epi16(v[2], v[3]);
+        const __m128i out[4] = {S == 1 ? _mm_unpacklo_epi16(lo01, lo23) : _mm_unpacklo_epi32(lo01, lo23),
+                                S == 1 ? _mm_unpackhi_epi16(lo01, lo23) : _mm_unpackhi_epi32(lo01, lo23),
+                                S == 1 ? _mm_unpacklo_epi16(hi01, hi23) : _mm_unpacklo_epi32(hi01, hi23),
+                                S == 1 ? _mm_unpackhi_epi16(hi01, hi23) : _mm_unpackhi_epi32(hi01, hi23)};
+        for (int j = 0; j < 4; ++j)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(row + k * S + 16 * j), out[j]);
+    }
+#endif
+    return k;
+}
+
 // All planes that share a row at once: sample k of a row of n samples (S
 // bytes each) is sample k / p of stream k % p, so a row of a mosaic with
 // period p (or of an interleaved picture, p = channels x period) splits into
@@ -404,6 +461,11 @@ public:
                     std::memcpy(streams[0] + (n / 2) * S, row + (n - 1) * S, S);
                 return;
             }
+            if (m_p == 4) {
+                for (qint64 k = splitQuads<S>(row, n, streams); k < n; ++k)
+                    std::memcpy(streams[k % 4] + (k / 4) * S, row + k * S, S);
+                return;
+            }
         }
         for (int s = 0; s < m_p; ++s) {
             const qint64 c = count(n, s);
@@ -435,6 +497,11 @@ public:
                            quint64(n / 2));
                 if (n & 1)
                     std::memcpy(row + (n - 1) * S, streams[0] + (n / 2) * S, S);
+                return;
+            }
+            if (m_p == 4) {
+                for (qint64 k = weaveQuads<S>(streams, n, row); k < n; ++k)
+                    std::memcpy(row + k * S, streams[k % 4] + (k / 4) * S, S);
                 return;
             }
         }

@@ -63,7 +63,7 @@ private slots:
         QTest::newRow("rgb u8")
             << SxPlaneCase{format(6, 5, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
         QTest::newRow("rgba u16")
-            << SxPlaneCase{format(5, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+            << SxPlaneCase{format(13, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
         QTest::newRow("bayer u8 odd") << SxPlaneCase{format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB), none, 1, 2, 2};
         QTest::newRow("cmyg u16 even") << SxPlaneCase{format(8, 6, 1, IDT_UINT16, 0, CFA_CMYG), none, 1, 2, 2};
         // Rows long enough for the vector loops, with an odd last column.
