@@ -79,12 +79,12 @@ SxPicBufInfo med_stackFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlane
 // the band with radius rows of context above and below.
 quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
 {
-    // Every plane's rows of one band, split and filtered, stay within the
-    // second-level cache, but each plane's median gets enough samples to pay
-    // for handing its rows to the host's threads. Bands are evened out rather
-    // than leaving a thin last one, whose medians would pay their edges for
-    // few rows.
-    constexpr quint64 kBandBytes = 1 << 20, kPlaneSamples = 32 << 10;
+    // A band's planes, split and filtered, stay within the second-level
+    // caches of the cores the median runs on, but the band holds enough rows
+    // of each plane to pay for handing them to the host's threads. Bands are
+    // evened out rather than leaving a thin last one, whose medians would pay
+    // their edges for few rows.
+    constexpr quint64 kBandBytes = 2 << 20, kPlaneSamples = 32 << 10;
     const quint64 rowBytes = qMax<quint64>(1, 2 * quint64(l.periodY) * in.width * in.channels * in.bytesPerSample());
     const quint64 planeWidth = qMax<quint64>(1, quint64(in.width) * in.channels / quint64(l.periodX * l.channels));
     const quint64 band = std::max<quint64>({kBandBytes / rowBytes, kPlaneSamples / planeWidth, 8 * quint64(radius), 16});

@@ -82,7 +82,7 @@ private slots:
         QTest::newRow("bayer u16 in bands r2")
             << SxPlaneCase{format(32768, 69, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
         QTest::newRow("bayer u8 odd in bands r2")
-            << SxPlaneCase{format(4095, 261, 1, IDT_UINT8, 0, CFA_BAYER_GBRG), none, 2, 2, 2};
+            << SxPlaneCase{format(4095, 521, 1, IDT_UINT8, 0, CFA_BAYER_GBRG), none, 2, 2, 2};
         QTest::newRow("hsi 3x2 u8")
             << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
         QTest::newRow("hsi 4x4 u16 r2")
