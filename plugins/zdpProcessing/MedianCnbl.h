@@ -89,7 +89,7 @@ private:
 
     int m_radius = 1;
     void* m_work = nullptr;
-    SxPicBuf m_inStack;  // the planes of a band, one above the other
+    SxPicBuf m_inStack;  // the planes of a band, side by side
     SxPicBuf m_outStack;
     std::vector<uchar*> m_rows;  // one row of each plane of a pattern row
     int m_planeCount = 0;
@@ -109,8 +109,8 @@ void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l,
                        quint32 y0, quint32 y1, quint32 base);
 // Median of a picture with several planes, split, filtered (by filter, the
 // host's median unless a benchmark times the rest alone) and woven back band
-// rows of the planes at a time, the planes of a band stacked in one picture
-// of med_stackFormat.
+// rows of the planes at a time, the planes of a band side by side in one
+// picture of med_stackFormat.
 using MedPlaneFilter = bool (*)(const SxPicBuf& in, SxPicBuf& out, int radius, void* work);
 template <class T>
 bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
