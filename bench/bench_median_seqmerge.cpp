@@ -27,12 +27,14 @@ const bench::StdFrame& frameNamed(const std::string& name)
     return frames.front();
 }
 
-// A frame and the planes the node splits it into, made the node's way.
+// A frame and the planes the node splits it into, made the node's way: whole
+// planes for the medians alone, and the node's stacked bands.
 struct SxPlanes
 {
     bench::Pic frame, out;
     CxMedianCnbl::SxPlaneLayout layout;
     std::vector<SxPicBuf> in, filtered;
+    SxPicBuf inStack, outStack;
     std::vector<uchar*> rows;
 
     SxPlanes(const bench::StdFrame& f, bool inBands)
@@ -40,13 +42,18 @@ struct SxPlanes
     {
         f.fill(*frame);
         rows.resize(size_t(layout.periodX * layout.channels));
+        if (inBands) {
+            const SxPicBufInfo sf = med_stackFormat(f.format, layout, 1);
+            CxPicBufAPI::AllocPicBufFromHeap(inStack, sf, true, 0);
+            CxPicBufAPI::AllocPicBufFromHeap(outStack, sf, true, 0);
+            return;
+        }
         in.resize(size_t(layout.count()));
         filtered.resize(size_t(layout.count()));
         for (int i = 0; i < layout.count(); ++i) {
             SxPicBufInfo pf = med_planeFormat(f.format, layout, i, 1);
-            if (!inBands)
-                pf.height = (f.format.height - quint32(i / (layout.periodX * layout.channels)) + layout.periodY - 1)
-                            / layout.periodY;
+            pf.height = (f.format.height - quint32(i / (layout.periodX * layout.channels)) + layout.periodY - 1)
+                        / layout.periodY;
             CxPicBufAPI::AllocPicBufFromHeap(in[size_t(i)], pf, true, 0);
             CxPicBufAPI::AllocPicBufFromHeap(filtered[size_t(i)], pf, true, 0);
         }
@@ -56,6 +63,8 @@ struct SxPlanes
         for (std::vector<SxPicBuf>* v : {&in, &filtered})
             for (SxPicBuf& p : *v)
                 CxPicBufAPI::FreePicBuf(p, true);
+        CxPicBufAPI::FreePicBuf(inStack, true);
+        CxPicBufAPI::FreePicBuf(outStack, true);
     }
 };
 
@@ -106,7 +115,7 @@ bool noFilter(const SxPicBuf&, SxPicBuf&, int, void*)
 template <class T>
 void splitAndWeave(SxPlanes& p)
 {
-    med_filterInBands_T<T>(*p.frame, *p.out, p.layout, p.in.data(), p.filtered.data(), p.rows.data(), 1, nullptr,
+    med_filterInBands_T<T>(*p.frame, *p.out, p.layout, p.inStack, p.outStack, p.rows.data(), 1, nullptr,
                            med_bandRows(*p.frame, p.layout, 1), noFilter);
 }
 

@@ -350,6 +350,63 @@ inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
     }
 }
 
+// Four streams of 1- or 2-byte samples (the channels of a colour picture):
+// 64 bytes of a row, 16 / S samples of each stream, per step, through three
+// rounds of interleaves that transpose them; the rest sample by sample.
+template <unsigned S>
+inline qint64 splitQuads(const uchar* row, qint64 n, uchar* const* streams)
+{
+    qint64 k = 0;
+#if defined(__SSE2__)
+    const auto unLo = [](__m128i a, __m128i b) { return S == 1 ? _mm_unpacklo_epi8(a, b) : _mm_unpacklo_epi16(a, b); };
+    const auto unHi = [](__m128i a, __m128i b) { return S == 1 ? _mm_unpackhi_epi8(a, b) : _mm_unpackhi_epi16(a, b); };
+    constexpr qint64 Step = 64 / S;
+    for (; k + Step <= n; k += Step) {
+        __m128i v[4];
+        for (int j = 0; j < 4; ++j)
+            v[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + k * S + 16 * j));
+        const __m128i a0 = unLo(v[0], v[1]), a1 = unHi(v[0], v[1]), a2 = unLo(v[2], v[3]), a3 = unHi(v[2], v[3]);
+        __m128i b0 = unLo(a0, a1), b1 = unHi(a0, a1), b2 = unLo(a2, a3), b3 = unHi(a2, a3);
+        if constexpr (S == 1) {
+            const __m128i c0 = unLo(b0, b1), c1 = unHi(b0, b1), c2 = unLo(b2, b3), c3 = unHi(b2, b3);
+            b0 = c0, b1 = c1, b2 = c2, b3 = c3;
+        }
+        const qint64 at = k / 4 * S;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[0] + at), _mm_unpacklo_epi64(b0, b2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[1] + at), _mm_unpackhi_epi64(b0, b2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[2] + at), _mm_unpacklo_epi64(b1, b3));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(streams[3] + at), _mm_unpackhi_epi64(b1, b3));
+    }
+#endif
+    return k;
+}
+
+template <unsigned S>
+inline qint64 weaveQuads(const uchar* const* streams, qint64 n, uchar* row)
+{
+    qint64 k = 0;
+#if defined(__SSE2__)
+    constexpr qint64 Step = 64 / S;
+    for (; k + Step <= n; k += Step) {
+        const qint64 at = k / 4 * S;
+        __m128i v[4];
+        for (int j = 0; j < 4; ++j)
+            v[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(streams[j] + at));
+        const __m128i lo01 = S == 1 ? _mm_unpacklo_epi8(v[0], v[1]) : _mm_unpacklo_epi16(v[0], v[1]);
+        const __m128i hi01 = S == 1 ? _mm_unpackhi_epi8(v[0], v[1]) : _mm_unpackhi_epi16(v[0], v[1]);
+        const __m128i lo23 = S == 1 ? _mm_unpacklo_epi8(v[2], v[3]) : _mm_unpacklo_epi16(v[2], v[3]);
+        const __m128i hi23 = S == 1 ? _mm_unpackhi_epi8(v[2], v[3]) : _mm_unpackhi_epi16(v[2], v[3]);
+        const __m128i out[4] = {S == 1 ? _mm_unpacklo_epi16(lo01, lo23) : _mm_unpacklo_epi32(lo01, lo23),
+                                S == 1 ? _mm_unpackhi_epi16(lo01, lo23) : _mm_unpackhi_epi32(lo01, lo23),
+                                S == 1 ? _mm_unpacklo_epi16(hi01, hi23) : _mm_unpacklo_epi32(hi01, hi23),
+                                S == 1 ? _mm_unpackhi_epi16(hi01, hi23) : _mm_unpackhi_epi32(hi01, hi23)};
+        for (int j = 0; j < 4; ++j)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(row + k * S + 16 * j), out[j]);
+    }
+#endif
+    return k;
+}
+
 // All planes that share a row at once: sample k of a row of n samples (S
 // bytes each) is sample k / p of stream k % p, so a row of a mosaic with
 // period p (or of an interleaved picture, p = channels x period) splits into
@@ -359,7 +416,10 @@ inline void weavePairs(const T* a, const T* b, uchar* d, quint64 n)
 // of p vectors move as whole vectors, the last one under masks that neither
 // read nor write past any row; periods up to 16 of 1- and 2-byte samples.
 // Everything else goes sample by sample. Build one per frame (the tables
-// cost about as much as a row) and reuse it for every row.
+// cost about as much as a row) and reuse it for every row. A weave told to
+// bypass the cache writes the whole vectors of a row that starts on a cache
+// line straight to memory, which saves reading the lines of a row written
+// whole; call fence() before anyone else reads what it wrote.
 template <unsigned S>
 class RowStreams
 {
@@ -401,6 +461,11 @@ public:
                     std::memcpy(streams[0] + (n / 2) * S, row + (n - 1) * S, S);
                 return;
             }
+            if (m_p == 4) {
+                for (qint64 k = splitQuads<S>(row, n, streams); k < n; ++k)
+                    std::memcpy(streams[k % 4] + (k / 4) * S, row + k * S, S);
+                return;
+            }
         }
         for (int s = 0; s < m_p; ++s) {
             const qint64 c = count(n, s);
@@ -409,18 +474,21 @@ public:
         }
     }
 
-    void weave(const uchar* const* streams, qint64 n, uchar* row) const
+    void weave(const uchar* const* streams, qint64 n, uchar* row, bool bypass = false) const
     {
 #if defined(QLAR_KIT_STREAMS_VBMI)
         if (m_vector) {
+            const bool stream = bypass && reinterpret_cast<quintptr>(row) % 64 == 0;
             switch (m_p) {
-            case 2: weaveVector<2>(streams, n, row); return;
-            case 3: weaveVector<3>(streams, n, row); return;
-            case 4: weaveVector<4>(streams, n, row); return;
-            case 5: weaveVector<5>(streams, n, row); return;
-            default: weaveVector<0>(streams, n, row); return;
+            case 2: stream ? weaveVector<2, true>(streams, n, row) : weaveVector<2, false>(streams, n, row); return;
+            case 3: stream ? weaveVector<3, true>(streams, n, row) : weaveVector<3, false>(streams, n, row); return;
+            case 4: stream ? weaveVector<4, true>(streams, n, row) : weaveVector<4, false>(streams, n, row); return;
+            case 5: stream ? weaveVector<5, true>(streams, n, row) : weaveVector<5, false>(streams, n, row); return;
+            default: weaveVector<0, false>(streams, n, row); return;
             }
         }
+#else
+        Q_UNUSED(bypass);
 #endif
         if constexpr (S == 1 || S == 2) {
             if (m_p == 2) {
@@ -431,12 +499,24 @@ public:
                     std::memcpy(row + (n - 1) * S, streams[0] + (n / 2) * S, S);
                 return;
             }
+            if (m_p == 4) {
+                for (qint64 k = weaveQuads<S>(streams, n, row); k < n; ++k)
+                    std::memcpy(row + k * S, streams[k % 4] + (k / 4) * S, S);
+                return;
+            }
         }
         for (int s = 0; s < m_p; ++s) {
             const qint64 c = count(n, s);
             for (qint64 i = 0; i < c; ++i)
                 std::memcpy(row + (i * m_p + s) * S, streams[s] + i * S, S);
         }
+    }
+
+    static void fence()
+    {
+#if defined(__SSE2__)
+        _mm_sfence();
+#endif
     }
 
 private:
@@ -507,7 +587,7 @@ private:
     // Whole blocks of a period known at compile time, with the tables and
     // the plane rows held in registers: stores through the plane rows could
     // otherwise alias them, and they would be reloaded for every block.
-    template <int P, bool Split>
+    template <int P, bool Split, bool Stream = false>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void wholeBlocks(const uchar* from, qint64 blocks,
                                                                          uchar* to, const uchar* const* streamsIn,
                                                                          uchar* const* streamsOut) const
@@ -536,7 +616,10 @@ private:
                 __m512i r = permute(idx[a][0], mask[a][0], v[0], v[1]);
                 for (int q = 1; q < Q; ++q)
                     r = _mm512_or_si512(r, permute(idx[a][q], mask[a][q], v[2 * q], v[2 * q + 1]));
-                _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
+                if (Stream)
+                    _mm512_stream_si512(reinterpret_cast<__m512i*>(to + (blk * P + a) * 64), r);
+                else
+                    _mm512_storeu_si512(Split ? out[a] + blk * 64 : to + (blk * P + a) * 64, r);
             }
         }
     }
@@ -597,7 +680,7 @@ private:
             block(b, true);
     }
 
-    template <int P>
+    template <int P, bool Stream>
     __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void weaveVector(const uchar* const* streams, qint64 n,
                                                                          uchar* row) const
     {
@@ -629,7 +712,7 @@ private:
         qint64 b = 0;
         if constexpr (P > 0) {
             b = n / span * span;
-            wholeBlocks<P, false>(nullptr, n / span, row, streams, nullptr);
+            wholeBlocks<P, false, Stream>(nullptr, n / span, row, streams, nullptr);
         }
         for (; b + span <= n; b += span)
             block(b, false);

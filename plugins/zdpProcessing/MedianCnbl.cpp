@@ -5,6 +5,7 @@
 #include <QtXml/QDomDocument>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include <KitMosaic.h>
@@ -60,16 +61,33 @@ SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlane
     return f;
 }
 
+// The planes of a band side by side, each with radius samples more on either
+// side than the widest plane and radius rows more above and below the band.
+SxPicBufInfo med_stackFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
+{
+    SxPicBufInfo f = med_planeFormat(in, l, 0, radius);
+    const quint64 planeHeight = planeExtent(in.height, l.periodY, 0);
+    const quint64 rows = qMin<quint64>(med_bandRows(in, l, radius), planeHeight) + 2 * quint64(radius);
+    const quint64 width = quint64(l.count()) * (f.width + 2 * quint64(radius));
+    const bool fits = rows <= quint64(INT_MAX) && width * f.bytesPerSample() <= quint64(INT_MAX);
+    f.width = fits ? quint32(width) : 0;
+    f.height = fits ? quint32(rows) : 0;
+    return f;
+}
+
 // Plane rows a band filters at once, and the rows its plane buffers hold:
 // the band with radius rows of context above and below.
 quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius)
 {
-    // Every plane's rows of one band, split and filtered, stay within the
-    // last-level cache. Bands are evened out rather than leaving a thin last
-    // one, whose medians would pay their edges for few rows.
-    constexpr quint64 kBandBytes = 4 << 20;
+    // A band's planes, split and filtered, stay within the second-level
+    // caches of the cores the median runs on, but the band holds enough rows
+    // of each plane to pay for handing them to the host's threads. Bands are
+    // evened out rather than leaving a thin last one, whose medians would pay
+    // their edges for few rows.
+    constexpr quint64 kBandBytes = 2 << 20, kPlaneSamples = 32 << 10;
     const quint64 rowBytes = qMax<quint64>(1, 2 * quint64(l.periodY) * in.width * in.channels * in.bytesPerSample());
-    const quint64 band = std::max<quint64>({kBandBytes / rowBytes, 8 * quint64(radius), 16});
+    const quint64 planeWidth = qMax<quint64>(1, quint64(in.width) * in.channels / quint64(l.periodX * l.channels));
+    const quint64 band = std::max<quint64>({kBandBytes / rowBytes, kPlaneSamples / planeWidth, 8 * quint64(radius), 16});
     const quint64 planeHeight = (quint64(in.height) + l.periodY - 1) / quint64(l.periodY);
     const quint64 bands = qMax<quint64>(1, planeHeight / band);
     return qMax<quint64>(band, (planeHeight + bands - 1) / bands);
@@ -77,16 +95,8 @@ quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& 
 
 namespace {
 
-// Rows lo..hi - 1 of a plane as a picture of their own.
-SxPicBuf planeRows(const SxPicBuf& plane, quint64 lo, quint64 hi)
-{
-    SxPicBuf rows = plane;
-    const quint64 offset = lo * plane.effectiveLinePitch();
-    rows.data = plane.data + offset;
-    rows.height = quint32(hi - lo);
-    rows.memCapacity = plane.memCapacity - offset;
-    return rows;
-}
+// Output frames from this size on are written past the cache.
+constexpr quint64 kBypassBytes = 1 << 20;
 
 } // namespace
 
@@ -113,76 +123,105 @@ void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l,
         streams.split(in.data + y * in.effectiveLinePitch(), n, planeRowsOf(planes, l, y, base, rows));
 }
 
-template <class T>
-void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows,
-                       quint32 y0, quint32 y1, quint32 base)
-{
-    const pixelkit::RowStreams<sizeof(T)> streams(l.periodX * l.channels);
-    const qint64 n = qint64(out.width) * out.channels;
-    for (quint32 y = y0; y < y1; ++y)
-        streams.weave(planeRowsOf(planes, l, y, base, rows), n, out.data + y * out.effectiveLinePitch());
-}
-
 template void med_splitPlanes_T<quint8>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**,
                                         quint32, quint32, quint32);
 template void med_splitPlanes_T<quint16>(const SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*, uchar**,
                                          quint32, quint32, quint32);
-template void med_weavePlanes_T<quint8>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**,
-                                        quint32, quint32, quint32);
-template void med_weavePlanes_T<quint16>(const SxPicBuf*, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&, uchar**,
-                                         quint32, quint32, quint32);
-
 // Splitting and weaving a whole frame would each stream it through memory
 // once more than the medians do. In bands of plane rows small enough to stay
 // in the cache, the medians read what the split has just written and the
-// weave what they have just written. Each band is split with radius rows of
-// context above and below it, so that its own rows see their whole window.
+// weave what they have just written. The planes of a band lie side by side
+// in one picture, so that one median call filters them all: each call hands
+// its rows to the host's threads, and each row's ends are filtered one
+// sample at a time, both of which cost more than the rows of a small plane.
+// Each plane is framed by radius rows and columns: the picture's own rows
+// beyond the band where it has them, else copies of the plane's edge rows
+// and columns (up to the widest plane's width). The median repeats edge
+// samples at its borders, so each plane's windows see what they would on
+// the plane alone.
 template <class T>
-bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
-                         SxPicBuf* outPlanes, uchar** rowPtrs, int radius, void* work, quint64 band,
+bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
+                         SxPicBuf& outStack, uchar** rowPtrs, int radius, void* work, quint64 band,
                          MedPlaneFilter filter)
 {
+    constexpr quint64 S = sizeof(T);
     const quint64 height = in.height, ph = quint64(l.periodY), r = quint64(radius);
     const quint64 planeHeight = (height + ph - 1) / ph;  // of the first pattern row, the tallest
     const int streams = l.periodX * l.channels;
+    const pixelkit::RowStreams<S> rowStreams(streams);
+    const qint64 samples = qint64(in.width) * in.channels;
+    const quint64 width = quint64(rowStreams.count(samples, 0));  // of the first plane, the widest
+    const quint64 slotWidth = width + 2 * r;  // a plane and its frame, in samples
+    const quint64 inPitch = in.effectiveLinePitch(), outPitch = out.effectiveLinePitch();
+    const quint64 pitch = inStack.effectiveLinePitch();
     band = qMax<quint64>(band, 1);
+    const quint64 stackWidth = slotWidth * quint64(l.count()), rowsMax = qMin(band, planeHeight) + 2 * r;
+    if (inStack.width != stackWidth || outStack.width != stackWidth || outStack.effectiveLinePitch() != pitch
+        || inStack.height < rowsMax || outStack.height < rowsMax)
+        return false;
+    // Frames beyond the cache go straight to memory: written through the
+    // cache, each of their lines would first be read.
+    const bool bypass = quint64(out.height) * outPitch >= kBypassBytes;
+    const auto cellRows = [&](quint64 oy) { return height > oy ? (height - oy + ph - 1) / ph : 0; };
     for (quint64 b0 = 0; b0 < planeHeight; b0 += band) {
-        const quint64 b1 = qMin(planeHeight, b0 + band);
+        const quint64 b1 = qMin(planeHeight, b0 + band), rows = b1 - b0 + 2 * r;
         const quint64 lo = b0 > r ? b0 - r : 0, hi = qMin(planeHeight, b1 + r);
-        med_splitPlanes_T<T>(in, l, inPlanes, rowPtrs, quint32(ph * lo), quint32(qMin(height, ph * hi)),
-                             quint32(lo));
-        for (int i = 0, n = l.count(); i < n; ++i) {
-            // Later pattern rows of a picture cut mid-pattern are a row shorter.
-            const quint64 oy = quint64(i / streams);
-            const quint64 cellRows = height > oy ? (height - oy + ph - 1) / ph : 0;
-            const quint64 rows = qMin(cellRows, hi) > lo ? qMin(cellRows, hi) - lo : 0;
-            if (rows == 0 || inPlanes[i].width == 0)
-                continue;
-            SxPicBuf bandOut = planeRows(outPlanes[i], 0, rows);
-            if (!filter(planeRows(inPlanes[i], 0, rows), bandOut, radius, work))
-                return false;
+        // Plane row p of picture row y's planes is stack row p + r - b0.
+        const auto rowsOf = [&](uchar* stack, quint64 y) {
+            const quint64 first = (y % ph) * quint64(streams);
+            uchar* row = stack + (y / ph + r - b0) * pitch;
+            for (int s = 0; s < streams; ++s)
+                rowPtrs[s] = row + ((first + quint64(s)) * slotWidth + r) * S;
+            return rowPtrs;
+        };
+        const quint64 y0 = ph * lo, y1 = qMin(height, ph * hi);
+        for (quint64 y = y0; y < y1; ++y)
+            rowStreams.split(in.data + y * inPitch, samples, rowsOf(inStack.data, y));
+        // Apart from the split: its last vector store may not have landed.
+        for (quint64 y = y0; y < y1; ++y) {
+            rowsOf(inStack.data, y);
+            for (int s = 0; s < streams; ++s) {
+                const qint64 c = rowStreams.count(samples, s);
+                for (qint64 k = -qint64(r); k < 0 && c > 0; ++k)
+                    std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s], S);
+                for (qint64 k = c; k < qint64(width + r) && c > 0; ++k)
+                    std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s] + (c - 1) * qint64(S), S);
+            }
         }
-        med_weavePlanes_T<T>(outPlanes, l, out, rowPtrs, quint32(ph * b0), quint32(qMin(height, ph * b1)),
-                             quint32(lo));
+        for (quint64 k = 0; k + b0 < r; ++k)
+            std::memcpy(inStack.data + k * pitch, inStack.data + (r - b0) * pitch, stackWidth * S);
+        for (int i = 0, n = l.count(); i < n; ++i) {
+            const quint64 last = cellRows(quint64(i / streams));
+            uchar* const plane = inStack.data + quint64(i) * slotWidth * S;
+            for (quint64 k = last + r - b0; last > 0 && k < rows; ++k)
+                std::memcpy(plane + k * pitch, plane + (k - 1) * pitch, slotWidth * S);
+        }
+        SxPicBuf bandIn = inStack, bandOut = outStack;
+        bandIn.height = bandOut.height = quint32(rows);
+        if (!filter(bandIn, bandOut, radius, work))
+            return false;
+        for (quint64 y = ph * b0, y1 = qMin(height, ph * b1); y < y1; ++y)
+            rowStreams.weave(rowsOf(outStack.data, y), samples, out.data + y * outPitch, bypass);
     }
+    if (bypass)
+        pixelkit::RowStreams<S>::fence();
     return true;
 }
 
-template bool med_filterInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf*,
-                                          SxPicBuf*, uchar**, int, void*, quint64, MedPlaneFilter);
+template bool med_filterInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&, SxPicBuf&,
+                                          SxPicBuf&, uchar**, int, void*, quint64, MedPlaneFilter);
 template bool med_filterInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&,
-                                           SxPicBuf*, SxPicBuf*, uchar**, int, void*, quint64, MedPlaneFilter);
+                                           SxPicBuf&, SxPicBuf&, uchar**, int, void*, quint64, MedPlaneFilter);
 
 namespace {
 
 template <class T>
-bool filterPlanes_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
-                    SxPicBuf* outPlanes, uchar** rows, int radius, void* work)
+bool filterPlanes_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
+                    SxPicBuf& outStack, uchar** rows, int radius, void* work)
 {
     if (!pixelkit::rowsFit(in) || !pixelkit::rowsFit(out))
         return false;
-    return med_filterInBands_T<T>(in, out, l, inPlanes, outPlanes, rows, radius, work,
-                                  med_bandRows(in, l, radius));
+    return med_filterInBands_T<T>(in, out, l, inStack, outStack, rows, radius, work, med_bandRows(in, l, radius));
 }
 
 } // namespace
@@ -289,22 +328,17 @@ void CxMedianCnbl::setupStart()
         if (layout.count() == 1)
             return;
 
-        const int n = layout.count();
-        m_inPlanes.assign(size_t(n), SxPicBuf());
-        m_outPlanes.assign(size_t(n), SxPicBuf());
+        const SxPicBufInfo f = med_stackFormat(in, layout, radius);
         m_rows.assign(size_t(layout.periodX) * size_t(layout.channels), nullptr);
-        m_planeCount = n;
-        for (int i = 0; i < n; ++i) {
-            const SxPicBufInfo f = med_planeFormat(in, layout, i, radius);
-            m_inPlanes[size_t(i)].setPicFormat(f);
-            m_outPlanes[size_t(i)].setPicFormat(f);
-            if (!CxPicBufAPI::AllocPicBufFromHeap(m_inPlanes[size_t(i)], f, false, 0)
-                || !CxPicBufAPI::AllocPicBufFromHeap(m_outPlanes[size_t(i)], f, false, 0)) {
-                qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
-                freePlanes();
-                return;
-            }
+        // Cleared once: the slots of planes the picture has no samples for
+        // are filtered with the rest, and never written.
+        if (f.width == 0 || f.height == 0 || !CxPicBufAPI::AllocPicBufFromHeap(m_inStack, f, true, 0)
+            || !CxPicBufAPI::AllocPicBufFromHeap(m_outStack, f, false, 0)) {
+            qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
+            freePlanes();
+            return;
         }
+        m_planeCount = layout.count();
     });
 }
 
@@ -318,12 +352,10 @@ void CxMedianCnbl::freePlanes()
 {
     CxPicBufAPI::MedianFreeBuffer(m_work);
     m_work = nullptr;
-    for (SxPicBuf& p : m_inPlanes)
-        CxPicBufAPI::FreePicBuf(p, true);
-    for (SxPicBuf& p : m_outPlanes)
-        CxPicBufAPI::FreePicBuf(p, true);
-    m_inPlanes.clear();
-    m_outPlanes.clear();
+    CxPicBufAPI::FreePicBuf(m_inStack, true);
+    CxPicBufAPI::FreePicBuf(m_outStack, true);
+    m_inStack = SxPicBuf();
+    m_outStack = SxPicBuf();
     m_rows.clear();
     m_planeCount = 0;
     m_layout = SxPlaneLayout();
@@ -347,10 +379,8 @@ bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& ou
 bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius)
 {
     if (in.dataType == IDT_UINT8)
-        return filterPlanes_T<quint8>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
-                                      m_work);
-    return filterPlanes_T<quint16>(in, out, m_layout, m_inPlanes.data(), m_outPlanes.data(), m_rows.data(), radius,
-                                   m_work);
+        return filterPlanes_T<quint8>(in, out, m_layout, m_inStack, m_outStack, m_rows.data(), radius, m_work);
+    return filterPlanes_T<quint16>(in, out, m_layout, m_inStack, m_outStack, m_rows.data(), radius, m_work);
 }
 
 IxChainData* CxMedianCnbl::processData(IxChainData* data)

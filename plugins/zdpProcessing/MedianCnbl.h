@@ -89,8 +89,8 @@ private:
 
     int m_radius = 1;
     void* m_work = nullptr;
-    std::vector<SxPicBuf> m_inPlanes;
-    std::vector<SxPicBuf> m_outPlanes;
+    SxPicBuf m_inStack;  // the planes of a band, side by side
+    SxPicBuf m_outStack;
     std::vector<uchar*> m_rows;  // one row of each plane of a pattern row
     int m_planeCount = 0;
     SxPlaneLayout m_layout;
@@ -100,24 +100,24 @@ private:
 
 // Every plane of a picture laid out as l (plane i for cell (ox, oy) and
 // channel c is i = (oy x pw + ox) x channels + c): picture rows y0..y1 - 1,
-// each into its planes in one pass, and back; picture row y is plane row
+// each into its planes in one pass; picture row y is plane row
 // y / ph - base. T is the sample type; each plane must be as wide as the
-// samples the picture has at its place; rows holds pw x channels pointers.
+// samples the picture has at its place; rows holds pw x channels pointers,
+// here and for med_filterInBands_T.
 template <class T>
 void med_splitPlanes_T(const SxPicBuf& in, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* planes, uchar** rows,
                        quint32 y0, quint32 y1, quint32 base);
-template <class T>
-void med_weavePlanes_T(const SxPicBuf* planes, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& out, uchar** rows,
-                       quint32 y0, quint32 y1, quint32 base);
 // Median of a picture with several planes, split, filtered (by filter, the
 // host's median unless a benchmark times the rest alone) and woven back band
-// rows of the planes at a time; each plane buffer holds band + 2 x radius rows.
+// rows of the planes at a time, the planes of a band side by side in one
+// picture of med_stackFormat.
 using MedPlaneFilter = bool (*)(const SxPicBuf& in, SxPicBuf& out, int radius, void* work);
 template <class T>
-bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf* inPlanes,
-                         SxPicBuf* outPlanes, uchar** rows, int radius, void* work, quint64 band,
+bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
+                         SxPicBuf& outStack, uchar** rows, int radius, void* work, quint64 band,
                          MedPlaneFilter filter = &CxPicBufAPI::Median);
 // The format of plane i of a picture of format in laid out as l, and the
 // plane rows of a band (without its context rows).
 SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius);
+SxPicBufInfo med_stackFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius);
 quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius);

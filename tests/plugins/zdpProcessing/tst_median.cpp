@@ -63,7 +63,7 @@ private slots:
         QTest::newRow("rgb u8")
             << SxPlaneCase{format(6, 5, 3, IDT_UINT8, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
         QTest::newRow("rgba u16")
-            << SxPlaneCase{format(5, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
+            << SxPlaneCase{format(13, 4, 4, IDT_UINT16, 0, CFA_NONE, DSF_PACKED, true), none, 1, 1, 1};
         QTest::newRow("bayer u8 odd") << SxPlaneCase{format(7, 5, 1, IDT_UINT8, 0, CFA_BAYER_RGGB), none, 1, 2, 2};
         QTest::newRow("cmyg u16 even") << SxPlaneCase{format(8, 6, 1, IDT_UINT16, 0, CFA_CMYG), none, 1, 2, 2};
         // Rows long enough for the vector loops, with an odd last column.
@@ -81,6 +81,8 @@ private slots:
             << SxPlaneCase{format(65536, 70, 1, IDT_UINT8, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
         QTest::newRow("bayer u16 in bands r2")
             << SxPlaneCase{format(32768, 69, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
+        QTest::newRow("bayer u8 odd in bands r2")
+            << SxPlaneCase{format(4095, 521, 1, IDT_UINT8, 0, CFA_BAYER_GBRG), none, 2, 2, 2};
         QTest::newRow("hsi 3x2 u8")
             << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
         QTest::newRow("hsi 4x4 u16 r2")
