@@ -162,6 +162,11 @@ bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::
     // Frames beyond the cache go straight to memory: written through the
     // cache, each of their lines would first be read.
     const bool bypass = quint64(out.height) * outPitch >= kBypassBytes;
+    // One median call over the whole stack filters the frames as well; once
+    // they would add more than an eighth to its width (kernels near a plane's
+    // width), each plane is filtered alone, its picture edges doing what the
+    // frames do.
+    const bool oneCall = 16 * r <= width;
     const auto cellRows = [&](quint64 oy) { return height > oy ? (height - oy + ph - 1) / ph : 0; };
     for (quint64 b0 = 0; b0 < planeHeight; b0 += band) {
         const quint64 b1 = qMin(planeHeight, b0 + band), rows = b1 - b0 + 2 * r;
@@ -178,13 +183,16 @@ bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::
         for (quint64 y = y0; y < y1; ++y)
             rowStreams.split(in.data + y * inPitch, samples, rowsOf(inStack.data, y));
         // Apart from the split: its last vector store may not have landed.
+        // Planes filtered alone need only the tail that makes them as wide
+        // as the widest.
+        const qint64 left = oneCall ? qint64(r) : 0, right = qint64(width) + (oneCall ? qint64(r) : 0);
         for (quint64 y = y0; y < y1; ++y) {
             rowsOf(inStack.data, y);
             for (int s = 0; s < streams; ++s) {
                 const qint64 c = rowStreams.count(samples, s);
-                for (qint64 k = -qint64(r); k < 0 && c > 0; ++k)
+                for (qint64 k = -left; k < 0 && c > 0; ++k)
                     std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s], S);
-                for (qint64 k = c; k < qint64(width + r) && c > 0; ++k)
+                for (qint64 k = c; k < right && c > 0; ++k)
                     std::memcpy(rowPtrs[s] + k * qint64(S), rowPtrs[s] + (c - 1) * qint64(S), S);
             }
         }
@@ -198,8 +206,23 @@ bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::
         }
         SxPicBuf bandIn = inStack, bandOut = outStack;
         bandIn.height = bandOut.height = quint32(rows);
-        if (!filter(bandIn, bandOut, radius, work))
-            return false;
+        if (oneCall) {
+            if (!filter(bandIn, bandOut, radius, work))
+                return false;
+        } else {
+            bandIn.width = bandOut.width = quint32(width);
+            for (int i = 0, n = l.count(); i < n; ++i) {
+                SxPicBuf planeIn = bandIn, planeOut = bandOut;
+                const quint64 offset = (quint64(i) * slotWidth + r) * S;
+                for (SxPicBuf* p : {&planeIn, &planeOut}) {
+                    p->data += offset;
+                    p->memCapacity = p->memCapacity > offset ? p->memCapacity - offset : 0;
+                    p->memOrigin = SxPicBuf::MemBorrowed;
+                }
+                if (!filter(planeIn, planeOut, radius, work))
+                    return false;
+            }
+        }
         for (quint64 y = ph * b0, y1 = qMin(height, ph * b1); y < y1; ++y)
             rowStreams.weave(rowsOf(outStack.data, y), samples, out.data + y * outPitch, bypass);
     }
