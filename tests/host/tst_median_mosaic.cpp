@@ -157,7 +157,7 @@ private slots:
                     }
         QTest::newRow("u16 300x90 r6") << MedianCase{IDT_UINT16, 300, 90, 6, 0, 0};
         QTest::newRow("u8 300x12 r20 across strips") << MedianCase{IDT_UINT8, 300, 12, 20, 0, 0};
-        QTest::newRow("u8 12x5 r130 beyond 16-bit column counts") << MedianCase{IDT_UINT8, 12, 5, 130, 0, 0};
+        QTest::newRow("u8 12x5 r130 beyond byte column counts") << MedianCase{IDT_UINT8, 12, 5, 130, 0, 0};
         QTest::newRow("u8 30x9 r127 byte column counts full") << MedianCase{IDT_UINT8, 30, 9, 127, 0, 0};
         QTest::newRow("u8 9x5 r300 kernel far beyond the picture") << MedianCase{IDT_UINT8, 9, 5, 300, 3, 0};
         // Few high bytes: the low bytes' histogram follows the median across them.
