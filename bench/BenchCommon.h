@@ -67,6 +67,19 @@ inline void memcpyBaseline(benchmark::State& state, size_t bytes)
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
 }
 
+// Filling a colour frame's bytes (four per input sample) and nothing else:
+// the least any colour output of that frame can cost.
+inline void writeColourBaseline(benchmark::State& state, size_t samples)
+{
+    std::vector<char> out(4 * samples, 1);
+    char value = 0;
+    for (auto _ : state) {
+        std::memset(out.data(), ++value, out.size());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(samples));
+}
+
 constexpr quint32 W = 4096;
 constexpr quint32 H = 3000;
 

@@ -106,19 +106,6 @@ void BM_Memcpy(benchmark::State& state, size_t bytes)
     bench::memcpyBaseline(state, bytes);
 }
 
-// Filling a colour frame's bytes (four per input sample) and nothing else:
-// the least any colour output of that frame can cost.
-void BM_WriteColour(benchmark::State& state, size_t samples)
-{
-    std::vector<char> out(4 * samples, 1);
-    char value = 0;
-    for (auto _ : state) {
-        std::memset(out.data(), ++value, out.size());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(samples));
-}
-
 void registerAll()
 {
     auto ms = [](benchmark::internal::Benchmark* b) { b->Unit(benchmark::kMillisecond)->UseRealTime(); };
@@ -127,7 +114,7 @@ void registerAll()
     ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir8", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT8));
     ms(benchmark::RegisterBenchmark("opencv_demosaic/rgbnir8", BM_OpenCvDemosaic));
     ms(benchmark::RegisterBenchmark("memcpy/rgbnir8", BM_Memcpy, frame8));
-    ms(benchmark::RegisterBenchmark("write_colour_output/rgbnir8", BM_WriteColour, frame8));
+    ms(benchmark::RegisterBenchmark("write_colour_output/rgbnir8", bench::writeColourBaseline, frame8));
     ms(benchmark::RegisterBenchmark("RgbNirRgb/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::RGB, IDT_UINT16));
     ms(benchmark::RegisterBenchmark("RgbNirNir/rgbnir16", BM_RgbNir, CxRgbNirDemosaicCnbl::NIR, IDT_UINT16));
     ms(benchmark::RegisterBenchmark("memcpy/rgbnir16", BM_Memcpy, 2 * frame8));
