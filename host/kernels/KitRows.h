@@ -58,8 +58,9 @@ constexpr int PiecesPerSlot = 8;
 constexpr int MaxSlots = 8;
 
 // How a pass may be cut: Many pieces for passes whose rows stand alone, Few
-// for passes that re-read rows before a piece's first output.
-enum class Pieces { Many, Few };
+// for passes that re-read rows before a piece's first output, Fewer (half as
+// many) for passes that also work through rows after a piece's last one.
+enum class Pieces { Many, Few, Fewer };
 
 namespace detail {
 
@@ -284,8 +285,9 @@ inline int rowChunk(quint32 height, quint64 bytesPerRow, int threads, Pieces pie
 {
     const quint64 row = qMax<quint64>(bytesPerRow, 1);
     const quint64 byBytes = qBound<quint64>(1, ChunkBytes / row, 1024);
-    const quint64 bySlots = (quint64(height) + quint64(PiecesPerSlot) * threads - 1) / (quint64(PiecesPerSlot) * threads);
-    const quint64 cap = pieces == Pieces::Few ? bySlots : qMax<quint64>(1, MaxPieceBytes / row);
+    const quint64 perSlot = pieces == Pieces::Fewer ? PiecesPerSlot / 2 : PiecesPerSlot;
+    const quint64 bySlots = (quint64(height) + perSlot * threads - 1) / (perSlot * threads);
+    const quint64 cap = pieces == Pieces::Many ? qMax<quint64>(1, MaxPieceBytes / row) : bySlots;
     return int(qMax(byBytes, qMin(bySlots, cap)));
 }
 

@@ -21,8 +21,8 @@
 //   a thousand million samples.
 //
 // How: rows are shared out in pieces by the kit's row scheduler, each
-// thread with its own scratch slot. Every kernel from 3 to 25 (8-bit: to 19)
-// works on sorted columns with min/max networks, vectorised across x
+// thread with its own scratch slot. Every kernel from 3 to 13 (16-bit: to 19,
+// or to 25 without AVX-512) works on sorted columns with min/max networks, vectorised across x
 // (AVX-512BW or AVX2 when the CPU has them, else SSE2; all give the same
 // results): kernel 3 makes two output rows at a time from registers, kernel 5
 // works through L1-sized tiles of scratch rows, and from kernel 7 the sorted
@@ -30,9 +30,9 @@
 // keeping only the ranks that can still be the median, so a 7 x 7 costs a
 // few times a 5 x 5 rather than a histogram pass. Larger kernels, and
 // pictures narrower than one vector, count samples in histograms
-// (CxPicBufAPI_MedianHistogram.cpp): 8-bit column histograms cost the same at
-// any radius and win from kernel 21, where the networks' work has grown with
-// the kernel's area.
+// (CxPicBufAPI_MedianHistogram.cpp): column histograms cost nearly the same
+// at any radius and win from kernel 15 (8-bit) and 21 (16-bit), where the
+// networks' work has grown with the kernel's area.
 #include "CxPicBufAPI.h"
 #include "Median_p.h"
 #include "MedianNetwork_p.h"
@@ -65,7 +65,8 @@ struct MedianWork
     quint32 magic = WorkMagic;
     int threads = 1;
     size_t slotBytes = 0;
-    uchar* mem = nullptr;
+    uchar* mem = nullptr;    // 64-byte aligned, inside raw
+    void* raw = nullptr;
 };
 
 // Kernel 5 filters rows in tiles of TileWidth outputs, so the scratch rows of
@@ -713,8 +714,9 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 // with the histogram kernels, each measured on a 4096 x 3000 frame against
 // the same reference in one process. 8-bit column histograms cost the same
 // at any radius (about a quarter of the old snake's time) and overtake the
-// networks from kernel 15; 16-bit histograms grow with the radius and the
-// networks stay ahead up to 25 at least.
+// networks from kernel 15; 16-bit ones (with AVX-512, see usesHighLow) from
+// kernel 21. Without AVX-512 the 16-bit networks serve up to kernel 25, where
+// the snake's O(r) walk takes over.
 constexpr int networkMaxRadius(unsigned bytesPerSample)
 {
     return bytesPerSample == 1 ? std::min(6, MaxNetworkRadius) : MaxNetworkRadius;
@@ -725,7 +727,8 @@ using NetworkRadii = std::make_index_sequence<size_t(networkMaxRadius(sizeof(T))
 
 bool usesNetwork(int radius, unsigned bytesPerSample)
 {
-    return radius >= MinNetworkRadius && radius <= networkMaxRadius(bytesPerSample);
+    return radius >= MinNetworkRadius && radius <= networkMaxRadius(bytesPerSample)
+        && !usesHighLow(radius, bytesPerSample);
 }
 
 size_t slotBytesFor(int radius, unsigned bytesPerSample)
@@ -798,13 +801,16 @@ bool CxPicBufAPI::MedianAllocBuffer(const SxPicBufInfo& format, int radius, void
         return false;
     work->threads = pixelkit::threadSlots();
     work->slotBytes = roundUp(slotBytesFor(radius, format.bytesPerSample()), 64);
-    work->mem = static_cast<uchar*>(std::aligned_alloc(64, work->slotBytes * size_t(work->threads)));
-    if (!work->mem) {
+    // Zeroed, so lanes that run past a short row read scratch, never stale
+    // garbage. calloc hands large blocks over as untouched zero pages: the
+    // 16-bit histogram scratch (megabytes per thread) costs memory only
+    // where a picture's values lead it.
+    work->raw = std::calloc(1, work->slotBytes * size_t(work->threads) + 64);
+    if (!work->raw) {
         delete work;
         return false;
     }
-    // Lanes that run past a short row read scratch, never stale garbage.
-    std::memset(work->mem, 0, work->slotBytes * size_t(work->threads));
+    work->mem = reinterpret_cast<uchar*>(roundUp(reinterpret_cast<quintptr>(work->raw), 64));
     *buffer = work;
     return true;
 }
@@ -815,7 +821,7 @@ void CxPicBufAPI::MedianFreeBuffer(void* buffer)
     if (!work || work->magic != WorkMagic)
         return;
     work->magic = 0;
-    std::free(work->mem);
+    std::free(work->raw);
     delete work;
 }
 
@@ -850,9 +856,13 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
 
     // A median sample costs several copied bytes, more the wider the kernel.
     const quint64 rowCost = quint64(f.w) * bps * 2 * std::min(2 * radius + 1, 64);
-    // Each piece builds its window anew: few, large pieces.
+    // Each piece builds its window anew: few, large pieces (fewer still for
+    // the kernel that also takes its window out again at the end).
     pixelkit::forEachRowPiece(
         f.h, rowCost, [&](int y0, int y1, int slot) { kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes); },
-        pixelkit::Pieces::Few);
+        keepsLowColumns(kernel) ? pixelkit::Pieces::Fewer : pixelkit::Pieces::Few);
+    if (!keepsLowColumns(kernel))
+        for (int t = 0; t < work->threads; ++t)
+            forgetLowColumns(work->mem + size_t(t) * work->slotBytes, slotBytesFor(radius, bps));
     return true;
 }

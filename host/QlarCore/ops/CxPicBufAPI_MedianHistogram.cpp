@@ -6,8 +6,9 @@
 // - 8-bit, radius 128 to 1023: per-column histograms with 16-bit counts over
 //   the picture's own columns, edge rows and columns counted with their
 //   repeats.
-// - 16-bit, radius 12 to 127, AVX-512: the high byte from per-column
-//   histograms, the low byte from the samples of a ring of column samples.
+// - 16-bit, radius 10 to 127, AVX-512: the high byte from per-column
+//   histograms, the low byte from two more levels of per-column counts at
+//   full resolution.
 // - Anything else: a window histogram sliding along a snake path, O(r) per
 //   sample.
 #include "Median_p.h"
@@ -529,84 +530,138 @@ QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const T* out, const T*
     _mm512_storeu_si512(c, _mm512_sub_epi64(_mm512_add_epi64(_mm512_loadu_si512(c), step(in)), step(out)));
 }
 
-// 16-bit samples, r <= MaxLowRadius: the column histograms above find the
-// median's high byte; its low byte comes from a histogram of the window's
-// samples whose high byte is H or H + 1, for an H that follows the median
-// (moved only when the median's high byte leaves the pair, so a median that
-// hovers around a multiple of 256 does not rebuild it). A column's own
-// samples sit in a ring (row y in slot y mod 2r + 1), so a compare finds
-// those of the pair.
-// Below MinLowRadius the ring's compares and counts cost more than the
-// window histogram's O(r) walk.
-constexpr int MinLowRadius = 12;
+// 16-bit samples, MinLowRadius <= r <= MaxLowRadius: the column histograms
+// above find the median's high byte H and its rank among the window's
+// samples of that high byte; the low byte comes from two more levels of the
+// same kind, counted per column at full resolution: for every H the samples
+// per 16 low values (group q), and for every H and q the samples per low
+// value, both as running sums so that a window's sums need no prefix pass.
+// The window's sums at those two levels are made afresh for every output
+// from its 2r + 1 columns, four columns a load: keeping them from output to
+// output (as the high byte's are) was measured slower, as the median moves
+// among several neighbouring groups and each return costs a catch-up or a
+// mispredicted branch. The two levels run as passes over a strip's row
+// after the high bytes, so that nothing carries from one output to the next
+// and the loads of many outputs overlap.
+// A column's counts for all 65536 values take 68 KB, but a strip touches
+// only the values its samples have (the work buffer starts as untouched
+// zero pages). The counts are left at zero when a strip ends by taking its
+// last window's samples out again, so the next strip or call does not clear
+// megabytes.
+// Below MinLowRadius the networks are as fast and need no such buffer.
+constexpr int MinLowRadius = 10;
 constexpr int MaxLowRadius = 127;
 
-bool usesHighLow(int radius, unsigned bytesPerSample)
+// Per column; laid out bucket by bucket, a bucket's columns side by side,
+// so that a window's counts of one bucket are 2r + 1 neighbouring rows of
+// 16 bytes.
+constexpr size_t LowGroupBytes = 256 * 16;    // [H][column][q]
+constexpr size_t LowFineBytes = 65536;        // [H * 16 + q][column][k]
+
+// Columns per strip: the per-column counts are large, so strips stay narrow
+// (the 2r shared columns add about a quarter) and keep at most 256 columns
+// (17 MB per thread) up to radius 96; beyond, strips of 64 keep up to 318
+// (22 MB at radius 127).
+int lowStripWidth(int r)
 {
-    return bytesPerSample == 2 && radius >= MinLowRadius && radius <= MaxLowRadius;
+    return std::max(64, std::min(4 * (2 * r + 1), 256 - 2 * r));
 }
 
-struct LowHistogram
+struct LowLevel
 {
-    quint16 group[32];  // samples per 16 values from 256 H on
-    quint16 bin[512];
+    quint8* groups = nullptr;   // n columns of LowGroupBytes
+    quint8* fine = nullptr;     // n columns of LowFineBytes
+    size_t n = 0;
+    int* key = nullptr;         // per output of a strip row: high byte, then high byte and group
+    int* rank = nullptr;        // ... the median's rank among the samples of that bucket
+    QLAR_INLINE quint8* groupsOf(int v, int j) const { return groups + (size_t(v >> 8) * n + size_t(j)) * 16; }
+    QLAR_INLINE quint8* fineOf(int v, int j) const { return fine + (size_t(v >> 4) * n + size_t(j)) * 16; }
 };
 
-int ringWords(int r)
+// The slot's first word says whether the low columns are all zero: 0 for a
+// slot never used (the buffer starts zeroed), r after this kernel ran with
+// radius r (the layout follows the radius), LowDirty after anything else.
+constexpr quint64 LowDirty = ~quint64(0);
+
+size_t lowColumnsOffset(int r)
 {
-    return int(roundUp(size_t(2 * r + 1), 32));
+    const size_t n = size_t(lowStripWidth(r) + 2 * r);
+    return 64 + roundUp(n * sizeof(WideColumn) + roundUp(n, 8) * sizeof(quint64) + 8 * 64 + 64, 64)
+        + roundUp(2 * n * sizeof(int), 64);
 }
 
-// Adds the samples of the pair H, H + 1 in one column (come) and removes
-// those of another (gone, if any).
-QLAR_AVX512 QLAR_INLINE void countPair(LowHistogram& low, const quint16* come, const quint16* gone, int words,
-                                       int span, int h)
+size_t lowSlotBytes(int r)
 {
-    const __m512i key = _mm512_set1_epi16(short(h)), one = _mm512_set1_epi16(1);
-    auto inPair = [&](__mmask32 valid, const quint16* p) QLAR_AVX512 {
-        const __m512i k = _mm512_sub_epi16(_mm512_srli_epi16(_mm512_loadu_si512(p), 8), key);
-        return quint64(_mm512_mask_cmple_epu16_mask(valid, k, one));
+    return lowColumnsOffset(r) + size_t(lowStripWidth(r) + 2 * r) * (LowGroupBytes + LowFineBytes);
+}
+
+// A column's counts gain (or, with times wrapping below zero, lose) a sample
+// `times` times over.
+// Column j's counts gain (or, with times wrapping below zero, lose) a
+// sample `times` times over.
+QLAR_AVX512 QLAR_INLINE void weighLow(const LowLevel& low, int j, int v, __m128i times)
+{
+    auto weighed = [&](int k) QLAR_AVX512 {
+        return _mm_and_si128(_mm_sub_epi8(_mm_setzero_si128(), load16(FromLane.row[k])), times);
     };
-    const int offset = h << 8;
-    for (int c = 0; c < words; c += 32) {
-        const __mmask32 valid = span - c >= 32 ? ~__mmask32(0) : (__mmask32(1) << (span - c)) - 1;
-        const quint64 m0 = inPair(valid, come + c) | (gone ? inPair(valid, gone + c) << 32 : 0);
-        for (quint64 m = m0; m; m &= m - 1) {
-            const int k = __builtin_ctzll(m);
-            const int v = (k < 32 ? come[c + k] : gone[c + k - 32]) - offset;
-            const quint16 delta = k < 32 ? 1 : quint16(-1);
-            low.bin[v] = quint16(low.bin[v] + delta);
-            low.group[v >> 4] = quint16(low.group[v >> 4] + delta);
+    quint8* gp = low.groupsOf(v, j);
+    store16(gp, _mm_add_epi8(load16(gp), weighed((v >> 4) & 15)));
+    quint8* fp = low.fineOf(v, j);
+    store16(fp, _mm_add_epi8(load16(fp), weighed(v & 15)));
+}
+
+QLAR_AVX512 QLAR_INLINE void swapLow(const LowLevel& low, int j, int out, int in)
+{
+    quint8* go = low.groupsOf(out, j);
+    store16(go, _mm_sub_epi8(load16(go), load16(FromLane.row[(out >> 4) & 15])));
+    quint8* gi = low.groupsOf(in, j);
+    store16(gi, _mm_add_epi8(load16(gi), load16(FromLane.row[(in >> 4) & 15])));
+    quint8* fo = low.fineOf(out, j);
+    store16(fo, _mm_sub_epi8(load16(fo), load16(FromLane.row[out & 15])));
+    quint8* fi = low.fineOf(in, j);
+    store16(fi, _mm_add_epi8(load16(fi), load16(FromLane.row[in & 15])));
+}
+
+// The sums of `count` neighbouring columns' 16 counts (each at most
+// count), four columns a load. Byte lanes add up as many loads as cannot
+// pass 255 before they are widened.
+QLAR_AVX512 QLAR_INLINE __m256i sumColumns(const quint8* p, int count)
+{
+    const int perWiden = std::max(1, 255 / count);
+    __m512i wide = _mm512_setzero_si512(), bytes = wide;
+    auto widen = [&]() QLAR_AVX512 {
+        wide = _mm512_add_epi16(wide, _mm512_add_epi16(_mm512_cvtepu8_epi16(_mm512_castsi512_si256(bytes)),
+                                                       _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(bytes, 1))));
+        bytes = _mm512_setzero_si512();
+    };
+    int j = 0, loads = 0;
+    for (; j + 4 <= count; j += 4) {
+        bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
+        if (++loads == perWiden) {
+            widen();
+            loads = 0;
         }
     }
+    if (j < count)
+        bytes = _mm512_add_epi8(bytes, _mm512_maskz_loadu_epi8((quint64(1) << (16 * (count - j))) - 1, p + 16 * j));
+    widen();
+    return _mm256_add_epi16(_mm512_castsi512_si256(wide), _mm512_extracti64x4_epi64(wide, 1));
 }
 
-// Running sums of 32 counts.
-QLAR_AVX512 QLAR_INLINE __m512i prefix32(__m512i p)
+// How many of 16 running sums stay at or below limit, and (in before) the
+// last of those.
+QLAR_AVX512 QLAR_INLINE int lowRank(__m256i sums, int limit, int& before)
 {
-    const __m512i lane = _mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13,
-                                          12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-    for (int s = 1; s < 32; s *= 2) {
-        const __m512i from = _mm512_sub_epi16(lane, _mm512_set1_epi16(short(s)));
-        p = _mm512_add_epi16(p, _mm512_maskz_permutexvar_epi16(~__mmask32(0) << s, from, p));
-    }
-    return p;
-}
-
-// How many of n <= 32 running sums stay at or below limit, and (in before)
-// the last of those.
-QLAR_AVX512 QLAR_INLINE int rankIn(__m512i sums, int limit, int& before)
-{
-    const int n = __builtin_popcount(unsigned(_mm512_cmple_epu16_mask(sums, _mm512_set1_epi16(short(limit)))));
-    before = n ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
-                     _mm512_permutexvar_epi16(_mm512_set1_epi16(short(n - 1)), sums))))
+    const int n = __builtin_popcount(unsigned(_mm256_cmple_epu16_mask(sums, _mm256_set1_epi16(short(limit)))));
+    before = n ? quint16(_mm_cvtsi128_si32(
+                     _mm256_castsi256_si128(_mm256_permutexvar_epi16(_mm256_set1_epi16(short(n - 1)), sums))))
                : 0;
     return n;
 }
 
 template <class T>
 QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
-                                       quint64* coarseOf, __m512i* groups, quint16* ring, LowHistogram* lows)
+                                       quint64* coarseOf, __m512i* groups, const LowLevel& low)
 {
     constexpr bool Wide = sizeof(T) == 2;
     constexpr int Shift = Wide ? 8 : 0;  // sample to the byte the columns count
@@ -614,9 +669,17 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
     const int base = sx0 - r;  // image column of cols[0]
     const int n = sx1 - sx0 + 2 * r;
     const int left = std::clamp(-base, 0, n), right = std::clamp(w - base, left, n);
-    const int words = Wide ? ringWords(r) : 0;
-    auto slot = [span](int y) { return ((y % span) + span) % span; };
-    auto update = [&](const T* top, const T* bottom, int y) QLAR_AVX512 {
+    // The low levels of the window at row yc, edge rows as often as it
+    // repeats them; times -1 takes them out again.
+    auto countLow = [&](int yc, int sign) QLAR_AVX512 {
+        for (int y = std::max(0, yc - r); y <= std::min(f.h - 1, yc + r); ++y) {
+            const T* row = f.inRow<T>(y);
+            const __m128i times = _mm_set1_epi8(char(sign * repeats(y, yc - r, yc + r, f.h - 1)));
+            for (int j = 0; j < n; ++j)
+                weighLow(low, j, row[std::clamp(base + j, 0, w - 1)], times);
+        }
+    };
+    auto update = [&](const T* top, const T* bottom) QLAR_AVX512 {
         for (int j = 0; j < left; ++j)
             swapWide(cols[j], coarseOf[j], top[0] >> Shift, bottom[0] >> Shift);
         int j = left;
@@ -629,9 +692,11 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
         for (j = right; j < n; ++j)
             swapWide(cols[j], coarseOf[j], top[w - 1] >> Shift, bottom[w - 1] >> Shift);
         if constexpr (Wide) {
-            const int s = slot(y);
-            for (j = 0; j < n; ++j)
-                ring[j * words + s] = bottom[std::clamp(base + j, 0, w - 1)];
+            const LowLevel l = low;  // in registers: the stores below might alias it
+            for (j = 0; j < n; ++j) {
+                const int c = std::clamp(base + j, 0, w - 1);
+                swapLow(l, j, top[c], bottom[c]);
+            }
         }
     };
     // A band starts from its first window's rows, an edge row counted as
@@ -651,13 +716,8 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             _mm256_store_si256(fi, _mm256_add_epi8(_mm256_load_si256(fi), weighted));
         }
     }
-    if constexpr (Wide) {
-        for (int y = y0 - r; y <= y0 + r; ++y) {
-            const T* row = f.inRow<T>(y);
-            for (int j = 0; j < n; ++j)
-                ring[j * words + slot(y)] = row[std::clamp(base + j, 0, w - 1)];
-        }
-    }
+    if constexpr (Wide)
+        countLow(y0, 1);
 
     const int target = (span * span - 1) / 2;
     const __m128i targetV = _mm_set1_epi16(short(target));
@@ -674,7 +734,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             const T* top = f.inRow<T>(y - r - 1);
             const T* bottom = f.inRow<T>(y + r);
             if (top != bottom)
-                update(top, bottom, y + r);
+                update(top, bottom);
         }
         __m128i coarse = _mm_setzero_si128();
         for (int j = 0; j < span - 1; ++j)
@@ -682,7 +742,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
         int synced[8];
         std::fill(synced, synced + 8, -(1 << 28));
         int current = -1;
-        int pair = -1;  // H of the low bytes' histogram
+        // Positions of earlier rows lag by more than a window.
         __m512i fine = _mm512_setzero_si512();
         T* out = f.outRow<T>(y) + sx0;
         for (int i = 0; i < sx1 - sx0; ++i) {
@@ -720,32 +780,30 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
                     + (inGroup ? quint16(_mm_cvtsi128_si32(_mm512_castsi512_si128(
                                      _mm512_permutexvar_epi16(_mm512_set1_epi16(short(inGroup - 1)), fine))))
                                : 0);
-                if (pair < 0 || key < pair || key > pair + 1) {
-                    // Moving up, the pair ends at the new high byte; moving
-                    // down (or at a row's start) it starts there.
-                    pair = std::min(pair >= 0 && key > pair ? key - 1 : key, 254);
-                    std::memset(static_cast<void*>(lows), 0, sizeof(LowHistogram));
-                    for (int j = i; j < i + span; ++j)
-                        countPair(*lows, ring + j * words, nullptr, words, span, pair);
-                } else {
-                    countPair(*lows, ring + (i + 2 * r) * words, ring + (i - 1) * words, words, span, pair);
-                }
-                const __m512i sums = prefix32(_mm512_loadu_si512(lows->group));
-                int first = 0, within = 0;
-                if (key > pair)  // the pair's lower high byte lies below the median's
-                    first = quint16(_mm_cvtsi128_si32(
-                        _mm512_castsi512_si128(_mm512_permutexvar_epi16(_mm512_set1_epi16(15), sums))));
-                const int rank = target - (before - first);
-                const int q = rankIn(sums, rank, within);
-                int sumBins = 0;
-                const __m512i bins = prefix32(_mm512_zextsi256_si512(
-                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lows->bin + 16 * q))));
-                const int b = rankIn(bins, rank - within, sumBins);
-                out[i] = T((pair << 8) + 16 * q + b);
+                low.key[i] = key;
+                low.rank[i] = target - before;  // among the samples of high byte key
             }
             coarse = _mm_sub_epi16(coarse, widen8(&coarseOf[i]));
         }
+        if constexpr (Wide) {
+            // The low byte in two passes over the row, each output on its
+            // own: nothing carries from one to the next, so the loads of
+            // many outputs overlap.
+            for (int i = 0; i < sx1 - sx0; ++i) {
+                int below = 0;
+                const int q = lowRank(sumColumns(low.groupsOf(low.key[i] << 8, i), span), low.rank[i], below);
+                low.key[i] = 16 * low.key[i] + q;
+                low.rank[i] -= below;
+            }
+            for (int i = 0; i < sx1 - sx0; ++i) {
+                int below = 0;
+                const int hq = low.key[i];
+                out[i] = T(16 * hq + lowRank(sumColumns(low.fineOf(hq << 4, i), span), low.rank[i], below));
+            }
+        }
     }
+    if constexpr (Wide)
+        countLow(std::max(y0, y1 - 1), -1);
 }
 
 QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uchar* scratch)
@@ -755,26 +813,29 @@ QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uch
     const int strip = wideStripWidth(f.r);
     auto* coarse = reinterpret_cast<quint64*>(cols + strip + 2 * f.r);
     for (int sx0 = 0; sx0 < f.w; sx0 += strip)
-        medianWideColumnStrip<quint8>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, nullptr,
-                                      nullptr);
-}
-
-size_t lowSlotBytes(int r)
-{
-    const size_t n = size_t(wideStripWidth(r) + 2 * r);
-    return wideColumnSlotBytes(r) + 64 + n * size_t(ringWords(r)) * sizeof(quint16) + sizeof(LowHistogram);
+        medianWideColumnStrip<quint8>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, LowLevel());
 }
 
 QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scratch)
 {
-    auto* groups = reinterpret_cast<__m512i*>(roundUp(reinterpret_cast<quintptr>(scratch), 64));
+    const int r = f.r, strip = lowStripWidth(r), n = strip + 2 * r;
+    auto* groups = reinterpret_cast<__m512i*>(scratch + 64);
     auto* cols = reinterpret_cast<WideColumn*>(groups + 8);
-    const int strip = wideStripWidth(f.r), n = strip + 2 * f.r;
     auto* coarse = reinterpret_cast<quint64*>(cols + n);
-    auto* ring = reinterpret_cast<quint16*>(roundUp(reinterpret_cast<quintptr>(coarse + roundUp(size_t(n), 8)), 64));
-    auto* lows = reinterpret_cast<LowHistogram*>(ring + size_t(n) * size_t(ringWords(f.r)));
+    LowLevel low;
+    low.key = reinterpret_cast<int*>(scratch + 64
+        + roundUp(size_t(n) * sizeof(WideColumn) + roundUp(size_t(n), 8) * sizeof(quint64) + 8 * 64 + 64, 64));
+    low.rank = low.key + n;
+    low.groups = scratch + lowColumnsOffset(r);
+    low.fine = low.groups + size_t(n) * LowGroupBytes;
+    low.n = size_t(n);
+    auto& mark = *reinterpret_cast<quint64*>(scratch);
+    if (mark != 0 && mark != quint64(r))
+        std::memset(low.groups, 0, size_t(n) * (LowGroupBytes + LowFineBytes));
+    mark = LowDirty;
     for (int sx0 = 0; sx0 < f.w; sx0 += strip)
-        medianWideColumnStrip<quint16>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, ring, lows);
+        medianWideColumnStrip<quint16>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
+    mark = quint64(r);
 }
 
 void medianColumnHistogramSse(const Frame& f, int y0, int y1, uchar* scratch)
@@ -887,10 +948,27 @@ void medianCountColumnBand(const Frame& f, int y0, int y1, uchar* scratch)
 
 } // namespace
 
+bool usesHighLow(int radius, unsigned bytesPerSample)
+{
+    return bytesPerSample == 2 && radius >= MinLowRadius && radius <= MaxLowRadius
+        && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi);
+}
+
+void forgetLowColumns(uchar* scratch, size_t used)
+{
+    if (used > 64)
+        *reinterpret_cast<quint64*>(scratch) = LowDirty;
+}
+
+bool keepsLowColumns(BandFn kernel)
+{
+    return kernel == medianHighLowAvx512;
+}
+
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample)
 {
     if (usesHighLow(radius, bytesPerSample))
-        return std::max(lowSlotBytes(radius), roundUp(histogramWords(2) * sizeof(quint32), 64));
+        return lowSlotBytes(radius);
     if (bytesPerSample == 1 && radius > MaxColumnHistogramRadius && radius <= MaxWideRadius)
         return countColumnSlotBytes(radius);
     if (usesColumnHistograms(radius, bytesPerSample))

@@ -39,5 +39,14 @@ inline size_t roundUp(size_t v, size_t a) { return (v + a - 1) / a * a; }
 // and the kernel for the radius and sample size.
 size_t histogramSlotBytes(int radius, unsigned bytesPerSample);
 BandFn histogramKernel(int radius, unsigned bytesPerSample);
+// Radii the 16-bit column histograms serve ahead of the networks (with
+// AVX-512 only).
+bool usesHighLow(int radius, unsigned bytesPerSample);
+
+// The 16-bit histogram kernel leaves most of its scratch zeroed for its next
+// call and says in the slot's first word for which radius; after any other
+// kernel has used `used` bytes of a slot, forgetLowColumns notes that.
+bool keepsLowColumns(BandFn kernel);
+void forgetLowColumns(uchar* slot, size_t used);
 
 } // namespace median
