@@ -16,7 +16,7 @@
 //   Median accepts any buffer whose slot is big enough for the call (one made
 //   for 16-bit samples or a larger radius usually is) and answers false
 //   otherwise; it never grows the buffer or allocates. A buffer serves one
-//   Median call at a time. For 16-bit kernels from 21 on (with AVX-512) a
+//   Median call at a time. For 16-bit kernels from 19 on (with AVX-512) a
 //   slot reserves 10 to 22 MB, of which a call makes resident only the pages
 //   the picture's values reach (on a noisy 16-bit camera frame about 5 MB
 //   per thread at kernel 25, 12 MB at kernel 255).
@@ -24,7 +24,7 @@
 //   a thousand million samples.
 //
 // How: rows are shared out in pieces by the kit's row scheduler, each
-// thread with its own scratch slot. Every kernel from 3 to 13 (16-bit: to 19,
+// thread with its own scratch slot. Every kernel from 3 to 13 (16-bit: to 17,
 // or to 25 without AVX-512) works on sorted columns with min/max networks, vectorised across x
 // (AVX-512BW or AVX2 when the CPU has them, else SSE2; all give the same
 // results): kernel 3 makes two output rows at a time from registers, kernel 5
@@ -34,7 +34,7 @@
 // few times a 5 x 5 rather than a histogram pass. Larger kernels, and
 // pictures narrower than one vector, count samples in histograms
 // (CxPicBufAPI_MedianHistogram.cpp): column histograms cost nearly the same
-// at any radius and win from kernel 15 (8-bit) and 21 (16-bit), where the
+// at any radius and win from kernel 15 (8-bit) and 19 (16-bit), where the
 // networks' work has grown with the kernel's area.
 #include "CxPicBufAPI.h"
 #include "Median_p.h"
@@ -718,7 +718,7 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 // the same reference in one process. 8-bit column histograms cost the same
 // at any radius (about a quarter of the old snake's time) and overtake the
 // networks from kernel 15; 16-bit ones (with AVX-512, see usesHighLow) from
-// kernel 21. Without AVX-512 the 16-bit networks serve up to kernel 25, where
+// kernel 19. Without AVX-512 the 16-bit networks serve up to kernel 25, where
 // the snake's O(r) walk takes over.
 constexpr int networkMaxRadius(unsigned bytesPerSample)
 {

@@ -6,7 +6,7 @@
 // - 8-bit, radius 128 to 1023: per-column histograms with 16-bit counts over
 //   the picture's own columns, edge rows and columns counted with their
 //   repeats.
-// - 16-bit, radius 10 to 127, AVX-512: the high byte from per-column
+// - 16-bit, radius 9 to 127, AVX-512: the high byte from per-column
 //   histograms, the low byte from two more levels of per-column counts at
 //   full resolution.
 // - Anything else: a window histogram sliding along a snake path, O(r) per
@@ -549,7 +549,7 @@ QLAR_AVX512 QLAR_INLINE void swapCoarse8(quint64* coarse, const T* out, const T*
 // last window's samples out again, so the next strip or call does not clear
 // megabytes.
 // Below MinLowRadius the networks are as fast and need no such buffer.
-constexpr int MinLowRadius = 10;
+constexpr int MinLowRadius = 9;
 constexpr int MaxLowRadius = 127;
 
 // Per column; laid out bucket by bucket, a bucket's columns side by side,
