@@ -59,7 +59,7 @@ constexpr int MaxSlots = 8;
 
 // How a pass may be cut: Many pieces for passes whose rows stand alone, Few
 // for passes that re-read rows before a piece's first output, Fewer (half as
-// many) for passes that also work through rows after a piece's last one.
+// many) for passes that rebuild a wide window at every piece.
 enum class Pieces { Many, Few, Fewer };
 
 namespace detail {

@@ -859,11 +859,12 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
 
     // A median sample costs several copied bytes, more the wider the kernel.
     const quint64 rowCost = quint64(f.w) * bps * 2 * std::min(2 * radius + 1, 64);
-    // Each piece builds its window anew: few, large pieces (fewer still for
-    // the kernel that also takes its window out again at the end).
+    // Each piece builds its window anew: few, large pieces, fewer still for
+    // the histograms, whose windows span all rows of the kernel (and the
+    // 16-bit one also takes its window out again at the end).
     pixelkit::forEachRowPiece(
         f.h, rowCost, [&](int y0, int y1, int slot) { kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes); },
-        keepsLowColumns(kernel) ? pixelkit::Pieces::Fewer : pixelkit::Pieces::Few);
+        kernel == histogramKernel(radius, bps) ? pixelkit::Pieces::Fewer : pixelkit::Pieces::Few);
     if (!keepsLowColumns(kernel))
         for (int t = 0; t < work->threads; ++t)
             forgetLowColumns(work->mem + size_t(t) * work->slotBytes, slotBytesFor(radius, bps));
