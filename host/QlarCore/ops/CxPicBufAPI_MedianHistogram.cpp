@@ -622,24 +622,33 @@ QLAR_AVX512 QLAR_INLINE void swapLow(const LowLevel& low, int j, int out, int in
     store16(fi, _mm_add_epi8(load16(fi), load16(FromLane.row[in & 15])));
 }
 
+// Up to this many columns of at most as many samples each, four columns'
+// counts added in byte lanes (at most 8 loads) cannot pass 255.
+constexpr int SmallCount = 31;
+
 // The sums of `count` neighbouring columns' 16 counts (each at most
 // count), four columns a load. Byte lanes add up as many loads as cannot
 // pass 255 before they are widened.
 QLAR_AVX512 QLAR_INLINE __m256i sumColumns(const quint8* p, int count)
 {
-    const int perWiden = std::max(1, 255 / count);
     __m512i wide = _mm512_setzero_si512(), bytes = wide;
     auto widen = [&]() QLAR_AVX512 {
         wide = _mm512_add_epi16(wide, _mm512_add_epi16(_mm512_cvtepu8_epi16(_mm512_castsi512_si256(bytes)),
                                                        _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(bytes, 1))));
         bytes = _mm512_setzero_si512();
     };
-    int j = 0, loads = 0;
-    for (; j + 4 <= count; j += 4) {
-        bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
-        if (++loads == perWiden) {
-            widen();
-            loads = 0;
+    int j = 0;
+    if (count <= SmallCount) {
+        for (; j + 4 <= count; j += 4)
+            bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
+    } else {
+        const int perWiden = 255 / count;
+        for (int loads = 0; j + 4 <= count; j += 4) {
+            bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
+            if (++loads == perWiden) {
+                widen();
+                loads = 0;
+            }
         }
     }
     if (j < count)
@@ -817,7 +826,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             for (int i = 0; i < sx1 - sx0; ++i) {
                 int below = 0;
                 const int hq = low.key[i];
-                const int b = span <= 31 ? smallRank(low.fineOf(hq << 4, i), span, low.rank[i]) : -1;
+                const int b = span <= SmallCount ? smallRank(low.fineOf(hq << 4, i), span, low.rank[i]) : -1;
                 out[i] = T(16 * hq + (b >= 0 ? b : lowRank(sumColumns(low.fineOf(hq << 4, i), span), low.rank[i], below)));
             }
         }
