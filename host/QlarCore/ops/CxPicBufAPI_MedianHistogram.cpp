@@ -749,6 +749,16 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
 
     const int target = (span * span - 1) / 2;
     const __m128i targetV = _mm_set1_epi16(short(target));
+    // A column's counts differ by at most span, so up to 127 the difference
+    // of two columns is taken in bytes and widened once.
+    const bool byteSteps = span <= 127;
+    auto slide = [byteSteps](__m512i sums, const quint8* come, const quint8* gone) QLAR_AVX512 {
+        if (byteSteps)
+            return _mm512_add_epi16(sums, _mm512_cvtepi8_epi16(_mm256_sub_epi8(
+                                              _mm256_load_si256(reinterpret_cast<const __m256i*>(come)),
+                                              _mm256_load_si256(reinterpret_cast<const __m256i*>(gone)))));
+        return _mm512_sub_epi16(_mm512_add_epi16(sums, widen32(come)), widen32(gone));
+    };
     // A strip reads only a short piece of each new row, which the hardware
     // does not fetch ahead: ask for the piece a few rows ahead.
     const int first = std::clamp(base, 0, w - 1), bytes = (std::min(w, base + n) - first) * int(sizeof(T));
@@ -778,7 +788,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
             coarse = _mm_add_epi16(coarse, widen8(&coarseOf[i + 2 * r]));
             const int g = __builtin_popcount(unsigned(_mm_cmple_epu16_mask(coarse, targetV)));
             if (g == current) {
-                fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(in->fine[g])), widen32(cols[i - 1].fine[g]));
+                fine = slide(fine, in->fine[g], cols[i - 1].fine[g]);
             } else {
                 if (current >= 0) {
                     groups[current] = fine;
@@ -790,8 +800,7 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
                 } else {
                     fine = groups[g];
                     for (int k = i - behind; k < i; ++k)
-                        fine = _mm512_sub_epi16(_mm512_add_epi16(fine, widen32(cols[k + span].fine[g])),
-                                                widen32(cols[k].fine[g]));
+                        fine = slide(fine, cols[k + span].fine[g], cols[k].fine[g]);
                 }
                 current = g;
             }
