@@ -687,7 +687,11 @@ QLAR_AVX512 QLAR_INLINE int lowRank(__m256i sums, int limit, int& before)
     return n;
 }
 
-template <class T>
+// A column's counts differ by at most 2r + 1, so up to this radius the
+// difference of two columns is taken in bytes and widened once.
+constexpr int MaxByteStepRadius = 63;
+
+template <class T, bool ByteSteps>
 QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, int sx1, WideColumn* cols,
                                        quint64* coarseOf, __m512i* groups, const LowLevel& low)
 {
@@ -749,11 +753,8 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
 
     const int target = (span * span - 1) / 2;
     const __m128i targetV = _mm_set1_epi16(short(target));
-    // A column's counts differ by at most span, so up to 127 the difference
-    // of two columns is taken in bytes and widened once.
-    const bool byteSteps = span <= 127;
-    auto slide = [byteSteps](__m512i sums, const quint8* come, const quint8* gone) QLAR_AVX512 {
-        if (byteSteps)
+    auto slide = [](__m512i sums, const quint8* come, const quint8* gone) QLAR_AVX512 {
+        if constexpr (ByteSteps)
             return _mm512_add_epi16(sums, _mm512_cvtepi8_epi16(_mm256_sub_epi8(
                                               _mm256_load_si256(reinterpret_cast<const __m256i*>(come)),
                                               _mm256_load_si256(reinterpret_cast<const __m256i*>(gone)))));
@@ -851,7 +852,12 @@ QLAR_AVX512 void medianColumnHistogramAvx512(const Frame& f, int y0, int y1, uch
     const int strip = wideStripWidth(f.r);
     auto* coarse = reinterpret_cast<quint64*>(cols + strip + 2 * f.r);
     for (int sx0 = 0; sx0 < f.w; sx0 += strip)
-        medianWideColumnStrip<quint8>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, LowLevel());
+        if (f.r <= MaxByteStepRadius)
+            medianWideColumnStrip<quint8, true>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups,
+                                                LowLevel());
+        else
+            medianWideColumnStrip<quint8, false>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups,
+                                                 LowLevel());
 }
 
 QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scratch)
@@ -872,7 +878,10 @@ QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scra
         std::memset(low.groups, 0, size_t(n) * (LowGroupBytes + LowFineBytes));
     mark = LowDirty;
     for (int sx0 = 0; sx0 < f.w; sx0 += strip)
-        medianWideColumnStrip<quint16>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
+        if (r <= MaxByteStepRadius)
+            medianWideColumnStrip<quint16, true>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
+        else
+            medianWideColumnStrip<quint16, false>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
     mark = quint64(r);
 }
 
