@@ -24,7 +24,7 @@
 //   a thousand million samples.
 //
 // How: rows are shared out in pieces by the kit's row scheduler, each
-// thread with its own scratch slot. Every kernel from 3 to 13 (16-bit: to 17,
+// thread with its own scratch slot. Every kernel from 3 to 11 (16-bit: to 17,
 // or to 25 without AVX-512) works on sorted columns with min/max networks, vectorised across x
 // (AVX-512BW or AVX2 when the CPU has them, else SSE2; all give the same
 // results): kernel 3 makes two output rows at a time from registers, kernel 5
@@ -34,7 +34,7 @@
 // few times a 5 x 5 rather than a histogram pass. Larger kernels, and
 // pictures narrower than one vector, count samples in histograms
 // (CxPicBufAPI_MedianHistogram.cpp): column histograms cost nearly the same
-// at any radius and win from kernel 15 (8-bit) and 19 (16-bit), where the
+// at any radius and win from kernel 13 (8-bit) and 19 (16-bit), where the
 // networks' work has grown with the kernel's area.
 #include "CxPicBufAPI.h"
 #include "Median_p.h"
@@ -714,15 +714,15 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 }
 
 // The largest radius the networks serve, per sample size: the crossover
-// with the histogram kernels, each measured on a 4096 x 3000 frame against
-// the same reference in one process. 8-bit column histograms cost the same
+// with the histogram kernels, measured on a 4096 x 3000 frame with the two
+// runs taking turns (with AVX-512, and capped to AVX2). 8-bit column histograms cost the same
 // at any radius (about a quarter of the old snake's time) and overtake the
-// networks from kernel 15; 16-bit ones (with AVX-512, see usesHighLow) from
+// networks from kernel 13; 16-bit ones (with AVX-512, see usesHighLow) from
 // kernel 19. Without AVX-512 the 16-bit networks serve up to kernel 25, where
 // the snake's O(r) walk takes over.
 constexpr int networkMaxRadius(unsigned bytesPerSample)
 {
-    return bytesPerSample == 1 ? std::min(6, MaxNetworkRadius) : MaxNetworkRadius;
+    return bytesPerSample == 1 ? std::min(5, MaxNetworkRadius) : MaxNetworkRadius;
 }
 
 template <class T>
