@@ -569,9 +569,9 @@ int lowStripWidth(int r)
 
 struct LowLevel
 {
-    quint8* groups = nullptr;   // n columns of LowGroupBytes
-    quint8* fine = nullptr;     // n columns of LowFineBytes
-    size_t n = 0;
+    quint8* groups = nullptr;   // LowGroupBytes per column
+    quint8* fine = nullptr;     // LowFineBytes per column
+    size_t n = 0;               // columns
     int* key = nullptr;         // per output of a strip row: high byte, then high byte and group
     int* rank = nullptr;        // ... the median's rank among the samples of that bucket
     QLAR_INLINE quint8* groupsOf(int v, int j) const { return groups + (size_t(v >> 8) * n + size_t(j)) * 16; }
@@ -595,8 +595,6 @@ size_t lowSlotBytes(int r)
     return lowColumnsOffset(r) + size_t(lowStripWidth(r) + 2 * r) * (LowGroupBytes + LowFineBytes);
 }
 
-// A column's counts gain (or, with times wrapping below zero, lose) a sample
-// `times` times over.
 // Column j's counts gain (or, with times wrapping below zero, lose) a
 // sample `times` times over.
 QLAR_AVX512 QLAR_INLINE void weighLow(const LowLevel& low, int j, int v, __m128i times)
@@ -626,6 +624,19 @@ QLAR_AVX512 QLAR_INLINE void swapLow(const LowLevel& low, int j, int out, int in
 // counts added in byte lanes (at most 8 loads) cannot pass 255.
 constexpr int SmallCount = 31;
 
+// Four partial sums, in byte lanes, of count <= SmallCount neighbouring
+// columns' 16 counts: one load per four columns.
+QLAR_AVX512 QLAR_INLINE __m512i byteSums(const quint8* p, int count)
+{
+    __m512i bytes = _mm512_setzero_si512();
+    int j = 0;
+    for (; j + 4 <= count; j += 4)
+        bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
+    if (j < count)
+        bytes = _mm512_add_epi8(bytes, _mm512_maskz_loadu_epi8((quint64(1) << (16 * (count - j))) - 1, p + 16 * j));
+    return bytes;
+}
+
 // The sums of `count` neighbouring columns' 16 counts (each at most
 // count), four columns a load. Byte lanes add up as many loads as cannot
 // pass 255 before they are widened.
@@ -637,12 +648,11 @@ QLAR_AVX512 QLAR_INLINE __m256i sumColumns(const quint8* p, int count)
                                                        _mm512_cvtepu8_epi16(_mm512_extracti64x4_epi64(bytes, 1))));
         bytes = _mm512_setzero_si512();
     };
-    int j = 0;
     if (count <= SmallCount) {
-        for (; j + 4 <= count; j += 4)
-            bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
+        bytes = byteSums(p, count);
     } else {
         const int perWiden = 255 / count;
+        int j = 0;
         for (int loads = 0; j + 4 <= count; j += 4) {
             bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
             if (++loads == perWiden) {
@@ -650,25 +660,21 @@ QLAR_AVX512 QLAR_INLINE __m256i sumColumns(const quint8* p, int count)
                 loads = 0;
             }
         }
+        if (j < count)
+            bytes = _mm512_add_epi8(bytes,
+                                    _mm512_maskz_loadu_epi8((quint64(1) << (16 * (count - j))) - 1, p + 16 * j));
     }
-    if (j < count)
-        bytes = _mm512_add_epi8(bytes, _mm512_maskz_loadu_epi8((quint64(1) << (16 * (count - j))) - 1, p + 16 * j));
     widen();
     return _mm256_add_epi16(_mm512_castsi512_si256(wide), _mm512_extracti64x4_epi64(wide, 1));
 }
 
 // The rank in a bucket of few samples (the window holds fewer than 255 of
 // them, as around most medians) from sums kept in bytes, which skips the
-// widening; -1 if there are more. For count <= 31: a byte lane then adds at
-// most 8 columns of at most 31 before the saturating folds.
+// widening; -1 if there are more. For count <= SmallCount, so the partial
+// sums are exact before the saturating folds.
 QLAR_AVX512 QLAR_INLINE int smallRank(const quint8* p, int count, int limit)
 {
-    __m512i bytes = _mm512_setzero_si512();
-    int j = 0;
-    for (; j + 4 <= count; j += 4)
-        bytes = _mm512_add_epi8(bytes, _mm512_loadu_si512(p + 16 * j));
-    if (j < count)
-        bytes = _mm512_add_epi8(bytes, _mm512_maskz_loadu_epi8((quint64(1) << (16 * (count - j))) - 1, p + 16 * j));
+    const __m512i bytes = byteSums(p, count);
     const __m256i half = _mm256_adds_epu8(_mm512_castsi512_si256(bytes), _mm512_extracti64x4_epi64(bytes, 1));
     const __m128i sums = _mm_adds_epu8(_mm256_castsi256_si128(half), _mm256_extracti128_si256(half, 1));
     if (quint8(_mm_extract_epi8(sums, 15)) == 255)
@@ -781,7 +787,6 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
         int synced[8];
         std::fill(synced, synced + 8, -(1 << 28));
         int current = -1;
-        // Positions of earlier rows lag by more than a window.
         __m512i fine = _mm512_setzero_si512();
         T* out = f.outRow<T>(y) + sx0;
         for (int i = 0; i < sx1 - sx0; ++i) {
