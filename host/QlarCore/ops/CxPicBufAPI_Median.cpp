@@ -24,10 +24,10 @@
 //   a thousand million samples.
 //
 // How: rows are shared out in pieces by the kit's row scheduler, each
-// thread with its own scratch slot. Every kernel from 3 to 11 (16-bit: to 17,
-// or to 25 without AVX-512) works on sorted columns with min/max networks, vectorised across x
-// (AVX-512BW or AVX2 when the CPU has them, else SSE2; all give the same
-// results): kernel 3 makes two output rows at a time from registers, kernel 5
+// thread with its own scratch slot. Every kernel from 3 to 11 (16-bit: to
+// 17, or to 25 without AVX-512) works on sorted columns with min/max
+// networks, vectorised across x (AVX-512BW or AVX2 when the CPU has them,
+// else SSE2; all give the same results): kernel 3 makes two output rows at a time from registers, kernel 5
 // works through L1-sized tiles of scratch rows, and from kernel 7 the sorted
 // columns of a tile are merged into blocks shared by the windows of the row,
 // keeping only the ranks that can still be the median, so a 7 x 7 costs a
@@ -715,9 +715,9 @@ BandFn networkKernel(int radius, Isa isa, std::index_sequence<I...>)
 
 // The largest radius the networks serve, per sample size: the crossover
 // with the histogram kernels, measured on a 4096 x 3000 frame with the two
-// runs taking turns (with AVX-512, and capped to AVX2). 8-bit column histograms cost the same
-// at any radius (about a quarter of the old snake's time) and overtake the
-// networks from kernel 13; 16-bit ones (with AVX-512, see usesHighLow) from
+// runs taking turns (with AVX-512, and capped to AVX2). 8-bit column
+// histograms cost the same at any radius (about a quarter of the old
+// snake's time) and overtake the networks from kernel 13; 16-bit ones (with AVX-512, see usesHighLow) from
 // kernel 19. Without AVX-512 the 16-bit networks serve up to kernel 25, where
 // the snake's O(r) walk takes over.
 constexpr int networkMaxRadius(unsigned bytesPerSample)

@@ -842,7 +842,8 @@ QLAR_AVX512 void medianWideColumnStrip(const Frame& f, int y0, int y1, int sx0, 
                 int below = 0;
                 const int hq = low.key[i];
                 const int b = span <= SmallCount ? smallRank(low.fineOf(hq << 4, i), span, low.rank[i]) : -1;
-                out[i] = T(16 * hq + (b >= 0 ? b : lowRank(sumColumns(low.fineOf(hq << 4, i), span), low.rank[i], below)));
+                out[i] = T(16 * hq
+                           + (b >= 0 ? b : lowRank(sumColumns(low.fineOf(hq << 4, i), span), low.rank[i], below)));
             }
         }
     }
@@ -886,7 +887,8 @@ QLAR_AVX512 void medianHighLowAvx512(const Frame& f, int y0, int y1, uchar* scra
         if (r <= MaxByteStepRadius)
             medianWideColumnStrip<quint16, true>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
         else
-            medianWideColumnStrip<quint16, false>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups, low);
+            medianWideColumnStrip<quint16, false>(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, coarse, groups,
+                                                  low);
     mark = quint64(r);
 }
 
