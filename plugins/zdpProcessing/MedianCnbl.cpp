@@ -236,6 +236,78 @@ template bool med_filterInBands_T<quint8>(const SxPicBuf&, SxPicBuf&, const CxMe
 template bool med_filterInBands_T<quint16>(const SxPicBuf&, SxPicBuf&, const CxMedianCnbl::SxPlaneLayout&,
                                            SxPicBuf&, SxPicBuf&, uchar**, int, void*, quint64, MedPlaneFilter);
 
+SxPicBufInfo med_patternRowFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int oy)
+{
+    SxPicBufInfo f = in;
+    const quint64 streams = quint64(l.periodX) * quint64(l.channels);
+    f.width = quint32(quint64(in.width) * in.channels / streams);
+    f.height = planeExtent(in.height, l.periodY, oy);
+    f.channels = quint32(streams);
+    f.linePitch = quint32(qMin<quint64>(quint64(in.effectiveLinePitch()) * quint64(l.periodY), UINT_MAX));
+    f.colorFilterArray = CFA_NONE;
+    f.storageFormat = DSF_PACKED;
+    f.isColor = false;
+    return f;
+}
+
+SxPicBuf med_patternRow(const SxPicBuf& pic, const CxMedianCnbl::SxPlaneLayout& l, int oy)
+{
+    SxPicBuf v = pic;
+    v.setPicFormat(med_patternRowFormat(pic, l, oy));
+    const quint64 offset = quint64(oy) * pic.effectiveLinePitch();
+    v.data += v.height ? offset : 0;
+    v.memCapacity = pic.memCapacity > offset ? pic.memCapacity - offset : 0;
+    v.memOrigin = SxPicBuf::MemBorrowed;
+    return v;
+}
+
+namespace {
+
+// The strip of the planes that hold one sample more than a pattern row's
+// view covers: their last 2r + 1 samples (all of them when the plane is
+// narrower), as interleaved channels; the other planes' channels hold
+// copies of their last sample and are not used. A strip is at least 16
+// pixels wide where the plane is, so that the host's vectors cover it: one
+// sample at a time, the strips of a 5 x 5 mosaic cost as much as its views.
+quint32 stripWidth(const SxPicBufInfo& view, int radius)
+{
+    const quint64 wanted = qMax<quint64>(2 * quint64(radius) + 1, 16);
+    return quint32(qMin<quint64>(quint64(view.width) + 1, wanted));
+}
+
+template <class T>
+void gatherStrip(const SxPicBuf& view, quint64 rowSamples, SxPicBuf& strip)
+{
+    const quint64 n = view.channels, x0 = quint64(view.width) + 1 - strip.width;
+    for (quint32 y = 0; y < view.height; ++y) {
+        const T* src = reinterpret_cast<const T*>(view.data + y * quint64(view.effectiveLinePitch()));
+        T* dst = reinterpret_cast<T*>(strip.data + y * quint64(strip.effectiveLinePitch()));
+        for (quint64 i = 0, end = quint64(strip.width) * n; i < end; ++i) {
+            const quint64 at = x0 * n + i;
+            dst[i] = src[at < rowSamples ? at : at - n];
+        }
+    }
+}
+
+// The outputs whose windows reach the extra sample: the strip's last r + 1,
+// whose windows stay inside it (or reach the plane's first sample); only
+// the planes with the extra sample take them.
+template <class T>
+void scatterStrip(const SxPicBuf& strip, quint64 rowSamples, int radius, SxPicBuf& view)
+{
+    const quint64 n = view.channels, x0 = quint64(view.width) + 1 - strip.width, extra = rowSamples % n;
+    const quint64 first = strip.width > quint64(radius) + 1 ? strip.width - quint64(radius) - 1 : 0;
+    for (quint32 y = 0; y < view.height; ++y) {
+        const T* src = reinterpret_cast<const T*>(strip.data + y * quint64(strip.effectiveLinePitch()));
+        T* dst = reinterpret_cast<T*>(view.data + y * quint64(view.effectiveLinePitch()));
+        for (quint64 j = first; j < strip.width; ++j)
+            for (quint64 c = 0; c < extra; ++c)
+                dst[(x0 + j) * n + c] = src[j * n + c];
+    }
+}
+
+} // namespace
+
 namespace {
 
 template <class T>
@@ -342,27 +414,56 @@ void CxMedianCnbl::setupStart()
             return;
         const SxPlaneLayout layout = planeLayout(in, &meta);
         const int radius = kernelRadius();
-        // The work buffer depends on the sample type and radius only.
-        if (!CxPicBufAPI::MedianAllocBuffer(med_planeFormat(in, layout, 0, radius), radius, &m_work))
-            m_work = nullptr;
         m_setupFormat = in;
         m_setupRadius = radius;
         m_layout = layout;
-        if (layout.count() == 1)
-            return;
-
-        const SxPicBufInfo f = med_stackFormat(in, layout, radius);
-        m_rows.assign(size_t(layout.periodX) * size_t(layout.channels), nullptr);
-        // Cleared once: the slots of planes the picture has no samples for
-        // are filtered with the rest, and never written.
-        if (f.width == 0 || f.height == 0 || !CxPicBufAPI::AllocPicBufFromHeap(m_inStack, f, true, 0)
-            || !CxPicBufAPI::AllocPicBufFromHeap(m_outStack, f, false, 0)) {
-            qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
-            freePlanes();
+        // The work buffers depend on the format and radius only.
+        if (layout.count() == 1) {
+            if (!CxPicBufAPI::MedianAllocBuffer(med_planeFormat(in, layout, 0, radius), radius, &m_work))
+                m_work = nullptr;
             return;
         }
-        m_planeCount = layout.count();
+        SxPicBufInfo view = med_patternRowFormat(in, layout, 0);
+        if (view.width == 0)
+            return;
+        SxPicBufInfo strip = view;
+        strip.width = stripWidth(view, radius);
+        strip.linePitch = 0;
+        // The strips are a sample wider than the views when the planes are
+        // narrower than the kernel.
+        view.width = qMax(view.width, strip.width);
+        if (!CxPicBufAPI::MedianAllocBuffer(view, radius, &m_viewWork))
+            m_viewWork = nullptr;
+        if (quint64(in.width) * in.channels % view.channels == 0)
+            return;
+        if (!CxPicBufAPI::AllocPicBufFromHeap(m_stripIn, strip, false, 0)
+            || !CxPicBufAPI::AllocPicBufFromHeap(m_stripOut, strip, false, 0)) {
+            CxPicBufAPI::MedianFreeBuffer(m_viewWork);
+            m_viewWork = nullptr;
+        }
     });
+}
+
+bool CxMedianCnbl::makePlanes()
+{
+    if (m_planeCount || m_planesRefused)
+        return m_planeCount != 0;
+    m_planesRefused = true;
+    const SxPicBufInfo& in = m_setupFormat;
+    const SxPicBufInfo f = med_stackFormat(in, m_layout, m_setupRadius);
+    if (!CxPicBufAPI::MedianAllocBuffer(med_planeFormat(in, m_layout, 0, m_setupRadius), m_setupRadius, &m_work))
+        m_work = nullptr;
+    m_rows.assign(size_t(m_layout.periodX) * size_t(m_layout.channels), nullptr);
+    // Cleared once: the slots of planes the picture has no samples for
+    // are filtered with the rest, and never written.
+    if (!m_work || f.width == 0 || f.height == 0 || !CxPicBufAPI::AllocPicBufFromHeap(m_inStack, f, true, 0)
+        || !CxPicBufAPI::AllocPicBufFromHeap(m_outStack, f, false, 0)) {
+        qCritical() << title() << "could not allocate its working planes for" << nodekit::describe(in);
+        return false;
+    }
+    m_planeCount = m_layout.count();
+    m_planesRefused = false;
+    return true;
 }
 
 void CxMedianCnbl::setupStop()
@@ -373,21 +474,24 @@ void CxMedianCnbl::setupStop()
 
 void CxMedianCnbl::freePlanes()
 {
-    CxPicBufAPI::MedianFreeBuffer(m_work);
-    m_work = nullptr;
-    CxPicBufAPI::FreePicBuf(m_inStack, true);
-    CxPicBufAPI::FreePicBuf(m_outStack, true);
-    m_inStack = SxPicBuf();
-    m_outStack = SxPicBuf();
+    for (void** work : {&m_work, &m_viewWork}) {
+        CxPicBufAPI::MedianFreeBuffer(*work);
+        *work = nullptr;
+    }
+    for (SxPicBuf* p : {&m_inStack, &m_outStack, &m_stripIn, &m_stripOut}) {
+        CxPicBufAPI::FreePicBuf(*p, true);
+        *p = SxPicBuf();
+    }
     m_rows.clear();
     m_planeCount = 0;
+    m_planesRefused = false;
     m_layout = SxPlaneLayout();
 }
 
-bool CxMedianCnbl::planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const
+bool CxMedianCnbl::setUpFor(const SxPicBuf& in, const SxPlaneLayout& layout) const
 {
-    return layout == m_layout && m_planeCount == layout.count() && in.width == m_setupFormat.width
-        && in.height == m_setupFormat.height && in.dataType == m_setupFormat.dataType;
+    return layout == m_layout && in.width == m_setupFormat.width && in.height == m_setupFormat.height
+        && in.dataType == m_setupFormat.dataType && in.channels == m_setupFormat.channels;
 }
 
 bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& out,
@@ -399,8 +503,35 @@ bool CxMedianCnbl::queryOutputImageInfo(const SxPicBufInfo& in, SxPicBufInfo& ou
     });
 }
 
+bool CxMedianCnbl::filterViews(const SxPicBuf& in, SxPicBuf& out, int radius)
+{
+    if (!m_viewWork)
+        return false;
+    const quint64 rowSamples = quint64(in.width) * in.channels;
+    for (int oy = 0; oy < m_layout.periodY; ++oy) {
+        const SxPicBuf from = med_patternRow(in, m_layout, oy);
+        SxPicBuf to = med_patternRow(out, m_layout, oy);
+        if (!CxPicBufAPI::Median(from, to, radius, m_viewWork))
+            return false;
+        if (rowSamples % from.channels == 0 || from.height == 0)
+            continue;
+        m_stripIn.height = m_stripOut.height = from.height;
+        const bool byte = in.dataType == IDT_UINT8;
+        byte ? gatherStrip<quint8>(from, rowSamples, m_stripIn) : gatherStrip<quint16>(from, rowSamples, m_stripIn);
+        if (!CxPicBufAPI::Median(m_stripIn, m_stripOut, radius, m_viewWork))
+            return false;
+        byte ? scatterStrip<quint8>(m_stripOut, rowSamples, radius, to)
+             : scatterStrip<quint16>(m_stripOut, rowSamples, radius, to);
+    }
+    return true;
+}
+
 bool CxMedianCnbl::filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius)
 {
+    if (filterViews(in, out, radius))
+        return true;
+    if (!makePlanes())
+        return false;
     if (in.dataType == IDT_UINT8)
         return filterPlanes_T<quint8>(in, out, m_layout, m_inStack, m_outStack, m_rows.data(), radius, m_work);
     return filterPlanes_T<quint16>(in, out, m_layout, m_inStack, m_outStack, m_rows.data(), radius, m_work);
@@ -424,7 +555,7 @@ IxChainData* CxMedianCnbl::processData(IxChainData* data)
             return nodekit::Drop;
         // Set up for another format, or for a kernel the host cannot filter with.
         layout = planeLayout(f.in, f.meta);
-        if (!m_work || (layout.count() > 1 && (!planesFit(f.in, layout) || radius != m_setupRadius)))
+        if (layout.count() == 1 ? !m_work : !setUpFor(f.in, layout) || radius != m_setupRadius)
             return nodekit::PassOn;
         return nodekit::Go;
     };

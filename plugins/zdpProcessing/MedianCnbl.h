@@ -21,9 +21,21 @@
 // written and no median ever sees a sample that is not of its own colour;
 // the host's median repeats the edge samples of each plane at its borders.
 //
-// A picture is split, filtered and woven back a band of rows at a time, so
-// that the planes stay in the cache between the three steps; each row goes
-// into all the planes it feeds in one pass.
+// The host's median filters each channel of an interleaved picture on its
+// own (a colour picture is handed to it whole), and one pattern row of a
+// mosaic is such a picture: its rows lie ph picture rows apart and its
+// pixels are pw samples wide. So the node hands the host the picture itself
+// (several channels) or one view per pattern row (mosaics), and the host's
+// threads do all the work; nothing is copied. When the picture's width is
+// not a whole number of patterns, the first (width mod pw) planes hold one
+// sample more than a view's pixels cover: the outputs within the radius of
+// their last sample are filtered again on a strip of the plane's last
+// 2r + 1 samples, which ends where the plane ends.
+//
+// Should the host refuse a view, the picture is split, filtered and woven
+// back a band of rows at a time instead, so that the planes stay in the
+// cache between the three steps; each row goes into all the planes it feeds
+// in one pass. Those planes are made the first time they are needed.
 //
 // The planes and the median work buffer are made in setupStart for the
 // format and radius the chain started with. A frame of another format, a
@@ -84,11 +96,17 @@ public:
 
 private:
     void freePlanes();
-    bool planesFit(const SxPicBuf& in, const SxPlaneLayout& layout) const;
+    bool makePlanes();
+    bool setUpFor(const SxPicBuf& in, const SxPlaneLayout& layout) const;
+    bool filterViews(const SxPicBuf& in, SxPicBuf& out, int radius);
     bool filterPlanes(const SxPicBuf& in, SxPicBuf& out, int radius);
 
     int m_radius = 1;
-    void* m_work = nullptr;
+    void* m_work = nullptr;      // for whole pictures, or the planes
+    void* m_viewWork = nullptr;  // for the pattern rows' views and strips
+    SxPicBuf m_stripIn;          // the last samples of the planes of a pattern row
+    SxPicBuf m_stripOut;
+    bool m_planesRefused = false;  // the planes could not be made
     SxPicBuf m_inStack;  // the planes of a band, side by side
     SxPicBuf m_outStack;
     std::vector<uchar*> m_rows;  // one row of each plane of a pattern row
@@ -120,4 +138,9 @@ bool med_filterInBands_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::
 // plane rows of a band (without its context rows).
 SxPicBufInfo med_planeFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int i, int radius);
 SxPicBufInfo med_stackFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius);
+// Pattern row oy of a picture laid out as l as a picture of its own: pw x
+// channels interleaved channels, rows ph apart, as many whole patterns as a
+// row holds. It shares the picture's memory.
+SxPicBufInfo med_patternRowFormat(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int oy);
+SxPicBuf med_patternRow(const SxPicBuf& pic, const CxMedianCnbl::SxPlaneLayout& l, int oy);
 quint64 med_bandRows(const SxPicBufInfo& in, const CxMedianCnbl::SxPlaneLayout& l, int radius);

@@ -11,28 +11,30 @@ namespace {
 
 struct TightPic : kit::CxPicture
 {
-    TightPic(int w, int h, ExImageDataType t, int padBytes = 0)
-        : CxPicture(kit::format(quint32(w), quint32(h), 1, t, quint32(padBytes))) {}
-    template <class T> T& at(int x, int y) const
+    TightPic(int w, int h, ExImageDataType t, int padBytes = 0, int channels = 1)
+        : CxPicture(kit::format(quint32(w), quint32(h), quint32(channels), t, quint32(padBytes))) {}
+    template <class T> T& at(int x, int y, int c = 0) const
     {
-        return *reinterpret_cast<T*>(const_cast<uchar*>(kit::sampleAt(pic(), quint64(x), quint64(y))));
+        return *reinterpret_cast<T*>(const_cast<uchar*>(kit::sampleAt(pic(), quint64(x), quint64(y), quint64(c))));
     }
 };
 
+// Each channel of an interleaved picture on its own.
 template <class T>
 void naiveMedian(const TightPic& in, TightPic& out, int r)
 {
-    const int w = int(in.pic().width), h = int(in.pic().height);
+    const int w = int(in.pic().width), h = int(in.pic().height), n = int(in.pic().channels);
     std::vector<T> win;
     for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            win.clear();
-            for (int dy = -r; dy <= r; ++dy)
-                for (int dx = -r; dx <= r; ++dx)
-                    win.push_back(in.at<T>(std::clamp(x + dx, 0, w - 1), std::clamp(y + dy, 0, h - 1)));
-            std::nth_element(win.begin(), win.begin() + win.size() / 2, win.end());
-            out.at<T>(x, y) = win[win.size() / 2];
-        }
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < n; ++c) {
+                win.clear();
+                for (int dy = -r; dy <= r; ++dy)
+                    for (int dx = -r; dx <= r; ++dx)
+                        win.push_back(in.at<T>(std::clamp(x + dx, 0, w - 1), std::clamp(y + dy, 0, h - 1), c));
+                std::nth_element(win.begin(), win.begin() + win.size() / 2, win.end());
+                out.at<T>(x, y, c) = win[win.size() / 2];
+            }
 }
 
 cv::Mat asMat(const TightPic& pic)
@@ -121,11 +123,14 @@ bool closeFloats(const TightPic& a, const TightPic& b)
 struct MedianWork
 {
     void* buf = nullptr;
-    MedianWork(quint32 w, ExImageDataType t, int r) { CxPicBufAPI::MedianAllocBuffer(kit::format(w, 1, 1, t), r, &buf); }
+    MedianWork(quint32 w, ExImageDataType t, int r, quint32 h = 1, quint32 channels = 1)
+    {
+        CxPicBufAPI::MedianAllocBuffer(kit::format(w, h, channels, t), r, &buf);
+    }
     ~MedianWork() { CxPicBufAPI::MedianFreeBuffer(buf); }
 };
 
-struct MedianCase { ExImageDataType type; int w, h, radius, pad, distinct; };
+struct MedianCase { ExImageDataType type; int w, h, radius, pad, distinct, channels = 1; };
 struct MosaicCase { ExImageDataType type; Stat stat; QRect rect; int px, py; bool sliding; int w; };
 
 } // namespace
@@ -163,15 +168,23 @@ private slots:
         // Few high bytes: the low bytes' histogram follows the median across them.
         QTest::newRow("u16 200x30 r12 across strips, few high bytes") << MedianCase{IDT_UINT16, 200, 30, 12, 0, 100};
         QTest::newRow("u16 30x9 r127 few high bytes") << MedianCase{IDT_UINT16, 30, 9, 127, 2, 100};
+        // Interleaved channels: kernel 3 filters them together, the larger
+        // kernels in tiles of one channel.
+        for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
+            for (const auto& s : QList<QPair<int, int>>{{1, 3}, {3, 2}, {37, 23}, {333, 7}})
+                for (int n : {2, 3, 4, 5})
+                    for (int r : {1, 2, 4, 9})
+                        QTest::addRow("%s %dx%d x%d r%d", t == IDT_UINT8 ? "u8" : "u16", s.first, s.second, n, r)
+                            << MedianCase{t, s.first, s.second, r, 2 * (n % 2), 0, n};
     }
     void median()
     {
         QFETCH(MedianCase, c);
-        const auto [type, w, h, radius, pad, distinct] = c;
-        TightPic in(w, h, type, pad), out(w, h, type, pad + 2), ref(w, h, type, pad + 2);
+        const auto [type, w, h, radius, pad, distinct, n] = c;
+        TightPic in(w, h, type, pad, n), out(w, h, type, pad + 2, n), ref(w, h, type, pad + 2, n);
         kit::fillRandom(in.pic(), quint32(w * 131 + h * 7 + radius), distinct);
         kit::withSampleType(type, [&](auto v) { naiveMedian<decltype(v)>(in, ref, c.radius); });
-        MedianWork work(quint32(w), type, radius);
+        MedianWork work(quint32(w), type, radius, quint32(h), quint32(n));
         QVERIFY(CxPicBufAPI::Median(in.pic(), out.pic(), radius, work.buf));
         QVERIFY(kit::samePixels(out.pic(), ref.pic()));
         QVERIFY(out.padsIntact());
@@ -221,11 +234,44 @@ private slots:
         }
     }
 
+    // Pictures of several tiles, and tiles made one channel at a time (16
+    // channels of a large kernel): each channel as its own picture would be.
+    void channelsMatchPlanes_data()
+    {
+        QTest::addColumn<MedianCase>("c");
+        QTest::newRow("u8 600x300 x4 r2") << MedianCase{IDT_UINT8, 600, 300, 2, 0, 0, 4};
+        QTest::newRow("u16 300x280 x3 r12") << MedianCase{IDT_UINT16, 300, 280, 12, 2, 0, 3};
+        QTest::newRow("u8 700x700 x16 r300 one channel at a time") << MedianCase{IDT_UINT8, 700, 700, 300, 0, 0, 16};
+    }
+    void channelsMatchPlanes()
+    {
+        QFETCH(MedianCase, c);
+        const auto [type, w, h, radius, pad, distinct, n] = c;
+        TightPic in(w, h, type, pad, n), out(w, h, type, 0, n);
+        kit::fillRandom(in.pic(), 7, distinct);
+        MedianWork work(quint32(w), type, radius, quint32(h), quint32(n));
+        QVERIFY(CxPicBufAPI::Median(in.pic(), out.pic(), radius, work.buf));
+        MedianWork one(quint32(w), type, radius);
+        TightPic plane(w, h, type), filtered(w, h, type);
+        kit::withSampleType(type, [&](auto v) {
+            using T = decltype(v);
+            for (int ch = 0; ch < n; ++ch) {
+                for (int y = 0; y < h; ++y)
+                    for (int x = 0; x < w; ++x)
+                        plane.at<T>(x, y) = in.at<T>(x, y, ch);
+                QVERIFY(CxPicBufAPI::Median(plane.pic(), filtered.pic(), radius, one.buf));
+                for (int y = 0; y < h; ++y)
+                    for (int x = 0; x < w; ++x)
+                        QVERIFY2(filtered.at<T>(x, y) == out.at<T>(x, y, ch), qPrintable(QString("%1,%2 c%3").arg(x).arg(y).arg(ch)));
+            }
+        });
+    }
+
     void medianRefusals_data()
     {
         QTest::addColumn<QString>("what");
         for (const char* s : {"no buffer", "kernel 3 buffer for kernel 5", "8-bit histogram for 16-bit", "signed 16-bit",
-                              "float", "three channels", "sizes differ", "types differ", "no pixels",
+                              "float", "planar", "channels differ", "sizes differ", "types differ", "no pixels",
                               "negative radius", "in place", "odd pitch for 16-bit"})
             QTest::newRow(s) << QString::fromLatin1(s);
     }
@@ -240,8 +286,10 @@ private slots:
                         radius == 2 || radius < 0 ? 1 : radius);
         void* buf = what == "no buffer" ? nullptr : work.buf;
         SxPicBuf src = in.pic(), dst = out.pic();
-        if (what == "three channels")
-            src.channels = dst.channels = 3;
+        if (what == "planar")
+            src.storageFormat = dst.storageFormat = DSF_PLANAR;
+        if (what == "channels differ")
+            src.channels = 2, src.width = dst.width = 20;
         if (what == "no pixels")
             src.data = nullptr;
         if (what == "in place")

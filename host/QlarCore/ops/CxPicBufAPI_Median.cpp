@@ -41,6 +41,7 @@
 #include "MedianNetwork_p.h"
 
 #include <KitCpu.h>
+#include <KitMosaic.h>
 #include <KitPicture.h>
 #include <KitRows.h>
 
@@ -62,6 +63,9 @@ namespace {
 
 constexpr quint32 WorkMagic = 0x4d454457u;
 constexpr int MaxRadius = 16383;
+// Interleaved channels filtered at once, as many as the row streams split
+// with vectors.
+constexpr int MaxChannels = 16;
 
 struct MedianWork
 {
@@ -188,59 +192,76 @@ QLAR_INLINE T med3Scalar(T a, T b, T c)
 
 // 3 x 3, two output rows at a time: rows y and y + 1 share the sorted pair
 // of their two middle input rows, and each column's sorted triple is made in
-// registers for the three windows that need it rather than stored. Vectors
-// cover columns 1 .. w - 2; the two edge columns, whose windows repeat the
-// edge, are done one sample at a time.
+// registers for the three windows that need it rather than stored. The
+// channels of an interleaved picture are filtered together: a sample's
+// neighbours lie a pixel (channels samples) to either side. Vectors cover
+// all but the first and the last pixel; the windows of those repeat the
+// edge pixel, so each end is filtered as one more vector over a copy of the
+// row's end with the edge pixel repeated once.
 template <class S>
 QLAR_INLINE void median3Band(const Frame& f, int y0, int y1, uchar*)
 {
     using T = typename S::T;
     using V = typename S::V;
     constexpr int L = S::Lanes;
-    const int w = f.w;
+    const int w = f.w, C = f.channels, n = w * C;
+    // Outputs at s0 (and s1) of the windows centred on x of rows b (and c).
+    const auto chunk = [C](const T* a, const T* b, const T* c, const T* d, int x, T* s0, T* s1) {
+        V lo0[3], mid0[3], hi0[3], lo1[3], mid1[3], hi1[3];
+#pragma GCC unroll 3
+        for (int k = 0; k < 3; ++k) {
+            const int at = x + (k - 1) * C;
+            const V va = S::load(a + at), vb = S::load(b + at), vc = S::load(c + at), vd = S::load(d + at);
+            const V p = S::mn(vb, vc), q = S::mx(vb, vc);
+            lo0[k] = S::mn(p, va), hi0[k] = S::mx(q, va), mid0[k] = S::mx(p, S::mn(q, va));
+            lo1[k] = S::mn(p, vd), hi1[k] = S::mx(q, vd), mid1[k] = S::mx(p, S::mn(q, vd));
+        }
+        S::store(s0, med3<S>(S::mx(S::mx(lo0[0], lo0[1]), lo0[2]), med3<S>(mid0[0], mid0[1], mid0[2]),
+                             S::mn(S::mn(hi0[0], hi0[1]), hi0[2])));
+        if (s1)
+            S::store(s1, med3<S>(S::mx(S::mx(lo1[0], lo1[1]), lo1[2]), med3<S>(mid1[0], mid1[1], mid1[2]),
+                                 S::mn(S::mn(hi1[0], hi1[1]), hi1[2])));
+    };
     for (int y = y0; y < y1; y += 2) {
-        const T* a = f.inRow<T>(y - 1);
-        const T* b = f.inRow<T>(y);
-        const T* c = f.inRow<T>(y + 1);
-        const T* d = f.inRow<T>(y + 2);
+        const T* rows[4] = {f.inRow<T>(y - 1), f.inRow<T>(y), f.inRow<T>(y + 1), f.inRow<T>(y + 2)};
         T* o0 = f.outRow<T>(y);
         T* o1 = y + 1 < y1 ? f.outRow<T>(y + 1) : nullptr;
-        QLAR_FOR_CHUNKS(i, w - 2, L)
+        QLAR_FOR_CHUNKS(i, n - 2 * C, L)
         {
-            const int x = i + 1;
-            V lo0[3], mid0[3], hi0[3], lo1[3], mid1[3], hi1[3];
-#pragma GCC unroll 3
-            for (int k = 0; k < 3; ++k) {
-                const V va = S::load(a + x + k - 1), vb = S::load(b + x + k - 1), vc = S::load(c + x + k - 1),
-                        vd = S::load(d + x + k - 1);
-                const V p = S::mn(vb, vc), q = S::mx(vb, vc);
-                lo0[k] = S::mn(p, va), hi0[k] = S::mx(q, va), mid0[k] = S::mx(p, S::mn(q, va));
-                lo1[k] = S::mn(p, vd), hi1[k] = S::mx(q, vd), mid1[k] = S::mx(p, S::mn(q, vd));
-            }
-            S::store(o0 + x, med3<S>(S::mx(S::mx(lo0[0], lo0[1]), lo0[2]), med3<S>(mid0[0], mid0[1], mid0[2]),
-                                     S::mn(S::mn(hi0[0], hi0[1]), hi0[2])));
-            if (o1)
-                S::store(o1 + x, med3<S>(S::mx(S::mx(lo1[0], lo1[1]), lo1[2]), med3<S>(mid1[0], mid1[1], mid1[2]),
-                                         S::mn(S::mn(hi1[0], hi1[1]), hi1[2])));
+            chunk(rows[0], rows[1], rows[2], rows[3], i + C, o0 + i + C, o1 ? o1 + i + C : nullptr);
         }
-        // The same split into column minima, middles and maxima, in scalars:
-        // on narrow planes (mosaic cells) a general selection of nine at the
-        // two ends cost a sixth of the band.
+        if constexpr (L > 1) {
+            // Scalar ends, branching on every comparison, cost a frame's
+            // vectors again on narrow pictures of several channels.
+            T t[4][L + 2 * MaxChannels];
+            for (int k = 0; k < 4; ++k) {
+                std::memcpy(t[k], rows[k], size_t(C) * sizeof(T));
+                std::memcpy(t[k] + C, rows[k], size_t(L + C) * sizeof(T));
+            }
+            chunk(t[0], t[1], t[2], t[3], C, o0, o1);
+            for (int k = 0; k < 4; ++k) {
+                std::memcpy(t[k], rows[k] + n - L - C, size_t(L + C) * sizeof(T));
+                std::memcpy(t[k] + L + C, rows[k] + n - C, size_t(C) * sizeof(T));
+            }
+            chunk(t[0], t[1], t[2], t[3], C, o0 + n - L, o1 ? o1 + n - L : nullptr);
+            continue;
+        }
         for (int yy = y; yy < std::min(y + 2, y1); ++yy) {
             const T* r0 = f.inRow<T>(yy - 1);
             const T* r1 = f.inRow<T>(yy);
             const T* r2 = f.inRow<T>(yy + 1);
-            for (int x : {0, w - 1}) {
-                T lo = std::numeric_limits<T>::lowest(), mid[3], hi = std::numeric_limits<T>::max();
-                for (int k = 0; k < 3; ++k) {
-                    const int xx = std::clamp(x + k - 1, 0, w - 1);
-                    const T p = std::min(r1[xx], r2[xx]), q = std::max(r1[xx], r2[xx]);
-                    lo = std::max(lo, std::min(p, r0[xx]));
-                    hi = std::min(hi, std::max(q, r0[xx]));
-                    mid[k] = std::max(p, std::min(q, r0[xx]));
+            for (int x : {0, w - 1})
+                for (int ch = 0; ch < C; ++ch) {
+                    T lo = std::numeric_limits<T>::lowest(), mid[3], hi = std::numeric_limits<T>::max();
+                    for (int k = 0; k < 3; ++k) {
+                        const int at = std::clamp(x + k - 1, 0, w - 1) * C + ch;
+                        const T p = std::min(r1[at], r2[at]), q = std::max(r1[at], r2[at]);
+                        lo = std::max(lo, std::min(p, r0[at]));
+                        hi = std::min(hi, std::max(q, r0[at]));
+                        mid[k] = std::max(p, std::min(q, r0[at]));
+                    }
+                    f.outRow<T>(yy)[x * C + ch] = med3Scalar(lo, med3Scalar(mid[0], mid[1], mid[2]), hi);
                 }
-                f.outRow<T>(yy)[x] = med3Scalar(lo, med3Scalar(mid[0], mid[1], mid[2]), hi);
-            }
         }
     }
 }
@@ -665,7 +686,7 @@ template <class T>
 void copyBand(const Frame& f, int y0, int y1, uchar*)
 {
     for (int y = y0; y < y1; ++y)
-        std::memcpy(f.outRow<T>(y), f.inRow<T>(y), size_t(f.w) * sizeof(T));
+        std::memcpy(f.outRow<T>(y), f.inRow<T>(y), size_t(f.w) * size_t(f.channels) * sizeof(T));
 }
 
 // One instantiation per instruction set. The kernels are inlined into these
@@ -753,13 +774,17 @@ bool hasAvx2()
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
 }
 
+// The kernel for a picture of the given width in pixels; null for kernels
+// from 5 on over several channels, which filter_channel tiles.
 template <class T>
-BandFn pickKernel(int radius, int width)
+BandFn pickKernel(int radius, int width, int channels)
 {
     constexpr bool Wide = sizeof(T) == 2;
     const int avxLanes = 32 / int(sizeof(T)), sseLanes = 16 / int(sizeof(T));
     if (radius == 0)
         return copyBand<T>;
+    if (radius > 1 && channels > 1)
+        return nullptr;
     if (radius > 2) {
         if (!usesNetwork(radius, sizeof(T)) || width < sseLanes)
             return histogramKernel(radius, sizeof(T));
@@ -769,18 +794,121 @@ BandFn pickKernel(int radius, int width)
         return networkKernel<T>(radius, isa, NetworkRadii<T>());
     }
     const bool three = radius == 1;
-    // Kernel 3 vectors cover all but the two edge columns.
-    const int need = three ? 2 : 0;
-    if (width >= avxLanes + need && hasAvx2())
+    // Kernel 3 vectors cover all but the first and the last pixel.
+    const int samples = width * channels, need = three ? 2 * channels : 0;
+    if (samples >= avxLanes + need && hasAvx2())
         return three ? (Wide ? median3Avx2_u16 : median3Avx2_u8) : (Wide ? median5Avx2_u16 : median5Avx2_u8);
-    if (width >= sseLanes + need)
+    if (samples >= sseLanes + need)
         return three ? (Wide ? median3Sse_u16 : median3Sse_u8) : (Wide ? median5Sse_u16 : median5Sse_u8);
     return three ? (Wide ? median3One_u16 : median3One_u8) : (Wide ? median5One_u16 : median5One_u8);
 }
 
-bool supportedPlane(const SxPicBufInfo& f)
+// ------------------------------------------------------ interleaved channels
+
+// From kernel 5 on, the channels of an interleaved picture are filtered one
+// at a time by the one-channel kernels, in tiles: a tile's samples with the
+// kernel's margins are split out of the picture into dense rows (all
+// channels in one pass), each channel is filtered there, and the tile's
+// outputs are woven back. A tile is cut where the picture ends, so the
+// kernels' own edge rule applies at the picture's edges and nowhere else.
+// Tiles are at least twice the radius on a side, so that the margins cost
+// at most as much as the tile; when the tiles of all channels would take
+// more than ChannelTileBudget, they are made one channel at a time.
+constexpr int ChannelTileSide = 256;
+constexpr size_t ChannelTileBudget = size_t(8) << 20;
+
+struct ChannelTiles
 {
-    return f.channels == 1 && (f.dataType == IDT_UINT8 || f.dataType == IDT_UINT16);
+    int rows = 0, cols = 0;      // outputs of a tile (fewer at the picture's end)
+    int inRows = 0, inCols = 0;  // with its margins, clamped to the picture
+    size_t planeBytes = 0;       // one channel's input and output
+    int group = 1;               // channels split out at once: all or one
+
+    size_t bytes() const { return size_t(group) * planeBytes; }
+};
+
+ChannelTiles channelTiles(int r, quint64 w, quint64 h, int channels, unsigned bps)
+{
+    ChannelTiles t;
+    const quint64 side = std::max<quint64>(ChannelTileSide, 2 * quint64(r));
+    t.cols = int(std::min(w, side));
+    t.rows = int(std::min(h, side));
+    t.inCols = int(std::min(w, quint64(t.cols) + 2 * quint64(r)));
+    t.inRows = int(std::min(h, quint64(t.rows) + 2 * quint64(r)));
+    t.planeBytes = roundUp(size_t(t.inRows + t.rows) * size_t(t.inCols) * bps, 64);
+    t.group = size_t(channels) * t.planeBytes <= ChannelTileBudget ? channels : 1;
+    return t;
+}
+
+template <class T>
+void filterChannelTiles(const Frame& f, int y0, int y1, uchar* slot, const ChannelTiles& t,
+                        const pixelkit::RowStreams<sizeof(T)>& streams, uchar* tiles)
+{
+    constexpr qint64 S = sizeof(T);
+    const int C = f.channels, r = f.r;
+    const qint64 pitch = qint64(t.inCols) * S;
+    uchar* rowsIn[MaxChannels];
+    uchar* rowsOut[MaxChannels];
+    const auto tileIn = [&](int k) { return tiles + size_t(k) * t.planeBytes; };
+    const auto tileOut = [&](int k) { return tileIn(k) + size_t(t.inRows) * size_t(pitch); };
+    for (int b0 = y0; b0 < y1; b0 += t.rows) {
+        const int b1 = std::min(y1, b0 + t.rows), cy0 = std::max(0, b0 - r), cy1 = std::min(f.h, b1 + r);
+        for (int x0 = 0; x0 < f.w; x0 += t.cols) {
+            const int x1 = std::min(f.w, x0 + t.cols), cx0 = std::max(0, x0 - r), cx1 = std::min(f.w, x1 + r);
+            Frame one;
+            one.inPitch = one.outPitch = pitch;
+            one.w = cx1 - cx0;
+            one.h = cy1 - cy0;
+            one.r = r;
+            one.outTop = b0 - cy0;
+            const BandFn kernel = pickKernel<T>(r, one.w, 1);
+            for (int c0 = 0; c0 < C; c0 += t.group) {
+                for (int y = cy0; y < cy1; ++y) {
+                    const uchar* src = f.in + y * f.inPitch + qint64(cx0) * C * S;
+                    if (t.group == C) {
+                        for (int k = 0; k < C; ++k)
+                            rowsIn[k] = tileIn(k) + (y - cy0) * pitch;
+                        streams.split(src, qint64(one.w) * C, rowsIn);
+                    } else {
+                        const T* in = reinterpret_cast<const T*>(src) + c0;
+                        T* dst = reinterpret_cast<T*>(tileIn(0) + (y - cy0) * pitch);
+                        for (int x = 0; x < one.w; ++x)
+                            dst[x] = in[qint64(x) * C];
+                    }
+                }
+                for (int k = 0; k < t.group; ++k) {
+                    one.in = tileIn(k);
+                    one.out = tileOut(k);
+                    kernel(one, b0 - cy0, b1 - cy0, slot);
+                }
+                for (int y = b0; y < b1; ++y) {
+                    uchar* dst = f.out + y * f.outPitch + qint64(x0) * C * S;
+                    const qint64 at = (y - b0) * pitch + qint64(x0 - cx0) * S;
+                    if (t.group == C) {
+                        for (int k = 0; k < C; ++k)
+                            rowsOut[k] = tileOut(k) + at;
+                        streams.weave(rowsOut, qint64(x1 - x0) * C, dst);
+                    } else {
+                        const T* src = reinterpret_cast<const T*>(tileOut(0) + at);
+                        T* out = reinterpret_cast<T*>(dst) + c0;
+                        for (int x = 0; x < x1 - x0; ++x)
+                            out[qint64(x) * C] = src[x];
+                    }
+                }
+            }
+        }
+    }
+}
+
+size_t channelTileBytes(int radius, quint64 w, quint64 h, int channels, unsigned bps)
+{
+    return radius > 1 && channels > 1 ? channelTiles(radius, w, h, channels, bps).bytes() : 0;
+}
+
+bool supportedPicture(const SxPicBufInfo& f)
+{
+    return f.channels >= 1 && f.channels <= MaxChannels && f.storageFormat != DSF_PLANAR
+        && (f.dataType == IDT_UINT8 || f.dataType == IDT_UINT16);
 }
 
 using pixelkit::overlaps;
@@ -797,13 +925,15 @@ bool CxPicBufAPI::MedianAllocBuffer(const SxPicBufInfo& format, int radius, void
     if (!buffer)
         return false;
     *buffer = nullptr;
-    if (!supportedPlane(format) || radius < 0 || radius > MaxRadius)
+    if (!supportedPicture(format) || radius < 0 || radius > MaxRadius)
         return false;
     auto* work = new (std::nothrow) MedianWork;
     if (!work)
         return false;
+    const unsigned bps = format.bytesPerSample();
     work->threads = pixelkit::threadSlots();
-    work->slotBytes = roundUp(slotBytesFor(radius, format.bytesPerSample()), 64);
+    work->slotBytes = roundUp(slotBytesFor(radius, bps), 64)
+                    + channelTileBytes(radius, format.width, format.height, int(format.channels), bps);
     // Zeroed, so lanes that run past a short row read scratch, never stale
     // garbage. calloc hands large blocks over as untouched zero pages: the
     // 16-bit histogram scratch (megabytes per thread) costs memory only
@@ -833,7 +963,8 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     auto* work = static_cast<MedianWork*>(buffer);
     if (!work || work->magic != WorkMagic || radius < 0 || radius > MaxRadius)
         return false;
-    if (!supportedPlane(in) || !supportedPlane(out) || in.dataType != out.dataType)
+    if (!supportedPicture(in) || !supportedPicture(out) || in.dataType != out.dataType
+        || in.channels != out.channels)
         return false;
     if (in.width != out.width || in.height != out.height)
         return false;
@@ -841,10 +972,12 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
         return true;
     if (!in.data || !out.data || !laidOut(in) || !laidOut(out) || overlaps(in, out))
         return false;
-    if (in.width > quint32(INT_MAX) || in.height > quint32(INT_MAX))
+    if (quint64(in.width) * in.channels > quint64(INT_MAX) || in.height > quint32(INT_MAX))
         return false;
     const unsigned bps = in.bytesPerSample();
-    if (slotBytesFor(radius, bps) > work->slotBytes)
+    const int channels = int(in.channels);
+    const size_t monoBytes = roundUp(slotBytesFor(radius, bps), 64);
+    if (monoBytes + channelTileBytes(radius, in.width, in.height, channels, bps) > work->slotBytes)
         return false;
 
     Frame f;
@@ -855,17 +988,31 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     f.w = int(in.width);
     f.h = int(in.height);
     f.r = radius;
-    const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, f.w) : pickKernel<quint16>(radius, f.w);
+    f.channels = channels;
+    const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, f.w, channels) : pickKernel<quint16>(radius, f.w, channels);
+    const BandFn oneChannel = bps == 1 ? pickKernel<quint8>(radius, f.w, 1) : pickKernel<quint16>(radius, f.w, 1);
+    const ChannelTiles tiles = channelTiles(radius, in.width, in.height, channels, bps);
+    const pixelkit::RowStreams<1> streams8(kernel ? 1 : channels);
+    const pixelkit::RowStreams<2> streams16(kernel ? 1 : channels);
 
     // A median sample costs several copied bytes, more the wider the kernel.
-    const quint64 rowCost = quint64(f.w) * bps * 2 * std::min(2 * radius + 1, 64);
+    const quint64 rowCost = quint64(f.w) * channels * bps * 2 * std::min(2 * radius + 1, 64);
     // Each piece builds its window anew: few, large pieces, fewer still for
     // the histograms, whose windows span all rows of the kernel (and the
     // 16-bit one also takes its window out again at the end).
     pixelkit::forEachRowPiece(
-        f.h, rowCost, [&](int y0, int y1, int slot) { kernel(f, y0, y1, work->mem + size_t(slot) * work->slotBytes); },
-        kernel == histogramKernel(radius, bps) ? pixelkit::Pieces::Fewer : pixelkit::Pieces::Few);
-    if (!keepsLowColumns(kernel))
+        f.h, rowCost,
+        [&](int y0, int y1, int slot) {
+            uchar* mem = work->mem + size_t(slot) * work->slotBytes;
+            if (kernel)
+                kernel(f, y0, y1, mem);
+            else if (bps == 1)
+                filterChannelTiles<quint8>(f, y0, y1, mem, tiles, streams8, mem + monoBytes);
+            else
+                filterChannelTiles<quint16>(f, y0, y1, mem, tiles, streams16, mem + monoBytes);
+        },
+        oneChannel == histogramKernel(radius, bps) ? pixelkit::Pieces::Fewer : pixelkit::Pieces::Few);
+    if (!keepsLowColumns(kernel ? kernel : oneChannel))
         for (int t = 0; t < work->threads; ++t)
             forgetLowColumns(work->mem + size_t(t) * work->slotBytes, slotBytesFor(radius, bps));
     return true;

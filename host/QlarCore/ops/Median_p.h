@@ -19,6 +19,8 @@ struct Frame
     int w = 0;
     int h = 0;
     int r = 0;
+    int channels = 1;  // interleaved; only kernel 3 and the copy filter more than one
+    int outTop = 0;    // the output's first row is frame row outTop
 
     template <class T>
     QLAR_INLINE const T* inRow(int y) const
@@ -27,7 +29,7 @@ struct Frame
         return reinterpret_cast<const T*>(in + y * inPitch);
     }
     template <class T>
-    QLAR_INLINE T* outRow(int y) const { return reinterpret_cast<T*>(out + y * outPitch); }
+    QLAR_INLINE T* outRow(int y) const { return reinterpret_cast<T*>(out + (y - outTop) * outPitch); }
 };
 
 // Filters output rows [y0, y1) of the frame with one thread's scratch slot.

@@ -79,12 +79,21 @@ private slots:
         // every band must see its neighbours' rows.
         QTest::newRow("bayer u8 in bands")
             << SxPlaneCase{format(65536, 70, 1, IDT_UINT8, 0, CFA_BAYER_BGGR), none, 1, 2, 2};
-        QTest::newRow("bayer u16 in bands r2")
-            << SxPlaneCase{format(32768, 69, 1, IDT_UINT16, 2, CFA_BAYER_RGGB), none, 2, 2, 2};
+        // The host refuses the second pattern row's view (its rows start
+        // between two samples): the node splits the planes itself.
+        QTest::newRow("bayer u16 odd pitch in bands r2")
+            << SxPlaneCase{format(32768, 69, 1, IDT_UINT16, 1, CFA_BAYER_RGGB), none, 2, 2, 2};
         QTest::newRow("bayer u8 odd in bands r2")
             << SxPlaneCase{format(4095, 521, 1, IDT_UINT8, 0, CFA_BAYER_GBRG), none, 2, 2, 2};
         QTest::newRow("hsi 3x2 u8")
             << SxPlaneCase{format(11, 7, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 1, 3, 2};
+        // Planes that hold a sample more than the views: their last outputs
+        // are filtered again on strips, within a plane (r3) or all of it (r4).
+        QTest::newRow("bayer u16 odd r3") << SxPlaneCase{format(41, 9, 1, IDT_UINT16, 0, CFA_BAYER_RGGB), none, 3, 2, 2};
+        QTest::newRow("hsi 3x2 u8 r4")
+            << SxPlaneCase{format(11, 9, 1, IDT_UINT8, 0, CFA_HSI_MOSAIC), hsiMeta(3, 2), 4, 3, 2};
+        QTest::newRow("rgb u16 r3")
+            << SxPlaneCase{format(30, 8, 3, IDT_UINT16, 2, CFA_NONE, DSF_PACKED, true), none, 3, 1, 1};
         QTest::newRow("hsi 4x4 u16 r2")
             << SxPlaneCase{format(18, 9, 1, IDT_UINT16, 2, CFA_HSI_MOSAIC), hsiMeta(4, 4), 2, 4, 4};
         // Rows of several whole vector blocks and a part of one.
