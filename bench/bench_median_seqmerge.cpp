@@ -1,7 +1,8 @@
 // The median node on the 2x2 mosaics, the colour and the hyperspectral
-// standard frames next to what it is made of (the host median on the
-// planes, and the node's split and weave alone), OpenCV's median over the
-// whole frame and memcpy of the frame; and the merge sequence node per frame
+// standard frames next to the host median on the planes alone (the node
+// hands the host whole pattern rows, so node over planes is all it adds),
+// the split and weave it falls back to when a host refuses those, OpenCV's
+// median over the whole frame and memcpy of the frame; and the merge sequence node per frame
 // next to the copies it cannot avoid (one rectangle per frame, plus one
 // picture per output) on 4096 x 3000 frames.
 #include "BenchNode.h"
@@ -68,8 +69,8 @@ struct SxPlanes
     }
 };
 
-// The node per frame; beside the plane medians alone (the work it cannot
-// avoid) and its split and weave alone (its own share).
+// The node per frame, beside the plane medians alone (the work it cannot
+// avoid).
 void BM_MedianNode(benchmark::State& state, const std::string& frame)
 {
     const bool bayer = frame.rfind("bayer", 0) == 0;
@@ -119,9 +120,9 @@ void splitAndWeave(SxPlanes& p)
                            med_bandRows(*p.frame, p.layout, 1), noFilter);
 }
 
+// No target: on this host the node splits nothing on these frames.
 void BM_MedianSplitWeave(benchmark::State& state, const std::string& frame)
 {
-    bench::setTarget(state, "memcpy<=2");
     const bench::StdFrame& f = frameNamed(frame);
     SxPlanes planes(f, true);
     for (auto _ : state) {

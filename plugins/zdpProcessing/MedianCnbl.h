@@ -5,11 +5,11 @@
 
 // Replaces every sample by the median of the (2r + 1) x (2r + 1) samples
 // around it; the median itself is the host's CxPicBufAPI::Median. What this
-// node adds is that samples of different colours never mix:
-//  * a raw 2x2 mosaic (filter arrays 1..6) is split into its four cells,
-//  * a simple hyperspectral mosaic into its bands (first filter zone),
-//  * a picture with several channels per pixel into its channels,
-// each plane is filtered on its own and the planes are woven back.
+// node adds is that samples of different colours never mix: each plane is
+// filtered on its own, where the planes are
+//  * the four cells of a raw 2x2 mosaic (filter arrays 1..6),
+//  * the bands of a simple hyperspectral mosaic (first filter zone),
+//  * the channels of a picture with several channels per pixel.
 // A picture marked as not raw (storage format 3) is filtered as a plain
 // picture. Only unsigned 8- and 16-bit samples are filtered; anything else
 // passes unchanged with a message.
@@ -37,8 +37,8 @@
 // cache between the three steps; each row goes into all the planes it feeds
 // in one pass. Those planes are made the first time they are needed.
 //
-// The planes and the median work buffer are made in setupStart for the
-// format and radius the chain started with. A frame of another format, a
+// The work buffers and strips are made in setupStart for the format and
+// radius the chain started with. A frame of another format, a
 // radius set without a restart, a kernel the host cannot filter with (a size
 // loaded from a document beyond what the host supports) or a plain picture
 // the host's median refuses (16-bit rows not aligned to their samples)

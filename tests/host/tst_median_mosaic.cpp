@@ -234,13 +234,15 @@ private slots:
         }
     }
 
-    // Pictures of several tiles, and tiles made one channel at a time (16
-    // channels of a large kernel): each channel as its own picture would be.
+    // Pictures of several tiles, channels too many for the networks' tiles,
+    // and tiles made one channel at a time (16 channels of a large kernel):
+    // each channel as its own picture would be.
     void channelsMatchPlanes_data()
     {
         QTest::addColumn<MedianCase>("c");
         QTest::newRow("u8 600x300 x4 r2") << MedianCase{IDT_UINT8, 600, 300, 2, 0, 0, 4};
         QTest::newRow("u16 300x280 x3 r12") << MedianCase{IDT_UINT16, 300, 280, 12, 2, 0, 3};
+        QTest::newRow("u16 200x40 x16 r8 margins beyond a network tile") << MedianCase{IDT_UINT16, 200, 40, 8, 0, 0, 16};
         QTest::newRow("u8 700x700 x16 r300 one channel at a time") << MedianCase{IDT_UINT8, 700, 700, 300, 0, 0, 16};
     }
     void channelsMatchPlanes()

@@ -1,10 +1,11 @@
 // Median filter: CxPicBufAPI::MedianAllocBuffer, Median, MedianFreeBuffer.
 //
 // What the operation does:
-// - One-channel unsigned 8- or 16-bit pictures only; more channels, other
-//   sample types, mismatched sizes or types, null pixels, an output that
-//   overlaps the input and a missing or too small work buffer answer false and
-//   leave the output untouched. Zero-sized pictures answer true.
+// - Unsigned 8- or 16-bit pictures of 1 to 16 interleaved channels, each
+//   channel filtered on its own; planar storage, other sample types,
+//   mismatched sizes, types or channel counts, null pixels, an output that
+//   overlaps the input and a missing or too small work buffer answer false
+//   and leave the output untouched. Zero-sized pictures answer true.
 // - Kernel (2r + 1) x (2r + 1); radius 0 copies the picture. Samples outside
 //   the picture repeat the nearest edge sample (replicated border), so every
 //   output sample is the median of exactly (2r + 1)^2 samples.
@@ -19,7 +20,11 @@
 //   Median call at a time. For 16-bit kernels from 19 on (with AVX-512) a
 //   slot reserves 10 to 22 MB, of which a call makes resident only the pages
 //   the picture's values reach (on a noisy 16-bit camera frame about 5 MB
-//   per thread at kernel 25, 12 MB at kernel 255).
+//   per thread at kernel 25, 12 MB at kernel 255). For several channels and
+//   kernels from 7 on, a slot also holds tiles of the picture's channels (up
+//   to 8 MB, or one channel's tile where that is larger; sized for the
+//   format's width and height when the kernel is larger than a tile), so
+//   such a buffer serves pictures up to its format's size.
 // - Radius above MaxRadius is refused; the kernel then covers more than
 //   a thousand million samples.
 //
@@ -31,7 +36,10 @@
 // works through L1-sized tiles of scratch rows, and from kernel 7 the sorted
 // columns of a tile are merged into blocks shared by the windows of the row,
 // keeping only the ranks that can still be the median, so a 7 x 7 costs a
-// few times a 5 x 5 rather than a histogram pass. Larger kernels, and
+// few times a 5 x 5 rather than a histogram pass. The networks filter the
+// channels of an interleaved picture together (a pixel's neighbours a
+// pixel's samples away); the histograms take them one at a time out of
+// tiles (filterChannelTiles). Larger kernels, and
 // pictures narrower than one vector, count samples in histograms
 // (CxPicBufAPI_MedianHistogram.cpp): column histograms cost nearly the same
 // at any radius and win from kernel 13 (8-bit) and 19 (16-bit), where the
@@ -80,7 +88,7 @@ struct MedianWork
 // a tile stay in L1 and sit at fixed offsets from one base pointer; its
 // scratch does not depend on the picture's width.
 constexpr int TileWidth = 256;
-constexpr int TileCapacity = TileWidth + 64 + 8;  // positions per scratch row
+constexpr int TileCapacity = TileWidth + 64 + 8 + 4 * MaxChannels;  // positions per scratch row
 
 
 // ---------------------------------------------------------------- SIMD traits
@@ -139,15 +147,19 @@ QLAR_INLINE int tileWidthAt(int x0, int w)
 
 // Sorts the columns [x0 - margin, x0 + tw + margin) of the given rows with
 // sortColumn and stores them from position 0 of the scratch rows (stride
-// TileCapacity); columns outside the picture repeat the edge column.
+// TileCapacity); columns outside the picture repeat the edge pixel. Columns
+// count samples of a row (w of them): with channels > 1 the margin is
+// Margin pixels, and a sample's neighbours lie channels positions away.
 template <class S, int Rows, int Margin, class Sort, int Stride = TileCapacity>
-QLAR_INLINE void sortedColumns(const typename S::T* const* rows, int x0, int tw, int w, typename S::T* out)
+QLAR_INLINE void sortedColumns(const typename S::T* const* rows, int x0, int tw, int w, typename S::T* out,
+                               int channels = 1)
 {
     using T = typename S::T;
     using V = typename S::V;
     constexpr int L = S::Lanes;
-    const int c0 = std::max(0, x0 - Margin), c1 = std::min(w, x0 + tw + Margin);
-    T* first = out + (c0 - (x0 - Margin));
+    const int margin = Margin * channels;
+    const int c0 = std::max(0, x0 - margin), c1 = std::min(w, x0 + tw + margin);
+    T* first = out + (c0 - (x0 - margin));
     QLAR_FOR_CHUNKS(i, c1 - c0, L)
     {
         V v[Rows];
@@ -159,11 +171,18 @@ QLAR_INLINE void sortedColumns(const typename S::T* const* rows, int x0, int tw,
         for (int k = 0; k < Rows; ++k)
             S::store(first + k * Stride + i, v[k]);
     }
-    const int lead = c0 - (x0 - Margin), end = c1 - (x0 - Margin), total = tw + 2 * Margin;
+    const int lead = c0 - (x0 - margin), end = c1 - (x0 - margin), total = tw + 2 * margin;
     for (int k = 0; k < Rows; ++k) {
         T* row = out + k * Stride;
-        std::fill(row, row + lead, row[lead]);
-        std::fill(row + end, row + total, row[end - 1]);
+        if (channels == 1) {
+            std::fill(row, row + lead, row[lead]);
+            std::fill(row + end, row + total, row[end - 1]);
+            continue;
+        }
+        for (int i = lead - 1; i >= 0; --i)
+            row[i] = row[i + channels];
+        for (int i = end; i < total; ++i)
+            row[i] = row[i - channels];
     }
 }
 
@@ -273,14 +292,16 @@ QLAR_INLINE void median3Band(const Frame& f, int y0, int y1, uchar*)
 // min over the splits i + j = 13 of max(tens rank i - 1, column rank j - 1).
 // The merging networks are Batcher's odd-even merge, pruned to the outputs
 // used; the tests compare against sorting every window.
-template <class S>
+template <class S, bool Interleaved = false>
 QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
 {
     using T = typename S::T;
     using V = typename S::V;
     constexpr int L = S::Lanes;
     constexpr int C = TileCapacity;
-    const int w = f.w;
+    // One channel keeps its neighbours' offsets in the instructions (a tenth
+    // faster than reading them from a register).
+    const int ch = Interleaved ? f.channels : 1, w = f.w * ch;
     // Sorted columns s0..s4 at s + k C, merged pairs m0..m9 at m + k C.
     T* s = reinterpret_cast<T*>(scratch);
     T* m = s + 5 * C;
@@ -290,15 +311,15 @@ QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
         T* o = f.outRow<T>(y);
         for (int tx = 0, tw = 0; tx < w; tx += tw) {
             tw = tileWidthAt<L>(tx, w);
-            // Position i holds column tx - 2 + i.
-            sortedColumns<S, 5, 2, Sort5<S>>(rows, tx, tw, w, s);
-            // m at p merges the sorted columns at p and p + 1 (positions as in s).
-            QLAR_FOR_CHUNKS(p, tw + 2, L)
+            // Position i holds column tx - 2 ch + i; a pixel's neighbours lie ch positions apart.
+            sortedColumns<S, 5, 2, Sort5<S>>(rows, tx, tw, w, s, ch);
+            // m at p merges the sorted columns at p and p + ch (positions as in s).
+            QLAR_FOR_CHUNKS(p, tw + 2 * ch, L)
             {
                 const V a0 = S::load(s + p), a1 = S::load(s + 1 * C + p), a2 = S::load(s + 2 * C + p),
                         a3 = S::load(s + 3 * C + p), a4 = S::load(s + 4 * C + p);
-                const V b0 = S::load(s + p + 1), b1 = S::load(s + 1 * C + p + 1), b2 = S::load(s + 2 * C + p + 1),
-                        b3 = S::load(s + 3 * C + p + 1), b4 = S::load(s + 4 * C + p + 1);
+                const V b0 = S::load(s + p + ch), b1 = S::load(s + 1 * C + p + ch), b2 = S::load(s + 2 * C + p + ch),
+                        b3 = S::load(s + 3 * C + p + ch), b4 = S::load(s + 4 * C + p + ch);
                 const V m0 = S::mn(a0, b0);
                 const V u0 = S::mx(a0, b0);
                 const V u1 = S::mn(a4, b4);
@@ -328,10 +349,10 @@ QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
                 S::store(m + 8 * C + p, S::mx(u13, u9));
                 S::store(m + 9 * C + p, m9);
             }
-            // Window at x: columns x-2, x-1 (m at x), x, x+1 (m at x + 2) and x+2 (s at x + 4).
+            // Window at x, in pixels: columns x-2, x-1 (m at x), x, x+1 (m at x + 2) and x+2 (s at x + 4).
             QLAR_FOR_CHUNKS(x, tw, L)
             {
-                const int q = x + 2;
+                const int q = x + 2 * ch;
                 const V x0 = S::load(m + x), x1 = S::load(m + 1 * C + x), x2 = S::load(m + 2 * C + x),
                         x3 = S::load(m + 3 * C + x), x4 = S::load(m + 4 * C + x), x5 = S::load(m + 5 * C + x),
                         x6 = S::load(m + 6 * C + x), x7 = S::load(m + 7 * C + x), x8 = S::load(m + 8 * C + x),
@@ -376,7 +397,7 @@ QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
                 const V q10 = S::mx(w28, w13);
                 const V q11 = S::mn(w29, w14);
                 const V q12 = S::mx(w29, w14);
-                const int z = x + 4;
+                const int z = x + 4 * ch;
                 V med = S::mn(q12, S::mx(q11, S::load(s + z)));
                 med = S::mn(med, S::mx(q10, S::load(s + 1 * C + z)));
                 med = S::mn(med, S::mx(q9, S::load(s + 2 * C + z)));
@@ -497,6 +518,11 @@ constexpr int MaxNetworkRadius = 4;
 // of slack for the last tile.
 constexpr int NetTileWidth = 256;
 constexpr int netStride(int r, unsigned bytesPerSample) { return NetTileWidth + 64 / int(bytesPerSample) + 2 * r; }
+// Outputs per tile of a picture of ch channels: the margins of several
+// channels take room from the outputs. Below a vector's width the channels
+// are filtered one at a time instead (filterChannelTiles).
+constexpr int netTileWidth(int r, int ch) { return NetTileWidth - 2 * r * (ch - 1); }
+constexpr int MinNetTileWidth = 64;
 
 template <int R>
 constexpr size_t netSlotBytes(unsigned bytesPerSample)
@@ -580,7 +606,7 @@ struct SortColumn
 
 // Level J at every position p: the merge of level J - 1 at p and p + 2^(J-1).
 template <class S, int R, int J>
-QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride)
+QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride, int ch)
 {
     using V = typename S::V;
     constexpr Block b = PlanOf<R>::p.level[J];
@@ -588,16 +614,16 @@ QLAR_INLINE void netLevel(typename S::T* const* lev, int positions, int stride)
     constexpr int half = 1 << (J - 1);
     const typename S::T* src = lev[J - 1];
     typename S::T* dst = lev[J];
-    QLAR_FOR_CHUNKS(p, positions - (2 * half - 1), S::Lanes)
+    QLAR_FOR_CHUNKS(p, positions - (2 * half - 1) * ch, S::Lanes)
     {
         V v[b.a + b.b];
         loadRows<S>(v, src + p, stride, std::make_index_sequence<b.a>());
-        loadRows<S>(v + b.a, src + p + half, stride, std::make_index_sequence<b.b>());
+        loadRows<S>(v + b.a, src + p + half * ch, stride, std::make_index_sequence<b.b>());
         runNet<S, Net>(v);
         storeOutputs<S, Net>(dst + p, stride, v, std::make_index_sequence<b.count>());
     }
     if constexpr (J + 1 < PlanOf<R>::p.levels)
-        netLevel<S, R, J + 1>(lev, positions, stride);
+        netLevel<S, R, J + 1>(lev, positions, stride, ch);
 }
 
 // Rank t (from 1) of the union of sorted runs a and b: min over i of
@@ -621,12 +647,12 @@ QLAR_INLINE typename S::V pickRank(const typename S::V* a, const typename S::V* 
 // Merges part I of the window at x into the parts before it (acc), or, for
 // the last part, picks the median from the two.
 template <class S, int R, int I>
-QLAR_INLINE typename S::V netWindow(typename S::T* const* lev, int x, int stride, const typename S::V* acc)
+QLAR_INLINE typename S::V netWindow(typename S::T* const* lev, int x, int stride, const typename S::V* acc, int ch)
 {
     using V = typename S::V;
     constexpr NetPlan P = PlanOf<R>::p;
     constexpr int j = P.partLevel[I];
-    const typename S::T* src = lev[j] + x + P.partOffset[I];
+    const typename S::T* src = lev[j] + x + P.partOffset[I] * ch;
     if constexpr (I == P.parts - 1) {
         constexpr Block a = P.merged[I - 1], b = P.level[j];
         constexpr int t = P.m - a.below - b.below + 1;
@@ -643,10 +669,12 @@ QLAR_INLINE typename S::V netWindow(typename S::T* const* lev, int x, int stride
         loadRows<S>(v + b.a, src, stride, std::make_index_sequence<b.b>());
         runNet<S, Net>(v);
         copyOutputs<S, Net>(next, v, std::make_index_sequence<b.count>());
-        return netWindow<S, R, I + 1>(lev, x, stride, next);
+        return netWindow<S, R, I + 1>(lev, x, stride, next, ch);
     }
 }
 
+// Several interleaved channels (ch) are filtered together, a pixel's
+// neighbours ch positions apart; their margins take room from the tile.
 template <class S, int R>
 QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
 {
@@ -656,7 +684,7 @@ QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
     constexpr NetPlan P = PlanOf<R>::p;
     constexpr int K = P.k;
     constexpr int C = netStride(R, sizeof(T));
-    const int w = f.w;
+    const int ch = f.channels, w = f.w * ch, tileMax = netTileWidth(R, ch);
     T* lev[MaxLevels];
     lev[0] = reinterpret_cast<T*>(scratch);
     for (int j = 1; j < P.levels; ++j)
@@ -668,15 +696,15 @@ QLAR_INLINE void medianNetBand(const Frame& f, int y0, int y1, uchar* scratch)
             rows[i] = f.inRow<T>(y - R + i);
         T* o = f.outRow<T>(y);
         for (int tx = 0, tw = 0; tx < w; tx += tw) {
-            tw = w - tx <= NetTileWidth + L ? w - tx : NetTileWidth;
-            // Position p holds column tx - R + p.
-            sortedColumns<S, K, R, SortColumn<S, K>, C>(rows, tx, tw, w, lev[0]);
-            netLevel<S, R, 1>(lev, tw + 2 * R, C);
+            tw = w - tx <= tileMax + L ? w - tx : tileMax;
+            // Position p holds column tx - R ch + p.
+            sortedColumns<S, K, R, SortColumn<S, K>, C>(rows, tx, tw, w, lev[0], ch);
+            netLevel<S, R, 1>(lev, tw + 2 * R * ch, C, ch);
             QLAR_FOR_CHUNKS(x, tw, L)
             {
                 V first[P.level[P.levels - 1].count];
                 loadRows<S>(first, lev[P.levels - 1] + x, C, std::make_index_sequence<P.level[P.levels - 1].count>());
-                S::store(o + tx + x, netWindow<S, R, 1>(lev, x, C, first));
+                S::store(o + tx + x, netWindow<S, R, 1>(lev, x, C, first, ch));
             }
         }
     }
@@ -699,7 +727,11 @@ void copyBand(const Frame& f, int y0, int y1, uchar*)
     void median3Sse_##suffix(const Frame& f, int a, int b, uchar* s) { median3Band<Simd<T, 16 / sizeof(T)>>(f, a, b, s); } \
     void median5Sse_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 16 / sizeof(T)>>(f, a, b, s); } \
     void median3One_##suffix(const Frame& f, int a, int b, uchar* s) { median3Band<Simd<T, 1>>(f, a, b, s); }            \
-    void median5One_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 1>>(f, a, b, s); }
+    void median5One_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 1>>(f, a, b, s); }            \
+    __attribute__((target("avx2"))) void median5ChAvx2_##suffix(const Frame& f, int a, int b, uchar* s) \
+    { median5Band<Simd<T, 32 / sizeof(T)>, true>(f, a, b, s); }                                         \
+    void median5ChSse_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 16 / sizeof(T)>, true>(f, a, b, s); } \
+    void median5ChOne_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 1>, true>(f, a, b, s); }
 
 QLAR_MEDIAN_ENTRIES(quint8, u8)
 QLAR_MEDIAN_ENTRIES(quint16, u16)
@@ -774,8 +806,9 @@ bool hasAvx2()
     return pixelkit::cpuHas(pixelkit::CpuFeature::Avx2);
 }
 
-// The kernel for a picture of the given width in pixels; null for kernels
-// from 5 on over several channels, which filter_channel tiles.
+// The kernel for a picture of the given width in pixels; null for the
+// histogram kernels over several channels, and the networks over channels
+// too many for their tiles, which filterChannelTiles serves.
 template <class T>
 BandFn pickKernel(int radius, int width, int channels)
 {
@@ -783,29 +816,38 @@ BandFn pickKernel(int radius, int width, int channels)
     const int avxLanes = 32 / int(sizeof(T)), sseLanes = 16 / int(sizeof(T));
     if (radius == 0)
         return copyBand<T>;
-    if (radius > 1 && channels > 1)
+    const int samples = width * channels;
+    if (radius > 2 && channels > 1
+        && (!usesNetwork(radius, sizeof(T)) || samples < sseLanes || netTileWidth(radius, channels) < MinNetTileWidth))
         return nullptr;
     if (radius > 2) {
-        if (!usesNetwork(radius, sizeof(T)) || width < sseLanes)
+        if (!usesNetwork(radius, sizeof(T)) || samples < sseLanes)
             return histogramKernel(radius, sizeof(T));
-        const Isa isa = width >= 2 * avxLanes && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw) ? Isa::Avx512
-                        : width >= avxLanes && hasAvx2()                                          ? Isa::Avx2
-                                                                                                  : Isa::Sse2;
+        const Isa isa = samples >= 2 * avxLanes && pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw) ? Isa::Avx512
+                        : samples >= avxLanes && hasAvx2()                                          ? Isa::Avx2
+                                                                                                    : Isa::Sse2;
         return networkKernel<T>(radius, isa, NetworkRadii<T>());
     }
     const bool three = radius == 1;
     // Kernel 3 vectors cover all but the first and the last pixel.
-    const int samples = width * channels, need = three ? 2 * channels : 0;
+    const int need = three ? 2 * channels : 0;
+    const bool mono = channels == 1;
     if (samples >= avxLanes + need && hasAvx2())
-        return three ? (Wide ? median3Avx2_u16 : median3Avx2_u8) : (Wide ? median5Avx2_u16 : median5Avx2_u8);
+        return three  ? (Wide ? median3Avx2_u16 : median3Avx2_u8)
+               : mono ? (Wide ? median5Avx2_u16 : median5Avx2_u8)
+                      : (Wide ? median5ChAvx2_u16 : median5ChAvx2_u8);
     if (samples >= sseLanes + need)
-        return three ? (Wide ? median3Sse_u16 : median3Sse_u8) : (Wide ? median5Sse_u16 : median5Sse_u8);
-    return three ? (Wide ? median3One_u16 : median3One_u8) : (Wide ? median5One_u16 : median5One_u8);
+        return three  ? (Wide ? median3Sse_u16 : median3Sse_u8)
+               : mono ? (Wide ? median5Sse_u16 : median5Sse_u8)
+                      : (Wide ? median5ChSse_u16 : median5ChSse_u8);
+    return three ? (Wide ? median3One_u16 : median3One_u8)
+           : mono ? (Wide ? median5One_u16 : median5One_u8)
+                  : (Wide ? median5ChOne_u16 : median5ChOne_u8);
 }
 
 // ------------------------------------------------------ interleaved channels
 
-// From kernel 5 on, the channels of an interleaved picture are filtered one
+// For the histogram kernels, the channels of an interleaved picture are filtered one
 // at a time by the one-channel kernels, in tiles: a tile's samples with the
 // kernel's margins are split out of the picture into dense rows (all
 // channels in one pass), each channel is filtered there, and the tile's
@@ -902,7 +944,7 @@ void filterChannelTiles(const Frame& f, int y0, int y1, uchar* slot, const Chann
 
 size_t channelTileBytes(int radius, quint64 w, quint64 h, int channels, unsigned bps)
 {
-    return radius > 1 && channels > 1 ? channelTiles(radius, w, h, channels, bps).bytes() : 0;
+    return radius > 2 && channels > 1 ? channelTiles(radius, w, h, channels, bps).bytes() : 0;
 }
 
 bool supportedPicture(const SxPicBufInfo& f)
@@ -976,8 +1018,10 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
         return false;
     const unsigned bps = in.bytesPerSample();
     const int channels = int(in.channels);
+    const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, int(in.width), channels)
+                                   : pickKernel<quint16>(radius, int(in.width), channels);
     const size_t monoBytes = roundUp(slotBytesFor(radius, bps), 64);
-    if (monoBytes + channelTileBytes(radius, in.width, in.height, channels, bps) > work->slotBytes)
+    if (monoBytes + (kernel ? 0 : channelTileBytes(radius, in.width, in.height, channels, bps)) > work->slotBytes)
         return false;
 
     Frame f;
@@ -989,7 +1033,6 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     f.h = int(in.height);
     f.r = radius;
     f.channels = channels;
-    const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, f.w, channels) : pickKernel<quint16>(radius, f.w, channels);
     const BandFn oneChannel = bps == 1 ? pickKernel<quint8>(radius, f.w, 1) : pickKernel<quint16>(radius, f.w, 1);
     const ChannelTiles tiles = channelTiles(radius, in.width, in.height, channels, bps);
     const pixelkit::RowStreams<1> streams8(kernel ? 1 : channels);

@@ -19,7 +19,7 @@ struct Frame
     int w = 0;
     int h = 0;
     int r = 0;
-    int channels = 1;  // interleaved; only kernel 3 and the copy filter more than one
+    int channels = 1;  // interleaved; the histogram kernels filter one only
     int outTop = 0;    // the output's first row is frame row outTop
 
     template <class T>
