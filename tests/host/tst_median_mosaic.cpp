@@ -240,18 +240,22 @@ private slots:
     void channelsMatchPlanes_data()
     {
         QTest::addColumn<MedianCase>("c");
-        QTest::newRow("u8 600x300 x4 r2") << MedianCase{IDT_UINT8, 600, 300, 2, 0, 0, 4};
-        QTest::newRow("u16 300x280 x3 r12") << MedianCase{IDT_UINT16, 300, 280, 12, 2, 0, 3};
-        QTest::newRow("u16 200x40 x16 r8 margins beyond a network tile") << MedianCase{IDT_UINT16, 200, 40, 8, 0, 0, 16};
-        QTest::newRow("u8 700x700 x16 r300 one channel at a time") << MedianCase{IDT_UINT8, 700, 700, 300, 0, 0, 16};
+        QTest::addColumn<int>("bufferScale");  // the buffer is made for a picture this many times larger
+        QTest::newRow("u8 600x300 x4 r2") << MedianCase{IDT_UINT8, 600, 300, 2, 0, 0, 4} << 1;
+        QTest::newRow("u16 300x280 x3 r12") << MedianCase{IDT_UINT16, 300, 280, 12, 2, 0, 3} << 1;
+        QTest::newRow("u16 200x40 x16 r8 margins beyond a network tile") << MedianCase{IDT_UINT16, 200, 40, 8, 0, 0, 16} << 1;
+        QTest::newRow("u8 700x700 x16 r300 one channel at a time") << MedianCase{IDT_UINT8, 700, 700, 300, 0, 0, 16} << 1;
+        // The buffer holds one channel's larger tiles, not all four of this picture's.
+        QTest::newRow("u8 700x700 x4 r300 buffer for a larger picture") << MedianCase{IDT_UINT8, 700, 700, 300, 0, 0, 4} << 2;
     }
     void channelsMatchPlanes()
     {
         QFETCH(MedianCase, c);
+        QFETCH(int, bufferScale);
         const auto [type, w, h, radius, pad, distinct, n] = c;
         TightPic in(w, h, type, pad, n), out(w, h, type, 0, n);
         kit::fillRandom(in.pic(), 7, distinct);
-        MedianWork work(quint32(w), type, radius, quint32(h), quint32(n));
+        MedianWork work(quint32(w * bufferScale), type, radius, quint32(h * bufferScale), quint32(n));
         QVERIFY(CxPicBufAPI::Median(in.pic(), out.pic(), radius, work.buf));
         MedianWork one(quint32(w), type, radius);
         TightPic plane(w, h, type), filtered(w, h, type);

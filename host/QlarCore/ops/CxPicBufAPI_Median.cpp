@@ -1021,7 +1021,12 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     const BandFn kernel = bps == 1 ? pickKernel<quint8>(radius, int(in.width), channels)
                                    : pickKernel<quint16>(radius, int(in.width), channels);
     const size_t monoBytes = roundUp(slotBytesFor(radius, bps), 64);
-    if (monoBytes + (kernel ? 0 : channelTileBytes(radius, in.width, in.height, channels, bps)) > work->slotBytes)
+    // A buffer made for a larger picture may have room for one channel's
+    // tiles only, where this picture's would fit all channels' at once.
+    ChannelTiles tiles = channelTiles(radius, in.width, in.height, channels, bps);
+    if (!kernel && monoBytes + tiles.bytes() > work->slotBytes)
+        tiles.group = 1;
+    if (monoBytes + (kernel ? 0 : tiles.bytes()) > work->slotBytes)
         return false;
 
     Frame f;
@@ -1034,7 +1039,6 @@ bool CxPicBufAPI::Median(const SxPicBuf& in, SxPicBuf& out, int radius, void* bu
     f.r = radius;
     f.channels = channels;
     const BandFn oneChannel = bps == 1 ? pickKernel<quint8>(radius, f.w, 1) : pickKernel<quint16>(radius, f.w, 1);
-    const ChannelTiles tiles = channelTiles(radius, in.width, in.height, channels, bps);
     const pixelkit::RowStreams<1> streams8(kernel ? 1 : channels);
     const pixelkit::RowStreams<2> streams16(kernel ? 1 : channels);
 
