@@ -853,9 +853,10 @@ BandFn pickKernel(int radius, int width, int channels)
 // channels in one pass), each channel is filtered there, and the tile's
 // outputs are woven back. A tile is cut where the picture ends, so the
 // kernels' own edge rule applies at the picture's edges and nowhere else.
-// Tiles are at least twice the radius on a side, so that the margins cost
-// at most as much as the tile; when the tiles of all channels would take
-// more than ChannelTileBudget, they are made one channel at a time.
+// Tiles span whole rows where the tiles of all channels fit in
+// ChannelTileBudget, else they are at least twice the radius on a side (so
+// that the margins cost at most as much as the tile), and when even those
+// would not fit, they are made one channel at a time.
 constexpr int ChannelTileSide = 256;
 constexpr size_t ChannelTileBudget = size_t(8) << 20;
 
@@ -873,12 +874,20 @@ ChannelTiles channelTiles(int r, quint64 w, quint64 h, int channels, unsigned bp
 {
     ChannelTiles t;
     const quint64 side = std::max<quint64>(ChannelTileSide, 2 * quint64(r));
-    t.cols = int(std::min(w, side));
     t.rows = int(std::min(h, side));
-    t.inCols = int(std::min(w, quint64(t.cols) + 2 * quint64(r)));
     t.inRows = int(std::min(h, quint64(t.rows) + 2 * quint64(r)));
-    t.planeBytes = roundUp(size_t(t.inRows + t.rows) * size_t(t.inCols) * bps, 64);
-    t.group = size_t(channels) * t.planeBytes <= ChannelTileBudget ? channels : 1;
+    // Whole rows where they fit: a tile's column margins cost as much as
+    // its row margins, and the kernels' pieces pay those already.
+    const quint64 widths[2] = {w, std::min(w, side)};
+    for (int group : {channels, 1})
+        for (quint64 cols : widths) {
+            t.cols = int(cols);
+            t.inCols = int(std::min(w, cols + 2 * quint64(r)));
+            t.planeBytes = roundUp(size_t(t.inRows + t.rows) * size_t(t.inCols) * bps, 64);
+            t.group = group;
+            if (t.bytes() <= ChannelTileBudget)
+                return t;
+        }
     return t;
 }
 
