@@ -217,13 +217,13 @@ QLAR_INLINE T med3Scalar(T a, T b, T c)
 // all but the first and the last pixel; the windows of those repeat the
 // edge pixel, so each end is filtered as one more vector over a copy of the
 // row's end with the edge pixel repeated once.
-template <class S>
+template <class S, bool Interleaved = false>
 QLAR_INLINE void median3Band(const Frame& f, int y0, int y1, uchar*)
 {
     using T = typename S::T;
     using V = typename S::V;
     constexpr int L = S::Lanes;
-    const int w = f.w, C = f.channels, n = w * C;
+    const int w = f.w, C = Interleaved ? f.channels : 1, n = w * C;
     // Outputs at s0 (and s1) of the windows centred on x of rows b (and c).
     const auto chunk = [C](const T* a, const T* b, const T* c, const T* d, int x, T* s0, T* s1) {
         V lo0[3], mid0[3], hi0[3], lo1[3], mid1[3], hi1[3];
@@ -300,7 +300,7 @@ QLAR_INLINE void median5Band(const Frame& f, int y0, int y1, uchar* scratch)
     constexpr int L = S::Lanes;
     constexpr int C = TileCapacity;
     // One channel keeps its neighbours' offsets in the instructions (a tenth
-    // faster than reading them from a register).
+    // faster than reading them from a register); so does kernel 3.
     const int ch = Interleaved ? f.channels : 1, w = f.w * ch;
     // Sorted columns s0..s4 at s + k C, merged pairs m0..m9 at m + k C.
     T* s = reinterpret_cast<T*>(scratch);
@@ -728,6 +728,10 @@ void copyBand(const Frame& f, int y0, int y1, uchar*)
     void median5Sse_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 16 / sizeof(T)>>(f, a, b, s); } \
     void median3One_##suffix(const Frame& f, int a, int b, uchar* s) { median3Band<Simd<T, 1>>(f, a, b, s); }            \
     void median5One_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 1>>(f, a, b, s); }            \
+    __attribute__((target("avx2"))) void median3ChAvx2_##suffix(const Frame& f, int a, int b, uchar* s) \
+    { median3Band<Simd<T, 32 / sizeof(T)>, true>(f, a, b, s); }                                         \
+    void median3ChSse_##suffix(const Frame& f, int a, int b, uchar* s) { median3Band<Simd<T, 16 / sizeof(T)>, true>(f, a, b, s); } \
+    void median3ChOne_##suffix(const Frame& f, int a, int b, uchar* s) { median3Band<Simd<T, 1>, true>(f, a, b, s); } \
     __attribute__((target("avx2"))) void median5ChAvx2_##suffix(const Frame& f, int a, int b, uchar* s) \
     { median5Band<Simd<T, 32 / sizeof(T)>, true>(f, a, b, s); }                                         \
     void median5ChSse_##suffix(const Frame& f, int a, int b, uchar* s) { median5Band<Simd<T, 16 / sizeof(T)>, true>(f, a, b, s); } \
@@ -833,14 +837,14 @@ BandFn pickKernel(int radius, int width, int channels)
     const int need = three ? 2 * channels : 0;
     const bool mono = channels == 1;
     if (samples >= avxLanes + need && hasAvx2())
-        return three  ? (Wide ? median3Avx2_u16 : median3Avx2_u8)
+        return three ? (mono ? (Wide ? median3Avx2_u16 : median3Avx2_u8) : (Wide ? median3ChAvx2_u16 : median3ChAvx2_u8))
                : mono ? (Wide ? median5Avx2_u16 : median5Avx2_u8)
                       : (Wide ? median5ChAvx2_u16 : median5ChAvx2_u8);
     if (samples >= sseLanes + need)
-        return three  ? (Wide ? median3Sse_u16 : median3Sse_u8)
+        return three ? (mono ? (Wide ? median3Sse_u16 : median3Sse_u8) : (Wide ? median3ChSse_u16 : median3ChSse_u8))
                : mono ? (Wide ? median5Sse_u16 : median5Sse_u8)
                       : (Wide ? median5ChSse_u16 : median5ChSse_u8);
-    return three ? (Wide ? median3One_u16 : median3One_u8)
+    return three ? (mono ? (Wide ? median3One_u16 : median3One_u8) : (Wide ? median3ChOne_u16 : median3ChOne_u8))
            : mono ? (Wide ? median5One_u16 : median5One_u8)
                   : (Wide ? median5ChOne_u16 : median5ChOne_u8);
 }
