@@ -243,7 +243,10 @@ SxPicBufInfo med_patternRowFormat(const SxPicBufInfo& in, const CxMedianCnbl::Sx
     f.width = quint32(quint64(in.width) * in.channels / streams);
     f.height = planeExtent(in.height, l.periodY, oy);
     f.channels = quint32(streams);
-    f.linePitch = quint32(qMin<quint64>(quint64(in.effectiveLinePitch()) * quint64(l.periodY), UINT_MAX));
+    const quint64 pitch = quint64(in.effectiveLinePitch()) * quint64(l.periodY);
+    f.linePitch = quint32(qMin<quint64>(pitch, UINT_MAX));
+    if (pitch > UINT_MAX)
+        f.width = 0;  // no view: the planes are split instead
     f.colorFilterArray = CFA_NONE;
     f.storageFormat = DSF_PACKED;
     f.isColor = false;
@@ -305,10 +308,6 @@ void scatterStrip(const SxPicBuf& strip, quint64 rowSamples, int radius, SxPicBu
                 dst[(x0 + j) * n + c] = src[j * n + c];
     }
 }
-
-} // namespace
-
-namespace {
 
 template <class T>
 bool filterPlanes_T(const SxPicBuf& in, SxPicBuf& out, const CxMedianCnbl::SxPlaneLayout& l, SxPicBuf& inStack,
