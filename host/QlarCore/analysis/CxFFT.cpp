@@ -39,6 +39,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QLockFile>
 #include <QtCore/QStandardPaths>
 
 #include <algorithm>
@@ -46,6 +47,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <type_traits>
@@ -100,30 +102,42 @@ std::mutex& plannerMutex()
     return m;
 }
 
-// Guarded by plannerMutex.
-bool g_wisdomRead = false;
-QByteArray g_wisdomSaved;
+// Guarded by plannerMutex: the wisdom file's text as this process last read
+// or wrote it.
+QByteArray g_wisdomSeen;
 
 void appendChar(char c, void* data) { static_cast<QByteArray*>(data)->append(c); }
 
-// Holds the planner for a group of plans: reads the wisdom file the first
-// time, bounds each plan's measuring time, and writes the wisdom back when
-// the group added to it.
+QByteArray readWisdomFile(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// Holds the planner for a group of plans. Measured plans differ from run to
+// run, and so do their last bits of rounding; a spectrum recorded by one
+// process must come out the same when another process on this machine
+// replays it. So the whole group (read the machine's wisdom, plan, write the
+// wisdom back) runs under a lock on the wisdom file: a size that any process
+// has measured before is planned from its wisdom, never measured again.
+// A lock that cannot be had within LockWaitMs (a planner that hangs) only
+// costs that sharing; the plans are made all the same.
 class PlannerSession
 {
 public:
-    PlannerSession() : m_lock(plannerMutex())
+    static constexpr int LockWaitMs = 10000;
+
+    PlannerSession() : m_lock(plannerMutex()), m_path(CxFFT::wisdomFilePath())
     {
-        if (!g_wisdomRead) {
-            g_wisdomRead = true;
-            QFile f(CxFFT::wisdomFilePath());
-            if (!f.fileName().isEmpty() && f.open(QIODevice::ReadOnly)) {
-                const QByteArray text = f.readAll();
-                if (!text.isEmpty() && fftwf_import_wisdom_from_string(text.constData()))
-                    g_wisdomSaved = text;
-            }
+        if (!m_path.isEmpty() && QDir().mkpath(QFileInfo(m_path).absolutePath())) {
+            m_fileLock.reset(new QLockFile(m_path + QStringLiteral(".lock")));
+            if (!m_fileLock->tryLock(LockWaitMs))
+                m_fileLock.reset();
         }
-        fftwf_set_timelimit(PlanTimeLimitSeconds);
+        // Wisdom carries a signature of the planner's solvers, and the
+        // threads' solvers join them at fftwf_init_threads(): wisdom written
+        // after it is refused as a whole before it. So the threads are
+        // registered before any import, in every process alike.
         // The planner's thread count is process-wide, and anything else in the
         // process may have raised it: plans run inside the kit's row pieces
         // must stay single-threaded, or every piece would wake FFTW's workers
@@ -132,6 +146,8 @@ public:
             m_threads = fftwf_planner_nthreads();
             fftwf_plan_with_nthreads(1);
         }
+        adoptFile();
+        fftwf_set_timelimit(PlanTimeLimitSeconds);
     }
     ~PlannerSession()
     {
@@ -153,27 +169,35 @@ public:
     }
 
 private:
-    static void saveWisdom()
+    // Importing replaces this process's entries for the same sizes, which is
+    // what makes the next plan of a size agree with the file.
+    void adoptFile()
     {
-        const QString path = CxFFT::wisdomFilePath();
-        if (path.isEmpty())
+        if (m_path.isEmpty())
             return;
-        // Another process may have added plans since we read the file.
-        QFile current(path);
-        if (current.open(QIODevice::ReadOnly)) {
-            const QByteArray theirs = current.readAll();
-            if (!theirs.isEmpty() && theirs != g_wisdomSaved)
-                fftwf_import_wisdom_from_string(theirs.constData());
-        }
+        const QByteArray text = readWisdomFile(m_path);
+        if (!text.isEmpty() && text != g_wisdomSeen && fftwf_import_wisdom_from_string(text.constData()))
+            g_wisdomSeen = text;
+    }
+
+    void saveWisdom()
+    {
+        if (m_path.isEmpty())
+            return;
+        // Unlocked, another process may have written since we read.
+        if (!m_fileLock)
+            adoptFile();
         QByteArray text;
         fftwf_export_wisdom(appendChar, &text);
-        if (text.isEmpty() || text == g_wisdomSaved || !QDir().mkpath(QFileInfo(path).absolutePath()))
+        if (text.isEmpty() || text == g_wisdomSeen)
             return;
-        if (CxAtomicFile::write(path, text, nullptr))
-            g_wisdomSaved = text;
+        if (CxAtomicFile::write(m_path, text, nullptr))
+            g_wisdomSeen = text;
     }
 
     std::lock_guard<std::mutex> m_lock;
+    const QString m_path;
+    std::unique_ptr<QLockFile> m_fileLock;  // released after the wisdom is written
     bool m_planned = false;
     int m_threads = 0;  // the planner's thread count before the session
 };

@@ -47,10 +47,14 @@
 // Planning. FFTW's planner is not thread-safe, so all planning and plan
 // destruction in this process goes through one mutex; executing runs
 // unlocked. Plans are made with FFTW_MEASURE under a time limit of half a
-// second per plan, and the resulting wisdom is kept on disk (wisdomFilePath(),
-// read once per process, written after planning added to it; failures are
-// ignored). The first start for a new size therefore costs at most a fraction
-// of a second, later starts reuse the measured plans at once. Measuring whole
+// second per plan, and the resulting wisdom is kept on disk (wisdomFilePath();
+// failures to read or write it are ignored). Each planning reads the file,
+// plans and writes the wisdom back under a lock on the file, so a size is
+// measured once per machine and every later process plans it the same way:
+// measured plans differ in their rounding, and a spectrum recorded in one
+// process comes out bit for bit the same when qlarrun replays it. The first
+// start for a new size costs at most a fraction of a second, later starts
+// reuse the measured plans at once. Measuring whole
 // 2D transforms takes seconds per size, which is why the 2D transform is not
 // planned as one piece (below).
 //
