@@ -703,6 +703,7 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         even.resize(evenWords(w));
     }
     T* const across = acrossBuffer.data() + 1;
+    quint64* const evenBits = even.data();
 
     for (qint64 y = 0; y < h; ++y) {
         uchar* o = out.data + quint64(y) * outPitch;
@@ -716,19 +717,19 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
             const T* up = reinterpret_cast<const T*>(in.data + quint64(mirrored(y - 1, h)) * inPitch);
             const T* mid = reinterpret_cast<const T*>(in.data + quint64(y) * inPitch);
             const T* dn = reinterpret_cast<const T*>(in.data + quint64(mirrored(y + 1, h)) * inPitch);
-            fillAcross(up, dn, across, even.data(), w);
+            fillAcross(up, dn, across, evenBits, w);
             head[0] = mid[mirrored(-1, w)];
             std::memcpy(head + 1, mid, 65 * sizeof(T));
             std::memcpy(tail, mid + w - 65, 65 * sizeof(T));
             tail[65] = mid[mirrored(w, w)];
-            weaveBgra(o, candidatesOf<T>(head + 1, 0, across, even.data(), 0, shiftCount), fromOn, ck, weave,
+            weaveBgra(o, candidatesOf<T>(head + 1, 0, across, evenBits, 0, shiftCount), fromOn, ck, weave,
                       0, streamed);
             qint64 x = 64;
             for (; x + 65 <= w; x += 64)
-                weaveBgra(o, candidatesOf<T>(mid, x, across, even.data(), x, shiftCount), fromOn, ck, weave, x,
+                weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount), fromOn, ck, weave, x,
                           streamed);
             if (x < w)
-                weaveBgra(o, candidatesOf<T>(tail + 1, 0, across, even.data(), w - 64, shiftCount), fromOn, ck,
+                weaveBgra(o, candidatesOf<T>(tail + 1, 0, across, evenBits, w - 64, shiftCount), fromOn, ck,
                           weave, w - 64, false);
             continue;
         }
@@ -740,14 +741,14 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
                 bgraPixel(o, up, mid, dn, fromOn, ck, x, w, shift);
             continue;
         }
-        fillAcross(up, dn, across, even.data(), w);
+        fillAcross(up, dn, across, evenBits, w);
         // The last step may overlap the one before (it writes the same values).
         qint64 x = 0;
         for (; x + 64 <= w; x += 64)
-            weaveBgra(o, candidatesOf<T>(mid, x, across, even.data(), x, shiftCount), fromOn, ck, weave, x,
+            weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount), fromOn, ck, weave, x,
                       streamed);
         if (x < w)
-            weaveBgra(o, candidatesOf<T>(mid, w - 64, across, even.data(), w - 64, shiftCount), fromOn, ck,
+            weaveBgra(o, candidatesOf<T>(mid, w - 64, across, evenBits, w - 64, shiftCount), fromOn, ck,
                       weave, w - 64, false);
     }
     if (stream)
