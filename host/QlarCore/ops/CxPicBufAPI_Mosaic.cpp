@@ -313,6 +313,7 @@ void perCell(const SxPicBuf& in, const Cells& c, SxPicBuf& out)
 
 constexpr int StripAnchors = 2048;
 constexpr int StripMaxPeriod = 1024;
+static_assert(StripMaxPeriod >= 32, "a vector of sums past every strip");
 
 template <Stat St, class A>
 inline A fold(A a, A b)
@@ -441,8 +442,33 @@ __attribute__((target("avx512f,avx512bw"))) void acrossAvgU8Avx512(quint8* o, co
     if (n < 32)
         return acrossAvgU8Short(o, col, n, width, q);
     int i = 0;
-    for (; i + 32 <= n; i += 32)
-        at(i);
+    if constexpr (P > 0) {
+        // A known width takes its neighbours out of two aligned registers by
+        // permutes: P - 1 loads that each straddle two cache lines had cost
+        // more than the permutes.
+        alignas(64) static constexpr quint16 iota[32] = {0,  1,  2,  3,  4,  5,  6,  7,  8,  9,  10,
+                                                         11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21,
+                                                         22, 23, 24, 25, 26, 27, 28, 29, 30, 31};
+        __m512i shifted[P];
+        for (int j = 1; j < P; ++j)
+            shifted[j] = _mm512_add_epi16(_mm512_load_si512(iota), _mm512_set1_epi16(short(j)));
+        // The strip buffer holds StripMaxPeriod (>= 32) samples past any
+        // strip, so the register after the last step is there to read; only
+        // its first P - 1 lanes, which the strip's columns fill, are used.
+        __m512i cur = _mm512_loadu_si512(col);
+        for (; i + 32 <= n; i += 32) {
+            const __m512i next = _mm512_loadu_si512(col + i + 32);
+            __m512i s = cur;
+            for (int j = 1; j < P; ++j)
+                s = _mm512_add_epi16(s, _mm512_permutex2var_epi16(cur, shifted[j], next));
+            s = _mm512_srl_epi16(_mm512_mulhi_epu16(_mm512_add_epi16(s, half), m), shift);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + i), _mm512_maskz_cvtepi16_epi8(~__mmask32(0), s));
+            cur = next;
+        }
+    } else {
+        for (; i + 32 <= n; i += 32)
+            at(i);
+    }
     if (i < n)
         at(n - 32);
 }
@@ -516,7 +542,7 @@ void slideStrips(const SxPicBuf& in, const Cells& c, SxPicBuf& out, const SxQuot
     const int lastY = c.top + c.height - c.py;
     const AcrossFn<St, T, A, W> across = pickAcross<St, T, A, W>(c.px);
     forRows<T>(h, qint64(w) * h * 4, [&](int y0, int y1, int) {
-        A col[StripAnchors + StripMaxPeriod];
+        alignas(64) A col[StripAnchors + StripMaxPeriod];
         A folded[StripAnchors];
         for (int a0 = c.left; a0 <= lastX; a0 += StripAnchors) {
             const int anchors = std::min(StripAnchors, lastX - a0 + 1);
