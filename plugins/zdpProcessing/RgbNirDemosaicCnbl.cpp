@@ -539,13 +539,11 @@ RGBNIR_VBMI void fillAcross(const T* up, const T* dn, T* across, quint64* even, 
 }
 
 // floor((2 a + pa + 2 b + pb) / 4) for the halves a, b of two pair sums and
-// their dropped bits pa, pb: the rounding-up average of a and b, less its
-// added bit unless both pairs dropped one. n lanes from pixel x on.
+// their dropped bits pa, pb (keep: 1 unless both dropped one): the
+// rounding-up average of a and b, less its added bit where kept.
 template <class T>
-RGBNIR_VBMI RGBNIR_INLINE __m512i diagonalOf(const T* across, const quint64* even, qint64 x)
+RGBNIR_VBMI RGBNIR_INLINE __m512i diagonalOf(__m512i a, __m512i b, quint64 keep)
 {
-    const __m512i a = _mm512_loadu_si512(across + x - 1), b = _mm512_loadu_si512(across + x + 1);
-    const quint64 keep = evenBitsAt(even, x - 1) | evenBitsAt(even, x + 1);
     if constexpr (sizeof(T) == 1) {
         const __m512i added = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi8(1), 0x28);  // (a ^ b) & 1
         const __m512i up = _mm512_avg_epu8(a, b);
@@ -554,6 +552,59 @@ RGBNIR_VBMI RGBNIR_INLINE __m512i diagonalOf(const T* across, const quint64* eve
         const __m512i added = _mm512_ternarylogic_epi32(a, b, _mm512_set1_epi16(1), 0x28);
         const __m512i up = _mm512_avg_epu16(a, b);
         return _mm512_mask_sub_epi16(up, __mmask32(keep), up, added);
+    }
+}
+
+// Permutes that take the lanes beside those of a register out of it and its
+// neighbour: left(prev, cur) = p[-1 .. n - 2], right(cur, next) = p[1 .. n].
+struct SxBeside
+{
+    __m512i left, right;
+};
+
+template <class T>
+RGBNIR_VBMI inline SxBeside besidePermutes()
+{
+    constexpr unsigned n = 64 / sizeof(T);
+    alignas(64) T left[n], right[n];
+    for (unsigned l = 0; l < n; ++l) {
+        left[l] = T(l == 0 ? n - 1 : n + l - 1);
+        right[l] = T(l + 1);
+    }
+    return {_mm512_load_si512(left), _mm512_load_si512(right)};
+}
+
+template <class T>
+RGBNIR_VBMI RGBNIR_INLINE __m512i permuteLanes(__m512i a, __m512i idx, __m512i b)
+{
+    if constexpr (sizeof(T) == 1)
+        return _mm512_permutex2var_epi8(a, idx, b);
+    else
+        return _mm512_permutex2var_epi16(a, idx, b);
+}
+
+// The 64 pixels of a row from p on (sizeof(T) registers) and the lanes
+// beside them. With beside, whole registers either side are read and the
+// neighbours permuted out of them: a load one sample off straddles two
+// cache lines, which costs more than the permute. Otherwise the
+// neighbours are loaded, so p[-1] and p[64] are all that is read beyond.
+template <class T>
+RGBNIR_VBMI RGBNIR_INLINE void rowLanes(const T* p, const SxBeside* beside, __m512i c[], __m512i l[], __m512i r[])
+{
+    constexpr int n = 64 / int(sizeof(T)), regs = int(sizeof(T));
+    for (int i = 0; i < regs; ++i)
+        c[i] = _mm512_loadu_si512(p + n * i);
+    if (beside) {
+        const __m512i prev = _mm512_loadu_si512(p - n), next = _mm512_loadu_si512(p + 64);
+        for (int i = 0; i < regs; ++i) {
+            l[i] = permuteLanes<T>(i ? c[i - 1] : prev, beside->left, c[i]);
+            r[i] = permuteLanes<T>(c[i], beside->right, i + 1 < regs ? c[i + 1] : next);
+        }
+        return;
+    }
+    for (int i = 0; i < regs; ++i) {
+        l[i] = _mm512_loadu_si512(p + n * i - 1);
+        r[i] = _mm512_loadu_si512(p + n * i + 1);
     }
 }
 
@@ -568,26 +619,28 @@ struct SxCandidates
 
 template <class T>
 RGBNIR_VBMI RGBNIR_INLINE SxCandidates candidatesOf(const T* mid, qint64 xm, const T* across, const quint64* even,
-                                                    qint64 x, __m128i shift)
+                                                    qint64 x, __m128i shift, const SxBeside* beside)
 {
+    constexpr int n = 64 / int(sizeof(T)), regs = int(sizeof(T));
+    const __m512i one = sizeof(T) == 1 ? _mm512_set1_epi8(1) : _mm512_set1_epi16(1);
+    __m512i own[regs], left[regs], right[regs], straight[regs], aLeft[regs], aRight[regs];
+    rowLanes<T>(mid + xm, beside, own, left, right);
+    rowLanes<T>(across + x, beside, straight, aLeft, aRight);
+    __m512i v[regs][4];
+    for (int i = 0; i < regs; ++i) {
+        const quint64 keep = evenBitsAt(even, x - 1 + n * i) | evenBitsAt(even, x + 1 + n * i);
+        v[i][0] = own[i];
+        v[i][1] = halfSumOf<T>(left[i], right[i], one);
+        v[i][2] = straight[i];
+        v[i][3] = diagonalOf<T>(aLeft[i], aRight[i], keep);
+    }
     if constexpr (sizeof(T) == 1) {
-        const __m512i one = _mm512_set1_epi8(1);
-        return {_mm512_loadu_si512(mid + xm),
-                halfSumOf<T>(_mm512_loadu_si512(mid + xm - 1), _mm512_loadu_si512(mid + xm + 1), one),
-                _mm512_loadu_si512(across + x), diagonalOf(across, even, x)};
+        return {v[0][0], v[0][1], v[0][2], v[0][3]};
     } else {
-        const __m512i one = _mm512_set1_epi16(1), top = _mm512_set1_epi16(255);
-        __m512i v[2][4];
-        for (int i = 0; i < 2; ++i) {
-            v[i][0] = _mm512_loadu_si512(mid + xm + 32 * i);
-            v[i][1] = halfSumOf<T>(_mm512_loadu_si512(mid + xm + 32 * i - 1),
-                                   _mm512_loadu_si512(mid + xm + 32 * i + 1), one);
-            v[i][2] = _mm512_loadu_si512(across + x + 32 * i);
-            v[i][3] = diagonalOf(across, even, x + 32 * i);
-        }
         // Exact in 16 bits, then shifted and packed to bytes with signed
         // saturation, which only unshifted samples could turn negative. Lane j
         // holds the pixels from 8 j on, then those from 32 + 8 j on.
+        const __m512i top = _mm512_set1_epi16(255);
         const bool unshifted = unsigned(_mm_cvtsi128_si32(shift)) == 0;
         __m512i packed[4];
         for (int j = 0; j < 4; ++j) {
@@ -696,6 +749,7 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
     if (!direct)
         for (auto& p : padded)
             p.resize(size_t(w) + 2);
+    const SxBeside beside = besidePermutes<T>();
     std::vector<T> acrossBuffer;
     std::vector<quint64> even;
     if (w >= 64) {
@@ -722,14 +776,17 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
             std::memcpy(head + 1, mid, 65 * sizeof(T));
             std::memcpy(tail, mid + w - 65, 65 * sizeof(T));
             tail[65] = mid[mirrored(w, w)];
-            weaveBgra(o, candidatesOf<T>(head + 1, 0, across, evenBits, 0, shiftCount), fromOn, ck, weave,
+            weaveBgra(o, candidatesOf<T>(head + 1, 0, across, evenBits, 0, shiftCount, nullptr), fromOn, ck, weave,
                       0, streamed);
             qint64 x = 64;
-            for (; x + 65 <= w; x += 64)
-                weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount), fromOn, ck, weave, x,
-                          streamed);
+            for (; x + 65 <= w; x += 64) {
+                // Whole registers beside the step's are inside the row.
+                const SxBeside* inside = x + 64 + 64 / qint64(sizeof(T)) <= w ? &beside : nullptr;
+                weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount, inside), fromOn, ck, weave,
+                          x, streamed);
+            }
             if (x < w)
-                weaveBgra(o, candidatesOf<T>(tail + 1, 0, across, evenBits, w - 64, shiftCount), fromOn, ck,
+                weaveBgra(o, candidatesOf<T>(tail + 1, 0, across, evenBits, w - 64, shiftCount, nullptr), fromOn, ck,
                           weave, w - 64, false);
             continue;
         }
@@ -745,10 +802,10 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         // The last step may overlap the one before (it writes the same values).
         qint64 x = 0;
         for (; x + 64 <= w; x += 64)
-            weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount), fromOn, ck, weave, x,
+            weaveBgra(o, candidatesOf<T>(mid, x, across, evenBits, x, shiftCount, nullptr), fromOn, ck, weave, x,
                       streamed);
         if (x < w)
-            weaveBgra(o, candidatesOf<T>(mid, w - 64, across, evenBits, w - 64, shiftCount), fromOn, ck,
+            weaveBgra(o, candidatesOf<T>(mid, w - 64, across, evenBits, w - 64, shiftCount, nullptr), fromOn, ck,
                       weave, w - 64, false);
     }
     if (stream)

@@ -70,7 +70,7 @@ private slots:
             };
             row("rgb u8 odd", Node::RGB, IDT_UINT8, 8, QSize(9, 7), 0);
             row("rgb u8 padded", Node::RGB, IDT_UINT8, 8, QSize(100, 6), 3);
-            row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(100, 5), 0);
+            row("rgb u16 12 bits", Node::RGB, IDT_UINT16, 12, QSize(221, 5), 0);
             row("rgb u32 20 bits", Node::RGB, IDT_UINT32, 20, QSize(6, 3), 0);
             // Wide enough for the vector steps of each sample width, and a tail.
             row("rgb u16 vectors", Node::RGB, IDT_UINT16, 16, QSize(141, 6), 1);
