@@ -756,7 +756,7 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         acrossBuffer.resize(size_t(w) + 2);
         even.resize(evenWords(w));
     }
-    T* const across = acrossBuffer.data() + 1;
+    T* const across = acrossBuffer.empty() ? nullptr : acrossBuffer.data() + 1;
     quint64* const evenBits = even.data();
 
     for (qint64 y = 0; y < h; ++y) {
