@@ -7,6 +7,7 @@
 
 #include <QtXml/QDomDocument>
 
+#include <algorithm>
 #include <cstring>
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -750,11 +751,14 @@ RGBNIR_VBMI void demosaicRgbRowsVbmi(SxPicBuf& out, const SxPicBuf& in, const un
         for (auto& p : padded)
             p.resize(size_t(w) + 2);
     const SxBeside beside = besidePermutes<T>();
-    std::vector<T> acrossBuffer;
-    std::vector<quint64> even;
+    // Kept from frame to frame, so that a live chain allocates nothing per
+    // frame; what an earlier, wider picture left beyond this one's row is
+    // never read.
+    static thread_local std::vector<T> acrossBuffer;
+    static thread_local std::vector<quint64> even;
     if (w >= 64) {
-        acrossBuffer.resize(size_t(w) + 2);
-        even.resize(evenWords(w));
+        acrossBuffer.resize(std::max(acrossBuffer.size(), size_t(w) + 2));
+        even.resize(std::max(even.size(), evenWords(w)));
     }
     T* const across = acrossBuffer.empty() ? nullptr : acrossBuffer.data() + 1;
     quint64* const evenBits = even.data();
