@@ -5,6 +5,7 @@
 #include <QtGui/QKeyEvent>
 #include <QtGui/QMouseEvent>
 #include <QtGui/QPainter>
+#include <QtGui/QRegion>
 #include <QtGui/QWheelEvent>
 
 #include <climits>
@@ -173,16 +174,21 @@ void CxPictureView::updateHover()
 void CxPictureView::paintEvent(QPaintEvent* event)
 {
     QPainter painter(this);
-    painter.fillRect(event->rect(), Background);
     const QSize pic = pictureSize();
-    if (!m_frame || pic.isEmpty())
+    if (!m_frame || pic.isEmpty()) {
+        painter.fillRect(event->rect(), Background);
         return;
+    }
 
     // Whole window pixels that show any of the picture: the source rectangle
     // is worked out from them, so the picture lands exactly where the mouse
     // mapping says it is.
     const QRectF onWindow(m_offset, QSizeF(pic.width() * m_zoom, pic.height() * m_zoom));
     const QRect target = onWindow.toAlignedRect() & event->rect() & rect();
+    // The picture covers its own part; painting the background under it too
+    // would write every shown pixel twice.
+    for (const QRect& r : QRegion(event->rect()).subtracted(target))
+        painter.fillRect(r, Background);
     if (!target.isEmpty()) {
         const qreal dpr = devicePixelRatioF();
         const QSize device(qRound(target.width() * dpr), qRound(target.height() * dpr));

@@ -178,6 +178,45 @@ private slots:
         }
     }
 
+    // Four-byte colour pixels take a vector path when the view is zoomed out:
+    // every target pixel must still show the source pixel under its centre,
+    // near the right edge and beside the background too.
+    void quadSampling_data()
+    {
+        QTest::addColumn<QRectF>("source");
+        QTest::addColumn<QSize>("target");
+
+        // The picture is 250 x 5.
+        QTest::newRow("out 1.7x") << QRectF(0, 0, 250, 5) << QSize(147, 3);
+        QTest::newRow("out 3.4x") << QRectF(0, 0, 250, 5) << QSize(73, 2);
+        QTest::newRow("out 7x") << QRectF(0, 0, 250, 5) << QSize(35, 1);
+        QTest::newRow("in 1.6x") << QRectF(3.3, 0, 100, 5) << QSize(160, 8);
+        QTest::newRow("right edge") << QRectF(190.5, 1, 59.5, 4) << QSize(33, 4);
+        QTest::newRow("beyond both edges") << QRectF(-20.25, -1, 300, 7) << QSize(120, 7);
+    }
+
+    void quadSampling()
+    {
+        QFETCH(QRectF, source);
+        QFETCH(QSize, target);
+        const ViewFramePtr frame = makeFrame({IDT_UINT8, 4, 8, true}, 250, 5, [](quint32 x, quint32 y, quint32 c) {
+            return c == 0 ? x : c == 1 ? y : c == 2 ? 200 : 9;
+        });
+        CxDisplayMapper mapper;
+        mapper.setBackground(Qt::black);
+        const QImage image = mapper.render(*frame, source, target);
+        for (int j = 0; j < target.height(); ++j)
+            for (int i = 0; i < target.width(); ++i) {
+                const double x = source.x() + (i + 0.5) * (source.width() / target.width());
+                const double y = source.y() + (j + 0.5) * (source.height() / target.height());
+                const bool inside = x >= 0 && x < 250 && y >= 0 && y < 5;
+                const QRgb expected = inside ? qRgb(200, int(y), int(x)) : qRgb(0, 0, 0);
+                if (image.pixel(i, j) != expected)
+                    QFAIL(qPrintable(QString("target %1,%2: %3 instead of %4")
+                                         .arg(i).arg(j).arg(image.pixel(i, j), 0, 16).arg(expected, 0, 16)));
+            }
+    }
+
     void cellName_data()
     {
         QTest::addColumn<int>("cfa");
