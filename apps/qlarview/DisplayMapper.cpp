@@ -11,6 +11,9 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
+// The AVX-512 intrinsics start some results from a self-initialised
+// register, which unoptimised builds report as maybe uninitialised.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
 using namespace picturesamples;
@@ -167,6 +170,51 @@ __attribute__((target("avx512f"))) void sampleQuadsAvx512(const uchar* row, qint
         _mm512_storeu_si512(line + i, _mm512_or_si512(v, alpha));
     }
     sampleQuads(row, width, xs, i, to, line);
+}
+#endif
+
+// One-byte samples `step` bytes apart through the grey table: line[i] for i
+// in [from, to) from row[xs[i] * step], the row `width` samples long.
+void sampleGreyBytes(const uchar* row, qint64 width, qint64 step, const qint32* xs, int from, int to,
+                     const uchar* lut, QRgb* line)
+{
+    Q_UNUSED(width);
+    for (int i = from; i < to; ++i)
+        line[i] = grey(lut[row[qint64(xs[i]) * step]]);
+}
+
+#if defined(__x86_64__)
+// The same, 16 target pixels a step while their samples lie within 64
+// consecutive bytes: one load, a byte permute to pick them, the table held
+// in four registers, and a widening into grey pixels. Nothing past the
+// row's last sample is read.
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void sampleGreyBytesVbmi(const uchar* row, qint64 width,
+                                                                               qint64 step, const qint32* xs,
+                                                                               int from, int to, const uchar* lut,
+                                                                               QRgb* line)
+{
+    const __m512i t0 = _mm512_loadu_si512(lut), t1 = _mm512_loadu_si512(lut + 64);
+    const __m512i t2 = _mm512_loadu_si512(lut + 128), t3 = _mm512_loadu_si512(lut + 192);
+    const __m512i alpha = _mm512_set1_epi32(int(0xff000000u));
+    const __m512i stride = _mm512_set1_epi32(int(step));
+    const qint64 rowBytes = (width - 1) * step + 1;
+    int i = from;
+    for (; i + 16 <= to; i += 16) {
+        const qint64 b0 = qint64(xs[i]) * step;
+        if ((qint64(xs[i + 15]) - xs[i]) * step >= 64 || b0 + 64 > rowBytes) {
+            sampleGreyBytes(row, width, step, xs, i, i + 16, lut, line);
+            continue;
+        }
+        const __m512i at = _mm512_mullo_epi32(_mm512_sub_epi32(_mm512_loadu_si512(xs + i), _mm512_set1_epi32(xs[i])),
+                                              stride);
+        const __m512i v = _mm512_permutexvar_epi8(_mm512_zextsi128_si512(_mm512_cvtepi32_epi8(at)),
+                                                  _mm512_loadu_si512(row + b0));
+        const __m512i lo = _mm512_permutex2var_epi8(t0, v, t1), hi = _mm512_permutex2var_epi8(t2, v, t3);
+        const __m512i g = _mm512_cvtepu8_epi32(_mm512_castsi512_si128(_mm512_mask_blend_epi8(_mm512_movepi8_mask(v), lo, hi)));
+        const __m512i px = _mm512_or_si512(_mm512_or_si512(g, _mm512_slli_epi32(g, 8)), _mm512_slli_epi32(g, 16));
+        _mm512_storeu_si512(line + i, _mm512_or_si512(px, alpha));
+    }
+    sampleGreyBytes(row, width, step, xs, i, to, lut, line);
 }
 #endif
 
@@ -498,6 +546,17 @@ QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRec
             });
         } else {
             const SxPlane p = l.planes.at(std::min(m_channel, l.channels() - 1));
+            if constexpr (sizeof(T) == 1) {
+                auto sample = sampleGreyBytes;
+#if defined(__x86_64__)
+                if (__builtin_cpu_supports("avx512vbmi"))
+                    sample = sampleGreyBytesVbmi;
+#endif
+                fillRows(img, cols, rows, bg, {p}, [&](QRgb* line, qint64 y) {
+                    sample(p.row(y), qint64(l.width), p.step, cols.index.data(), cols.first, cols.last, lut, line);
+                });
+                return;
+            }
             fillImage(img, cols, rows, bg, {p}, [&](qint64 y) {
                 const uchar* row = p.row(y);
                 return [=](qint64 x) {

@@ -178,39 +178,56 @@ private slots:
         }
     }
 
-    // Four-byte colour pixels take a vector path when the view is zoomed out:
-    // every target pixel must still show the source pixel under its centre,
-    // near the right edge and beside the background too.
-    void quadSampling_data()
+    // Four-byte colour pixels and one-byte grey samples take vector paths
+    // when the view is zoomed out: every target pixel must still show the
+    // source pixel under its centre, near the right edge and beside the
+    // background too.
+    void vectorSampling_data()
     {
         QTest::addColumn<QRectF>("source");
         QTest::addColumn<QSize>("target");
+        QTest::addColumn<int>("channels");  // 4: BGRA colour; 1 or 3: grey, the second of three shown
+        QTest::addColumn<int>("bits");
 
         // The picture is 250 x 5.
-        QTest::newRow("out 1.7x") << QRectF(0, 0, 250, 5) << QSize(147, 3);
-        QTest::newRow("out 3.4x") << QRectF(0, 0, 250, 5) << QSize(73, 2);
-        QTest::newRow("out 7x") << QRectF(0, 0, 250, 5) << QSize(35, 1);
-        QTest::newRow("in 1.6x") << QRectF(3.3, 0, 100, 5) << QSize(160, 8);
-        QTest::newRow("right edge") << QRectF(190.5, 1, 59.5, 4) << QSize(33, 4);
-        QTest::newRow("beyond both edges") << QRectF(-20.25, -1, 300, 7) << QSize(120, 7);
+        for (const int channels : {4, 1, 3}) {
+            const auto row = [&](const char* name) -> QTestData& { return QTest::addRow("%s, %d channels", name, channels); };
+            row("out 1.7x") << QRectF(0, 0, 250, 5) << QSize(147, 3) << channels << 8;
+            row("out 3.4x") << QRectF(0, 0, 250, 5) << QSize(73, 2) << channels << 8;
+            row("out 7x") << QRectF(0, 0, 250, 5) << QSize(35, 1) << channels << 8;
+            row("in 1.6x") << QRectF(3.3, 0, 100, 5) << QSize(160, 8) << channels << 8;
+            row("right edge") << QRectF(190.5, 1, 59.5, 4) << QSize(33, 4) << channels << 8;
+            row("beyond both edges") << QRectF(-20.25, -1, 300, 7) << QSize(120, 7) << channels << 8;
+        }
+        QTest::newRow("grey levels stretched") << QRectF(0, 0, 250, 5) << QSize(147, 3) << 1 << 7;
     }
 
-    void quadSampling()
+    void vectorSampling()
     {
         QFETCH(QRectF, source);
         QFETCH(QSize, target);
-        const ViewFramePtr frame = makeFrame({IDT_UINT8, 4, 8, true}, 250, 5, [](quint32 x, quint32 y, quint32 c) {
-            return c == 0 ? x : c == 1 ? y : c == 2 ? 200 : 9;
-        });
+        QFETCH(int, channels);
+        QFETCH(int, bits);
+        const bool colour = channels == 4;
+        const ViewFramePtr frame = makeFrame({IDT_UINT8, quint32(channels), quint32(bits), colour}, 250, 5,
+                                             [colour](quint32 x, quint32 y, quint32 c) -> double {
+                                                 if (colour)
+                                                     return c == 0 ? x : c == 1 ? y : c == 2 ? 200 : 9;
+                                                 return c == 1 || c == 0 ? x : 0;
+                                             });
         CxDisplayMapper mapper;
         mapper.setBackground(Qt::black);
+        mapper.setChannel(channels == 3 ? 1 : 0);
+        mapper.setStretchMode(bits == 8 ? CxDisplayMapper::FullRange : CxDisplayMapper::SignificantBits);
         const QImage image = mapper.render(*frame, source, target);
         for (int j = 0; j < target.height(); ++j)
             for (int i = 0; i < target.width(); ++i) {
                 const double x = source.x() + (i + 0.5) * (source.width() / target.width());
                 const double y = source.y() + (j + 0.5) * (source.height() / target.height());
-                const bool inside = x >= 0 && x < 250 && y >= 0 && y < 5;
-                const QRgb expected = inside ? qRgb(200, int(y), int(x)) : qRgb(0, 0, 0);
+                const int level = std::min(255, int(int(x) * 255.0 / ((1 << bits) - 1) + 0.5));
+                QRgb expected = colour ? qRgb(200, int(y), int(x)) : qRgb(level, level, level);
+                if (!(x >= 0 && x < 250 && y >= 0 && y < 5))
+                    expected = qRgb(0, 0, 0);
                 if (image.pixel(i, j) != expected)
                     QFAIL(qPrintable(QString("target %1,%2: %3 instead of %4")
                                          .arg(i).arg(j).arg(image.pixel(i, j), 0, 16).arg(expected, 0, 16)));
