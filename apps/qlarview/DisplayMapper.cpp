@@ -2,6 +2,8 @@
 
 #include "PictureSamples.h"
 
+#include <KitCpu.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -130,10 +132,19 @@ void fillImage(QImage& img, const SxAxis& cols, const SxAxis& rows, QRgb bg, std
     });
 }
 
-// Four-byte pixels in ARGB32's order, alpha set: line[i] for i in
-// [from, to) from row[xs[i]], the row `width` pixels long.
-void sampleQuads(const uchar* row, qint64 width, const qint32* xs, int from, int to, QRgb* line)
+// A row sampler writes line[i] for i in [from, to) from the sample xs[i]
+// of a row `width` samples long, `step` bytes apart, through the grey
+// table where it has one.
+using RowSampler = void (*)(const uchar* row, qint64 width, qint64 step, const qint32* xs, int from, int to,
+                            const uchar* lut, QRgb* line);
+
+// Four-byte pixels in ARGB32's order, alpha set (step 4, no table).
+void sampleQuads(const uchar* row, qint64 width, qint64 step, const qint32* xs, int from, int to, const uchar* lut,
+                 QRgb* line)
 {
+    Q_UNUSED(width);
+    Q_UNUSED(step);
+    Q_UNUSED(lut);
     for (int i = from; i < to; ++i)
         line[i] = load<quint32>(row + qint64(xs[i]) * 4) | 0xff000000u;
 }
@@ -145,8 +156,9 @@ void sampleQuads(const uchar* row, qint64 width, const qint32* xs, int from, int
 // the cache instead of 16 loads each waiting for its line; about half the
 // time of the loop above. Further out, a gather. Nothing past the row's
 // `width` pixels is read.
-__attribute__((target("avx512f"))) void sampleQuadsAvx512(const uchar* row, qint64 width, const qint32* xs,
-                                                          int from, int to, QRgb* line)
+__attribute__((target("avx512f"))) void sampleQuadsAvx512(const uchar* row, qint64 width, qint64 step,
+                                                          const qint32* xs, int from, int to, const uchar* lut,
+                                                          QRgb* line)
 {
     const __m512i alpha = _mm512_set1_epi32(int(0xff000000u));
     const __m512i upper = _mm512_set1_epi32(32);
@@ -169,12 +181,11 @@ __attribute__((target("avx512f"))) void sampleQuadsAvx512(const uchar* row, qint
         }
         _mm512_storeu_si512(line + i, _mm512_or_si512(v, alpha));
     }
-    sampleQuads(row, width, xs, i, to, line);
+    sampleQuads(row, width, step, xs, i, to, lut, line);
 }
 #endif
 
-// One-byte samples `step` bytes apart through the grey table: line[i] for i
-// in [from, to) from row[xs[i] * step], the row `width` samples long.
+// One-byte samples through the grey table.
 void sampleGreyBytes(const uchar* row, qint64 width, qint64 step, const qint32* xs, int from, int to,
                      const uchar* lut, QRgb* line)
 {
@@ -217,6 +228,33 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) void sampleGreyBytesVbmi(
     sampleGreyBytes(row, width, step, xs, i, to, lut, line);
 }
 #endif
+
+RowSampler quadSampler()
+{
+#if defined(__x86_64__)
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Bw))
+        return sampleQuadsAvx512;
+#endif
+    return sampleQuads;
+}
+
+RowSampler greyByteSampler()
+{
+#if defined(__x86_64__)
+    if (pixelkit::cpuHas(pixelkit::CpuFeature::Avx512Vbmi))
+        return sampleGreyBytesVbmi;
+#endif
+    return sampleGreyBytes;
+}
+
+// The target from plane p's rows (each from `offset` bytes on) through a row sampler.
+void fillSampled(QImage& img, const SxAxis& cols, const SxAxis& rows, QRgb bg, const SxPlane& p, qint64 offset,
+                 qint64 width, const uchar* lut, RowSampler sample)
+{
+    fillRows(img, cols, rows, bg, {p}, [&](QRgb* line, qint64 y) {
+        sample(p.row(y) + offset, width, p.step, cols.index.data(), cols.first, cols.last, lut, line);
+    });
+}
 
 // Raw bits of a sample as a table index.
 template <class T>
@@ -521,17 +559,8 @@ QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRec
             if constexpr (sizeof(T) == 1) {
                 // Blue, green, red, alpha in memory is ARGB32's own order: with
                 // levels unchanged a pixel is one load (the plots of FFT 1D).
-                if (p.step == 4 && g == -1 && b == -2 && lutIsIdentity()) {
-                    auto sample = sampleQuads;
-#if defined(__x86_64__)
-                    if (__builtin_cpu_supports("avx512f"))
-                        sample = sampleQuadsAvx512;
-#endif
-                    fillRows(img, cols, rows, bg, {p}, [&](QRgb* line, qint64 y) {
-                        sample(p.row(y) + b, qint64(l.width), cols.index.data(), cols.first, cols.last, line);
-                    });
-                    return;
-                }
+                if (p.step == 4 && g == -1 && b == -2 && lutIsIdentity())
+                    return fillSampled(img, cols, rows, bg, p, b, qint64(l.width), lut, quadSampler());
             }
             fillImage(img, cols, rows, bg, {p}, [&](qint64 y) {
                 const uchar* row = p.row(y);
@@ -546,17 +575,8 @@ QImage CxDisplayMapper::render(const SxViewFrame& frame, const QRectF& sourceRec
             });
         } else {
             const SxPlane p = l.planes.at(std::min(m_channel, l.channels() - 1));
-            if constexpr (sizeof(T) == 1) {
-                auto sample = sampleGreyBytes;
-#if defined(__x86_64__)
-                if (__builtin_cpu_supports("avx512vbmi"))
-                    sample = sampleGreyBytesVbmi;
-#endif
-                fillRows(img, cols, rows, bg, {p}, [&](QRgb* line, qint64 y) {
-                    sample(p.row(y), qint64(l.width), p.step, cols.index.data(), cols.first, cols.last, lut, line);
-                });
-                return;
-            }
+            if constexpr (sizeof(T) == 1)
+                return fillSampled(img, cols, rows, bg, p, 0, qint64(l.width), lut, greyByteSampler());
             fillImage(img, cols, rows, bg, {p}, [&](qint64 y) {
                 const uchar* row = p.row(y);
                 return [=](qint64 x) {
