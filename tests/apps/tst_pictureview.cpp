@@ -210,11 +210,7 @@ private slots:
         QFETCH(int, bits);
         const bool colour = channels == 4;
         const ViewFramePtr frame = makeFrame({IDT_UINT8, quint32(channels), quint32(bits), colour}, 250, 5,
-                                             [colour](quint32 x, quint32 y, quint32 c) -> double {
-                                                 if (colour)
-                                                     return c == 0 ? x : c == 1 ? y : c == 2 ? 200 : 9;
-                                                 return c == 1 || c == 0 ? x : 0;
-                                             });
+            [colour](quint32 x, quint32 y, quint32 c) -> double { return colour ? (c == 0 ? x : c == 1 ? y : c == 2 ? 200 : 9) : c <= 1 ? x : 0; });
         CxDisplayMapper mapper;
         mapper.setBackground(Qt::black);
         mapper.setChannel(channels == 3 ? 1 : 0);
@@ -225,9 +221,8 @@ private slots:
                 const double x = source.x() + (i + 0.5) * (source.width() / target.width());
                 const double y = source.y() + (j + 0.5) * (source.height() / target.height());
                 const int level = std::min(255, int(int(x) * 255.0 / ((1 << bits) - 1) + 0.5));
-                QRgb expected = colour ? qRgb(200, int(y), int(x)) : qRgb(level, level, level);
-                if (!(x >= 0 && x < 250 && y >= 0 && y < 5))
-                    expected = qRgb(0, 0, 0);
+                const bool inside = x >= 0 && x < 250 && y >= 0 && y < 5;
+                const QRgb expected = !inside ? qRgb(0, 0, 0) : colour ? qRgb(200, int(y), int(x)) : qRgb(level, level, level);
                 if (image.pixel(i, j) != expected)
                     QFAIL(qPrintable(QString("target %1,%2: %3 instead of %4")
                                          .arg(i).arg(j).arg(image.pixel(i, j), 0, 16).arg(expected, 0, 16)));
