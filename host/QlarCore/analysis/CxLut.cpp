@@ -142,16 +142,33 @@ inline void mapRow8(const quint8* __restrict s, quint8* __restrict d, const quin
         d[i] = t[s[i]];
 }
 
+// Rows of 16-bit samples ask for the samples two kilobytes ahead once per
+// line: with the table loads in flight the hardware does not fetch the row
+// far enough ahead, and the passes waited on memory (a third slower).
+// Asking never faults, so the last lines of a picture may ask past its end.
+// Always inline: GCC drops calls to a function of nothing but prefetches.
+[[gnu::always_inline]] inline void askAhead(const void* p)
+{
+    __builtin_prefetch(reinterpret_cast<const void*>(quintptr(p) + 2048));
+}
+
 inline void mapRow16(const quint16* __restrict s, quint16* __restrict d, const quint16* __restrict t, qint64 n)
 {
-    qint64 i = 0;
-    for (; i + 4 <= n; i += 4) {
+    const auto four = [&](qint64 i) {
         quint64 v;
         std::memcpy(&v, s + i, 8);
         const quint64 r = quint64(t[v & 0xffff]) | quint64(t[(v >> 16) & 0xffff]) << 16
                           | quint64(t[(v >> 32) & 0xffff]) << 32 | quint64(t[v >> 48]) << 48;
         std::memcpy(d + i, &r, 8);
+    };
+    qint64 i = 0;
+    for (; i + 32 <= n; i += 32) {
+        askAhead(s + i);
+        for (int k = 0; k < 32; k += 4)
+            four(i + k);
     }
+    for (; i + 4 <= n; i += 4)
+        four(i);
     for (; i < n; ++i)
         d[i] = t[s[i]];
 }
@@ -358,7 +375,15 @@ void applyRgbMono_T(const SxPicBuf& in, SxPicBuf& out, const quint32* tab)
         uchar* __restrict d = out.data + y * outPitch;
         const quint32* __restrict t = tab;
         const qint64 n = w;
-        for (qint64 x = 0; x < n; ++x)
+        qint64 x = 0;
+        if constexpr (sizeof(TIn) == 2) {
+            for (; x + 32 <= n; x += 32) {
+                askAhead(s + x);
+                for (int k = 0; k < 32; ++k)
+                    std::memcpy(d + 4 * (x + k), &t[s[x + k]], 4);
+            }
+        }
+        for (; x < n; ++x)
             std::memcpy(d + 4 * x, &t[s[x]], 4);
     });
 }

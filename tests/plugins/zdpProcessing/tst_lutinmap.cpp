@@ -123,7 +123,7 @@ private slots:
         QTest::newRow("u8 colour") << SxMapCase{colour, false, 0, 10, 240, 0.5, 0, 256};
         QTest::newRow("s16 negative window") << SxMapCase{format(6, 4, 1, IDT_INT16), false, 0, -200, 500, 1.0, -300, 1000};
         QTest::newRow("0 bits means the whole type") << SxMapCase{withBits(format(5, 2, 1, IDT_UINT8), 0), false, 0, 0, 255, 1.0, 0, 256};
-        QTest::newRow("u16 mono to RGB, hot") << SxMapCase{format(7, 3, 1, IDT_UINT16, 2), true, 2, 1000, 60000, 1.0, 0, 65536};
+        QTest::newRow("u16 mono to RGB, hot") << SxMapCase{format(71, 3, 1, IDT_UINT16, 2), true, 2, 1000, 60000, 1.0, 0, 65536};
         QTest::newRow("bayer to RGB, wide, padded") << SxMapCase{format(141, 4, 1, IDT_UINT8, 3, CFA_BAYER_RGGB), true, 3, 0, 255, 1.5, 0, 256};
         QTest::newRow("float copied unmapped") << SxMapCase{format(4, 3, 1, IDT_FLOAT), false, 0, 0, 1, 1.0, -5, 100};
         QTest::newRow("64 bit to RGB passed on") << SxMapCase{format(4, 3, 1, IDT_UINT64), true, 0, 0, 255, 1.0, 0, 100};
