@@ -164,7 +164,9 @@ private slots:
         QTest::newRow("u8 300x12 r20 across strips") << MedianCase{IDT_UINT8, 300, 12, 20, 0, 0};
         QTest::newRow("u8 12x5 r130 beyond byte column counts") << MedianCase{IDT_UINT8, 12, 5, 130, 0, 0};
         QTest::newRow("u8 30x9 r127 byte column counts full") << MedianCase{IDT_UINT8, 30, 9, 127, 0, 0};
-        QTest::newRow("u8 9x5 r300 kernel far beyond the picture") << MedianCase{IDT_UINT8, 9, 5, 300, 3, 0};
+        for (ExImageDataType t : {IDT_UINT8, IDT_UINT16})
+            QTest::addRow("%s 9x5 r300 kernel far beyond the picture", t == IDT_UINT8 ? "u8" : "u16") << MedianCase{t, 9, 5, 300, t == IDT_UINT8 ? 3 : 2, 0};
+        QTest::newRow("u16 70x40 r200 beyond the picture, few high bytes") << MedianCase{IDT_UINT16, 70, 40, 200, 0, 100};
         // Few high bytes: the low bytes' histogram follows the median across them.
         QTest::newRow("u16 200x30 r12 across strips, few high bytes") << MedianCase{IDT_UINT16, 200, 30, 12, 0, 100};
         QTest::newRow("u16 30x9 r127 few high bytes") << MedianCase{IDT_UINT16, 30, 9, 127, 2, 100};

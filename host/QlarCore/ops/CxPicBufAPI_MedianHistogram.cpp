@@ -57,12 +57,21 @@ bool usesColumnHistograms(int radius, unsigned bytesPerSample)
     return bytesPerSample == 1 && radius >= 3 && radius <= MaxColumnHistogramRadius;
 }
 
+// How often row or column k of [lo, hi], clamped to [0, last], occurs.
+QLAR_INLINE int repeats(int k, int lo, int hi, int last)
+{
+    return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
+}
+
 // Any radius: a window histogram that walks the band in a snake (right along
 // even rows, left along odd ones), so each step swaps one column or one row
 // of 2r + 1 samples. Counts are kept per bin and per group of 16 bins (and,
 // for 16-bit samples, per group of 256), so finding the median after a step
 // is a short walk over the coarsest level from the previous median's bucket,
-// then at most 16 steps on each finer level.
+// then at most 16 steps on each finer level. Window rows and columns beyond
+// the picture repeat its edge: each edge sample is counted once, as often as
+// the window repeats it, so a step costs at most the picture's height or
+// width, however far the kernel reaches past it.
 template <class T>
 void medianHistBand(const Frame& f, int y0, int y1, uchar* scratch)
 {
@@ -80,19 +89,21 @@ void medianHistBand(const Frame& f, int y0, int y1, uchar* scratch)
     int bucket = 0;       // coarse bucket of the last median
     qint64 below = 0;     // window samples in buckets below it
     auto col = [w](int x) { return x < 0 ? 0 : (x >= w ? w - 1 : x); };
-    auto add = [&](int s) {
-        ++fine[s];
+    // Sample s enters (times > 0) or leaves the window |times| times.
+    auto add = [&](int s, int times) {
+        fine[s] += quint32(times);
         if constexpr (Wide)
-            ++mid[s >> 4];
-        ++coarse[s >> CoarseShift];
-        below += (s >> CoarseShift) < bucket;
+            mid[s >> 4] += quint32(times);
+        coarse[s >> CoarseShift] += quint32(times);
+        below += (s >> CoarseShift) < bucket ? times : 0;
     };
-    auto sub = [&](int s) {
-        --fine[s];
-        if constexpr (Wide)
-            --mid[s >> 4];
-        --coarse[s >> CoarseShift];
-        below -= (s >> CoarseShift) < bucket;
+    // fn(k, times) for the picture rows (columns) k in window [c - r, c + r]
+    // of a picture `size` long, each with how often the window holds it.
+    auto forWindow = [r](int c, int size, auto&& fn) {
+        const int lo = c - r, hi = c + r;
+        const int first = std::max(lo, 0), last = std::min(hi, size - 1);
+        for (int k = first; k <= last; ++k)
+            fn(k, repeats(k, lo, hi, size - 1));
     };
     auto median = [&]() {
         while (below > target)
@@ -112,11 +123,10 @@ void medianHistBand(const Frame& f, int y0, int y1, uchar* scratch)
         return v;
     };
 
-    for (int dy = -r; dy <= r; ++dy) {
-        const T* row = f.inRow<T>(y0 + dy);
-        for (int dx = -r; dx <= r; ++dx)
-            add(row[col(dx)]);
-    }
+    forWindow(y0, f.h, [&](int y, int ty) {
+        const T* row = f.inRow<T>(y);
+        forWindow(0, w, [&](int c, int tx) { add(row[c], ty * tx); });
+    });
     int x = 0;
     for (int y = y0; y < y1; ++y) {
         const int step = ((y - y0) & 1) ? -1 : 1;
@@ -127,11 +137,11 @@ void medianHistBand(const Frame& f, int y0, int y1, uchar* scratch)
                 const int come = col(step > 0 ? x + r + 1 : x - r - 1);
                 x += step;
                 if (gone != come) {
-                    for (int dy = -r; dy <= r; ++dy) {
-                        const T* row = f.inRow<T>(y + dy);
-                        sub(row[gone]);
-                        add(row[come]);
-                    }
+                    forWindow(y, f.h, [&](int yy, int times) {
+                        const T* row = f.inRow<T>(yy);
+                        add(row[gone], -times);
+                        add(row[come], times);
+                    });
                 }
             }
             out[x] = T(median());
@@ -140,11 +150,10 @@ void medianHistBand(const Frame& f, int y0, int y1, uchar* scratch)
             const T* top = f.inRow<T>(y - r);
             const T* bottom = f.inRow<T>(y + r + 1);
             if (top != bottom) {
-                for (int dx = -r; dx <= r; ++dx) {
-                    const int c = col(x + dx);
-                    sub(top[c]);
-                    add(bottom[c]);
-                }
+                forWindow(x, w, [&](int c, int times) {
+                    add(top[c], -times);
+                    add(bottom[c], times);
+                });
             }
         }
     }
@@ -426,11 +435,6 @@ __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, i
         medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
 }
 
-// How often row or column k of [lo, hi], clamped to [0, last], occurs.
-QLAR_INLINE int repeats(int k, int lo, int hi, int last)
-{
-    return 1 + (k == 0 ? std::max(0, -lo) : 0) + (k == last ? std::max(0, hi - last) : 0);
-}
 
 // With AVX-512 the window's fine counts of one group fill a 512-bit register,
 // so the split is 8 groups of 32 values: the median leaves its group half as
