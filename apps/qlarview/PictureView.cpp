@@ -185,12 +185,17 @@ void CxPictureView::paintEvent(QPaintEvent* event)
     // mapping says it is.
     const QRectF onWindow(m_offset, QSizeF(pic.width() * m_zoom, pic.height() * m_zoom));
     const QRect target = onWindow.toAlignedRect() & event->rect() & rect();
-    // The picture covers its own part; painting the background under it too
-    // would write every shown pixel twice.
-    for (const QRect& r : QRegion(event->rect()).subtracted(target))
-        painter.fillRect(r, Background);
+    const qreal dpr = devicePixelRatioF();
+    // The picture covers its own part, so the background goes only beside
+    // it: under it too would write every shown pixel twice. At a fractional
+    // ratio the picture's rounded device size may leave a sliver, so there
+    // the background goes everywhere.
+    if (dpr == std::floor(dpr))
+        for (const QRect& r : QRegion(event->rect()).subtracted(target))
+            painter.fillRect(r, Background);
+    else
+        painter.fillRect(event->rect(), Background);
     if (!target.isEmpty()) {
-        const qreal dpr = devicePixelRatioF();
         const QSize device(qRound(target.width() * dpr), qRound(target.height() * dpr));
         const QRectF source(widgetToPicture(target.topLeft()), QSizeF(target.width(), target.height()) / m_zoom);
         QImage image = m_mapper.render(*m_frame, source, device);
