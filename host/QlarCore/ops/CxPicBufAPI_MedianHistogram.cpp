@@ -435,7 +435,6 @@ __attribute__((target("avx2"))) void medianColumnHistogramAvx2(const Frame& f, i
         medianByteColumnStrip(f, y0, y1, sx0, std::min(f.w, sx0 + strip), cols, groups);
 }
 
-
 // With AVX-512 the window's fine counts of one group fill a 512-bit register,
 // so the split is 8 groups of 32 values: the median leaves its group half as
 // often, and every such step costs a sum over 2r + 1 columns (or a
